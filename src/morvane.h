@@ -1,0 +1,70 @@
+// What every module of the program may use: the console log with its typed value dumps, the
+// hand-over of records from one thread to the interface thread, the clock, the text of a buffer.
+//
+// The console is the program's only log. What is written to it goes to standard output at once,
+// unchanged, and, where the console text buffer existed at that moment, is appended to it as valid
+// UTF-8 by an idle callback.
+//
+// Ownership: texts are copied unless a function says that it takes over.
+// Threads: the console, the hand-over and the clock may be used by any thread; the console text
+// buffer and `gtk_text_buffer_get_all_text` belong to the interface thread.
+#pragma once
+
+#include <gtk/gtk.h>
+
+#include "buffers.h"
+
+// The text buffer of the console pane; borrowed. Set once, by the application object, before the
+// first worker thread exists, and `NULL` until then.
+extern GtkTextBuffer *_console_text_buffer;
+
+// ---- Hand-over between threads ----
+
+// Schedules `handler` with `record` on the interface thread. The record then belongs to the
+// handler, which begins with `accept_hand_over`, frees the record as its last act and runs once.
+void hand_over (GSourceFunc handler, void *record);
+void *accept_hand_over (void *record);  // returns `record`
+
+// ---- Console ----
+
+// Takes over the bytes of `string`, which come from `malloc`.
+void _console_put (String string);
+void console_put (String string);
+void console_put (const char *cstr);
+void console_put (char c);
+// The string `count` times as one piece of text.
+void console_put_repeat (String string, u32 count);
+void console_put_repeat (const char *cstr, u32 count);
+// Formatted by `buffer_append_format_valist`. At most 8192 bytes: a text that takes them all gives
+// a warning on standard error.
+void console_log (const char *format, ...) __attribute__ ((format (printf, 1, 2)));
+// The idle callback behind the console: appends the text of a hand-over record at the cursor of the
+// console text buffer, frees the record and returns `G_SOURCE_REMOVE`.
+gboolean _console_put_gdk_thread (gpointer data);
+
+// ---- Value dumps ----
+// One console line: the name, ": ", the value, its type in brackets.
+
+// Dumps an expression under its own source text.
+#define CONSOLE_DUMP(x) _console_put (to_string (#x), x)
+
+void _console_put (String name, String value);
+void _console_put (String name, const char *value);
+void _console_put (String name, const void *value);
+void _console_put (String name, char value);  // printed as a signed number
+void _console_put (String name, r32 value);
+void _console_put (String name, r64 value);
+void _console_put (String name, u8 value);
+void _console_put (String name, u16 value);
+void _console_put (String name, u32 value);
+void _console_put (String name, u64 value);
+void _console_put (String name, s8 value);
+void _console_put (String name, s16 value);
+void _console_put (String name, s32 value);
+void _console_put (String name, s64 value);
+
+// ---- Clock and text buffers ----
+
+s64 get_posix_time ();  // POSIX seconds; asserts that the clock could be read
+// All text without hidden characters; the caller frees it with `g_free`.
+char *gtk_text_buffer_get_all_text (GtkTextBuffer *text_buffer);
