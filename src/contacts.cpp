@@ -1,3 +1,4 @@
+// The model of the roster: contacts, their chats, the stack that holds them.
 #include "contacts.h"
 
 #include <assert.h>

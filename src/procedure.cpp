@@ -1,3 +1,4 @@
+// The model of a negotiation: records, growable arrays, lookups by what the other party knows.
 #include "procedure.h"
 
 #include <assert.h>
@@ -212,6 +213,22 @@ dealloc_procedure_stack (ProceduresStack stack)
     dealloc_procedure (stack.procedures[i]);
   }
   free (stack.procedures);
+}
+
+String
+alloc_procedure_title (String text)
+{
+  static const char APOSTROPHE[] = "\u2019";
+  Buffer title = alloc (text.size * (sizeof (APOSTROPHE) - 1));
+  Buffer title_p = title;
+  for (u64 i = 0; i < text.size; i++) {
+    if (text.data[i] == '\'') {
+      title_p = buffer_append_cstr (title_p, APOSTROPHE);
+    } else {
+      title_p = buffer_append_char (title_p, text.data[i]);
+    }
+  }
+  return {title.data, title.size - title_p.size};
 }
 
 // ---- Adding ----
