@@ -1,0 +1,885 @@
+#include "xmpp_connection.h"
+
+#include <assert.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "app_window.h"
+#include "login_page.h"
+#include "morvane.h"
+#include "network.h"
+#include "registration_page.h"
+#include "sasl.h"
+
+XMPPThreadMessage *
+alloc_thread_message (AppWindow *window, const char *text, u8 flag)
+{
+  XMPPThreadMessage *message =
+    (XMPPThreadMessage *) alloc_xmpp_record (window, sizeof (XMPPThreadMessage));
+  message->text = alloc_cstr (text);
+  message->flag = flag;
+  return message;
+}
+
+void
+dealloc_thread_message (XMPPThreadMessage *message)
+{
+  dealloc_cstr (message->text);
+  dealloc_xmpp_record (message);
+}
+
+// ---- Account ----
+
+static void
+report_bad_account (String bare_jid, const char *fault)
+{
+  console_put ("Error: Login account '");
+  console_put (bare_jid);
+  console_put (fault);
+}
+
+XMPPAccount
+alloc_xmpp_account (String bare_jid, String password, String resource)
+{
+  if (!bare_jid.size || !password.size || !resource.size)
+    return {};
+  String at = find_char (bare_jid, '@');
+  String hostname = string_advance (at, 1);
+  const char *fault = NULL;
+  if (!at.size) {
+    fault = "' is missing an '@' symbol.\n";
+  } else if (at.size == bare_jid.size) {
+    fault = "' is missing the username part.\n";
+  } else if (!hostname.size) {
+    fault = "' is missing the hostname part.\n";
+  } else if (find_char (hostname, '@').size) {
+    fault = "' has more than one '@' symbol.\n";
+  }
+  if (fault) {
+    report_bad_account (bare_jid, fault);
+    return {};
+  }
+
+  Buffer block = alloc (bare_jid.size + 1 + resource.size + password.size);
+  Buffer block_p = buffer_append_string (block, bare_jid);
+  block_p = buffer_append_char (block_p, '/');
+  block_p = buffer_append_string (block_p, resource);
+  block_p = buffer_append_string (block_p, password);
+
+  XMPPAccount account = {};
+  account.data = block.data;
+  account.full_jid = {block.data, bare_jid.size + 1 + resource.size};
+  account.bare_jid = {block.data, bare_jid.size};
+  account.resource = {block.data + bare_jid.size + 1, resource.size};
+  account.username = {block.data, bare_jid.size - at.size};
+  account.hostname = {block.data + bare_jid.size - hostname.size, hostname.size};
+  account.password = {account.resource.data + resource.size, password.size};
+  return account;
+}
+
+void
+dealloc_xmpp_account (XMPPAccount account)
+{
+  free (account.data);
+}
+
+// ---- Exchanges ----
+
+// How long an answer that has begun may pause before what is there is judged, in milliseconds.
+static const int ANSWER_PAUSE_MAX = 3000;
+
+// A server may send an answer in several pieces; this tells when what was received since `scanner`
+// was zeroed holds a whole one. The header of a stream alone is none: its features follow.
+static bool
+is_answer_complete (const XMLScanner *scanner)
+{
+  return scanner->stanzas_count && xml_scanner_is_complete (scanner);
+}
+
+// The worker's last act: it leaves the connection to the interface, then says how things ended.
+static void *
+end_worker (AppWindow *window, GSourceFunc outcome_handler, const char *outcome)
+{
+  XMPPThreadMessage *message = outcome ? alloc_thread_message (window, outcome, 0) : NULL;
+  app_window_worker_leave (window);
+  if (message)
+    hand_over (outcome_handler, message);
+  hand_over (app_window_release_worker, window);
+  return 0;
+}
+
+// Whom this thread works for, and who is told when it fails; none on the interface thread.
+static __thread AppWindow *worker_window;
+static __thread GSourceFunc worker_failure_handler;
+
+// Ends the thread when its window was closed or the attempt cancelled: what the server answered, or
+// did not answer, is then nobody's fault. Called after every wait, ahead of the checks.
+static void
+leave_if_interrupted ()
+{
+  if (!worker_window || !app_window_is_worker_interrupted (worker_window))
+    return;
+  end_worker (worker_window, worker_failure_handler, "Interrupted");
+  pthread_exit (NULL);
+}
+
+static String
+recv_clear_answer (SocketDescriptor socket, Buffer buffer)
+{
+  XMLScanner scanner = {};
+  String answer = {buffer.data, 0};
+  do {
+    String data = os_recv (socket, buffer_advance (buffer, answer.size));
+    if (!data.size)
+      break;
+    answer.size += data.size;
+    xml_scanner_feed (&scanner, data);
+  } while (!is_answer_complete (&scanner) && answer.size < buffer.size / 2 &&
+           os_wait_readable (socket, ANSWER_PAUSE_MAX));
+  leave_if_interrupted ();
+  return answer;
+}
+
+static String
+recv_tls_answer (gnutls_session_t tls_session, Buffer buffer)
+{
+  SocketDescriptor socket = gnutls_transport_get_int (tls_session);
+  XMLScanner scanner = {};
+  String answer = {buffer.data, 0};
+  do {
+    String data = recv_tls_data (tls_session, buffer_advance (buffer, answer.size));
+    if (!data.size)
+      break;
+    answer.size += data.size;
+    xml_scanner_feed (&scanner, data);
+  } while (
+    !is_answer_complete (&scanner) && answer.size < buffer.size / 2 &&
+    (gnutls_record_check_pending (tls_session) || os_wait_readable (socket, ANSWER_PAUSE_MAX)));
+  leave_if_interrupted ();
+  return answer;
+}
+
+// The tree of an answer at the front of `buffer`, built in the room behind it.
+static XMLElement *
+parse_answer (Buffer buffer, String response)
+{
+  return parse_xml_tree (buffer_advance (buffer, response.size), response, NULL, NULL);
+}
+
+// Sends the request that was built from the front of `buffer` up to `request_p`, and receives the
+// answer over it.
+static String
+exchange_tls_data (gnutls_session_t tls_session, Buffer buffer, String request)
+{
+  CONSOLE_DUMP (request);
+  send_all_tls_data (tls_session, request);
+  String response = recv_tls_answer (tls_session, buffer);
+  CONSOLE_DUMP (response);
+  assert (response.size);
+  return response;
+}
+
+// RFC 6120, 4.7: the header that opens a stream.
+static String
+make_stream_header (Buffer buffer, String host)
+{
+  Buffer request_p = buffer_append_format (
+    buffer,
+    "<?xml version='1.0'?><stream:stream xmlns='jabber:client' "
+    "xmlns:stream='http://etherx.jabber.org/streams' to='%.*s' version='1.0'>",
+    STRING_ARGS (host));
+  assert (request_p.size);
+  return {buffer.data, buffer.size - request_p.size};
+}
+
+// ---- Opening a stream ----
+
+// Guards the window's connection while the worker fills it and the interface may want to interrupt
+// it. Of the threads library, so that a thread sanitizer sees it.
+static pthread_mutex_t connection_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+static void
+publish_connection (Connection *connection_out, Connection connection)
+{
+  pthread_mutex_lock (&connection_mutex);
+  *connection_out = connection;
+  pthread_mutex_unlock (&connection_mutex);
+}
+
+// The steps behind the socket; `connection` says what each opened.
+static int
+open_stream (Buffer buffer, String host, gnutls_certificate_credentials_t tls_credentials,
+             Connection *connection, Connection *connection_out)
+{
+  if (xmpp_begin_unencypted_stream (connection->socket, buffer, host))
+    return -1;
+  connection->opened_stream = true;
+  xmpp_request_starttls (connection->socket, buffer);
+  int error = init_tls_session (tls_credentials, connection->socket, host, &connection->tls_session,
+                                &connection->tls_hostname);
+  connection->opened_tls_session = true;
+  publish_connection (connection_out, *connection);
+  if (error)
+    return -1;
+  xmpp_begin_stream (connection->tls_session, buffer, host);
+  return 0;
+}
+
+int
+start_xmpp_connection (Buffer buffer, String host, const char *port,
+                       gnutls_certificate_credentials_t tls_credentials, Connection *connection_out)
+{
+  Connection connection = {};
+  int result = os_connect (host, port, &connection.socket);
+  if (!result) {
+    connection.opened_socket = true;
+    // Known at once, so that a window that closes can end the waits that follow.
+    publish_connection (connection_out, connection);
+    leave_if_interrupted ();
+    result = open_stream (buffer, host, tls_credentials, &connection, connection_out);
+  }
+  publish_connection (connection_out, connection);
+  return result;
+}
+
+int
+xmpp_begin_unencypted_stream (SocketDescriptor socket, Buffer buffer, String host)
+{
+  String request = make_stream_header (buffer, host);
+  CONSOLE_DUMP (request);
+  os_send (socket, request);
+  String response = recv_clear_answer (socket, buffer);
+  CONSOLE_DUMP (response);
+  assert (response.size);
+  XMLElement *xml_element = parse_answer (buffer, response);
+  print_xml_tree (xml_element, 0);
+
+  if (!xml_element || xml_element->name != "xml" || !xml_element->is_doctype) {
+    console_put ("Warning: Stream doesn't have an XML DOCTYPE as it's first element.\n");
+  }
+  XMLElement *stream = xml_element;
+  if (stream && stream->name != "stream:stream") {
+    stream = get_xml_next_sibling_by_name (stream, "stream:stream");
+  }
+  if (!stream) {
+    console_put ("Warning: No XMPP <stream:stream> found.\n");
+    return -1;
+  }
+  XMLElement *features = get_xml_child_by_name (stream, "stream:features");
+  if (!features) {
+    console_put ("Warning: Stream doesn't have <stream:features>.\n");
+    return -1;
+  }
+  if (!get_xml_child_by_name (features, "starttls")) {
+    console_put ("Warning: Stream features doesn't have <starttls>.\n");
+    return -1;
+  }
+  return 0;
+}
+
+void
+xmpp_request_starttls (SocketDescriptor socket, Buffer buffer)
+{
+  os_send (socket, to_string ("<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>"));
+  String response = recv_clear_answer (socket, buffer);
+  CONSOLE_DUMP (response);
+  assert (response.size);
+  XMLElement *xml_element = parse_answer (buffer, response);
+  assert (xml_element);
+  assert (xml_element->name == "proceed");
+  assert (xml_element->is_void);
+  // Clear text behind the go-ahead would be somebody else's.
+  assert (!xml_element->next);
+}
+
+void
+xmpp_begin_stream (gnutls_session_t tls_session, Buffer buffer, String host)
+{
+  String response = exchange_tls_data (tls_session, buffer, make_stream_header (buffer, host));
+  XMLElement *xml_element = parse_answer (buffer, response);
+  assert (xml_element);
+  print_xml_tree (xml_element, 0);
+}
+
+// ---- Logging in ----
+
+XMPPError
+xmpp_send_auth_request (gnutls_session_t tls_session, Buffer buffer, String user, String password)
+{
+  // Three texts behind one another: the credentials, their base64 form, and the request.
+  String plain_auth = get_plain_auth (buffer, user, password);
+  Buffer base64_buffer = buffer_advance (buffer, plain_auth.size);
+  String base64_auth = get_base64_string (base64_buffer, plain_auth);
+  Buffer request_buffer = buffer_advance (base64_buffer, base64_auth.size);
+  Buffer request_buffer_p = buffer_append_format (
+    request_buffer,
+    "<auth xmlns=\"urn:ietf:params:xml:ns:xmpp-sasl\" mechanism=\"PLAIN\">%.*s</auth>",
+    STRING_ARGS (base64_auth));
+  assert (request_buffer_p.size);
+
+  String request = {request_buffer.data, request_buffer.size - request_buffer_p.size};
+  String response = exchange_tls_data (tls_session, buffer, request);
+  XMLElement *xml_element = parse_answer (buffer, response);
+  assert (xml_element);
+  print_xml_tree (xml_element, 0);
+  if (xml_element->name == "success")
+    return XMPP_OK;
+  if (xml_element->name == "failure")
+    return XMPP_FAILURE;
+  return XMPP_ERROR;
+}
+
+// The JID in the one bind result that is accepted (RFC 6120, 7.6).
+static String
+read_bind_result (XMLElement *xml_element, u64 id)
+{
+  assert (xml_element->name == "iq");
+  String response_id = get_xml_attribute (xml_element, "id");
+  assert (response_id.size);
+  assert (string_to_u64 (response_id) == id);
+  assert (get_xml_attribute (xml_element, "type") == "result");
+  assert (!xml_element->next);
+  assert (xml_element->children);
+
+  xml_element = xml_element->children;
+  assert (xml_element->name == "bind");
+  assert (get_xml_attribute (xml_element, "xmlns") == "urn:ietf:params:xml:ns:xmpp-bind");
+  assert (!xml_element->next);
+  assert (xml_element->children);
+
+  xml_element = xml_element->children;
+  assert (xml_element->name == "jid");
+  assert (!xml_element->next);
+  assert (xml_element->children);
+
+  xml_element = xml_element->children;
+  assert (xml_element->text.size);
+  assert (!xml_element->next);
+  assert (!xml_element->children);
+  return xml_element->text;
+}
+
+String
+xmpp_iq_set_bind_resource (gnutls_session_t tls_session, Buffer buffer, u64 id, String resource)
+{
+  Buffer request_p = buffer_append_format (buffer, "<iq type='set' id='%lu'>", id);
+  if (resource.size) {
+    request_p = buffer_append_format (
+      request_p, "<bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><resource>%.*s</resource></bind>",
+      STRING_ARGS (resource));
+  } else {
+    request_p = buffer_append_cstr (request_p, "<bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'/>");
+  }
+  request_p = buffer_append_cstr (request_p, "</iq>");
+  assert (request_p.size);
+
+  String request = {buffer.data, buffer.size - request_p.size};
+  String response = exchange_tls_data (tls_session, buffer, request);
+  XMLElement *xml_element = parse_answer (buffer, response);
+  assert (xml_element);
+  print_xml_tree (xml_element, 0);
+  return read_bind_result (xml_element, id);
+}
+
+void
+xmpp_send_presence (gnutls_session_t tls_session, Buffer buffer, String full_jid)
+{
+  String request =
+    make_format_string (buffer, "<presence from='%.*s'><priority>1</priority></presence>",
+                        STRING_ARGS (full_jid));
+  CONSOLE_DUMP (request);
+  send_all_tls_data (tls_session, request);
+}
+
+void
+xmpp_send_end_stream (gnutls_session_t tls_session, Buffer)
+{
+  String request = to_string ("</stream:stream>");
+  CONSOLE_DUMP (request);
+  send_all_tls_data (tls_session, request);
+}
+
+// ---- Registering ----
+
+XMPPError
+xmpp_iq_get_register (gnutls_session_t tls_session, Buffer buffer, u64 id)
+{
+  Buffer request_p =
+    buffer_append_format (buffer,
+                          "<iq type='get' id='%lu'><query xmlns='jabber:iq:register'/></iq>", id);
+  assert (request_p.size);
+
+  String request = {buffer.data, buffer.size - request_p.size};
+  String response = exchange_tls_data (tls_session, buffer, request);
+  XMLElement *xml_element = parse_answer (buffer, response);
+  assert (xml_element);
+  print_xml_tree (xml_element, 0);
+
+  assert (xml_element->name == "iq");
+  String response_id = get_xml_attribute (xml_element, "id");
+  assert (response_id.size);
+  assert (string_to_u64 (response_id) == id);
+  String iq_type = get_xml_attribute (xml_element, "type");
+  assert (iq_type.size);
+  return iq_type == "result" ? XMPP_OK : XMPP_ERROR;
+}
+
+u64
+xmpp_iq_set_register (gnutls_session_t tls_session, Buffer buffer, u64 id, String user,
+                      String password)
+{
+  Buffer buffer_p = buffer_append_format (buffer,
+                                          "<iq type='set' id='%lu'><query "
+                                          "xmlns='jabber:iq:register'><username>%.*s</username>"
+                                          "<password>%.*s</password></query></iq>",
+                                          id, STRING_ARGS (user), STRING_ARGS (password));
+  assert (buffer_p.size);
+  String request = {buffer.data, buffer.size - buffer_p.size};
+  CONSOLE_DUMP (request);
+  send_all_tls_data (tls_session, request);
+  return id;
+}
+
+// ---- Workers ----
+
+// What the receive loops hand to one parse.
+struct ReceivedData {
+  String data;
+  bool is_open;  // the stream ended, or the room did, inside of a stanza
+  u64 boundary;  // the bytes of whole stanzas at the front
+};
+
+// Receives until no stanza is left open: servers cut long ones into records blindly, and coalesce
+// short ones. Empty at the end of the stream.
+static ReceivedData
+recv_stanzas (gnutls_session_t tls_session, Buffer buffer)
+{
+  XMLScanner scanner = {};
+  String data = {buffer.data, 0};
+  do {
+    String record = recv_tls_data (tls_session, buffer_advance (buffer, data.size));
+    if (!record.size)
+      break;
+    data.size += record.size;
+    xml_scanner_feed (&scanner, record);
+    // The other half is for the tree.
+  } while (!xml_scanner_is_complete (&scanner) && data.size < buffer.size / 2);
+  return {data, !xml_scanner_is_complete (&scanner), scanner.boundary};
+}
+
+// Takes the address that the server bound; it may have chosen another resource.
+static void
+adopt_full_jid (AppWindow *window, String full_jid)
+{
+  String bare_jid = get_bare_jid_from_full_jid (full_jid);
+  assert (bare_jid.size);
+  assert (bare_jid == window->account.bare_jid);
+  String resource = string_advance (full_jid, bare_jid.size + 1);
+  assert (resource.size);
+  if (resource != window->account.resource) {
+    XMPPAccount account = alloc_xmpp_account (bare_jid, window->account.password, resource);
+    dealloc_xmpp_account (window->account);
+    window->account = account;
+    CONSOLE_DUMP (window->account.resource);
+  }
+}
+
+// Dispatches the siblings from `tree` on; the last one is left out when it is still open.
+static void
+dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
+{
+  for (XMLElement *element = tree; element; element = element->next) {
+    if (is_last_open && !element->next)
+      break;
+    if (element->name == "message") {
+      parse_xmpp_message (window, element);
+    } else if (element->name == "presence") {
+      parse_xmpp_presence (window, element);
+    } else if (element->name == "iq") {
+      parse_xmpp_iq (window, element);
+    } else {
+      console_put ("Warning: Received unknown XML data.\n");
+    }
+  }
+}
+
+static void
+handle_received_data (AppWindow *window, Buffer buffer, ReceivedData received)
+{
+  Buffer memory = buffer_advance (buffer, received.data.size);
+  XMLElement *tree = parse_xml_tree (memory, received.data, NULL, NULL);
+  bool is_last_open = received.is_open;
+  if (!tree && received.is_open && received.boundary) {
+    // Cut inside of a tag, which makes nothing of the whole; the stanzas before it are whole.
+    String whole = {received.data.data, received.boundary};
+    tree = parse_xml_tree (memory, whole, NULL, NULL);
+    is_last_open = false;
+  }
+  if (!tree) {
+    console_log ("Warning: Received non-XML data.\n");
+    return;
+  }
+  print_xml_tree (tree, 0);
+  dispatch_stanzas (window, tree, is_last_open);
+}
+
+static void
+run_session (AppWindow *window)
+{
+  gnutls_session_t tls_session = window->connection.tls_session;
+  Buffer buffer = window->input_stream_buffer;
+  for (;;) {
+    ReceivedData received = recv_stanzas (tls_session, buffer);
+    String data = received.data;
+    CONSOLE_DUMP (data);
+    if (!data.size)
+      break;
+    handle_received_data (window, buffer, received);
+  }
+  // A window that closes has said its farewell already.
+  if (!app_window_is_worker_interrupted (window))
+    xmpp_send_end_stream (tls_session, buffer);
+  console_put ("Disconnected.\n");
+}
+
+void *
+start_xmpp_connection_thread (void *argument)
+{
+  AppWindow *window = (AppWindow *) argument;
+  worker_window = window;
+  worker_failure_handler = login_page_handle_login_failure;
+  Buffer buffer = window->input_stream_buffer;
+  if (start_xmpp_connection (buffer, window->account.hostname, "5222", window->tls_credentials,
+                             &window->connection)) {
+    return end_worker (window, login_page_handle_login_failure, "Can't connect to server");
+  }
+  gnutls_session_t tls_session = window->connection.tls_session;
+  if (xmpp_send_auth_request (tls_session, buffer, window->account.username,
+                              window->account.password) != XMPP_OK) {
+    return end_worker (window, login_page_handle_login_failure, "Unable to authorize");
+  }
+  xmpp_begin_stream (tls_session, buffer, window->account.hostname);
+  adopt_full_jid (window, xmpp_iq_set_bind_resource (tls_session, buffer, generate_xmpp_id (window),
+                                                     window->account.resource));
+  xmpp_iq_get_roster (window);
+  xmpp_send_presence (tls_session, buffer, window->account.full_jid);
+  hand_over (login_page_handle_login_success, g_object_ref (window));
+  run_session (window);
+  return end_worker (window, NULL, NULL);
+}
+
+// Why the server closed its stream, when an error stands in front of the closing tag. The condition
+// is spelled as no server spells it (RFC 6120 has not-well-formed), and stays so.
+static const char *
+get_stream_end_text (XMLElement *xml)
+{
+  if (!xml || xml->name != "stream:error") {
+    return "Server disconnected for unknown reason by closing the XMPP stream";
+  }
+  if (xml->children && xml->children->name == "not-well-formated") {
+    return "Stream error: not-well-formated";
+  }
+  return "Unhandled error";
+}
+
+// The server's own words about a refused registration, still escaped.
+static String
+get_register_error_text (XMLElement *iq)
+{
+  XMLElement *xml_error = get_xml_child_by_name (iq, "error");
+  // Servers may repeat the query in front of the error; without an error the first child is judged.
+  if (!xml_error)
+    xml_error = iq->children;
+  assert (xml_error);
+  assert (get_xml_attribute (xml_error, "type") == "cancel");
+  XMLElement *xml_text = get_xml_child_by_name (xml_error, "text");
+  assert (xml_text);
+  XMLElement *xml_text_node = xml_text->children;
+  String text = xml_text_node ? xml_text_node->text : String{};
+  assert (text.size);
+  assert (!xml_text_node->next);
+  return text;
+}
+
+// Ends the registration when `xml` is the answer to it; false when it is something else.
+static bool
+handle_register_answer (AppWindow *window, XMLElement *xml, u64 set_register_iq_id)
+{
+  if (xml->name != "iq")
+    return false;
+  String response_id = get_xml_attribute (xml, "id");
+  assert (response_id.size);
+  assert (string_to_u64 (response_id) == set_register_iq_id);
+  String iq_type = get_xml_attribute (xml, "type");
+  assert (iq_type.size);
+  if (iq_type == "result") {
+    end_worker (window, registration_page_handle_success, "result");
+    return true;
+  }
+  if (iq_type != "error") {
+    assert (!"Unhandled error");
+    return false;
+  }
+  char *text = alloc_cstr (get_register_error_text (xml));
+  end_worker (window, registration_page_handle_failure, text);
+  dealloc_cstr (text);
+  return true;
+}
+
+// Reads until the outcome is known, and posts it.
+static void *
+await_register_answer (AppWindow *window, u64 set_register_iq_id)
+{
+  gnutls_session_t tls_session = window->connection.tls_session;
+  Buffer buffer = window->input_stream_buffer;
+  const char *stream_error_text = NULL;
+  for (;;) {
+    String data = recv_stanzas (tls_session, buffer).data;
+    CONSOLE_DUMP (data);
+    if (!data.size) {
+      return end_worker (window, registration_page_handle_failure,
+                         "Server disconnected for unknown reason by closing the socket");
+    }
+    XMLElement *unopened_elements = NULL;
+    XMLElement *xml =
+      parse_xml_tree (buffer_advance (buffer, data.size), data, NULL, &unopened_elements);
+    print_xml_tree (xml, 0);
+    if (unopened_elements) {
+      assert (unopened_elements->name == "stream:stream");
+      assert (unopened_elements->parent == NULL);
+      // The error may have come by itself, ahead of the closing tag.
+      const char *text = stream_error_text && !xml ? stream_error_text : get_stream_end_text (xml);
+      return end_worker (window, registration_page_handle_failure, text);
+    }
+    assert (xml);
+    if (xml->name == "stream:error")
+      stream_error_text = get_stream_end_text (xml);
+    assert (!xml->next);
+    if (handle_register_answer (window, xml, set_register_iq_id))
+      return 0;
+  }
+}
+
+void *
+start_xmpp_register_thread (void *argument)
+{
+  AppWindow *window = (AppWindow *) argument;
+  worker_window = window;
+  worker_failure_handler = registration_page_handle_failure;
+  assert (!window->connection.opened_socket);
+  assert (!window->connection.opened_stream);
+  Buffer buffer = window->input_stream_buffer;
+  if (start_xmpp_connection (buffer, window->account.hostname, "5222", window->tls_credentials,
+                             &window->connection)) {
+    return end_worker (window, registration_page_handle_failure, "Can't connect to server");
+  }
+  gnutls_session_t tls_session = window->connection.tls_session;
+  if (xmpp_iq_get_register (tls_session, buffer, generate_xmpp_id (window)) != XMPP_OK) {
+    return end_worker (window, registration_page_handle_failure, "Registration unavailable");
+  }
+  u64 id = xmpp_iq_set_register (tls_session, buffer, generate_xmpp_id (window),
+                                 window->account.username, window->account.password);
+  return await_register_answer (window, id);
+}
+
+// ---- Dispatch ----
+
+static void
+post_message_signal (AppWindow *window, String from, String text)
+{
+  if (!is_xml_text_unescapable (text) || !is_storable_text (text)) {
+    console_put ("Warning: Received a text which can't be kept.\n");
+    return;
+  }
+  XMPPMessageSignal *signal =
+    (XMPPMessageSignal *) alloc_xmpp_record (window, sizeof (XMPPMessageSignal));
+  signal->from = alloc_string (from);
+  signal->text = alloc_unescape_xml_text (text);
+  hand_over (app_window_get_xmpp_message_signal, signal);
+}
+
+static void
+parse_xmpp_body_child (AppWindow *window, XMLElement *child, String from)
+{
+  if (!child->name.size) {
+    post_message_signal (window, from, child->text);
+  } else if (child->name == "x-revision") {
+    parse_xmpp_clause_revision (window, child, from);
+  } else if (child->name == "x-clause-message") {
+    parse_xmpp_clause_message (window, child, from);
+  } else if (child->name == "x-clause-decision") {
+    parse_xmpp_clause_decision (window, child, from);
+  } else if (child->name == "x-clause") {
+    parse_xmpp_clause (window, child, from);
+  } else if (child->name == "x-procedure") {
+    parse_xmpp_procedure (window, child, from);
+  }
+}
+
+void
+parse_xmpp_message (AppWindow *window, XMLElement *element)
+{
+  String from = get_xml_attribute (element, "from");
+  XMLElement *body = get_xml_child_by_name (element, "body");
+  if (!from.size) {
+    console_log ("Warning: Received a <message> without a FROM attribute.\n");
+    return;
+  }
+  if (!body) {
+    console_log ("Warning: Received a <message> without a BODY.\n");
+    return;
+  }
+  if (!body->children)
+    post_message_signal (window, from, {});
+  for (XMLElement *child = body->children; child; child = child->next) {
+    parse_xmpp_body_child (window, child, from);
+  }
+}
+
+static void
+parse_xmpp_iq_error (AppWindow *window, XMLElement *element)
+{
+  String id_attrib = get_xml_attribute (element, "id");
+  if (!id_attrib.size)
+    return;
+  assert (string_has_only_digits (id_attrib));
+  hand_over (app_window_get_iq_error_message,
+             alloc_xmpp_iq_error_signal (window, string_to_u64 (id_attrib)));
+}
+
+void
+parse_xmpp_iq (AppWindow *window, XMLElement *element)
+{
+  if (get_xml_attribute (element, "type") == "error") {
+    parse_xmpp_iq_error (window, element);
+    return;
+  }
+  XMLElement *xml = element->children;
+  if (!xml)
+    return;
+  assert (xml->next == NULL);
+  String name = xml->name;
+  assert (name.size);
+  if (name != "vcard")
+    return;
+
+  String id_attrib = get_xml_attribute (element, "id");
+  if (!id_attrib.size) {
+    console_log ("Warning: Received a <iq> without and ID attribute.\n");
+  } else if (!string_has_only_digits (id_attrib)) {
+    console_log (
+      "Warning: Received a <iq> with an ID attribute '%.*s' which contains non-digits.\n",
+      STRING_ARGS (id_attrib));
+  } else {
+    parse_xmpp_vcard4 (window, string_to_u64 (id_attrib), get_xml_attribute (element, "from"), xml);
+  }
+}
+
+static void
+post_presence_signal (AppWindow *window, GSourceFunc handler, String from)
+{
+  XMPPPresenceSignal *signal =
+    (XMPPPresenceSignal *) alloc_xmpp_record (window, sizeof (XMPPPresenceSignal));
+  signal->from = alloc_string (from);
+  hand_over (handler, signal);
+}
+
+static bool
+is_to_own_bare_jid (AppWindow *window, String to)
+{
+  return get_bare_jid_from_full_jid (to) == window->account.bare_jid;
+}
+
+// A presence without a type: someone is available, or the server echoes our own presence.
+static void
+parse_xmpp_available_presence (AppWindow *window, String from, String to)
+{
+  if (!from.size) {
+    console_log ("Warning: Got a <presence> without a FROM attribute.\n");
+  } else if (!to.size && from != window->account.full_jid) {
+    console_log ("Warning: Got a <presence> without a TO attribute and with FROM attribute '%.*s', "
+                 "but we are '%.*s'.\n",
+                 STRING_ARGS (from), STRING_ARGS (window->account.full_jid));
+  } else if (!to.size) {
+    post_presence_signal (window, app_window_get_xmpp_presence_confirm_signal, from);
+  } else if (!is_to_own_bare_jid (window, to)) {
+    // The text of the subscribed case serves here too.
+    console_log ("Warning: Got <presence type='subscribed'> with a TO attribute '%.*s', but we are "
+                 "'%.*s'.\n",
+                 STRING_ARGS (to), STRING_ARGS (window->account.bare_jid));
+  } else {
+    post_presence_signal (window, app_window_get_xmpp_presence_available_signal, from);
+  }
+}
+
+// A presence whose type wants both addresses.
+static void
+parse_xmpp_addressed_presence (AppWindow *window, const char *type, GSourceFunc handler,
+                               String from, String to)
+{
+  if (!from.size) {
+    console_log ("Warning: Got <presence type='%s'> without a FROM attribute.\n", type);
+  } else if (!to.size) {
+    console_log ("Warning: Got <presence type='%s'> without a TO attribute.\n", type);
+  } else if (!is_to_own_bare_jid (window, to)) {
+    console_log (
+      "Warning: Got <presence type='%s'> with a TO attribute '%.*s', but we are '%.*s'.\n", type,
+      STRING_ARGS (to), STRING_ARGS (window->account.bare_jid));
+  } else {
+    post_presence_signal (window, handler, from);
+  }
+}
+
+void
+parse_xmpp_presence (AppWindow *window, XMLElement *element)
+{
+  String type = get_xml_attribute (element, "type");
+  String from = get_xml_attribute (element, "from");
+  String to = get_xml_attribute (element, "to");
+  if (!type.size) {
+    parse_xmpp_available_presence (window, from, to);
+  } else if (type == "unavailable") {
+    parse_xmpp_addressed_presence (window, "unavailable",
+                                   app_window_get_xmpp_presence_unavailable_signal, from, to);
+  } else if (type == "subscribed") {
+    parse_xmpp_addressed_presence (window, "subscribed",
+                                   app_window_get_xmpp_presence_subscribed_signal, from, to);
+  } else if (type != "subscribe") {
+    console_log ("Warning: Got unhandled a <presence> of TYPE '%.*s'\n", STRING_ARGS (type));
+  } else if (!from.size) {
+    console_log ("Warning: Got <presence type='subscribe'> without a FROM attribute.\n");
+  } else {
+    post_presence_signal (window, app_window_get_xmpp_presence_subscribe_signal, from);
+  }
+}
+
+// ---- Closing ----
+
+void
+interrupt_xmpp_connection (AppWindow *window)
+{
+  // Held while the socket is used, so that the worker can't replace the record meanwhile.
+  pthread_mutex_lock (&connection_mutex);
+  if (window->connection.opened_socket)
+    os_shutdown_connection (window->connection.socket);
+  pthread_mutex_unlock (&connection_mutex);
+}
+
+void
+xmpp_close_connection (AppWindow *window)
+{
+  dealloc_xmpp_account (window->account);
+  window->account = {};
+  Connection *connection = &window->connection;
+  connection->opened_stream = false;
+  if (connection->opened_socket) {
+    os_close_connection (connection->socket);
+    connection->opened_socket = false;
+  }
+  if (connection->opened_tls_session) {
+    deinit_tls_session (connection->tls_session, connection->tls_hostname);
+    connection->opened_tls_session = false;
+  }
+  window->connection = {};
+}

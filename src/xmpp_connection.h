@@ -1,0 +1,118 @@
+// The road of a session: the account, the steps from a socket to a bound resource, in-band
+// registration, the thread that owns a session and the dispatch of what it receives. RFC 6120
+// (streams, STARTTLS, SASL, resource binding), RFC 4616 (PLAIN), XEP-0077 (registration).
+//
+// Most answers that differ from the expected one stop the program with an assertion: nothing is
+// guessed about a server that does not keep to the protocol.
+//
+// Ownership: an `XMPPAccount` owns one block, all its texts are views into it. A `Connection` owns
+// its socket and its TLS session until `xmpp_close_connection`.
+//
+// Threads: the exchanges run on the worker that owns the connection, one at a time, on the window's
+// input buffer. `xmpp_close_connection` and `interrupt_xmpp_connection` run on the interface thread.
+#pragma once
+
+#include <gnutls/gnutls.h>
+
+#include "os_gnulinux.h"
+#include "xmpp.h"
+
+struct XMPPAccount {
+  u8 *data;         // the owning block: bare JID, "/", resource, password, back to back
+  String full_jid;  // views into `data`, here and below
+  String bare_jid;
+  String resource;
+  String username;  // before the "@"
+  String hostname;  // after the "@"
+  String password;
+};
+
+// What is open, and so must be released.
+struct Connection {
+  bool opened_stream;       // the clear-text stream was opened
+  bool opened_socket;       // `socket` must be closed
+  bool opened_tls_session;  // `tls_session` must be de-initialised, also after a failed handshake
+  SocketDescriptor socket;
+  gnutls_session_t tls_session;
+  char *tls_hostname;  // belongs to `tls_session`
+};
+
+enum XMPPError {
+  XMPP_OK,       // the expected answer
+  XMPP_ERROR,    // some other answer
+  XMPP_FAILURE,  // the server said "failure" to the authentication
+};
+
+// How a login or a registration ended, as a text for the page that waits for it.
+struct XMPPThreadMessage {
+  AppWindow *window;
+  char *text;  // owned
+  u8 flag;     // 0 from every sender
+};
+
+XMPPThreadMessage *alloc_thread_message (AppWindow *window, const char *text, u8 flag);
+void dealloc_thread_message (XMPPThreadMessage *message);
+
+// ---- Account ----
+
+// Zeroed, with a line on the console, when the JID is not of the form user@host; zeroed without a
+// line when one of the three is empty.
+XMPPAccount alloc_xmpp_account (String bare_jid, String password, String resource);
+void dealloc_xmpp_account (XMPPAccount account);
+
+// ---- Opening a stream ----
+
+// From nothing to an open TLS stream. 0, or -1 when the server can't be reached or offers no TLS or
+// its certificate is refused. `connection_out` says in both cases what is open; its socket is set
+// as soon as there is one, so that `interrupt_xmpp_connection` can end the wait.
+int start_xmpp_connection (Buffer buffer, String host, const char *port,
+                           gnutls_certificate_credentials_t tls_credentials,
+                           Connection *connection_out);
+// 0 when the server opened a stream that offers STARTTLS, else -1 with a warning.
+int xmpp_begin_unencypted_stream (SocketDescriptor socket, Buffer buffer, String host);
+// Any answer but "proceed" stops the program.
+void xmpp_request_starttls (SocketDescriptor socket, Buffer buffer);
+void xmpp_begin_stream (gnutls_session_t tls_session, Buffer buffer, String host);
+
+// ---- Logging in ----
+
+XMPPError xmpp_send_auth_request (gnutls_session_t tls_session, Buffer buffer, String user,
+                                  String password);
+// The full JID that the server bound: a view into `buffer`, good until the next exchange. Any answer
+// but one bind result stops the program. An empty `resource` lets the server choose.
+String xmpp_iq_set_bind_resource (gnutls_session_t tls_session, Buffer buffer, u64 id,
+                                  String resource);
+void xmpp_send_presence (gnutls_session_t tls_session, Buffer buffer, String full_jid);
+void xmpp_send_end_stream (gnutls_session_t tls_session, Buffer buffer);
+
+// ---- Registering ----
+
+// XMPP_OK when the server offers registration.
+XMPPError xmpp_iq_get_register (gnutls_session_t tls_session, Buffer buffer, u64 id);
+// Returns `id`; the answer is not read here. User and password go out as they are, unescaped.
+u64 xmpp_iq_set_register (gnutls_session_t tls_session, Buffer buffer, u64 id, String user,
+                          String password);
+
+// ---- Workers ----
+// Thread entries; the argument is the `AppWindow`, whose `app_window_start_worker` starts them.
+// The outcome reaches the page as an idle handler; posting it is the last that a worker does with
+// the window's connection and account, save for a login that succeeded: that worker goes on and
+// receives until the server ends the stream.
+
+void *start_xmpp_connection_thread (void *data);
+void *start_xmpp_register_thread (void *data);
+
+// ---- Dispatch ----
+// Each takes one received top-level element.
+
+void parse_xmpp_message (AppWindow *window, XMLElement *element);
+void parse_xmpp_iq (AppWindow *window, XMLElement *element);
+void parse_xmpp_presence (AppWindow *window, XMLElement *element);
+
+// ---- Closing ----
+
+// Wakes a worker that waits for the server, by shutting its socket down without closing it. Nothing
+// happens when there is no socket.
+void interrupt_xmpp_connection (AppWindow *window);
+// Releases account, socket and TLS session and zeroes what held them. No worker may be using them.
+void xmpp_close_connection (AppWindow *window);
