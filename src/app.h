@@ -1,0 +1,16 @@
+// The application object: holds what outlives every window and builds a main window at each
+// activation. One instance runs per session bus; a second start activates the first.
+//
+// Ownership: borrows the TLS credentials and the store from `main`; owns the console's text buffer.
+//
+// Threads: the interface thread only.
+#pragma once
+
+#include <gnutls/gnutls.h>
+#include <gtk/gtk.h>
+#include <sqlite3.h>
+
+G_DECLARE_FINAL_TYPE (App, app, MORVANE, APP, GtkApplication)
+
+// From here on console output reaches the console pane too.
+App *app_new (gnutls_certificate_credentials_t tls_credentials, sqlite3 *db);

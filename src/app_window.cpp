@@ -1,0 +1,896 @@
+#include "app_window.h"
+
+#include <assert.h>
+#include <errno.h>
+#include <time.h>
+
+#include "app.h"
+#include "clause_chat_page.h"
+#include "clause_view.h"
+#include "contact_chat_page.h"
+#include "contact_list_item.h"
+#include "db.h"
+#include "login_page.h"
+#include "morvane.h"
+#include "procedure_creation_page.h"
+#include "procedure_list_item.h"
+#include "procedure_view.h"
+#include "registration_page.h"
+#include "vcard_page.h"
+
+G_DEFINE_TYPE (AppWindow, app_window, GTK_TYPE_APPLICATION_WINDOW)
+
+// ---- Closing ----
+
+// How long a window that closes waits for its worker, in milliseconds: first for the server to end
+// the stream by itself, then for the worker that was cut off.
+static const u32 STREAM_END_WAIT = 1000;
+static const u32 WORKER_WAIT = 2000;
+
+static u32 stray_workers_count;
+
+static void
+app_window_save_drafts (AppWindow *self)
+{
+  for (u32 i = 0; i < self->procedures.count; i++) {
+    Procedure *procedure = self->procedures.procedures[i];
+    for (u32 j = 0; j < procedure->clauses_count; j++) {
+      clause_view_save_draft (procedure->clauses[j]->view);
+    }
+  }
+}
+
+static struct timespec
+get_deadline (u32 milliseconds)
+{
+  struct timespec deadline;
+  clock_gettime (CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += milliseconds / 1000;
+  deadline.tv_nsec += milliseconds % 1000 * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec++;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  return deadline;
+}
+
+static bool
+app_window_wait_for_worker (AppWindow *self, struct timespec deadline)
+{
+  pthread_mutex_lock (&self->worker_mutex);
+  int error = 0;
+  while (!self->worker_left && error != ETIMEDOUT) {
+    error = pthread_cond_timedwait (&self->worker_cond, &self->worker_mutex, &deadline);
+  }
+  bool left = self->worker_left;
+  pthread_mutex_unlock (&self->worker_mutex);
+  return left;
+}
+
+static void
+app_window_mark_worker_interrupted (AppWindow *self)
+{
+  pthread_mutex_lock (&self->worker_mutex);
+  self->worker_interrupted = true;
+  pthread_mutex_unlock (&self->worker_mutex);
+}
+
+// Ends the session, lets the worker leave and releases the connection; without the worker's leave
+// it stays the worker's, and is released when that comes back.
+static void
+app_window_end_session (AppWindow *self)
+{
+  struct timespec deadline = get_deadline (WORKER_WAIT);
+  bool is_logged_in = self->account_db_id != 0;
+  if (self->worker_active)
+    app_window_mark_worker_interrupted (self);
+  if (is_logged_in) {
+    xmpp_send_end_stream (self->connection.tls_session, self->output_stream_buffer);
+  }
+  if (self->worker_active) {
+    bool left = is_logged_in && app_window_wait_for_worker (self, get_deadline (STREAM_END_WAIT));
+    if (!left)
+      interrupt_xmpp_connection (self);
+    if (!app_window_wait_for_worker (self, deadline)) {
+      self->worker_stray = true;
+      stray_workers_count++;
+      return;
+    }
+  }
+  xmpp_close_connection (self);
+}
+
+static void
+app_window_destroy (GtkWidget *widget)
+{
+  AppWindow *self = MORVANE_APP_WINDOW (widget);
+  if (!self->closed) {
+    gtk_widget_hide (widget);
+    gdk_display_flush (gtk_widget_get_display (widget));
+    app_window_save_drafts (self);
+    self->closed = true;
+    app_window_end_session (self);
+  }
+  GTK_WIDGET_CLASS (app_window_parent_class)->destroy (widget);
+}
+
+// The widgets, which borrow the records, are gone; so is the worker, which held a reference.
+static void
+app_window_finalize (GObject *object)
+{
+  AppWindow *self = MORVANE_APP_WINDOW (object);
+  if (self->account_db_id) {
+    dealloc_contact_stack (self->contacts);
+    dealloc_procedure_stack (self->procedures);
+  }
+  dealloc (self->input_stream_buffer);
+  dealloc (self->output_stream_buffer);
+  dealloc_string (self->worker_bare_jid);
+  pthread_cond_destroy (&self->worker_cond);
+  pthread_mutex_destroy (&self->worker_mutex);
+  G_OBJECT_CLASS (app_window_parent_class)->finalize (object);
+}
+
+// ---- Handlers ----
+
+static void
+app_window_add_procedure_button_handle (GtkButton *, AppWindow *self)
+{
+  gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (self->procedure_creation_page));
+}
+
+static void
+app_window_show_vcard_button_handle (GtkButton *, AppWindow *self)
+{
+  self->get_own_vcard_id = xmpp_iq_get_vcard4 (self, self->account.bare_jid);
+}
+
+static void
+app_window_procedures_list_box_row_activated_handle (GtkListBox *, GtkListBoxRow *row,
+                                                     AppWindow *self)
+{
+  GtkWidget *item = gtk_bin_get_child (GTK_BIN (row));
+  Procedure *procedure = procedure_list_item_get_procedure (MORVANE_PROCEDURE_LIST_ITEM (item));
+  gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (procedure->view));
+}
+
+static void
+app_window_contacts_list_box_row_activated_handle (GtkListBox *, GtkListBoxRow *row,
+                                                   AppWindow *self)
+{
+  GtkWidget *item = gtk_bin_get_child (GTK_BIN (row));
+  Contact *contact = contact_list_item_get_contact (MORVANE_CONTACT_LIST_ITEM (item));
+  gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (contact->chat_page));
+}
+
+// Alt with the grave accent opens and closes the console.
+static gboolean
+handle_app_window_key_press (GtkWidget *, GdkEventKey *event, AppWindow *self)
+{
+  // Shared by all windows: each opens its console where the last one was closed.
+  static int prev_pos;
+  if (event->type != GDK_KEY_PRESS || event->keyval != GDK_KEY_grave ||
+      !(event->state & GDK_MOD1_MASK)) {
+    return FALSE;
+  }
+  int position = gtk_paned_get_position (self->console_paned);
+  if (position != 0) {
+    prev_pos = position;
+    gtk_widget_hide (GTK_WIDGET (self->console));
+    gtk_paned_set_position (self->console_paned, 0);
+  } else {
+    gtk_widget_show (GTK_WIDGET (self->console));
+    gtk_paned_set_position (self->console_paned, prev_pos);
+  }
+  return TRUE;
+}
+
+// Made for the console buffer's "changed" signal, and deliberately left unconnected: whoever reads
+// the console must not be carried away by new output.
+[[maybe_unused]] static void
+app_window_console_changed_handle (GtkTextBuffer *text_buffer, AppWindow *self)
+{
+  gtk_text_view_scroll_mark_onscreen (self->console, gtk_text_buffer_get_insert (text_buffer));
+}
+
+static void
+app_window_bind_template_children (GtkWidgetClass *widget_class)
+{
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, console_paned);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, console);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, stack);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, login_page);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, registration_page);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, procedure_creation_page);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, vcard_page);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, main_page);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, main_page_stack);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, roster_tools_box);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, show_vcard_button);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, add_procedure_button);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, contacts_list_box);
+  gtk_widget_class_bind_template_child (widget_class, AppWindow, procedures_list_box);
+}
+
+static void
+app_window_class_init (AppWindowClass *window_class)
+{
+  GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (window_class);
+  G_OBJECT_CLASS (window_class)->finalize = app_window_finalize;
+  widget_class->destroy = app_window_destroy;
+  gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/app_window.ui");
+  app_window_bind_template_children (widget_class);
+}
+
+static void
+app_window_init (AppWindow *self)
+{
+  // The template names these types; nothing else has used them yet.
+  g_type_ensure (login_page_get_type ());
+  g_type_ensure (registration_page_get_type ());
+  g_type_ensure (vcard_page_get_type ());
+  g_type_ensure (procedure_creation_page_get_type ());
+  gtk_widget_init_template (GTK_WIDGET (self));
+  self->last_xmpp_id = 0;
+  self->get_vcard_id = 0;
+  self->get_own_vcard_id = 0;
+  self->prev_main_page = NULL;
+
+  pthread_condattr_t attributes;
+  pthread_condattr_init (&attributes);
+  pthread_condattr_setclock (&attributes, CLOCK_MONOTONIC);
+  pthread_cond_init (&self->worker_cond, &attributes);
+  pthread_condattr_destroy (&attributes);
+  pthread_mutex_init (&self->worker_mutex, NULL);
+}
+
+static void
+app_window_set_console_style (AppWindow *self)
+{
+  GtkCssProvider *provider = gtk_css_provider_new ();
+  gtk_css_provider_load_from_data (provider, "* {font-size: 10px;}", -1, NULL);
+  gtk_style_context_add_provider (gtk_widget_get_style_context (GTK_WIDGET (self->console)),
+                                  GTK_STYLE_PROVIDER (provider), GTK_STYLE_PROVIDER_PRIORITY_USER);
+  g_object_unref (provider);
+}
+
+AppWindow *
+app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqlite3 *db,
+                GtkTextBuffer *console)
+{
+  AppWindow *self =
+    MORVANE_APP_WINDOW (g_object_new (app_window_get_type (), "application", app, NULL));
+  gtk_text_view_set_buffer (self->console, console);
+  self->tls_credentials = tls_credentials;
+  self->db = db;
+  self->account = {};
+  self->connection = {};
+  self->config = read_config_file (".morvanerc");
+  self->input_stream_buffer = alloc (STREAM_BUFFER_SIZE);
+  self->output_stream_buffer = alloc (STREAM_BUFFER_SIZE);
+  if (self->config.bare_jid.size) {
+    login_page_set_bare_jid (self->login_page, self->config.bare_jid);
+    if (self->config.password.size) {
+      login_page_set_password (self->login_page, self->config.password);
+    }
+  }
+  gtk_window_set_default (GTK_WINDOW (self), login_page_get_login_button (self->login_page));
+  gtk_window_set_default_size (GTK_WINDOW (self), 640, 640);
+  app_window_set_console_style (self);
+
+  g_signal_connect (self, "key-press-event", G_CALLBACK (handle_app_window_key_press), self);
+  g_signal_connect (self->add_procedure_button, "clicked",
+                    G_CALLBACK (app_window_add_procedure_button_handle), self);
+  g_signal_connect (self->show_vcard_button, "clicked",
+                    G_CALLBACK (app_window_show_vcard_button_handle), self);
+  g_signal_connect (self->procedures_list_box, "row-activated",
+                    G_CALLBACK (app_window_procedures_list_box_row_activated_handle), self);
+  g_signal_connect (self->contacts_list_box, "row-activated",
+                    G_CALLBACK (app_window_contacts_list_box_row_activated_handle), self);
+  return self;
+}
+
+// ---- Pages ----
+
+void
+app_window_goto_login_page (AppWindow *self, const char *bare_jid)
+{
+  gtk_stack_set_visible_child (self->stack, GTK_WIDGET (self->login_page));
+  if (bare_jid) {
+    login_page_set_bare_jid (self->login_page, bare_jid);
+    login_page_set_password (self->login_page, "");
+    login_page_focus_password (self->login_page);
+  }
+  gtk_window_set_default (GTK_WINDOW (self), login_page_get_login_button (self->login_page));
+}
+
+void
+app_window_goto_registration_page (AppWindow *self)
+{
+  gtk_window_set_default (GTK_WINDOW (self),
+                          registration_page_get_register_button (self->registration_page));
+  gtk_stack_set_visible_child (self->stack, GTK_WIDGET (self->registration_page));
+}
+
+void
+app_window_goto_prev_main_page (AppWindow *self)
+{
+  GtkWidget *page = self->prev_main_page;
+  self->prev_main_page = NULL;
+  if (!page)
+    page = GTK_WIDGET (self->procedure_creation_page);
+  gtk_stack_set_visible_child (self->main_page_stack, page);
+}
+
+// ---- Account, contacts and procedures ----
+
+void
+app_window_load_account (AppWindow *self)
+{
+  self->account_db_id = db_get_account_db_id (self->db, self->account.bare_jid);
+  if (!self->account_db_id) {
+    self->account_db_id = db_insert_account (self->db, self->account.bare_jid);
+  }
+  assert (self->account_db_id);
+  db_load_account (self->db, self->account_db_id, &self->contacts, &self->procedures);
+  for (u32 i = 0; i < self->contacts.count; i++) {
+    app_window_add_contact (self, self->contacts.contacts[i]);
+  }
+  for (u32 i = 0; i < self->procedures.count; i++) {
+    app_window_add_procedure (self, self->procedures.procedures[i]);
+  }
+  gtk_stack_set_visible_child (self->stack, GTK_WIDGET (self->main_page));
+}
+
+void
+app_window_add_contact (AppWindow *self, Contact *contact)
+{
+  GtkWidget *chat_page = contact_chat_page_new (contact);
+  GtkWidget *list_item = contact_list_item_new (contact);
+  contact->chat_page = MORVANE_CONTACT_CHAT_PAGE (chat_page);
+  contact->list_item = MORVANE_CONTACT_LIST_ITEM (list_item);
+  gtk_widget_show (chat_page);
+  gtk_widget_show (list_item);
+  gtk_container_add (GTK_CONTAINER (self->main_page_stack), chat_page);
+  gtk_container_add (GTK_CONTAINER (self->contacts_list_box), list_item);
+}
+
+void
+app_window_create_new_contact (AppWindow *self, String bare_jid, String status)
+{
+  Contact *contact = alloc_contact (0, self->account_db_id, bare_jid, status);
+  db_insert_contact (self->db, contact);
+  contact_stack_push (&self->contacts, contact);
+  app_window_add_contact (self, contact);
+}
+
+void
+app_window_set_contact_status (AppWindow *, Contact *contact, String status)
+{
+  assert (contact->status.data);
+  dealloc_string (contact->status);
+  contact->status = alloc_string (status);
+  contact_list_item_set_status (contact->list_item, status);
+}
+
+void
+app_window_add_contact_message (AppWindow *self, Contact *contact, String text)
+{
+  ContactMessage *message =
+    alloc_contact_message (0, contact->db_id, get_posix_time (), contact->bare_jid, text);
+  db_insert_contact_message (self->db, message);
+  contact_add_message (contact, message);
+  contact_chat_page_add_message (contact->chat_page, message);
+}
+
+void
+app_window_add_procedure (AppWindow *self, Procedure *procedure)
+{
+  String own = self->account.bare_jid;
+  String other = own == procedure->initiator ? procedure->contractor : procedure->initiator;
+  GtkWidget *view = procedure_view_new (procedure, own);
+  GtkWidget *list_item = procedure_list_item_new (procedure, other);
+  procedure->view = MORVANE_PROCEDURE_VIEW (view);
+  gtk_widget_show (view);
+  gtk_widget_show (list_item);
+  gtk_container_add (GTK_CONTAINER (self->main_page_stack), view);
+  gtk_list_box_prepend (self->procedures_list_box, list_item);
+  procedure->list_item = GTK_LIST_BOX_ROW (gtk_widget_get_parent (list_item));
+}
+
+void
+app_window_remove_procedure (AppWindow *self, Procedure *procedure)
+{
+  s64 index = procedures_stack_get_index (&self->procedures, procedure);
+  if (index >= 0)
+    procedures_stack_remove_procedure (&self->procedures, (u32) index);
+  GtkWidget *view = GTK_WIDGET (procedure->view);
+  if (gtk_stack_get_visible_child (self->main_page_stack) == view) {
+    // A stack that loses the page it shows would be left blank.
+    gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (self->procedure_creation_page));
+  }
+  gtk_widget_destroy (GTK_WIDGET (procedure->list_item));
+  gtk_widget_destroy (view);
+  db_delete_procedure (self->db, procedure);
+  dealloc_procedure (procedure);
+}
+
+void
+app_window_create_new_procedure (AppWindow *self, String title, String contractor)
+{
+  String own = self->account.bare_jid;
+  s64 time = procedures_stack_get_free_time (&self->procedures, own, get_posix_time ());
+  Procedure *procedure = alloc_procedure (0, self->account_db_id, time, title, own, contractor);
+  db_insert_procedure (self->db, procedure);
+  procedures_stack_add_procedure (&self->procedures, procedure);
+  app_window_add_procedure (self, procedure);
+  gtk_list_box_select_row (self->procedures_list_box, procedure->list_item);
+  gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (procedure->view));
+  xmpp_send_procedure (self->connection.tls_session, self->output_stream_buffer,
+                       generate_xmpp_id (self), self->account.full_jid, procedure);
+}
+
+// ---- The worker ----
+
+void
+app_window_start_worker (AppWindow *self, void *(*entry) (void *) )
+{
+  assert (!self->worker_active);
+  self->worker_active = true;
+  self->worker_left = false;
+  self->worker_interrupted = false;
+  dealloc_string (self->worker_bare_jid);
+  self->worker_bare_jid = alloc_string (self->account.bare_jid);
+  g_object_ref (self);
+  int error = pthread_create (&self->network_thread, NULL, entry, self);
+  assert (!error);
+  // Nobody joins it, so its stack must go by itself.
+  if (!error)
+    pthread_detach (self->network_thread);
+}
+
+bool
+app_window_is_worker_running (AppWindow *self)
+{
+  return self->worker_active;
+}
+
+void
+app_window_worker_leave (AppWindow *self)
+{
+  pthread_mutex_lock (&self->worker_mutex);
+  self->worker_left = true;
+  pthread_cond_signal (&self->worker_cond);
+  pthread_mutex_unlock (&self->worker_mutex);
+}
+
+gboolean
+app_window_release_worker (gpointer data)
+{
+  AppWindow *self = (AppWindow *) accept_hand_over (data);
+  self->worker_active = false;
+  if (self->worker_stray) {
+    self->worker_stray = false;
+    stray_workers_count--;
+    xmpp_close_connection (self);
+  }
+  g_object_unref (self);
+  return G_SOURCE_REMOVE;
+}
+
+void
+app_window_interrupt_worker (AppWindow *self)
+{
+  if (!self->worker_active)
+    return;
+  app_window_mark_worker_interrupted (self);
+  interrupt_xmpp_connection (self);
+}
+
+bool
+app_window_is_worker_interrupted (AppWindow *self)
+{
+  pthread_mutex_lock (&self->worker_mutex);
+  bool interrupted = self->worker_interrupted;
+  pthread_mutex_unlock (&self->worker_mutex);
+  return interrupted;
+}
+
+bool
+app_window_is_account_open_elsewhere (AppWindow *self, String bare_jid)
+{
+  GtkApplication *application = gtk_window_get_application (GTK_WINDOW (self));
+  if (!application)
+    return false;
+  for (GList *link = gtk_application_get_windows (application); link; link = link->next) {
+    if (!MORVANE_IS_APP_WINDOW (link->data) || link->data == self)
+      continue;
+    AppWindow *other = MORVANE_APP_WINDOW (link->data);
+    // The account itself may be in its worker's hands.
+    bool is_open = !other->closed && (other->worker_active || other->account_db_id);
+    if (is_open && other->worker_bare_jid == bare_jid)
+      return true;
+  }
+  return false;
+}
+
+bool
+app_window_is_open (AppWindow *self)
+{
+  return !self->closed;
+}
+
+u32
+app_window_count_stray_workers ()
+{
+  return stray_workers_count;
+}
+
+// ---- Network events: chat and presence ----
+
+static void
+app_window_apply_message (AppWindow *self, XMPPMessageSignal *signal)
+{
+  console_log ("Received <message from='%.*s'>\n", STRING_ARGS (signal->from));
+  String bare_jid = get_bare_jid_from_full_jid (signal->from);
+  // From another resource of our own.
+  if (bare_jid == self->account.bare_jid)
+    return;
+  Contact *contact = contact_stack_get_by_bare_jid (self->contacts, bare_jid);
+  if (!contact) {
+    console_log (
+      "Warning: Received a message from '%.*s', but that contact isn't in the contact list.\n",
+      STRING_ARGS (signal->from));
+    return;
+  }
+  app_window_add_contact_message (self, contact, signal->text);
+}
+
+gboolean
+app_window_get_xmpp_message_signal (gpointer data)
+{
+  XMPPMessageSignal *signal = (XMPPMessageSignal *) accept_hand_over (data);
+  if (app_window_is_open (signal->window))
+    app_window_apply_message (signal->window, signal);
+  dealloc_xmpp_message_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_presence_confirm_signal (gpointer data)
+{
+  XMPPPresenceConfirmSignal *signal = (XMPPPresenceConfirmSignal *) accept_hand_over (data);
+  if (app_window_is_open (signal->window)) {
+    console_log ("Received <presence from='%.*s'>\n", STRING_ARGS (signal->from));
+  }
+  dealloc_xmpp_presence_confirm_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+// Whoever says that they are there, or not, becomes a contact.
+static void
+app_window_apply_contact_status (AppWindow *self, String contact_bare_jid, const char *status)
+{
+  if (contact_bare_jid == self->account.bare_jid)
+    return;
+  Contact *contact = contact_stack_get_by_bare_jid (self->contacts, contact_bare_jid);
+  if (contact) {
+    app_window_set_contact_status (self, contact, to_string (status));
+  } else if (is_storable_jid (contact_bare_jid)) {
+    app_window_create_new_contact (self, contact_bare_jid, to_string (status));
+  } else {
+    console_put ("Warning: Received a <presence> from an account that can't be a contact.\n");
+  }
+}
+
+gboolean
+app_window_get_xmpp_presence_available_signal (gpointer data)
+{
+  XMPPPresenceAvailableSignal *signal = (XMPPPresenceAvailableSignal *) accept_hand_over (data);
+  if (app_window_is_open (signal->window)) {
+    console_log ("Received <presence from='%.*s'>\n", STRING_ARGS (signal->from));
+    app_window_apply_contact_status (signal->window, get_bare_jid_from_full_jid (signal->from),
+                                     "available");
+  }
+  dealloc_xmpp_presence_available_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_presence_unavailable_signal (gpointer data)
+{
+  XMPPPresenceUnavailableSignal *signal = (XMPPPresenceUnavailableSignal *) accept_hand_over (data);
+  if (app_window_is_open (signal->window)) {
+    console_log ("Received <presence type='unavailable' from='%.*s'>\n",
+                 STRING_ARGS (signal->from));
+    String contact_bare_jid = get_bare_jid_from_full_jid (signal->from);
+    CONSOLE_DUMP (contact_bare_jid);
+    app_window_apply_contact_status (signal->window, contact_bare_jid, "unavailable");
+  }
+  dealloc_xmpp_presence_unavailable_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+// Every request is accepted, and answered with one of our own.
+gboolean
+app_window_get_xmpp_presence_subscribe_signal (gpointer data)
+{
+  XMPPPresenceSubscribeSignal *signal = (XMPPPresenceSubscribeSignal *) accept_hand_over (data);
+  if (app_window_is_open (signal->window)) {
+    console_log ("Received <presence type='subscribe' from='%.*s'>\n", STRING_ARGS (signal->from));
+    xmpp_presence_subscribed (signal->window, signal->from);
+    xmpp_presence_subscribe (signal->window, signal->from);
+  }
+  dealloc_xmpp_presence_subscribe_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_presence_subscribed_signal (gpointer data)
+{
+  XMPPPresenceSubscribedSignal *signal = (XMPPPresenceSubscribedSignal *) accept_hand_over (data);
+  if (app_window_is_open (signal->window)) {
+    console_log ("Received <presence type='subscribed' from='%.*s'>\n", STRING_ARGS (signal->from));
+  }
+  dealloc_xmpp_presence_subscribed_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+// ---- Network events: vCards ----
+
+static const char OWN_VCARD_TITLE[] = "Your Public Profile";
+
+static void
+app_window_show_vcard_page (AppWindow *self)
+{
+  gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (self->vcard_page));
+}
+
+static void
+app_window_apply_iq_error (AppWindow *self, XMPPIQErrorSignal *message)
+{
+  CONSOLE_DUMP (message->id);
+  CONSOLE_DUMP (self->get_vcard_id);
+  CONSOLE_DUMP (self->get_own_vcard_id);
+  if (self->get_vcard_id && message->id == self->get_vcard_id) {
+    self->get_vcard_id = 0;
+    procedure_creation_page_set_contractor_vcard_button_sensitive (self->procedure_creation_page,
+                                                                   FALSE);
+  } else if (self->get_own_vcard_id && message->id == self->get_own_vcard_id) {
+    // An account without a vCard is offered an empty form.
+    self->get_own_vcard_id = 0;
+    vcard_page_set_title (self->vcard_page, to_string (OWN_VCARD_TITLE));
+    vcard_page_clear_vcard (self->vcard_page);
+    vcard_page_set_editable (self->vcard_page, TRUE);
+    app_window_show_vcard_page (self);
+  } else {
+    console_log ("Warning: Got an IQ an ID %lu which doesn't correspond to any requested.\n",
+                 message->id);
+  }
+}
+
+gboolean
+app_window_get_iq_error_message (gpointer data)
+{
+  XMPPIQErrorSignal *message = (XMPPIQErrorSignal *) accept_hand_over (data);
+  if (app_window_is_open (message->window))
+    app_window_apply_iq_error (message->window, message);
+  dealloc_xmpp_iq_error_signal (message);
+  return G_SOURCE_REMOVE;
+}
+
+static void
+app_window_apply_vcard (AppWindow *self, VCardMessage *message)
+{
+  CONSOLE_DUMP (message->id);
+  CONSOLE_DUMP (self->get_vcard_id);
+  CONSOLE_DUMP (self->get_own_vcard_id);
+  // The pending ids stay: a second answer is shown again.
+  if (self->get_vcard_id && message->id == self->get_vcard_id) {
+    vcard_page_set_title (self->vcard_page, message->from);
+    vcard_page_set_vcard (self->vcard_page, message->vcard);
+    vcard_page_set_editable (self->vcard_page, FALSE);
+    app_window_show_vcard_page (self);
+  } else if (self->get_own_vcard_id && message->id == self->get_own_vcard_id) {
+    if (message->from.size && message->from != self->account.bare_jid) {
+      console_log (
+        "Warning: Expected a VCard from own account, but got a VCard from someone else.\n");
+      return;
+    }
+    vcard_page_set_title (self->vcard_page, to_string (OWN_VCARD_TITLE));
+    vcard_page_set_vcard (self->vcard_page, message->vcard);
+    vcard_page_set_editable (self->vcard_page, TRUE);
+    app_window_show_vcard_page (self);
+  } else {
+    console_log ("Warning: Got a VCard with an ID %lu which doesn't correspond to any requested.\n",
+                 message->id);
+  }
+}
+
+gboolean
+app_window_get_vcard_message (gpointer data)
+{
+  VCardMessage *message = (VCardMessage *) accept_hand_over (data);
+  if (app_window_is_open (message->window))
+    app_window_apply_vcard (message->window, message);
+  dealloc_vcard_message (message);
+  return G_SOURCE_REMOVE;
+}
+
+// ---- Network events: negotiation ----
+
+static void
+app_window_apply_procedure (AppWindow *self, XMPPProcedure *message)
+{
+  String own = self->account.bare_jid;
+  String title = alloc_procedure_title (message->title);
+  if (db_can_hold_procedure (self->account_db_id, message->time, message->initiator, own, title)) {
+    Procedure *procedure =
+      alloc_procedure (0, self->account_db_id, message->time, title, message->initiator, own);
+    db_insert_procedure (self->db, procedure);
+    procedures_stack_add_procedure (&self->procedures, procedure);
+    app_window_add_procedure (self, procedure);
+  } else {
+    console_put ("Warning: Received a procedure whose title is too long to be kept.\n");
+  }
+  dealloc_string (title);
+}
+
+gboolean
+app_window_get_xmpp_procedure (gpointer data)
+{
+  XMPPProcedure *message = (XMPPProcedure *) accept_hand_over (data);
+  if (app_window_is_open (message->window))
+    app_window_apply_procedure (message->window, message);
+  dealloc_xmpp_procedure (message);
+  return G_SOURCE_REMOVE;
+}
+
+// What an event is about, found by who made it and when. `missing` names the event in the warning
+// that says which of the two is not known here; the clause is none then.
+static Clause *
+app_window_find_clause (AppWindow *self, String procedure_initiator, s64 procedure_time,
+                        String clause_initiator, s64 clause_time, const char *event)
+{
+  Procedure *procedure =
+    get_procedure_by_initiator_and_time (&self->procedures, procedure_initiator, procedure_time);
+  if (!procedure) {
+    console_log ("Warning: A %s came, but we don't have the procedure to attach it to.\n", event);
+    return NULL;
+  }
+  Clause *clause = get_clause_by_initiator_and_time (procedure, clause_initiator, clause_time);
+  if (!clause) {
+    console_log ("Warning: A %s came, but we don't have the clause to attach it to.\n", event);
+  }
+  return clause;
+}
+
+static void
+app_window_apply_clause (AppWindow *self, XMPPClause *message)
+{
+  Procedure *procedure =
+    get_procedure_by_initiator_and_time (&self->procedures, message->procedure_initiator,
+                                         message->procedure_time);
+  if (!procedure) {
+    console_log ("Warning: A clause came, but we don't have the procedure to attach it to.\n");
+    return;
+  }
+  // The position does not travel.
+  Clause *clause =
+    alloc_clause (0, procedure->db_id, message->clause_time, message->clause_initiator, 1);
+  db_insert_clause (self->db, clause);
+  procedure_add_clause (procedure, clause);
+  procedure_view_add_clause (procedure->view, clause);
+  clause_view_enable_chat (clause->view);
+}
+
+gboolean
+app_window_get_xmpp_clause (gpointer data)
+{
+  XMPPClause *message = (XMPPClause *) accept_hand_over (data);
+  if (app_window_is_open (message->window))
+    app_window_apply_clause (message->window, message);
+  dealloc_xmpp_clause (message);
+  return G_SOURCE_REMOVE;
+}
+
+static void
+app_window_apply_clause_revision (AppWindow *self, XMPPClauseRevision *message)
+{
+  Clause *clause =
+    app_window_find_clause (self, message->procedure_initiator, message->procedure_time,
+                            message->clause_initiator, message->clause_time, "clause revision");
+  if (!clause)
+    return;
+  ClauseRevision *revision =
+    alloc_clause_revision (0, clause->db_id, message->revision_time, message->revision_author,
+                           REVISION_COMMITTED, message->text);
+  db_insert_clause_revision (self->db, revision);
+  clause_add_revision (clause, revision);
+  clause_view_add_revision (clause->view, revision);
+  clause_view_show_revision (clause->view, revision, self->account.bare_jid);
+}
+
+gboolean
+app_window_get_xmpp_clause_revision (gpointer data)
+{
+  XMPPClauseRevision *message = (XMPPClauseRevision *) accept_hand_over (data);
+  if (app_window_is_open (message->window)) {
+    app_window_apply_clause_revision (message->window, message);
+  }
+  dealloc_xmpp_clause_revision (message);
+  return G_SOURCE_REMOVE;
+}
+
+static void
+app_window_apply_clause_message (AppWindow *self, XMPPClauseMessage *xmpp_message)
+{
+  CONSOLE_DUMP (xmpp_message);
+  CONSOLE_DUMP (self);
+  Clause *clause =
+    app_window_find_clause (self, xmpp_message->procedure_initiator, xmpp_message->procedure_time,
+                            xmpp_message->clause_initiator, xmpp_message->clause_time,
+                            "clause message");
+  if (!clause)
+    return;
+  ClauseMessage *message = alloc_clause_message (0, clause->db_id, xmpp_message->message_time,
+                                                 xmpp_message->message_author, xmpp_message->text);
+  db_insert_clause_message (self->db, message);
+  clause_add_message (clause, message);
+  clause_chat_page_add_message (clause->chat_page, message);
+}
+
+gboolean
+app_window_get_xmpp_clause_message (gpointer data)
+{
+  XMPPClauseMessage *message = (XMPPClauseMessage *) accept_hand_over (data);
+  if (app_window_is_open (message->window)) {
+    app_window_apply_clause_message (message->window, message);
+  }
+  dealloc_xmpp_clause_message (message);
+  return G_SOURCE_REMOVE;
+}
+
+static void
+app_window_apply_clause_revision_decision (AppWindow *self,
+                                           XMPPClauseRevisionDecisionSignal *signal)
+{
+  Clause *clause = app_window_find_clause (self, signal->procedure_initiator,
+                                           signal->procedure_time, signal->clause_initiator,
+                                           signal->clause_time, "clause revision decision");
+  if (!clause)
+    return;
+  ClauseRevision *revision =
+    get_clause_revision_by_author_and_time (clause, signal->revision_author, signal->revision_time);
+  if (!revision) {
+    console_log ("Warning: A clause revision decision came, but we don't have the revision to "
+                 "attach it to.\n");
+    return;
+  }
+  // Stamped with the time of receipt, unlike revisions and messages.
+  ClauseRevisionDecision *decision =
+    get_revision_decision_by_author (revision, signal->decision_author);
+  if (decision) {
+    decision->time = get_posix_time ();
+    decision->status = signal->status;
+    db_update_clause_revision_decision_time_and_status (self->db, decision);
+  } else {
+    decision = alloc_clause_revision_decision (0, revision->db_id, get_posix_time (),
+                                               signal->decision_author, signal->status);
+    db_insert_clause_revision_decision (self->db, decision);
+    clause_revision_add_decision (revision, decision);
+  }
+  clause_view_set_others_revision_decision (clause->view, revision, decision);
+}
+
+gboolean
+app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
+{
+  XMPPClauseRevisionDecisionSignal *signal =
+    (XMPPClauseRevisionDecisionSignal *) accept_hand_over (data);
+  if (app_window_is_open (signal->window)) {
+    app_window_apply_clause_revision_decision (signal->window, signal);
+  }
+  dealloc_xmpp_clause_revision_decision_signal (signal);
+  return G_SOURCE_REMOVE;
+}

@@ -1,0 +1,137 @@
+// The main window, and the hub of a session: the account, the connection, the worker, the stream
+// buffers, the loaded contacts and procedures. Everything above the store is given this window and
+// reaches the session through it.
+//
+// Ownership: owns account, connection, buffers and the loaded stacks; borrows the store and the TLS
+// credentials. A worker and every record on its way to the interface hold a reference on the window.
+//
+// Threads: the interface thread. A worker touches `account`, `connection`, the input buffer, the
+// credentials and the request id, and the interface leaves the first three alone until it was told
+// how the worker's job ended.
+#pragma once
+
+#include <pthread.h>
+
+#include <gtk/gtk.h>
+#include <sqlite3.h>
+
+#include "xmpp_connection.h"
+
+typedef struct _App App;
+typedef struct _LoginPage LoginPage;
+typedef struct _RegistrationPage RegistrationPage;
+typedef struct _ProcedureCreationPage ProcedureCreationPage;
+typedef struct _VCardPage VCardPage;
+
+struct _AppWindow {
+  GtkApplicationWindow parent_instance;
+  gnutls_certificate_credentials_t tls_credentials;  // borrowed
+  sqlite3 *db;                                       // borrowed
+  Config config;      // account and password of the configuration file, each may be empty
+  u64 account_db_id;  // row of the account that is logged in; 0 before
+  XMPPAccount account;
+  Connection connection;
+  Buffer input_stream_buffer;
+  Buffer output_stream_buffer;
+  pthread_t network_thread;  // never joined
+  u64 last_xmpp_id;
+  u64 get_vcard_id;      // pending request for another account's vCard; 0 for none
+  u64 get_own_vcard_id;  // pending request for the own vCard; 0 for none
+  GtkWidget *prev_main_page;
+  ContactStack contacts;
+  ProceduresStack procedures;
+  // Template children.
+  GtkPaned *console_paned;
+  GtkTextView *console;
+  GtkStack *stack;
+  LoginPage *login_page;
+  RegistrationPage *registration_page;
+  ProcedureCreationPage *procedure_creation_page;
+  VCardPage *vcard_page;
+  GtkPaned *main_page;
+  GtkStack *main_page_stack;
+  GtkBox *roster_tools_box;
+  GtkButton *show_vcard_button;
+  GtkButton *add_procedure_button;
+  GtkListBox *contacts_list_box;
+  GtkListBox *procedures_list_box;
+  // The worker, and the end of the window.
+  pthread_mutex_t worker_mutex;  // guards `worker_left` and `worker_interrupted`
+  pthread_cond_t worker_cond;    // told when the worker has left
+  bool worker_left;              // it no longer uses account, connection or buffer
+  bool worker_interrupted;       // it is to leave, and nobody waits for its outcome
+  bool worker_active;            // started, and its outcome not yet handled; interface thread only
+  bool worker_stray;             // the window closed without waiting longer for it
+  String worker_bare_jid;        // owned; the account that the last worker was started for
+  bool closed;                   // the user closed the window; interface thread only
+};
+
+G_DECLARE_FINAL_TYPE (AppWindow, app_window, MORVANE, APP_WINDOW, GtkApplicationWindow)
+
+// Size of each stream buffer, in bytes: what bounds the longest stanza.
+enum {
+  STREAM_BUFFER_SIZE = 0x7FFFFF
+};
+
+// `console` is shown in the window's console pane.
+AppWindow *app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqlite3 *db,
+                           GtkTextBuffer *console);
+
+// ---- Pages ----
+
+void app_window_goto_login_page (AppWindow *window, const char *bare_jid);  // NULL: entry unchanged
+void app_window_goto_registration_page (AppWindow *window);
+void app_window_goto_prev_main_page (AppWindow *window);
+
+// ---- Account, contacts and procedures ----
+
+// After a login: finds or makes the account's row, loads it, fills the lists, shows the main page.
+void app_window_load_account (AppWindow *window);
+void app_window_add_contact (AppWindow *window, Contact *contact);
+void app_window_create_new_contact (AppWindow *window, String bare_jid, String status);
+void app_window_set_contact_status (AppWindow *window, Contact *contact, String status);
+void app_window_add_contact_message (AppWindow *window, Contact *contact, String text);
+void app_window_add_procedure (AppWindow *window, Procedure *procedure);
+// From the lists, the store and memory; nobody is told.
+void app_window_remove_procedure (AppWindow *window, Procedure *procedure);
+// Makes, stores, shows and sends a procedure that the user opens. `title` has no apostrophe.
+void app_window_create_new_procedure (AppWindow *window, String title, String contractor);
+
+// ---- The worker ----
+
+// Runs `entry` with the window on a thread of its own. No worker may be active.
+void app_window_start_worker (AppWindow *window, void *(*entry) (void *) );
+// Whether a worker runs or its outcome still waits to be handled.
+bool app_window_is_worker_running (AppWindow *window);
+// The worker's farewell: it has made its last use of account, connection and buffer. Worker thread.
+void app_window_worker_leave (AppWindow *window);
+// Idle handler, posted by the worker behind its outcome: drops the worker's reference.
+gboolean app_window_release_worker (gpointer data);
+// Ends a running worker's wait for the server; its outcome, a failure, still comes.
+void app_window_interrupt_worker (AppWindow *window);
+bool app_window_is_worker_interrupted (AppWindow *window);  // any thread
+// Whether another window of the process is logged in, or logging in, to this account.
+bool app_window_is_account_open_elsewhere (AppWindow *window, String bare_jid);
+// False once the user closed the window: an idle handler then only frees its record.
+bool app_window_is_open (AppWindow *window);
+// The number of workers that had to be left behind by a window that closed, because they did not
+// come back in time; while there are any, the TLS library must not be de-initialised.
+u32 app_window_count_stray_workers ();
+
+// ---- Network events ----
+// Idle handlers, one for each record: apply it to model, store and views, and free it. All return
+// G_SOURCE_REMOVE.
+
+gboolean app_window_get_xmpp_message_signal (gpointer data);
+gboolean app_window_get_xmpp_presence_confirm_signal (gpointer data);
+gboolean app_window_get_xmpp_presence_available_signal (gpointer data);
+gboolean app_window_get_xmpp_presence_unavailable_signal (gpointer data);
+gboolean app_window_get_xmpp_presence_subscribe_signal (gpointer data);
+gboolean app_window_get_xmpp_presence_subscribed_signal (gpointer data);
+gboolean app_window_get_iq_error_message (gpointer data);
+gboolean app_window_get_vcard_message (gpointer data);
+gboolean app_window_get_xmpp_procedure (gpointer data);
+gboolean app_window_get_xmpp_clause (gpointer data);
+gboolean app_window_get_xmpp_clause_revision (gpointer data);
+gboolean app_window_get_xmpp_clause_message (gpointer data);
+gboolean app_window_get_xmpp_clause_revision_decision_signal (gpointer data);

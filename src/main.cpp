@@ -1,0 +1,31 @@
+// The program's entry: makes what outlives every window, runs the application, releases it again.
+
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+
+#include "app.h"
+#include "app_window.h"
+#include "db.h"
+#include "network.h"
+
+int
+main (int argc, char **argv)
+{
+  // What was logged ahead of an abort must have arrived, in a pipe too.
+  setvbuf (stdout, NULL, _IONBF, 0);
+  // Contracts and passwords are nobody else's.
+  umask (077);
+  // A server that is gone shows in the result of a send.
+  signal (SIGPIPE, SIG_IGN);
+
+  gnutls_certificate_credentials_t tls_credentials = init_tls_global ();
+  sqlite3 *db = db_connect (".morvane.db");
+  App *app = app_new (tls_credentials, db);
+  int status = g_application_run (G_APPLICATION (app), argc, argv);
+  db_close (db);
+  // A worker that did not come back in time may still be inside of the library.
+  if (!app_window_count_stray_workers ())
+    deinit_tls_global (tls_credentials);
+  return status;
+}
