@@ -1,0 +1,712 @@
+#include "clause_view.h"
+
+#include <assert.h>
+
+#include "app_window.h"
+#include "clause_chat_page.h"
+#include "clause_revision_list_item.h"
+#include "db.h"
+#include "diff.h"
+#include "morvane.h"
+#include "procedure_view.h"
+
+struct _ClauseView {
+  GtkBox parent_instance;
+  Procedure *procedure;  // borrowed, like all records here
+  Clause *clause;
+  ClauseRevision *revision;       // shown and decided on; NULL while the user edits
+  ClauseRevision *base_revision;  // shown last; where Cancel returns to
+  bool is_text_changed;           // since the draft was saved
+  bool is_draft;                  // in draft mode
+  bool has_draft_row;             // in the list of revisions
+  GtkPopover *revisions_popover;  // of `revision_select_menu_button`
+  GtkScrolledWindow *revisions_scroller;
+  GtkListBox *revision_select_list;  // a row for each revision, and one at most for the draft
+  // Template children.
+  GtkButton *chat_button;
+  GtkTextView *text_view;
+  GtkMenuButton *revision_select_menu_button;
+  GtkLabel *revision_status_label;
+  GtkLabel *decision_status_label;
+  GtkButton *agree_button;
+  GtkButton *disagree_button;
+  GtkButton *commit_button;
+  GtkButton *cancel_button;
+  GtkBox *diff_overlay_tools;
+  GtkButton *diff_add_button;
+  GtkButton *diff_del_button;
+  // The tagged run under the pointer, which the comparison's tools act on.
+  GtkTextIter hovered_word_start;
+  GtkTextIter hovered_word_end;
+};
+
+G_DEFINE_TYPE (ClauseView, clause_view, GTK_TYPE_BOX)
+
+static void clause_view_text_changed_handle (GtkTextBuffer *text_buffer, ClauseView *self);
+
+// ---- Helpers ----
+
+static AppWindow *
+clause_view_get_window (ClauseView *self)
+{
+  return MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
+}
+
+// The party that is not `own`.
+static String
+clause_view_get_other_party (ClauseView *self, String own)
+{
+  Procedure *procedure = self->procedure;
+  return own == procedure->contractor ? procedure->initiator : procedure->contractor;
+}
+
+static void
+clause_view_set_decision_buttons_sensitive (ClauseView *self, gboolean agree, gboolean disagree)
+{
+  gtk_widget_set_sensitive (GTK_WIDGET (self->agree_button), agree);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->disagree_button), disagree);
+}
+
+static void
+clause_view_set_edit_buttons_sensitive (ClauseView *self, gboolean commit, gboolean cancel)
+{
+  gtk_widget_set_sensitive (GTK_WIDGET (self->commit_button), commit);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->cancel_button), cancel);
+}
+
+static void
+clause_view_connect_text_changed (ClauseView *self)
+{
+  g_signal_connect (gtk_text_view_get_buffer (self->text_view), "changed",
+                    G_CALLBACK (clause_view_text_changed_handle), self);
+}
+
+static void
+clause_view_disconnect_text_changed (ClauseView *self)
+{
+  g_signal_handlers_disconnect_by_func (gtk_text_view_get_buffer (self->text_view),
+                                        (gpointer) clause_view_text_changed_handle, self);
+}
+
+// The text as it can be kept and sent. Belongs to the caller (`dealloc_string`).
+static String
+clause_view_alloc_text (ClauseView *self)
+{
+  char *text = gtk_text_buffer_get_all_text (gtk_text_view_get_buffer (self->text_view));
+  String sendable = alloc_sendable_text (to_string (text));
+  g_free (text);
+  return sendable;
+}
+
+static void
+clause_view_append_row (ClauseView *self, GtkWidget *item)
+{
+  gtk_widget_show (item);
+  gtk_container_add (GTK_CONTAINER (self->revision_select_list), item);
+}
+
+static void
+clause_view_add_draft_row (ClauseView *self)
+{
+  if (self->has_draft_row)
+    return;
+  self->has_draft_row = true;
+  clause_view_append_row (self, clause_revision_list_item_new_draft ());
+}
+
+// Frees the clause's draft, and takes it from the store.
+static void
+clause_view_discard_draft (ClauseView *self)
+{
+  ClauseRevision *draft = self->clause->draft;
+  if (!draft)
+    return;
+  if (draft->db_id)
+    db_delete_clause_revision (clause_view_get_window (self)->db, draft);
+  dealloc_clause_revision (draft);
+  self->clause->draft = NULL;
+}
+
+// ---- Handlers: the text ----
+
+static void
+clause_view_text_changed_handle (GtkTextBuffer *text_buffer, ClauseView *self)
+{
+  CONSOLE_DUMP ("CLAUSE CHANGE");
+  self->revision = NULL;
+  self->is_text_changed = true;
+  if (!self->is_draft)
+    clause_view_begin_draft (self);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->commit_button),
+                            gtk_text_buffer_get_char_count (text_buffer) != 0);
+}
+
+static gboolean
+clause_view_focus_out_handle (GtkWidget *, GdkEvent *, ClauseView *self)
+{
+  CONSOLE_DUMP ("FOCUSE OUT");
+  clause_view_save_draft (self);
+  return FALSE;
+}
+
+// The tagged run under the pointer gets the comparison's tools, just under its line.
+static gboolean
+clause_view_text_view_motion_notify_handle (GtkWidget *widget, GdkEventMotion *event,
+                                            ClauseView *self)
+{
+  GtkTextView *text_view = GTK_TEXT_VIEW (widget);
+  int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (text_view));
+  int x;
+  int y;
+  gtk_text_view_window_to_buffer_coords (text_view, GTK_TEXT_WINDOW_WIDGET, (int) event->x,
+                                         (int) event->y, &x, &y);
+  x += border_width;
+  y += border_width;
+
+  GtkTextIter iter;
+  gtk_text_view_get_iter_at_location (text_view, &iter, x, y);
+  GSList *tags = gtk_text_iter_get_tags (&iter);
+  if (!tags) {
+    gtk_widget_hide (GTK_WIDGET (self->diff_overlay_tools));
+    return FALSE;
+  }
+  g_slist_free (tags);
+
+  self->hovered_word_start = iter;
+  if (!gtk_text_iter_starts_tag (&self->hovered_word_start, NULL)) {
+    bool found = gtk_text_iter_backward_to_tag_toggle (&self->hovered_word_start, NULL);
+    assert (found);
+  }
+  self->hovered_word_end = iter;
+  bool found = gtk_text_iter_forward_to_tag_toggle (&self->hovered_word_end, NULL);
+  assert (found);
+
+  GdkRectangle location;
+  gtk_text_view_get_iter_location (text_view, &iter, &location);
+  int tools_width = gtk_widget_get_allocated_width (GTK_WIDGET (self->diff_overlay_tools));
+  gtk_widget_set_margin_start (GTK_WIDGET (self->diff_overlay_tools),
+                               MAX (0, x + 2 * border_width - tools_width / 2));
+  gtk_widget_set_margin_top (GTK_WIDGET (self->diff_overlay_tools),
+                             location.y + location.height + border_width);
+  gtk_widget_show (GTK_WIDGET (self->diff_overlay_tools));
+  return FALSE;
+}
+
+// ---- Handlers: the revisions list and the buttons ----
+
+static void
+clause_view_revision_select_list_box_row_activate_handle (GtkListBox *, GtkListBoxRow *row,
+                                                          ClauseView *self)
+{
+  GtkWidget *child = gtk_bin_get_child (GTK_BIN (row));
+  ClauseRevision *revision =
+    clause_revision_list_item_get_revision (MORVANE_CLAUSE_REVISION_LIST_ITEM (child));
+  gtk_popover_popdown (self->revisions_popover);
+  // Only the draft's row is without a revision.
+  if (!revision || revision->status == REVISION_DRAFT) {
+    clause_view_show_draft (self);
+  } else if (revision->status == REVISION_COMMITTED) {
+    clause_view_show_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
+  }
+}
+
+static void
+clause_view_agree_button_handle (GtkButton *, ClauseView *self)
+{
+  assert (self->revision);
+  clause_view_make_new_decision (self, clause_view_get_window (self)->account.bare_jid,
+                                 DECISION_AGREE);
+  clause_view_set_decision_buttons_sensitive (self, FALSE, TRUE);
+}
+
+static void
+clause_view_disagree_button_handle (GtkButton *, ClauseView *self)
+{
+  assert (self->revision);
+  clause_view_make_new_decision (self, clause_view_get_window (self)->account.bare_jid,
+                                 DECISION_DISAGREE);
+  clause_view_set_decision_buttons_sensitive (self, TRUE, FALSE);
+}
+
+// Sends what was committed. A clause reaches the other party with its first revision only.
+static void
+clause_view_send_revision (ClauseView *self, ClauseRevision *revision)
+{
+  AppWindow *window = clause_view_get_window (self);
+  gnutls_session_t tls_session = window->connection.tls_session;
+  Buffer buffer = window->output_stream_buffer;
+  String from = window->account.full_jid;
+  if (self->clause->revisions_count == 1) {
+    clause_view_enable_chat (self);
+    // The other party knows its own clauses.
+    if (self->clause->initiator == window->account.bare_jid) {
+      xmpp_send_clause (tls_session, buffer, generate_xmpp_id (window), from, self->procedure,
+                        self->clause);
+    }
+  }
+  xmpp_send_clause_revision (tls_session, buffer, generate_xmpp_id (window), from, self->procedure,
+                             self->clause, revision);
+}
+
+static void
+clause_view_commit_button_handle (GtkButton *, ClauseView *self)
+{
+  assert (self->is_draft);
+  AppWindow *window = clause_view_get_window (self);
+  Clause *clause = self->clause;
+  String own = window->account.bare_jid;
+  clause_view_remove_draft_from_revisions_select_list (self);
+  clause_view_discard_draft (self);
+  if (!clause->db_id)
+    db_insert_clause (window->db, clause);
+
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  assert (gtk_text_buffer_get_char_count (text_buffer));
+  String text = clause_view_alloc_text (self);
+  s64 time = clause_get_free_revision_time (clause, own, get_posix_time ());
+  ClauseRevision *revision =
+    alloc_clause_revision (0, clause->db_id, time, own, REVISION_COMMITTED, text);
+  dealloc_string (text);
+  // It is the revision now, and no draft to be kept.
+  self->is_text_changed = false;
+
+  clause_view_add_revision (self, revision);
+  clause_add_revision (clause, revision);
+  db_insert_clause_revision (window->db, revision);
+  clause_view_show_revision (self, revision, own);
+  clause_view_send_revision (self, revision);
+}
+
+// Takes an own clause that nobody else knows out of the world, this view with it.
+static void
+clause_view_remove_clause (ClauseView *self)
+{
+  Clause *clause = self->clause;
+  // A text that is destroyed still loses the focus.
+  clause_view_disconnect_text_changed (self);
+  g_signal_handlers_disconnect_by_func (self->text_view, (gpointer) clause_view_focus_out_handle,
+                                        self);
+  s64 index = procedure_get_clause_index_reversed (self->procedure, clause);
+  if (index >= 0)
+    procedure_remove_clause (self->procedure, (u32) index);
+  db_delete_clause (clause_view_get_window (self)->db, clause);
+  if (clause->chat_page)
+    gtk_widget_destroy (GTK_WIDGET (clause->chat_page));
+  gtk_widget_destroy (GTK_WIDGET (self));
+  dealloc_clause (clause);
+}
+
+static void
+clause_view_cancel_button_handle (GtkButton *, ClauseView *self)
+{
+  assert (self->is_draft);
+  String own = clause_view_get_window (self)->account.bare_jid;
+  Clause *clause = self->clause;
+  if (!clause->revisions_count && clause->initiator == own) {
+    clause_view_remove_clause (self);
+    return;
+  }
+  self->is_text_changed = false;
+  if (clause->revisions_count) {
+    clause_view_remove_draft_from_revisions_select_list (self);
+    ClauseRevision *target = self->base_revision;
+    if (!target)
+      target = clause->revisions[clause->revisions_count - 1];
+    clause_view_discard_draft (self);
+    clause_view_show_revision (self, target, own);
+  } else {
+    // The other party's clause, whose first revision is still to come.
+    if (self->has_draft_row)
+      clause_view_remove_draft_from_revisions_select_list (self);
+    clause_view_discard_draft (self);
+    clause_view_set_text (self, {});
+    clause_view_set_draft_mode (self);
+  }
+}
+
+static void
+clause_view_chat_button_handle (GtkButton *, ClauseView *self)
+{
+  procedure_view_show_clause_chat_page (self->procedure->view, self->clause->chat_page);
+}
+
+// The run stays, as ordinary text.
+static void
+clause_view_diff_add_button_handle (GtkButton *, ClauseView *self)
+{
+  gtk_text_buffer_remove_all_tags (gtk_text_view_get_buffer (self->text_view),
+                                   &self->hovered_word_start, &self->hovered_word_end);
+  gtk_widget_hide (GTK_WIDGET (self->diff_overlay_tools));
+}
+
+// The run goes. Where it was the last one, what is left is a draft.
+static void
+clause_view_diff_del_button_handle (GtkButton *, ClauseView *self)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  gtk_text_buffer_delete (text_buffer, &self->hovered_word_start, &self->hovered_word_end);
+  gtk_widget_hide (GTK_WIDGET (self->diff_overlay_tools));
+  GtkTextIter iter;
+  gtk_text_buffer_get_start_iter (text_buffer, &iter);
+  bool has_tags =
+    gtk_text_iter_toggles_tag (&iter, NULL) || gtk_text_iter_forward_to_tag_toggle (&iter, NULL);
+  if (!has_tags)
+    clause_view_begin_draft (self);
+}
+
+static void
+clause_view_class_init (ClauseViewClass *view_class)
+{
+  GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
+  gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/clause_view.ui");
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, chat_button);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, text_view);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, revision_select_menu_button);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, revision_status_label);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, decision_status_label);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, agree_button);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, disagree_button);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, commit_button);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, cancel_button);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, diff_overlay_tools);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, diff_add_button);
+  gtk_widget_class_bind_template_child (widget_class, ClauseView, diff_del_button);
+}
+
+static void
+clause_view_init (ClauseView *self)
+{
+  gtk_widget_init_template (GTK_WIDGET (self));
+  g_signal_connect (self->chat_button, "clicked", G_CALLBACK (clause_view_chat_button_handle),
+                    self);
+  clause_view_set_decision_buttons_sensitive (self, FALSE, FALSE);
+  clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
+}
+
+static void
+clause_view_make_revision_selector (ClauseView *self)
+{
+  self->revision_select_list = GTK_LIST_BOX (gtk_list_box_new ());
+  self->revisions_scroller = GTK_SCROLLED_WINDOW (gtk_scrolled_window_new (NULL, NULL));
+  gtk_scrolled_window_set_policy (self->revisions_scroller, GTK_POLICY_NEVER, GTK_POLICY_AUTOMATIC);
+  gtk_scrolled_window_set_min_content_height (self->revisions_scroller, 300);
+  gtk_container_add (GTK_CONTAINER (self->revisions_scroller),
+                     GTK_WIDGET (self->revision_select_list));
+  gtk_widget_show_all (GTK_WIDGET (self->revisions_scroller));
+  self->revisions_popover =
+    GTK_POPOVER (gtk_popover_new (GTK_WIDGET (self->revision_select_menu_button)));
+  gtk_menu_button_set_popover (self->revision_select_menu_button,
+                               GTK_WIDGET (self->revisions_popover));
+  gtk_container_add (GTK_CONTAINER (self->revisions_popover),
+                     GTK_WIDGET (self->revisions_scroller));
+}
+
+static void
+clause_view_connect_handlers (ClauseView *self)
+{
+  clause_view_connect_text_changed (self);
+  g_signal_connect (self->agree_button, "clicked", G_CALLBACK (clause_view_agree_button_handle),
+                    self);
+  g_signal_connect (self->disagree_button, "clicked",
+                    G_CALLBACK (clause_view_disagree_button_handle), self);
+  g_signal_connect (self->commit_button, "clicked", G_CALLBACK (clause_view_commit_button_handle),
+                    self);
+  g_signal_connect (self->cancel_button, "clicked", G_CALLBACK (clause_view_cancel_button_handle),
+                    self);
+  g_signal_connect (self->text_view, "focus-out-event", G_CALLBACK (clause_view_focus_out_handle),
+                    self);
+  g_signal_connect (self->text_view, "motion-notify-event",
+                    G_CALLBACK (clause_view_text_view_motion_notify_handle), self);
+  g_signal_connect (self->revision_select_list, "row-activated",
+                    G_CALLBACK (clause_view_revision_select_list_box_row_activate_handle), self);
+  g_signal_connect (self->diff_add_button, "clicked",
+                    G_CALLBACK (clause_view_diff_add_button_handle), self);
+  g_signal_connect (self->diff_del_button, "clicked",
+                    G_CALLBACK (clause_view_diff_del_button_handle), self);
+}
+
+GtkWidget *
+clause_view_new (Procedure *procedure, Clause *clause)
+{
+  ClauseView *self = MORVANE_CLAUSE_VIEW (g_object_new (clause_view_get_type (), NULL));
+  self->procedure = procedure;
+  self->clause = clause;
+  clause_view_make_revision_selector (self);
+  if (clause->revisions_count)
+    clause_view_enable_chat (self);
+  for (u32 i = 0; i < clause->revisions_count; i++) {
+    clause_view_add_revision (self, clause->revisions[i]);
+  }
+  if (clause->draft)
+    clause_view_add_draft_row (self);
+  clause_view_connect_handlers (self);
+  return GTK_WIDGET (self);
+}
+
+// ---- Revisions and the draft ----
+
+void
+clause_view_add_revision (ClauseView *self, ClauseRevision *revision)
+{
+  clause_view_append_row (self, clause_revision_list_item_new (revision));
+}
+
+static void
+clause_view_show_own_decision (ClauseView *self, ClauseRevision *revision, String own)
+{
+  ClauseRevisionDecision *decision = get_revision_decision_by_author (revision, own);
+  if (!decision) {
+    clause_view_set_decision_buttons_sensitive (self, TRUE, TRUE);
+  } else if (decision->status == DECISION_AGREE) {
+    clause_view_set_decision_buttons_sensitive (self, FALSE, TRUE);
+  } else if (decision->status == DECISION_DISAGREE) {
+    clause_view_set_decision_buttons_sensitive (self, TRUE, FALSE);
+  } else {
+    assert (!"Unhandled decision case.");
+  }
+}
+
+static void
+clause_view_show_others_decision (ClauseView *self, DecisionStatus status)
+{
+  if (status == DECISION_AGREE) {
+    clause_view_set_others_decision_to_agree (self);
+  } else if (status == DECISION_DISAGREE) {
+    clause_view_set_others_decision_to_disagree (self);
+  } else {
+    assert (!"Unhandled decision case.");
+  }
+}
+
+static void
+clause_view_show_revision_status (ClauseView *self, ClauseRevision *revision)
+{
+  char *status = alloc_format_cstr ("%.*s:%ld", STRING_ARGS (revision->author), revision->time);
+  gtk_label_set_text (self->revision_status_label, status);
+  dealloc_cstr (status);
+}
+
+void
+clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String own)
+{
+  // What the user typed is not lost when something else is shown in its place.
+  clause_view_save_draft (self);
+  GtkListBoxRow *row = clause_revision_list_item_find_row (self->revision_select_list, revision);
+  assert (row);
+  gtk_list_box_select_row (self->revision_select_list, row);
+  self->revision = revision;
+  self->base_revision = revision;
+  self->is_text_changed = false;
+  self->is_draft = false;
+  clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
+  clause_view_set_text (self, revision->text);
+  clause_view_show_revision_status (self, revision);
+  clause_view_show_own_decision (self, revision, own);
+
+  String other = clause_view_get_other_party (self, own);
+  ClauseRevisionDecision *decision = get_revision_decision_by_author (revision, other);
+  if (decision) {
+    clause_view_show_others_decision (self, decision->status);
+  } else {
+    gtk_label_set_markup (self->decision_status_label, " ");
+  }
+}
+
+void
+clause_view_show_draft (ClauseView *self)
+{
+  clause_view_save_draft (self);
+  assert (self->clause->draft);
+  clause_view_set_text (self, self->clause->draft->text);
+  clause_view_set_draft_mode (self);
+}
+
+void
+clause_view_set_draft_mode (ClauseView *self)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  self->is_draft = true;
+  gtk_label_set_text (self->revision_status_label, "draft");
+  gtk_label_set_text (self->decision_status_label, " ");
+  clause_view_set_decision_buttons_sensitive (self, FALSE, FALSE);
+  clause_view_set_edit_buttons_sensitive (self, gtk_text_buffer_get_char_count (text_buffer) != 0,
+                                          TRUE);
+}
+
+void
+clause_view_begin_draft (ClauseView *self)
+{
+  clause_view_add_draft_row (self);
+  GtkListBoxRow *row = clause_revision_list_item_draft_find_row (self->revision_select_list);
+  assert (row);
+  gtk_list_box_select_row (self->revision_select_list, row);
+  clause_view_set_draft_mode (self);
+}
+
+static void
+clause_view_store_draft (ClauseView *self, String text)
+{
+  AppWindow *window = clause_view_get_window (self);
+  Clause *clause = self->clause;
+  if (clause->draft) {
+    clause->draft->time = get_posix_time ();
+    dealloc_string (clause->draft->text);
+    clause->draft->text = alloc_string (text);
+    db_update_clause_revision_text (window->db, clause->draft);
+  } else {
+    if (!clause->db_id)
+      db_insert_clause (window->db, clause);
+    clause->draft = alloc_clause_revision (0, clause->db_id, get_posix_time (),
+                                           window->account.bare_jid, REVISION_DRAFT, text);
+    db_insert_clause_revision (window->db, clause->draft);
+  }
+}
+
+void
+clause_view_save_draft (ClauseView *self)
+{
+  if (!self->is_text_changed)
+    return;
+  String text = clause_view_alloc_text (self);
+  clause_view_store_draft (self, text);
+  dealloc_string (text);
+  self->is_text_changed = false;
+  // Without its row it could not be reached once something else is shown.
+  clause_view_add_draft_row (self);
+}
+
+void
+clause_view_remove_draft_from_revisions_select_list (ClauseView *self)
+{
+  GtkListBoxRow *row = clause_revision_list_item_draft_find_row (self->revision_select_list);
+  if (row) {
+    gtk_container_remove (GTK_CONTAINER (self->revision_select_list), GTK_WIDGET (row));
+  } else {
+    console_put ("Warning: Trying to remove draft row from revisions list, but there's no draft "
+                 "there.\n");
+  }
+  self->has_draft_row = false;
+}
+
+void
+clause_view_set_text (ClauseView *self, String text)
+{
+  clause_view_disconnect_text_changed (self);
+  gtk_text_buffer_set_text (gtk_text_view_get_buffer (self->text_view),
+                            text.size ? (const char *) text.data : "", (gint) text.size);
+  clause_view_connect_text_changed (self);
+}
+
+void
+clause_view_enable_chat (ClauseView *self)
+{
+  gtk_widget_set_sensitive (GTK_WIDGET (self->chat_button), TRUE);
+}
+
+// ---- Decisions ----
+
+// The word "contractor" stands for the other party, also when that is the initiator.
+void
+clause_view_set_others_decision_to_agree (ClauseView *self)
+{
+  gtk_label_set_markup (self->decision_status_label,
+                        "<span foreground=\"#2b2\">contractor agrees</span>");
+}
+
+void
+clause_view_set_others_decision_to_disagree (ClauseView *self)
+{
+  gtk_label_set_markup (self->decision_status_label,
+                        "<span foreground=\"#e44\">contractor disagrees</span>");
+}
+
+void
+clause_view_set_others_revision_decision (ClauseView *self, ClauseRevision *revision,
+                                          ClauseRevisionDecision *decision)
+{
+  if (self->is_draft || revision != self->revision)
+    return;
+  String own = clause_view_get_window (self)->account.bare_jid;
+  if (decision->author != clause_view_get_other_party (self, own))
+    return;
+  clause_view_show_others_decision (self, decision->status);
+}
+
+void
+clause_view_make_new_decision (ClauseView *self, String author, DecisionStatus status)
+{
+  assert (self->revision);
+  AppWindow *window = clause_view_get_window (self);
+  ClauseRevision *revision = self->revision;
+  ClauseRevisionDecision *decision = get_revision_decision_by_author (revision, author);
+  if (decision) {
+    decision->time = get_posix_time ();
+    decision->status = status;
+    db_update_clause_revision_decision_time_and_status (window->db, decision);
+  } else {
+    decision =
+      alloc_clause_revision_decision (0, revision->db_id, get_posix_time (), author, status);
+    db_insert_clause_revision_decision (window->db, decision);
+    clause_revision_add_decision (revision, decision);
+  }
+  xmpp_send_clause_revision_decision (window, self->procedure, self->clause, revision, decision);
+}
+
+// ---- Comparison ----
+
+// What the walk over a comparison appends to.
+struct DiffDisplay {
+  GtkTextBuffer *text_buffer;
+  GtkTextTag *added_tag;
+  GtkTextTag *deleted_tag;
+  StringsStack older_words;
+  StringsStack newer_words;
+};
+
+static void
+append_diff_word (DiffKind kind, u32 index, void *data)
+{
+  DiffDisplay *display = (DiffDisplay *) data;
+  String word =
+    kind == DIFF_ADDED ? display->newer_words.strings[index] : display->older_words.strings[index];
+  GtkTextIter end;
+  gtk_text_buffer_get_end_iter (display->text_buffer, &end);
+  if (kind == DIFF_COMMON) {
+    gtk_text_buffer_insert (display->text_buffer, &end, (const char *) word.data, (gint) word.size);
+    return;
+  }
+  // A line break that came or went would not be seen.
+  if (word == "\n")
+    word = to_string ("\u23ce\n");
+  GtkTextTag *tag = kind == DIFF_ADDED ? display->added_tag : display->deleted_tag;
+  gtk_text_buffer_insert_with_tags (display->text_buffer, &end, (const char *) word.data,
+                                    (gint) word.size, tag, NULL);
+}
+
+void
+clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *newer)
+{
+  self->is_text_changed = false;
+  self->is_draft = false;
+  clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
+  char *status = alloc_format_cstr ("%.*s:%ld > %.*s:%ld", STRING_ARGS (older->author), older->time,
+                                    STRING_ARGS (newer->author), newer->time);
+  gtk_label_set_text (self->revision_status_label, status);
+  dealloc_cstr (status);
+
+  DiffDisplay display = {};
+  display.older_words = alloc_split_string_by_words (older->text);
+  display.newer_words = alloc_split_string_by_words (newer->text);
+  Diff diff = alloc_diff (display.older_words, display.newer_words);
+  clause_view_disconnect_text_changed (self);
+  display.text_buffer = gtk_text_view_get_buffer (self->text_view);
+  display.added_tag =
+    gtk_text_buffer_create_tag (display.text_buffer, NULL, "background", "#085", NULL);
+  display.deleted_tag =
+    gtk_text_buffer_create_tag (display.text_buffer, NULL, "background", "#c55", NULL);
+  diff_walk (diff, append_diff_word, &display);
+  dealloc_diff (diff);
+  dealloc_strings_stack (display.older_words);
+  dealloc_strings_stack (display.newer_words);
+  clause_view_connect_text_changed (self);
+}

@@ -1,0 +1,50 @@
+// One clause of a procedure on the screen: the text of the revision shown, who wrote it and when,
+// both parties' decisions on it, and the cycle that turns typing into a draft and a draft into a
+// committed revision. Also the word by word comparison of two revisions.
+//
+// Ownership: a widget; borrows the procedure and the clause, which outlive it.
+//
+// Threads: the interface thread only.
+#pragma once
+
+#include <gtk/gtk.h>
+
+#include "procedure.h"
+
+G_DECLARE_FINAL_TYPE (ClauseView, clause_view, MORVANE, CLAUSE_VIEW, GtkBox)
+
+// Shows nothing until a revision is shown or draft mode is set; a stored draft has its row.
+GtkWidget *clause_view_new (Procedure *procedure, Clause *clause);
+
+// ---- Revisions and the draft ----
+
+// A new row for a revision that the clause has; what is shown stays.
+void clause_view_add_revision (ClauseView *self, ClauseRevision *revision);
+// `own` is the bare JID of the account. Unsaved typing is kept as the draft first. A revision
+// without a row stops the program.
+void clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String own);
+// The clause must have a draft.
+void clause_view_show_draft (ClauseView *self);
+void clause_view_set_draft_mode (ClauseView *self);
+void clause_view_begin_draft (ClauseView *self);
+// Stores what was typed since the last save as the clause's draft; nothing when there is nothing.
+void clause_view_save_draft (ClauseView *self);
+void clause_view_remove_draft_from_revisions_select_list (ClauseView *self);
+// Shows `text` without starting a draft.
+void clause_view_set_text (ClauseView *self, String text);
+void clause_view_enable_chat (ClauseView *self);
+
+// ---- Decisions ----
+
+// Shows the other party's decision, when `revision` is the one shown.
+void clause_view_set_others_revision_decision (ClauseView *self, ClauseRevision *revision,
+                                               ClauseRevisionDecision *decision);
+void clause_view_set_others_decision_to_agree (ClauseView *self);
+void clause_view_set_others_decision_to_disagree (ClauseView *self);
+// Records, stores and sends a decision on the revision shown.
+void clause_view_make_new_decision (ClauseView *self, String author, DecisionStatus status);
+
+// ---- Comparison ----
+
+// Appends the comparison to the text, which the caller has emptied. Both texts must have words.
+void clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *newer);
