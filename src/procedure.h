@@ -130,6 +130,10 @@ void dealloc_procedure (Procedure *procedure);
 ProceduresStack alloc_procedure_stack ();
 void dealloc_procedure_stack (ProceduresStack stack);
 
+// A title as records and the store hold it: each apostrophe becomes the typographic one (U+2019),
+// since the store writes titles unquoted. Belongs to the caller (`dealloc_string`).
+String alloc_procedure_title (String text);
+
 // ---- Adding ----
 
 // The container takes over the added record. A full array doubles. Asserts that the capacity is
