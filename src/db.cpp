@@ -39,7 +39,7 @@ static const char SCHEMA_SQL[] =
 sqlite3 *
 db_connect (const char *path)
 {
-  int is_threadsafe = sqlite3_threadsafe ();
+  [[maybe_unused]] int is_threadsafe = sqlite3_threadsafe ();
   assert (is_threadsafe);
 
   sqlite3 *db = NULL;
@@ -83,7 +83,7 @@ void
 db_exec_quiet (sqlite3 *db, const char *sql, DBRowCallback *callback, void *argument)
 {
   char *error_msg = NULL;
-  int error = sqlite3_exec (db, sql, callback, argument, &error_msg);
+  [[maybe_unused]] int error = sqlite3_exec (db, sql, callback, argument, &error_msg);
   if (error_msg) {
     CONSOLE_DUMP (sql);
     CONSOLE_DUMP (error_msg);
@@ -272,7 +272,7 @@ _db_get_account_db_id (void *argument, int columns_count, char **values, char **
   console_put_columns ("", 1, values, names, "");
   assert (!strcmp (key, "db_id"));
   assert (value);
-  if (value) {
+  if (value && !strcmp (key, "db_id")) {
     *(u64 *) argument = cstr_dec_to_u64 (value);
   }
   return 0;
