@@ -283,7 +283,7 @@ _db_get_account_db_id (void *argument, int columns_count, char **values, char **
 static bool
 is_column (const char *key, const char *name, const char *value)
 {
-  if (strcmp (key, name)) {
+  if (strcmp (key, name) != 0) {
     return false;
   }
   assert (value);

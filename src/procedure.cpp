@@ -225,7 +225,7 @@ alloc_procedure_title (String text)
     if (text.data[i] == '\'') {
       title_p = buffer_append_cstr (title_p, APOSTROPHE);
     } else {
-      title_p = buffer_append_char (title_p, text.data[i]);
+      title_p = buffer_append_char (title_p, (char) text.data[i]);
     }
   }
   return {title.data, title.size - title_p.size};

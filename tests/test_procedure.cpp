@@ -285,6 +285,31 @@ TEST (dealloc_procedure_stack, frees_the_whole_tree)
   dealloc_procedure_stack (stack);  // the leak sanitizer looks at what is left
 }
 
+// ---- Titles ----
+
+static std::string
+title_of (const std::string &text)
+{
+  String title = alloc_procedure_title (string_of (text));
+  std::string result = text_of (title);
+  dealloc_string (title);
+  return result;
+}
+
+TEST (alloc_procedure_title, writes_another_apostrophe_and_changes_no_other_byte)
+{
+  EXPECT_EQ (title_of ("it's"), "it\u2019s");
+  EXPECT_EQ (title_of ("''"), "\u2019\u2019");
+  EXPECT_EQ (title_of (""), "");
+  std::string others;
+  for (int c = 0; c < 256; ++c) {
+    if (c != '\'') {
+      others += (char) c;
+    }
+  }
+  EXPECT_EQ (title_of (others), others);
+}
+
 // ---- Adding ----
 
 TEST (clause_revision_add_decision, doubles_at_the_33rd_and_keeps_all)
