@@ -35,14 +35,28 @@ struct _ClauseView {
   GtkBox *diff_overlay_tools;
   GtkButton *diff_add_button;
   GtkButton *diff_del_button;
-  // The tagged run under the pointer, which the comparison's tools act on.
-  GtkTextIter hovered_word_start;
+  // The comparison.
+  bool is_comparing;
+  GtkTextTag *added_tag;  // both of the buffer's table while comparing
+  GtkTextTag *deleted_tag;
+  GSList *return_marks;  // in front of each return symbol that stands for a line break
+  bool has_hovered_word;
+  GtkTextIter
+    hovered_word_start;  // the tagged run that the tools act on, good until the text changes
   GtkTextIter hovered_word_end;
 };
 
 G_DEFINE_TYPE (ClauseView, clause_view, GTK_TYPE_BOX)
 
 static void clause_view_text_changed_handle (GtkTextBuffer *text_buffer, ClauseView *self);
+static void clause_view_end_diff (ClauseView *self);
+static void clause_view_compare (ClauseView *self, ClauseRevision *revision,
+                                 ClauseRevision *other_revision);
+static void clause_view_leave_diff (ClauseView *self);
+static bool clause_view_has_changes (ClauseView *self);
+static void clause_view_decide_change (ClauseView *self, bool is_kept);
+static void clause_view_keep_all_changes (ClauseView *self);
+static void clause_view_use_as_draft (ClauseView *self);
 
 // ---- Helpers ----
 
@@ -149,7 +163,46 @@ clause_view_focus_out_handle (GtkWidget *, GdkEvent *, ClauseView *self)
   return FALSE;
 }
 
-// The tagged run under the pointer gets the comparison's tools, just under its line.
+static void
+clause_view_drop_hovered_word (ClauseView *self)
+{
+  self->has_hovered_word = false;
+  gtk_widget_hide (GTK_WIDGET (self->diff_overlay_tools));
+}
+
+// Gives the tagged run at `iter` the comparison's tools, just under its line and centred on `x`
+// (buffer coordinates); elsewhere there are none.
+static void
+clause_view_show_diff_tools (ClauseView *self, GtkTextIter iter, int x)
+{
+  GSList *tags = gtk_text_iter_get_tags (&iter);
+  if (!tags) {
+    clause_view_drop_hovered_word (self);
+    return;
+  }
+  g_slist_free (tags);
+
+  self->hovered_word_start = iter;
+  if (!gtk_text_iter_starts_tag (&self->hovered_word_start, NULL)) {
+    bool found = gtk_text_iter_backward_to_tag_toggle (&self->hovered_word_start, NULL);
+    assert (found);
+  }
+  self->hovered_word_end = iter;
+  bool found = gtk_text_iter_forward_to_tag_toggle (&self->hovered_word_end, NULL);
+  assert (found);
+  self->has_hovered_word = true;
+
+  GdkRectangle location;
+  gtk_text_view_get_iter_location (self->text_view, &iter, &location);
+  int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (self->text_view));
+  int tools_width = gtk_widget_get_allocated_width (GTK_WIDGET (self->diff_overlay_tools));
+  gtk_widget_set_margin_start (GTK_WIDGET (self->diff_overlay_tools),
+                               MAX (0, x + 2 * border_width - tools_width / 2));
+  gtk_widget_set_margin_top (GTK_WIDGET (self->diff_overlay_tools),
+                             location.y + location.height + border_width);
+  gtk_widget_show (GTK_WIDGET (self->diff_overlay_tools));
+}
+
 static gboolean
 clause_view_text_view_motion_notify_handle (GtkWidget *widget, GdkEventMotion *event,
                                             ClauseView *self)
@@ -162,34 +215,82 @@ clause_view_text_view_motion_notify_handle (GtkWidget *widget, GdkEventMotion *e
                                          (int) event->y, &x, &y);
   x += border_width;
   y += border_width;
-
   GtkTextIter iter;
   gtk_text_view_get_iter_at_location (text_view, &iter, x, y);
-  GSList *tags = gtk_text_iter_get_tags (&iter);
-  if (!tags) {
-    gtk_widget_hide (GTK_WIDGET (self->diff_overlay_tools));
-    return FALSE;
-  }
-  g_slist_free (tags);
-
-  self->hovered_word_start = iter;
-  if (!gtk_text_iter_starts_tag (&self->hovered_word_start, NULL)) {
-    bool found = gtk_text_iter_backward_to_tag_toggle (&self->hovered_word_start, NULL);
-    assert (found);
-  }
-  self->hovered_word_end = iter;
-  bool found = gtk_text_iter_forward_to_tag_toggle (&self->hovered_word_end, NULL);
-  assert (found);
-
-  GdkRectangle location;
-  gtk_text_view_get_iter_location (text_view, &iter, &location);
-  int tools_width = gtk_widget_get_allocated_width (GTK_WIDGET (self->diff_overlay_tools));
-  gtk_widget_set_margin_start (GTK_WIDGET (self->diff_overlay_tools),
-                               MAX (0, x + 2 * border_width - tools_width / 2));
-  gtk_widget_set_margin_top (GTK_WIDGET (self->diff_overlay_tools),
-                             location.y + location.height + border_width);
-  gtk_widget_show (GTK_WIDGET (self->diff_overlay_tools));
+  clause_view_show_diff_tools (self, iter, x);
   return FALSE;
+}
+
+// The keyboard's way to a change: the tools follow the cursor too, and Tab leads to them.
+static void
+clause_view_cursor_position_handle (GtkTextBuffer *text_buffer, GParamSpec *, ClauseView *self)
+{
+  if (!self->is_comparing || !gtk_widget_has_focus (GTK_WIDGET (self->text_view)))
+    return;
+  GtkTextIter iter;
+  gtk_text_buffer_get_iter_at_mark (text_buffer, &iter, gtk_text_buffer_get_insert (text_buffer));
+  GdkRectangle location;
+  gtk_text_view_get_iter_location (self->text_view, &iter, &location);
+  clause_view_show_diff_tools (self, iter, location.x);
+}
+
+// Escape leaves a comparison.
+static gboolean
+clause_view_text_view_key_press_handle (GtkWidget *, GdkEventKey *event, ClauseView *self)
+{
+  if (!self->is_comparing || event->keyval != GDK_KEY_Escape)
+    return FALSE;
+  clause_view_leave_diff (self);
+  return TRUE;
+}
+
+// ---- Handlers: the text's menu ----
+
+static void
+clause_view_append_menu_item (ClauseView *self, GtkWidget *menu, const char *label,
+                              bool is_sensitive, void (*handler) (ClauseView *))
+{
+  GtkWidget *item = gtk_menu_item_new_with_label (label);
+  gtk_widget_set_sensitive (item, is_sensitive);
+  g_signal_connect_swapped (item, "activate", G_CALLBACK (handler), self);
+  gtk_widget_show (item);
+  gtk_menu_shell_append (GTK_MENU_SHELL (menu), item);
+}
+
+// The committed revision ahead of the one shown; none ahead of the first.
+static ClauseRevision *
+clause_view_get_previous_revision (ClauseView *self)
+{
+  s64 index = get_revision_index_reversed (self->clause, self->revision);
+  return index > 0 ? self->clause->revisions[index - 1] : NULL;
+}
+
+static void
+clause_view_compare_with_previous (ClauseView *self)
+{
+  ClauseRevision *previous = clause_view_get_previous_revision (self);
+  if (previous)
+    clause_view_compare (self, previous, self->revision);
+}
+
+static void
+clause_view_populate_popup_handle (GtkTextView *, GtkWidget *popup, ClauseView *self)
+{
+  if (!GTK_IS_MENU (popup))
+    return;
+  if (self->is_comparing) {
+    bool has_changes = clause_view_has_changes (self);
+    clause_view_append_menu_item (self, popup, "Keep all remaining changes", has_changes,
+                                  clause_view_keep_all_changes);
+    clause_view_append_menu_item (self, popup, "Use this text as draft", !has_changes,
+                                  clause_view_use_as_draft);
+    clause_view_append_menu_item (self, popup, "Leave the comparison", true,
+                                  clause_view_leave_diff);
+  } else if (self->revision && !self->is_draft) {
+    clause_view_append_menu_item (self, popup, "Compare with the previous revision",
+                                  clause_view_get_previous_revision (self) != NULL,
+                                  clause_view_compare_with_previous);
+  }
 }
 
 // ---- Handlers: the revisions list and the buttons ----
@@ -208,6 +309,74 @@ clause_view_revision_select_list_box_row_activate_handle (GtkListBox *, GtkListB
   } else if (revision->status == REVISION_COMMITTED) {
     clause_view_show_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
   }
+}
+
+// What the user looks at, as the one end of a comparison; the draft must be stored.
+static ClauseRevision *
+clause_view_get_shown_revision (ClauseView *self)
+{
+  if (self->is_draft)
+    return self->clause->draft;
+  return self->revision ? self->revision : self->base_revision;
+}
+
+static void
+clause_view_compare_menu_item_handle (GtkMenuItem *item, ClauseView *self)
+{
+  GtkListBoxRow *row = GTK_LIST_BOX_ROW (g_object_get_data (G_OBJECT (item), "row"));
+  GtkWidget *child = gtk_bin_get_child (GTK_BIN (row));
+  ClauseRevision *revision =
+    clause_revision_list_item_get_revision (MORVANE_CLAUSE_REVISION_LIST_ITEM (child));
+  gtk_popover_popdown (self->revisions_popover);
+  clause_view_save_draft (self);
+  clause_view_compare (self, revision ? revision : self->clause->draft,
+                       clause_view_get_shown_revision (self));
+}
+
+// The menu of one row; `event` is what asked for it.
+static void
+clause_view_show_row_menu (ClauseView *self, GtkListBoxRow *row, GdkEvent *event)
+{
+  GtkWidget *menu = gtk_menu_new ();
+  gtk_menu_attach_to_widget (GTK_MENU (menu), GTK_WIDGET (row), NULL);
+  g_signal_connect (menu, "selection-done", G_CALLBACK (gtk_widget_destroy), NULL);
+  GtkWidget *item = gtk_menu_item_new_with_label ("Compare with the revision shown");
+  g_object_set_data_full (G_OBJECT (item), "row", g_object_ref (row), g_object_unref);
+  g_signal_connect (item, "activate", G_CALLBACK (clause_view_compare_menu_item_handle), self);
+  gtk_widget_show (item);
+  gtk_menu_shell_append (GTK_MENU_SHELL (menu), item);
+  if (event) {
+    gtk_menu_popup_at_pointer (GTK_MENU (menu), event);
+  } else {
+    gtk_menu_popup_at_widget (GTK_MENU (menu), GTK_WIDGET (row), GDK_GRAVITY_SOUTH_WEST,
+                              GDK_GRAVITY_NORTH_WEST, NULL);
+    gtk_menu_shell_select_first (GTK_MENU_SHELL (menu), TRUE);
+  }
+}
+
+static gboolean
+clause_view_revision_select_list_button_press_handle (GtkWidget *, GdkEvent *event,
+                                                      ClauseView *self)
+{
+  if (!gdk_event_triggers_context_menu (event))
+    return FALSE;
+  GtkListBoxRow *row =
+    gtk_list_box_get_row_at_y (self->revision_select_list, (int) event->button.y);
+  if (!row)
+    return FALSE;
+  clause_view_show_row_menu (self, row, event);
+  return TRUE;
+}
+
+// The Menu key, or Shift and F10.
+static gboolean
+clause_view_revision_select_list_popup_menu_handle (GtkWidget *, ClauseView *self)
+{
+  GtkWidget *row = gtk_container_get_focus_child (GTK_CONTAINER (self->revision_select_list));
+  if (!row)
+    return FALSE;
+  clause_view_show_row_menu (self, GTK_LIST_BOX_ROW (row), NULL);
+  return TRUE;
 }
 
 static void
@@ -330,34 +499,31 @@ clause_view_chat_button_handle (GtkButton *, ClauseView *self)
   procedure_view_show_clause_chat_page (self->procedure->view, self->clause->chat_page);
 }
 
-// The run stays, as ordinary text.
 static void
 clause_view_diff_add_button_handle (GtkButton *, ClauseView *self)
 {
-  gtk_text_buffer_remove_all_tags (gtk_text_view_get_buffer (self->text_view),
-                                   &self->hovered_word_start, &self->hovered_word_end);
-  gtk_widget_hide (GTK_WIDGET (self->diff_overlay_tools));
+  clause_view_decide_change (self, true);
 }
 
-// The run goes. Where it was the last one, what is left is a draft.
 static void
 clause_view_diff_del_button_handle (GtkButton *, ClauseView *self)
 {
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  gtk_text_buffer_delete (text_buffer, &self->hovered_word_start, &self->hovered_word_end);
-  gtk_widget_hide (GTK_WIDGET (self->diff_overlay_tools));
-  GtkTextIter iter;
-  gtk_text_buffer_get_start_iter (text_buffer, &iter);
-  bool has_tags =
-    gtk_text_iter_toggles_tag (&iter, NULL) || gtk_text_iter_forward_to_tag_toggle (&iter, NULL);
-  if (!has_tags)
-    clause_view_begin_draft (self);
+  clause_view_decide_change (self, false);
+}
+
+static void
+clause_view_finalize (GObject *object)
+{
+  // The marks are the buffer's.
+  g_slist_free (MORVANE_CLAUSE_VIEW (object)->return_marks);
+  G_OBJECT_CLASS (clause_view_parent_class)->finalize (object);
 }
 
 static void
 clause_view_class_init (ClauseViewClass *view_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
+  G_OBJECT_CLASS (view_class)->finalize = clause_view_finalize;
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/clause_view.ui");
   gtk_widget_class_bind_template_child (widget_class, ClauseView, chat_button);
   gtk_widget_class_bind_template_child (widget_class, ClauseView, text_view);
@@ -392,6 +558,8 @@ clause_view_make_revision_selector (ClauseView *self)
   gtk_scrolled_window_set_min_content_height (self->revisions_scroller, 300);
   gtk_container_add (GTK_CONTAINER (self->revisions_scroller),
                      GTK_WIDGET (self->revision_select_list));
+  gtk_widget_set_tooltip_text (GTK_WIDGET (self->revision_select_list),
+                               "Shows a revision; its menu compares it with the one shown");
   gtk_widget_show_all (GTK_WIDGET (self->revisions_scroller));
   self->revisions_popover =
     GTK_POPOVER (gtk_popover_new (GTK_WIDGET (self->revision_select_menu_button)));
@@ -417,8 +585,18 @@ clause_view_connect_handlers (ClauseView *self)
                     self);
   g_signal_connect (self->text_view, "motion-notify-event",
                     G_CALLBACK (clause_view_text_view_motion_notify_handle), self);
+  g_signal_connect (self->text_view, "key-press-event",
+                    G_CALLBACK (clause_view_text_view_key_press_handle), self);
+  g_signal_connect (self->text_view, "populate-popup",
+                    G_CALLBACK (clause_view_populate_popup_handle), self);
+  g_signal_connect (gtk_text_view_get_buffer (self->text_view), "notify::cursor-position",
+                    G_CALLBACK (clause_view_cursor_position_handle), self);
   g_signal_connect (self->revision_select_list, "row-activated",
                     G_CALLBACK (clause_view_revision_select_list_box_row_activate_handle), self);
+  g_signal_connect (self->revision_select_list, "button-press-event",
+                    G_CALLBACK (clause_view_revision_select_list_button_press_handle), self);
+  g_signal_connect (self->revision_select_list, "popup-menu",
+                    G_CALLBACK (clause_view_revision_select_list_popup_menu_handle), self);
   g_signal_connect (self->diff_add_button, "clicked",
                     G_CALLBACK (clause_view_diff_add_button_handle), self);
   g_signal_connect (self->diff_del_button, "clicked",
@@ -491,6 +669,7 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
 {
   // What the user typed is not lost when something else is shown in its place.
   clause_view_save_draft (self);
+  clause_view_end_diff (self);
   GtkListBoxRow *row = clause_revision_list_item_find_row (self->revision_select_list, revision);
   assert (row);
   gtk_list_box_select_row (self->revision_select_list, row);
@@ -517,6 +696,7 @@ clause_view_show_draft (ClauseView *self)
 {
   clause_view_save_draft (self);
   assert (self->clause->draft);
+  clause_view_end_diff (self);
   clause_view_set_text (self, self->clause->draft->text);
   clause_view_set_draft_mode (self);
 }
@@ -525,6 +705,7 @@ void
 clause_view_set_draft_mode (ClauseView *self)
 {
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  clause_view_end_diff (self);
   self->is_draft = true;
   gtk_label_set_text (self->revision_status_label, "draft");
   gtk_label_set_text (self->decision_status_label, " ");
@@ -654,11 +835,13 @@ clause_view_make_new_decision (ClauseView *self, String author, DecisionStatus s
 
 // ---- Comparison ----
 
+// The most cells that a comparison may take: a tenth of a second and 100 MB.
+static const u64 DIFF_CELLS_MAX = 25000000;
+
 // What the walk over a comparison appends to.
 struct DiffDisplay {
+  ClauseView *view;
   GtkTextBuffer *text_buffer;
-  GtkTextTag *added_tag;
-  GtkTextTag *deleted_tag;
   StringsStack older_words;
   StringsStack newer_words;
 };
@@ -667,6 +850,7 @@ static void
 append_diff_word (DiffKind kind, u32 index, void *data)
 {
   DiffDisplay *display = (DiffDisplay *) data;
+  ClauseView *view = display->view;
   String word =
     kind == DIFF_ADDED ? display->newer_words.strings[index] : display->older_words.strings[index];
   GtkTextIter end;
@@ -675,12 +859,40 @@ append_diff_word (DiffKind kind, u32 index, void *data)
     gtk_text_buffer_insert (display->text_buffer, &end, (const char *) word.data, (gint) word.size);
     return;
   }
-  // A line break that came or went would not be seen.
-  if (word == "\n")
+  if (word == "\n") {
+    // A line break that came or went would not be seen.
+    GtkTextMark *mark = gtk_text_buffer_create_mark (display->text_buffer, NULL, &end, TRUE);
+    view->return_marks = g_slist_prepend (view->return_marks, mark);
     word = to_string ("\u23ce\n");
-  GtkTextTag *tag = kind == DIFF_ADDED ? display->added_tag : display->deleted_tag;
+  }
+  GtkTextTag *tag = kind == DIFF_ADDED ? view->added_tag : view->deleted_tag;
   gtk_text_buffer_insert_with_tags (display->text_buffer, &end, (const char *) word.data,
                                     (gint) word.size, tag, NULL);
+}
+
+static void
+clause_view_fill_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *newer)
+{
+  DiffDisplay display = {};
+  display.view = self;
+  display.text_buffer = gtk_text_view_get_buffer (self->text_view);
+  display.older_words = alloc_split_string_by_words (older->text);
+  display.newer_words = alloc_split_string_by_words (newer->text);
+  Diff diff = alloc_diff (display.older_words, display.newer_words);
+  diff_walk (diff, append_diff_word, &display);
+  dealloc_diff (diff);
+  dealloc_strings_stack (display.older_words);
+  dealloc_strings_stack (display.newer_words);
+}
+
+// Whether a change is still to be decided on.
+static bool
+clause_view_has_changes (ClauseView *self)
+{
+  GtkTextIter iter;
+  gtk_text_buffer_get_start_iter (gtk_text_view_get_buffer (self->text_view), &iter);
+  return gtk_text_iter_toggles_tag (&iter, NULL) ||
+         gtk_text_iter_forward_to_tag_toggle (&iter, NULL);
 }
 
 void
@@ -694,19 +906,186 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
   gtk_label_set_text (self->revision_status_label, status);
   dealloc_cstr (status);
 
-  DiffDisplay display = {};
-  display.older_words = alloc_split_string_by_words (older->text);
-  display.newer_words = alloc_split_string_by_words (newer->text);
-  Diff diff = alloc_diff (display.older_words, display.newer_words);
+  clause_view_end_diff (self);
+  self->is_comparing = true;
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  self->added_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#085", NULL);
+  self->deleted_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#c55", NULL);
   clause_view_disconnect_text_changed (self);
-  display.text_buffer = gtk_text_view_get_buffer (self->text_view);
-  display.added_tag =
-    gtk_text_buffer_create_tag (display.text_buffer, NULL, "background", "#085", NULL);
-  display.deleted_tag =
-    gtk_text_buffer_create_tag (display.text_buffer, NULL, "background", "#c55", NULL);
-  diff_walk (diff, append_diff_word, &display);
-  dealloc_diff (diff);
-  dealloc_strings_stack (display.older_words);
-  dealloc_strings_stack (display.newer_words);
+  clause_view_fill_diff (self, older, newer);
   clause_view_connect_text_changed (self);
+  gtk_text_view_set_editable (self->text_view, !clause_view_has_changes (self));
+}
+
+// Takes the comparison's tags and marks out of the buffer; the text stays, and can be edited.
+static void
+clause_view_end_diff (ClauseView *self)
+{
+  if (!self->is_comparing)
+    return;
+  self->is_comparing = false;
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  GtkTextTagTable *tags = gtk_text_buffer_get_tag_table (text_buffer);
+  gtk_text_tag_table_remove (tags, self->added_tag);
+  gtk_text_tag_table_remove (tags, self->deleted_tag);
+  self->added_tag = NULL;
+  self->deleted_tag = NULL;
+  for (GSList *link = self->return_marks; link; link = link->next) {
+    gtk_text_buffer_delete_mark (text_buffer, GTK_TEXT_MARK (link->data));
+  }
+  g_slist_free (self->return_marks);
+  self->return_marks = NULL;
+  clause_view_drop_hovered_word (self);
+  gtk_text_view_set_editable (self->text_view, TRUE);
+}
+
+// Back to what was shown before the comparison.
+static void
+clause_view_leave_diff (ClauseView *self)
+{
+  if (self->base_revision) {
+    clause_view_show_revision (self, self->base_revision,
+                               clause_view_get_window (self)->account.bare_jid);
+  } else if (self->clause->draft) {
+    clause_view_show_draft (self);
+  }
+}
+
+// Takes the return symbols between the iterators out again, so that their line breaks are alone.
+static void
+clause_view_remove_return_symbols (ClauseView *self, GtkTextMark *start, GtkTextMark *end)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  GSList *link = self->return_marks;
+  while (link) {
+    GSList *next = link->next;
+    GtkTextMark *mark = GTK_TEXT_MARK (link->data);
+    GtkTextIter symbol_start;
+    GtkTextIter range_start;
+    GtkTextIter range_end;
+    gtk_text_buffer_get_iter_at_mark (text_buffer, &symbol_start, mark);
+    gtk_text_buffer_get_iter_at_mark (text_buffer, &range_start, start);
+    gtk_text_buffer_get_iter_at_mark (text_buffer, &range_end, end);
+    if (gtk_text_iter_in_range (&symbol_start, &range_start, &range_end)) {
+      GtkTextIter symbol_end = symbol_start;
+      gtk_text_iter_forward_char (&symbol_end);
+      gtk_text_buffer_delete (text_buffer, &symbol_start, &symbol_end);
+      gtk_text_buffer_delete_mark (text_buffer, mark);
+      self->return_marks = g_slist_delete_link (self->return_marks, link);
+    }
+    link = next;
+  }
+}
+
+// Makes ordinary text of a tagged run. The text's handler must be disconnected.
+static void
+clause_view_keep_run (ClauseView *self, GtkTextIter *run_start, GtkTextIter *run_end)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  gtk_text_buffer_remove_all_tags (text_buffer, run_start, run_end);
+  GtkTextMark *start = gtk_text_buffer_create_mark (text_buffer, NULL, run_start, TRUE);
+  GtkTextMark *end = gtk_text_buffer_create_mark (text_buffer, NULL, run_end, TRUE);
+  clause_view_remove_return_symbols (self, start, end);
+  gtk_text_buffer_delete_mark (text_buffer, start);
+  gtk_text_buffer_delete_mark (text_buffer, end);
+}
+
+// What is left of a comparison becomes a draft, stored at once, so that its row leads somewhere.
+static void
+clause_view_use_as_draft (ClauseView *self)
+{
+  self->revision = NULL;
+  clause_view_begin_draft (self);
+  self->is_text_changed = true;
+  clause_view_save_draft (self);
+}
+
+// Decides on the run that the tools stand at. A kept run stays as ordinary text; another one goes,
+// and where that was the last, what is left is a draft.
+static void
+clause_view_decide_change (ClauseView *self, bool is_kept)
+{
+  if (!self->has_hovered_word)
+    return;
+  GtkTextIter start = self->hovered_word_start;
+  GtkTextIter end = self->hovered_word_end;
+  clause_view_drop_hovered_word (self);
+  clause_view_disconnect_text_changed (self);
+  if (is_kept) {
+    clause_view_keep_run (self, &start, &end);
+  } else {
+    gtk_text_buffer_delete (gtk_text_view_get_buffer (self->text_view), &start, &end);
+  }
+  clause_view_connect_text_changed (self);
+  gtk_widget_grab_focus (GTK_WIDGET (self->text_view));
+  if (clause_view_has_changes (self))
+    return;
+  gtk_text_view_set_editable (self->text_view, TRUE);
+  if (!is_kept)
+    clause_view_use_as_draft (self);
+}
+
+// The changes as the newer revision made them: what it added stays, what it removed goes.
+static void
+clause_view_keep_all_changes (ClauseView *self)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  clause_view_drop_hovered_word (self);
+  clause_view_disconnect_text_changed (self);
+  GtkTextIter start;
+  gtk_text_buffer_get_start_iter (text_buffer, &start);
+  while (gtk_text_iter_starts_tag (&start, NULL) ||
+         gtk_text_iter_forward_to_tag_toggle (&start, NULL)) {
+    GtkTextIter end = start;
+    if (!gtk_text_iter_forward_to_tag_toggle (&end, NULL))
+      break;
+    int offset = gtk_text_iter_get_offset (&start);
+    if (gtk_text_iter_has_tag (&start, self->deleted_tag)) {
+      gtk_text_buffer_delete (text_buffer, &start, &end);
+    } else {
+      clause_view_keep_run (self, &start, &end);
+    }
+    gtk_text_buffer_get_iter_at_offset (text_buffer, &start, offset);
+  }
+  clause_view_connect_text_changed (self);
+  gtk_text_view_set_editable (self->text_view, TRUE);
+}
+
+static const char *
+get_diff_refusal (ClauseRevision *revision, ClauseRevision *other_revision)
+{
+  if (!revision || !other_revision || revision == other_revision) {
+    return "A revision can't be compared with itself.";
+  }
+  if (!revision->text.size || !other_revision->text.size) {
+    return "An empty text can't be compared.";
+  }
+  StringsStack words = alloc_split_string_by_words (revision->text);
+  StringsStack other_words = alloc_split_string_by_words (other_revision->text);
+  u64 cells_count = ((u64) words.count + 1) * ((u64) other_words.count + 1);
+  dealloc_strings_stack (words);
+  dealloc_strings_stack (other_words);
+  return cells_count > DIFF_CELLS_MAX ? "These texts are too long to be compared." : NULL;
+}
+
+// Compares two of the clause's revisions, the draft being the newest. Refused, with a text in the
+// place of the revision's name, where there is nothing to compare.
+static void
+clause_view_compare (ClauseView *self, ClauseRevision *revision, ClauseRevision *other_revision)
+{
+  clause_view_save_draft (self);
+  const char *refusal = get_diff_refusal (revision, other_revision);
+  if (refusal) {
+    console_log ("Info: %s\n", refusal);
+    gtk_label_set_text (self->revision_status_label, refusal);
+    return;
+  }
+  Clause *clause = self->clause;
+  bool is_newer =
+    revision == clause->draft ||
+    (other_revision != clause->draft && get_revision_index_reversed (clause, revision) >
+                                          get_revision_index_reversed (clause, other_revision));
+  clause_view_set_text (self, {});
+  clause_view_show_diff (self, is_newer ? other_revision : revision,
+                         is_newer ? revision : other_revision);
 }
