@@ -848,10 +848,15 @@ scripted_server_start (const ServerScript &script, const ServerOptions &options)
   pthread_condattr_setclock (&attributes, CLOCK_MONOTONIC);
   pthread_cond_init (&server->changed, &attributes);
   pthread_condattr_destroy (&attributes);
-  if (start_listening (server)) {
+  // Without a thread nothing is left to do; from its start on this is the thread's to say.
+  server->is_done = !start_listening (server);
+  if (!server->is_done) {
     server->has_thread = pthread_create (&server->thread, NULL, run_server, server) == 0;
+    if (!server->has_thread) {
+      set_failure (server, "no thread could be started");
+      server->is_done = true;
+    }
   }
-  server->is_done = !server->has_thread;
   return server;
 }
 
