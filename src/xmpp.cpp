@@ -190,8 +190,8 @@ is_storable_text (String text)
 bool
 is_storable_jid (String bare_jid)
 {
-  return bare_jid.size && bare_jid.size <= BARE_JID_SIZE_MAX && !find_char (bare_jid, '\'').size &&
-         !find_char (bare_jid, '\0').size;
+  return bare_jid.size && bare_jid.size <= BARE_JID_SIZE_MAX && is_storable_text (bare_jid) &&
+         !find_char (bare_jid, '\'').size;
 }
 
 // ---- Presence, roster and chat ----
