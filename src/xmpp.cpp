@@ -274,7 +274,7 @@ xmpp_iq_set_roster (gnutls_session_t tls_session, Buffer buffer, u64 id, String 
   assert (xml_element->name == "iq");
   assert (get_xml_attribute (xml_element, "type") == "result");
   assert (get_xml_attribute (xml_element, "to") == from);
-  String response_id = get_xml_attribute (xml_element, "id");
+  [[maybe_unused]] String response_id = get_xml_attribute (xml_element, "id");
   assert (response_id.size);
   assert (string_to_u64 (response_id) == id);
   assert (!xml_element->children);

@@ -285,7 +285,7 @@ xmpp_request_starttls (SocketDescriptor socket, Buffer buffer)
   String response = recv_clear_answer (socket, buffer);
   CONSOLE_DUMP (response);
   assert (response.size);
-  XMLElement *xml_element = parse_answer (buffer, response);
+  [[maybe_unused]] XMLElement *xml_element = parse_answer (buffer, response);
   assert (xml_element);
   assert (xml_element->name == "proceed");
   assert (xml_element->is_void);
@@ -332,10 +332,10 @@ xmpp_send_auth_request (gnutls_session_t tls_session, Buffer buffer, String user
 
 // The JID in the one bind result that is accepted (RFC 6120, 7.6).
 static String
-read_bind_result (XMLElement *xml_element, u64 id)
+read_bind_result (XMLElement *xml_element, [[maybe_unused]] u64 id)
 {
   assert (xml_element->name == "iq");
-  String response_id = get_xml_attribute (xml_element, "id");
+  [[maybe_unused]] String response_id = get_xml_attribute (xml_element, "id");
   assert (response_id.size);
   assert (string_to_u64 (response_id) == id);
   assert (get_xml_attribute (xml_element, "type") == "result");
@@ -417,7 +417,7 @@ xmpp_iq_get_register (gnutls_session_t tls_session, Buffer buffer, u64 id)
   print_xml_tree (xml_element, 0);
 
   assert (xml_element->name == "iq");
-  String response_id = get_xml_attribute (xml_element, "id");
+  [[maybe_unused]] String response_id = get_xml_attribute (xml_element, "id");
   assert (response_id.size);
   assert (string_to_u64 (response_id) == id);
   String iq_type = get_xml_attribute (xml_element, "type");
@@ -604,11 +604,11 @@ get_register_error_text (XMLElement *iq)
 
 // Ends the registration when `xml` is the answer to it; false when it is something else.
 static bool
-handle_register_answer (AppWindow *window, XMLElement *xml, u64 set_register_iq_id)
+handle_register_answer (AppWindow *window, XMLElement *xml, [[maybe_unused]] u64 set_register_iq_id)
 {
   if (xml->name != "iq")
     return false;
-  String response_id = get_xml_attribute (xml, "id");
+  [[maybe_unused]] String response_id = get_xml_attribute (xml, "id");
   assert (response_id.size);
   assert (string_to_u64 (response_id) == set_register_iq_id);
   String iq_type = get_xml_attribute (xml, "type");
