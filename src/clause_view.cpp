@@ -184,11 +184,12 @@ clause_view_show_diff_tools (ClauseView *self, GtkTextIter iter, int x)
 
   self->hovered_word_start = iter;
   if (!gtk_text_iter_starts_tag (&self->hovered_word_start, NULL)) {
-    bool found = gtk_text_iter_backward_to_tag_toggle (&self->hovered_word_start, NULL);
+    [[maybe_unused]] bool found =
+      gtk_text_iter_backward_to_tag_toggle (&self->hovered_word_start, NULL);
     assert (found);
   }
   self->hovered_word_end = iter;
-  bool found = gtk_text_iter_forward_to_tag_toggle (&self->hovered_word_end, NULL);
+  [[maybe_unused]] bool found = gtk_text_iter_forward_to_tag_toggle (&self->hovered_word_end, NULL);
   assert (found);
   self->has_hovered_word = true;
 
@@ -429,7 +430,7 @@ clause_view_commit_button_handle (GtkButton *, ClauseView *self)
   if (!clause->db_id)
     db_insert_clause (window->db, clause);
 
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  [[maybe_unused]] GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   assert (gtk_text_buffer_get_char_count (text_buffer));
   String text = clause_view_alloc_text (self);
   s64 time = clause_get_free_revision_time (clause, own, get_posix_time ());
@@ -549,9 +550,30 @@ clause_view_init (ClauseView *self)
   clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
 }
 
+// A window of GTK 3 forgets to take the window of a popover out of its list when the popover leaves
+// before it, as that of a removed clause does.
+static void
+clause_view_revision_select_menu_button_hierarchy_changed_handle (GtkMenuButton *button,
+                                                                  GtkWidget *previous_toplevel)
+{
+  GtkPopover *popover = gtk_menu_button_get_popover (button);
+  if (!popover)
+    return;
+  GdkWindow *gdk_window = gtk_widget_get_parent_window (GTK_WIDGET (popover));
+  gpointer owner = NULL;
+  if (gdk_window)
+    gdk_window_get_user_data (gdk_window, &owner);
+  if (owner && owner == previous_toplevel)
+    gtk_widget_unregister_window (previous_toplevel, gdk_window);
+}
+
 static void
 clause_view_make_revision_selector (ClauseView *self)
 {
+  // Connected ahead of the popover, whose own handler gives its window up.
+  g_signal_connect (self->revision_select_menu_button, "hierarchy-changed",
+                    G_CALLBACK (clause_view_revision_select_menu_button_hierarchy_changed_handle),
+                    NULL);
   self->revision_select_list = GTK_LIST_BOX (gtk_list_box_new ());
   self->revisions_scroller = GTK_SCROLLED_WINDOW (gtk_scrolled_window_new (NULL, NULL));
   gtk_scrolled_window_set_policy (self->revisions_scroller, GTK_POLICY_NEVER, GTK_POLICY_AUTOMATIC);
