@@ -1,0 +1,661 @@
+// The comparison of two revisions inside of a clause's view; test_clause_view.cpp has the rest.
+
+#include "clause_view.h"
+
+#include "db.h"
+#include "fake_session.h"
+#include "morvane.h"
+#include "procedure_view.h"
+
+#define ALICE "alice@alpha.test"
+#define BOB   "bob@beta.test"
+
+// ---- What the tests begin with ----
+
+// A clause of Alice's whose revisions have these texts, written by her and Bob in turn from second
+// 3000 on, in a window that shows the last.
+struct Comparison {
+  TestWindow test;
+  Clause *clause;
+
+  explicit Comparison (std::initializer_list<std::string> texts, const char *draft = NULL)
+  {
+    run ("INSERT INTO accounts VALUES (1, '" ALICE "');"
+         "INSERT INTO procedures (db_id, account_db_id, time, initiator, contractor, title)"
+         " VALUES (1, 1, 1000, '" ALICE "', '" BOB "', 'Rent');"
+         "INSERT INTO clauses VALUES (1, 1, 2000, '" ALICE "', 1);");
+    int index = 0;
+    for (const std::string &text : texts) {
+      insert (3000 + index, index % 2 ? BOB : ALICE, "COMMITTED", text);
+      index++;
+    }
+    if (draft)
+      insert (9000, ALICE, "DRAFT", draft);
+    log_in (&test);
+    Procedure *procedure = test.window->procedures.procedures[0];
+    gtk_widget_activate (GTK_WIDGET (procedure->list_item));
+    pump ();
+    clause = procedure->clauses[0];
+  }
+
+  void run (const std::string &sql)
+  {
+    EXPECT_EQ (sqlite3_exec (test.db, sql.c_str (), NULL, NULL, NULL), SQLITE_OK) << sql;
+  }
+
+  void insert (int time, const char *author, const char *status, const std::string &text)
+  {
+    char *sql = sqlite3_mprintf ("INSERT INTO clause_revisions (clause_db_id, time, author, status,"
+                                 " text) VALUES (1, %d, %Q, %Q, %Q);",
+                                 time, author, status, text.c_str ());
+    run (sql);
+    sqlite3_free (sql);
+  }
+
+  std::string drafts ()
+  {
+    return query (&test, "SELECT text FROM clause_revisions WHERE status = 'DRAFT'");
+  }
+};
+
+static GtkTextView *
+get_text_view (Clause *clause)
+{
+  return GTK_TEXT_VIEW (find_widget (clause->view, "text_view"));
+}
+
+static GtkTextBuffer *
+get_buffer (Clause *clause)
+{
+  return gtk_text_view_get_buffer (get_text_view (clause));
+}
+
+// The text with each coloured run in brackets: [+added+] and [-removed-].
+static std::string
+show_runs (Clause *clause)
+{
+  GtkTextBuffer *buffer = get_buffer (clause);
+  std::string runs;
+  std::string open;
+  GtkTextIter iter;
+  gtk_text_buffer_get_start_iter (buffer, &iter);
+  for (;;) {
+    std::string sign;
+    GSList *tags = gtk_text_iter_get_tags (&iter);
+    if (tags) {
+      GdkRGBA *colour = NULL;
+      g_object_get (tags->data, "background-rgba", &colour, NULL);
+      GdkRGBA added;
+      gdk_rgba_parse (&added, "#085");
+      sign = gdk_rgba_equal (colour, &added) ? "+" : "-";
+      gdk_rgba_free (colour);
+      g_slist_free (tags);
+    }
+    if (sign != open) {
+      runs += open.empty () ? "" : open + "]";
+      runs += sign.empty () ? "" : "[" + sign;
+      open = sign;
+    }
+    if (gtk_text_iter_is_end (&iter))
+      return runs;
+    char bytes[6];
+    runs.append (bytes, g_unichar_to_utf8 (gtk_text_iter_get_char (&iter), bytes));
+    gtk_text_iter_forward_char (&iter);
+  }
+}
+
+static GtkListBox *
+get_list (Clause *clause)
+{
+  GtkMenuButton *button =
+    GTK_MENU_BUTTON (find_widget (clause->view, "revision_select_menu_button"));
+  GtkWidget *scroller = gtk_bin_get_child (GTK_BIN (gtk_menu_button_get_popover (button)));
+  return GTK_LIST_BOX (gtk_bin_get_child (GTK_BIN (gtk_bin_get_child (GTK_BIN (scroller)))));
+}
+
+static GtkWidget *
+find_menu_item (GtkWidget *menu, const char *label)
+{
+  GtkWidget *found = NULL;
+  GList *items = gtk_container_get_children (GTK_CONTAINER (menu));
+  for (GList *link = items; link; link = link->next) {
+    const char *text =
+      GTK_IS_MENU_ITEM (link->data) ? gtk_menu_item_get_label (GTK_MENU_ITEM (link->data)) : NULL;
+    if (text && !strcmp (text, label))
+      found = GTK_WIDGET (link->data);
+  }
+  g_list_free (items);
+  return found;
+}
+
+// The menu that the text view would show now.
+struct TextMenu {
+  GtkWidget *menu = GTK_WIDGET (g_object_ref_sink (gtk_menu_new ()));
+  explicit TextMenu (Clause *clause)
+  {
+    g_signal_emit_by_name (get_text_view (clause), "populate-popup", menu);
+  }
+  ~TextMenu ()
+  {
+    gtk_widget_destroy (menu);
+    g_object_unref (menu);
+  }
+};
+
+// "-" where the text's menu has no such entry, "off" where it is insensitive.
+static std::string
+get_menu_state (Clause *clause, const char *label)
+{
+  TextMenu menu (clause);
+  GtkWidget *item = find_menu_item (menu.menu, label);
+  return !item ? "-" : gtk_widget_get_sensitive (item) ? "on" : "off";
+}
+
+static void
+choose (Clause *clause, const char *label)
+{
+  TextMenu menu (clause);
+  GtkWidget *item = find_menu_item (menu.menu, label);
+  ASSERT_TRUE (item) << label;
+  ASSERT_TRUE (gtk_widget_get_sensitive (item)) << label;
+  gtk_menu_item_activate (GTK_MENU_ITEM (item));
+  pump ();
+}
+
+// Opens the popover, puts the focus on a row and asks for its menu as the Menu key does.
+static void
+compare_row (TestWindow *test, Clause *clause, int index)
+{
+  GtkMenuButton *button =
+    GTK_MENU_BUTTON (find_widget (clause->view, "revision_select_menu_button"));
+  gtk_button_clicked (GTK_BUTTON (button));
+  pump ();
+  GtkListBoxRow *row = gtk_list_box_get_row_at_index (get_list (clause), index);
+  ASSERT_TRUE (row);
+  gtk_widget_grab_focus (GTK_WIDGET (row));
+  press_key (test, GDK_KEY_Menu);
+  pump ();
+  GList *menus = gtk_menu_get_for_attach_widget (GTK_WIDGET (row));
+  ASSERT_TRUE (menus);
+  GtkWidget *item = find_menu_item (GTK_WIDGET (menus->data), "Compare with the revision shown");
+  ASSERT_TRUE (item);
+  gtk_menu_item_activate (GTK_MENU_ITEM (item));
+  gtk_menu_shell_deactivate (GTK_MENU_SHELL (menus->data));
+  pump ();
+}
+
+static void
+activate_row (Clause *clause, int index)
+{
+  gtk_widget_activate (GTK_WIDGET (gtk_list_box_get_row_at_index (get_list (clause), index)));
+  pump ();
+}
+
+static bool
+are_tools_shown (Clause *clause)
+{
+  return gtk_widget_get_visible (find_widget (clause->view, "diff_overlay_tools"));
+}
+
+// Moves the pointer onto a character of the text.
+static void
+hover (Clause *clause, int offset)
+{
+  GtkTextView *text_view = get_text_view (clause);
+  GtkTextIter iter;
+  gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, offset);
+  GdkRectangle location;
+  gtk_text_view_get_iter_location (text_view, &iter, &location);
+  int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (text_view));
+  int x;
+  int y;
+  gtk_text_view_buffer_to_window_coords (text_view, GTK_TEXT_WINDOW_WIDGET, location.x + 1,
+                                         location.y + 1, &x, &y);
+  GdkEvent *event = gdk_event_new (GDK_MOTION_NOTIFY);
+  event->motion.window =
+    GDK_WINDOW (g_object_ref (gtk_text_view_get_window (text_view, GTK_TEXT_WINDOW_TEXT)));
+  // The widget's coordinates begin at its border, which the handler adds again.
+  event->motion.x = x - border_width;
+  event->motion.y = y - border_width;
+  gboolean is_handled = TRUE;
+  g_signal_emit_by_name (text_view, "motion-notify-event", event, &is_handled);
+  EXPECT_FALSE (is_handled);
+  gdk_event_free (event);
+  pump ();
+}
+
+// Moves the cursor, as the arrow keys do.
+static void
+move_cursor (Clause *clause, int offset)
+{
+  gtk_widget_grab_focus (GTK_WIDGET (get_text_view (clause)));
+  pump ();
+  GtkTextIter iter;
+  gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, offset);
+  gtk_text_buffer_place_cursor (get_buffer (clause), &iter);
+  pump ();
+}
+
+// Decides on the change at `offset`: '+' keeps it, '-' drops it.
+static void
+decide (Clause *clause, int offset, char sign)
+{
+  hover (clause, offset);
+  ASSERT_TRUE (are_tools_shown (clause));
+  press (clause->view, sign == '+' ? "diff_add_button" : "diff_del_button");
+}
+
+static const char WITH_PREVIOUS[] = "Compare with the previous revision";
+static const char KEEP_ALL[] = "Keep all remaining changes";
+static const char USE_AS_DRAFT[] = "Use this text as draft";
+static const char LEAVE[] = "Leave the comparison";
+
+static bool
+is_over (Clause *clause)
+{
+  return gtk_text_tag_table_get_size (gtk_text_buffer_get_tag_table (get_buffer (clause))) == 0 &&
+         gtk_text_view_get_editable (get_text_view (clause)) && !are_tools_shown (clause) &&
+         get_menu_state (clause, LEAVE) == "-";
+}
+
+// ---- How it is reached ----
+
+TEST (clause_view_comparison, previous_revision_from_the_menu_of_the_text)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-b-][+c+]");
+}
+
+TEST (clause_view_comparison, first_revision_has_none_before_it)
+{
+  Comparison comparison ({"a b"});
+  EXPECT_EQ (get_menu_state (comparison.clause, WITH_PREVIOUS), "off");
+}
+
+TEST (clause_view_comparison, draft_offers_no_previous_revision)
+{
+  Comparison comparison ({"a b", "a c"});
+  type (comparison.clause->view, "text_view", "typed");
+  EXPECT_EQ (get_menu_state (comparison.clause, WITH_PREVIOUS), "-");
+}
+
+TEST (clause_view_comparison, row_menu_takes_the_revision_shown_as_the_other_end)
+{
+  Comparison comparison ({"a b", "x", "a c"});
+  compare_row (&comparison.test, comparison.clause, 0);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-b-][+c+]");
+}
+
+TEST (clause_view_comparison, older_and_newer_go_by_the_order_of_the_revisions)
+{
+  Comparison comparison ({"a b", "a c"});
+  activate_row (comparison.clause, 0);
+  compare_row (&comparison.test, comparison.clause, 1);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-b-][+c+]");
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"),
+             ALICE ":3000 > " BOB ":3001");
+}
+
+TEST (clause_view_comparison, draft_is_the_newest)
+{
+  Comparison comparison ({"a b", "a c"}, "a d");
+  compare_row (&comparison.test, comparison.clause, 2);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-c-][+d+]");
+}
+
+TEST (clause_view_comparison, unsaved_typing_is_kept_as_the_draft_and_compared)
+{
+  Comparison comparison ({"a b", "a c"});
+  type (comparison.clause->view, "text_view", "a e");
+  compare_row (&comparison.test, comparison.clause, 0);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-b-][+e+]");
+  EXPECT_EQ (comparison.drafts (), "a e\n");
+}
+
+TEST (clause_view_comparison, list_says_how_it_is_reached)
+{
+  Comparison comparison ({"a"});
+  char *tooltip = gtk_widget_get_tooltip_text (GTK_WIDGET (get_list (comparison.clause)));
+  EXPECT_STREQ (tooltip, "Shows a revision; its menu compares it with the one shown");
+  g_free (tooltip);
+}
+
+// ---- What is refused ----
+
+static void
+expect_refusal (Comparison *comparison, int row, const std::string &text)
+{
+  std::string before = show_runs (comparison->clause);
+  testing::internal::CaptureStdout ();
+  compare_row (&comparison->test, comparison->clause, row);
+  std::string console = testing::internal::GetCapturedStdout ();
+  EXPECT_NE (console.find ("Info: " + text + "\n"), std::string::npos) << console;
+  EXPECT_EQ (get_text (comparison->clause->view, "revision_status_label"), text);
+  EXPECT_EQ (show_runs (comparison->clause), before);
+  EXPECT_TRUE (is_over (comparison->clause));
+}
+
+TEST (clause_view_comparison, with_itself_is_refused)
+{
+  Comparison comparison ({"a", "b"});
+  expect_refusal (&comparison, 1, "A revision can't be compared with itself.");
+}
+
+TEST (clause_view_comparison, with_an_empty_text_is_refused)
+{
+  Comparison comparison ({"", "b"});
+  expect_refusal (&comparison, 0, "An empty text can't be compared.");
+}
+
+static std::string
+repeat (const char *word, int count)
+{
+  std::string text;
+  for (int i = 0; i < count; i++)
+    text += word;
+  return text;
+}
+
+TEST (clause_view_comparison, of_more_than_25_million_cells_is_refused)
+{
+  // 5,000 words make 5,001 rows of as many cells.
+  Comparison comparison ({repeat ("a ", 5000), repeat ("a ", 5000)});
+  expect_refusal (&comparison, 0, "These texts are too long to be compared.");
+}
+
+TEST (clause_view_comparison, of_25_million_cells_is_shown)
+{
+  Comparison comparison ({repeat ("a ", 4999), repeat ("a ", 4998) + "b"});
+  compare_row (&comparison.test, comparison.clause, 0);
+  EXPECT_EQ (show_runs (comparison.clause), "[-a -]" + repeat ("a ", 4998) + "[+b+]");
+}
+
+// ---- What is shown ----
+
+TEST (clause_view_comparison, line_break_that_came_has_a_return_symbol)
+{
+  Comparison comparison ({"a b", "a\nb"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_EQ (show_runs (comparison.clause), "[-a -][+a\u23ce\n+]b");
+}
+
+TEST (clause_view_comparison, line_break_that_went_has_a_return_symbol)
+{
+  Comparison comparison ({"a\nb", "a b"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_EQ (show_runs (comparison.clause), "[-a\u23ce\n-][+a +]b");
+}
+
+TEST (clause_view_comparison, line_break_of_both_is_shown_as_it_is)
+{
+  Comparison comparison ({"a\nb", "a\nc"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_EQ (show_runs (comparison.clause), "a\n[-b-][+c+]");
+}
+
+TEST (clause_view_comparison, decision_buttons_stay_and_edit_buttons_are_insensitive)
+{
+  Comparison comparison ({"a b", "a c"});
+  press (comparison.clause->view, "agree_button");
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_FALSE (is_sensitive (comparison.clause->view, "agree_button"));
+  EXPECT_TRUE (is_sensitive (comparison.clause->view, "disagree_button"));
+  EXPECT_FALSE (is_sensitive (comparison.clause->view, "commit_button"));
+  EXPECT_FALSE (is_sensitive (comparison.clause->view, "cancel_button"));
+}
+
+TEST (clause_view_comparison, text_is_not_editable_while_a_change_is_undecided)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_FALSE (gtk_text_view_get_editable (get_text_view (comparison.clause)));
+  EXPECT_EQ (get_menu_state (comparison.clause, USE_AS_DRAFT), "off");
+  EXPECT_EQ (get_menu_state (comparison.clause, KEEP_ALL), "on");
+}
+
+TEST (clause_view_comparison, starts_no_draft)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_EQ (comparison.drafts (), "");
+  EXPECT_TRUE (comparison.clause->draft == NULL);
+}
+
+TEST (clause_view_comparison, of_equal_texts_has_nothing_to_decide)
+{
+  Comparison comparison ({"a b", "a b"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_EQ (show_runs (comparison.clause), "a b");
+  EXPECT_TRUE (gtk_text_view_get_editable (get_text_view (comparison.clause)));
+}
+
+// ---- The tools ----
+
+TEST (clause_view_comparison, tools_stand_under_a_change_only)
+{
+  Comparison comparison ({"common b", "common c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  EXPECT_FALSE (are_tools_shown (comparison.clause));
+  hover (comparison.clause, 7);
+  EXPECT_TRUE (are_tools_shown (comparison.clause));
+  GtkWidget *tools = find_widget (comparison.clause->view, "diff_overlay_tools");
+  GtkTextIter iter;
+  gtk_text_buffer_get_iter_at_offset (get_buffer (comparison.clause), &iter, 7);
+  GdkRectangle location;
+  gtk_text_view_get_iter_location (get_text_view (comparison.clause), &iter, &location);
+  EXPECT_EQ (gtk_widget_get_margin_top (tools), location.y + location.height + 12);
+  EXPECT_GE (gtk_widget_get_margin_start (tools), 0);
+  hover (comparison.clause, 1);
+  EXPECT_FALSE (are_tools_shown (comparison.clause));
+}
+
+TEST (clause_view_comparison, tools_follow_the_cursor_too)
+{
+  Comparison comparison ({"common b", "common c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  move_cursor (comparison.clause, 7);
+  EXPECT_TRUE (are_tools_shown (comparison.clause));
+  press (comparison.clause->view, "diff_add_button");
+  EXPECT_EQ (show_runs (comparison.clause), "common b[+c+]");
+  move_cursor (comparison.clause, 2);
+  EXPECT_FALSE (are_tools_shown (comparison.clause));
+}
+
+TEST (clause_view_comparison, cursor_shows_no_tools_without_a_comparison)
+{
+  Comparison comparison ({"a b"});
+  move_cursor (comparison.clause, 1);
+  EXPECT_FALSE (are_tools_shown (comparison.clause));
+}
+
+// ---- Deciding ----
+
+TEST (clause_view_comparison, kept_run_stays_as_ordinary_text)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 2, '+');
+  EXPECT_EQ (show_runs (comparison.clause), "a b[+c+]");
+  EXPECT_FALSE (are_tools_shown (comparison.clause));
+  EXPECT_FALSE (gtk_text_view_get_editable (get_text_view (comparison.clause)));
+}
+
+TEST (clause_view_comparison, dropped_run_goes)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 2, '-');
+  EXPECT_EQ (show_runs (comparison.clause), "a [+c+]");
+  EXPECT_EQ (comparison.drafts (), "");
+  EXPECT_TRUE (comparison.clause->draft == NULL);
+}
+
+TEST (clause_view_comparison, last_drop_makes_a_stored_draft)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 3, '+');
+  decide (comparison.clause, 2, '-');
+  EXPECT_EQ (show_runs (comparison.clause), "a c");
+  EXPECT_EQ (comparison.drafts (), "a c\n");
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), "draft");
+  EXPECT_TRUE (is_sensitive (comparison.clause->view, "commit_button"));
+  EXPECT_TRUE (is_over (comparison.clause));
+}
+
+TEST (clause_view_comparison, last_keep_makes_the_text_editable_and_no_draft)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 2, '-');
+  decide (comparison.clause, 2, '+');
+  EXPECT_EQ (show_runs (comparison.clause), "a c");
+  EXPECT_TRUE (gtk_text_view_get_editable (get_text_view (comparison.clause)));
+  EXPECT_EQ (comparison.drafts (), "");
+  EXPECT_FALSE (is_sensitive (comparison.clause->view, "commit_button"));
+  EXPECT_EQ (get_menu_state (comparison.clause, USE_AS_DRAFT), "on");
+  EXPECT_EQ (get_menu_state (comparison.clause, KEEP_ALL), "off");
+}
+
+TEST (clause_view_comparison, typing_after_the_last_keep_makes_a_draft)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 2, '-');
+  decide (comparison.clause, 2, '+');
+  gtk_text_buffer_insert_at_cursor (get_buffer (comparison.clause), "!", 1);
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), "draft");
+  EXPECT_TRUE (is_sensitive (comparison.clause->view, "commit_button"));
+  EXPECT_TRUE (is_over (comparison.clause));
+}
+
+TEST (clause_view_comparison, use_as_draft_stores_what_is_left)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 2, '-');
+  decide (comparison.clause, 2, '+');
+  choose (comparison.clause, USE_AS_DRAFT);
+  EXPECT_EQ (comparison.drafts (), "a c\n");
+  EXPECT_TRUE (is_over (comparison.clause));
+}
+
+TEST (clause_view_comparison, keep_all_is_the_newer_text)
+{
+  Comparison comparison ({"a b\nc d", "a x c\nd e"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  choose (comparison.clause, KEEP_ALL);
+  EXPECT_EQ (show_runs (comparison.clause), "a x c\nd e");
+  EXPECT_TRUE (gtk_text_view_get_editable (get_text_view (comparison.clause)));
+}
+
+TEST (clause_view_comparison, keep_all_leaves_single_decisions_as_they_are)
+{
+  Comparison comparison ({"a b c d", "a x c y"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  ASSERT_EQ (show_runs (comparison.clause), "a [-b -][+x +]c [-d-][+y+]");
+  decide (comparison.clause, 2, '+');
+  decide (comparison.clause, 4, '-');
+  choose (comparison.clause, KEEP_ALL);
+  EXPECT_EQ (show_runs (comparison.clause), "a b c y");
+}
+
+TEST (clause_view_comparison, kept_line_break_loses_its_return_symbol)
+{
+  Comparison comparison ({"a b", "a\nb"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 2, '+');
+  EXPECT_EQ (show_runs (comparison.clause), "[-a -]a\nb");
+}
+
+TEST (clause_view_comparison, return_symbol_of_a_text_itself_stays)
+{
+  Comparison comparison ({"a b", "\u23ce\n\u23ce b"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  ASSERT_EQ (show_runs (comparison.clause), "[-a -][+\u23ce\u23ce\n\u23ce +]b");
+  decide (comparison.clause, 3, '+');
+  EXPECT_EQ (show_runs (comparison.clause), "[-a -]\u23ce\n\u23ce b");
+}
+
+TEST (clause_view_comparison, committed_result_holds_no_trace_of_it)
+{
+  Comparison comparison ({"a b\nc", "a\nb c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  choose (comparison.clause, KEEP_ALL);
+  choose (comparison.clause, USE_AS_DRAFT);
+  press (comparison.clause->view, "commit_button");
+  EXPECT_EQ (query (&comparison.test, "SELECT status, text FROM clause_revisions"
+                                      " ORDER BY db_id DESC LIMIT 1"),
+             "COMMITTED|a\nb c\n");
+}
+
+// ---- How it ends ----
+
+TEST (clause_view_comparison, escape_in_the_text_leaves_it)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  gtk_widget_grab_focus (GTK_WIDGET (get_text_view (comparison.clause)));
+  press_key (&comparison.test, GDK_KEY_Escape);
+  EXPECT_EQ (show_runs (comparison.clause), "a c");
+  EXPECT_TRUE (is_over (comparison.clause));
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), BOB ":3001");
+}
+
+TEST (clause_view_comparison, menu_leaves_it)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 2, '-');
+  choose (comparison.clause, LEAVE);
+  EXPECT_EQ (show_runs (comparison.clause), "a c");
+  EXPECT_TRUE (is_over (comparison.clause));
+  EXPECT_EQ (comparison.drafts (), "");
+}
+
+TEST (clause_view_comparison, row_activation_leaves_it)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  activate_row (comparison.clause, 0);
+  EXPECT_EQ (show_runs (comparison.clause), "a b");
+  EXPECT_TRUE (is_over (comparison.clause));
+}
+
+TEST (clause_view_comparison, received_revision_leaves_it)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  hover (comparison.clause, 2);
+  deliver_revision (comparison.test.window, {ALICE, 1000}, {ALICE, 2000}, {BOB, 3500}, "new");
+  EXPECT_EQ (show_runs (comparison.clause), "new");
+  EXPECT_TRUE (is_over (comparison.clause));
+}
+
+TEST (clause_view_comparison, draft_row_activation_leaves_it)
+{
+  Comparison comparison ({"a b", "a c"}, "a d");
+  choose (comparison.clause, WITH_PREVIOUS);
+  activate_row (comparison.clause, 2);
+  EXPECT_EQ (show_runs (comparison.clause), "a d");
+  EXPECT_TRUE (is_over (comparison.clause));
+}
+
+TEST (clause_view_comparison, one_after_another_leaves_one_pair_of_tags)
+{
+  Comparison comparison ({"a b", "a c", "a d"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  compare_row (&comparison.test, comparison.clause, 0);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-b-][+d+]");
+  GtkTextTagTable *tags = gtk_text_buffer_get_tag_table (get_buffer (comparison.clause));
+  EXPECT_EQ (gtk_text_tag_table_get_size (tags), 2);
+}
+
+TEST (clause_view_comparison, window_may_close_during_it)
+{
+  Comparison comparison ({"a b", "a\nc"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  close_window (&comparison.test);
+  EXPECT_EQ (comparison.drafts (), "");
+}
