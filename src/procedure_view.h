@@ -1,0 +1,29 @@
+// One procedure on the screen: its title, its clauses one below the other, and the chat page of
+// each clause as a further page of its own stack.
+//
+// Ownership: a widget; borrows the procedure, which outlives it. Links each clause to the clause's
+// view and chat page.
+//
+// Threads: the interface thread only.
+#pragma once
+
+#include <gtk/gtk.h>
+
+#include "procedure.h"
+
+G_DECLARE_FINAL_TYPE (ProcedureView, procedure_view, MORVANE, PROCEDURE_VIEW, GtkBox)
+
+// `own` is the bare JID of the account. Each clause shows its last revision, or is in draft mode
+// when it has none.
+GtkWidget *procedure_view_new (Procedure *procedure, String own);
+
+// ---- Clauses ----
+
+// Makes view and chat page of a clause that the procedure has.
+void procedure_view_add_clause (ProcedureView *self, Clause *clause);
+
+// ---- Pages ----
+
+// Leaves the chat page of a clause.
+void procedure_view_show_clause (ProcedureView *self);
+void procedure_view_show_clause_chat_page (ProcedureView *self, ClauseChatPage *chat_page);

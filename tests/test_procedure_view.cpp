@@ -1,0 +1,265 @@
+#include "procedure_view.h"
+
+#include "clause_chat_page.h"
+#include "clause_view.h"
+#include "db.h"
+#include "morvane.h"
+#include "widget_test.h"
+
+// A procedure of the account, in the store and on the stack, not yet shown.
+static Procedure *
+add_procedure (TestWindow *test, const char *title = "Planks")
+{
+  AppWindow *window = test->window;
+  Procedure *procedure =
+    alloc_procedure (0, window->account_db_id, 5, to_string (title), to_string ("alice@alpha.test"),
+                     to_string ("bob@beta.test"));
+  db_insert_procedure (window->db, procedure);
+  procedures_stack_add_procedure (&window->procedures, procedure);
+  return procedure;
+}
+
+static Clause *
+add_clause (TestWindow *test, Procedure *procedure)
+{
+  u64 position = procedure->clauses_count + 1;
+  Clause *clause = alloc_clause (0, procedure->db_id, (s64) (6 + position),
+                                 to_string ("alice@alpha.test"), position);
+  db_insert_clause (test->window->db, clause);
+  procedure_add_clause (procedure, clause);
+  return clause;
+}
+
+static void
+add_revision (TestWindow *test, Clause *clause, const char *text)
+{
+  ClauseRevision *revision =
+    alloc_clause_revision (0, clause->db_id, 10 + clause->revisions_count,
+                           to_string ("bob@beta.test"), REVISION_COMMITTED, to_string (text));
+  db_insert_clause_revision (test->window->db, revision);
+  clause_add_revision (clause, revision);
+}
+
+static void
+show (TestWindow *test, Procedure *procedure)
+{
+  app_window_add_procedure (test->window, procedure);
+  gtk_stack_set_visible_child (test->window->main_page_stack, GTK_WIDGET (procedure->view));
+  pump ();
+}
+
+static u32
+count_clause_views (Procedure *procedure)
+{
+  GList *views =
+    gtk_container_get_children (GTK_CONTAINER (find_widget (procedure->view, "clauses_box")));
+  u32 count = g_list_length (views);
+  g_list_free (views);
+  return count;
+}
+
+// ---- Looks ----
+
+TEST (procedure_view_new, shows_title_and_add_button_of_a_procedure_without_clauses)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test, "<b>Planks</b> & more");
+  show (&test, procedure);
+  EXPECT_EQ (get_text (procedure->view, "title_label"), "<b>Planks</b> & more");
+  EXPECT_EQ (count_clause_views (procedure), 0u);
+  EXPECT_EQ (get_page (procedure->view, "stack"), "main_box");
+  EXPECT_TRUE (is_sensitive (procedure->view, "add_clause_button"));
+  EXPECT_TRUE (is_sensitive (procedure->view, "delete_button"));
+}
+
+TEST (procedure_view_new, names_its_widgets_for_assistive_technology)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  add_clause (&test, procedure);
+  show (&test, procedure);
+  ProcedureView *view = procedure->view;
+  EXPECT_EQ (list_unnamed_widgets (view), "");
+  EXPECT_EQ (find_accessible (view, "Add clause"), find_widget (view, "add_clause_button"));
+  EXPECT_EQ (find_accessible (view, "Delete procedure"), find_widget (view, "delete_button"));
+  for (const char *name : {"Clause chat", "Revisions", "Clause text", "Agree", "Disagree"}) {
+    EXPECT_TRUE (find_accessible (view, name)) << name;
+  }
+}
+
+TEST (procedure_view_new, takes_a_title_that_is_no_text_without_a_warning)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test, "a\xff");
+  show (&test, procedure);
+  EXPECT_EQ (get_text (procedure->view, "title_label"), "a\xef\xbf\xbd");
+}
+
+TEST (procedure_view_new, wraps_a_long_title_instead_of_widening_the_window)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test, std::string (1000, 'x').c_str ());
+  show (&test, procedure);
+  int width = 0;
+  gtk_window_get_size (GTK_WINDOW (test.window), &width, NULL);
+  EXPECT_EQ (width, 640);
+}
+
+TEST (procedure_view_new, shows_the_last_revision_of_each_clause_in_order)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  Clause *first = add_clause (&test, procedure);
+  Clause *second = add_clause (&test, procedure);
+  add_revision (&test, first, "first, old");
+  add_revision (&test, first, "first, new");
+  add_revision (&test, second, "second");
+  show (&test, procedure);
+  EXPECT_EQ (get_text (first->view, "text_view"), "first, new");
+  EXPECT_EQ (get_text (second->view, "text_view"), "second");
+  EXPECT_EQ (get_text (first->view, "revision_status_label"), "bob@beta.test:11");
+  GList *views =
+    gtk_container_get_children (GTK_CONTAINER (find_widget (procedure->view, "clauses_box")));
+  EXPECT_EQ (views->data, first->view);
+  EXPECT_EQ (views->next->data, second->view);
+  g_list_free (views);
+}
+
+TEST (procedure_view_new, puts_a_clause_without_revision_in_draft_mode_with_an_empty_text)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  Clause *clause = add_clause (&test, procedure);
+  clause->draft = alloc_clause_revision (0, clause->db_id, 9, to_string ("alice@alpha.test"),
+                                         REVISION_DRAFT, to_string ("kept"));
+  db_insert_clause_revision (test.window->db, clause->draft);
+  show (&test, procedure);
+  EXPECT_EQ (get_text (clause->view, "revision_status_label"), "draft");
+  EXPECT_EQ (get_text (clause->view, "text_view"), "");
+  EXPECT_TRUE (is_sensitive (clause->view, "cancel_button"));
+}
+
+// ---- Adding a clause ----
+
+TEST (procedure_view_add_clause_button, makes_a_stored_clause_in_draft_mode_and_sends_nothing)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  show (&test, procedure);
+  s64 before = get_posix_time ();
+  press (procedure->view, "add_clause_button");
+  ASSERT_EQ (procedure->clauses_count, 1u);
+  Clause *clause = procedure->clauses[0];
+  EXPECT_GE (clause->time, before);
+  EXPECT_EQ (to_std_string (clause->initiator), "alice@alpha.test");
+  EXPECT_EQ (clause->position, 1u);
+  EXPECT_EQ (query (&test, "SELECT db_id, procedure_db_id, initiator, position FROM clauses"),
+             std::to_string (clause->db_id) + "|" + std::to_string (procedure->db_id) +
+               "|alice@alpha.test|1\n");
+  EXPECT_EQ (count_clause_views (procedure), 1u);
+  EXPECT_EQ (get_text (clause->view, "revision_status_label"), "draft");
+  EXPECT_EQ (take_sent (&test), "");
+}
+
+TEST (procedure_view_add_clause_button, counts_positions_on_and_gives_each_clause_its_second)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  add_clause (&test, procedure);
+  show (&test, procedure);
+  press (procedure->view, "add_clause_button");
+  press (procedure->view, "add_clause_button");
+  ASSERT_EQ (procedure->clauses_count, 3u);
+  EXPECT_EQ (query (&test, "SELECT position FROM clauses ORDER BY db_id"), "1\n2\n3\n");
+  EXPECT_LT (procedure->clauses[1]->time, procedure->clauses[2]->time);
+  EXPECT_EQ (query (&test, "SELECT COUNT(DISTINCT time) FROM clauses"), "3\n");
+}
+
+TEST (procedure_view_add_clause, links_the_clause_to_its_view_and_its_chat_page)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  show (&test, procedure);
+  Clause *clause = add_clause (&test, procedure);
+  procedure_view_add_clause (procedure->view, clause);
+  EXPECT_TRUE (MORVANE_IS_CLAUSE_VIEW (clause->view));
+  EXPECT_TRUE (MORVANE_IS_CLAUSE_CHAT_PAGE (clause->chat_page));
+  EXPECT_TRUE (gtk_widget_get_visible (GTK_WIDGET (clause->view)));
+  EXPECT_EQ (gtk_widget_get_parent (GTK_WIDGET (clause->view)),
+             find_widget (procedure->view, "clauses_box"));
+  EXPECT_EQ (gtk_widget_get_parent (GTK_WIDGET (clause->chat_page)),
+             find_widget (procedure->view, "stack"));
+}
+
+// ---- Pages ----
+
+TEST (procedure_view_show_clause_chat_page, shows_the_chat_and_back_the_clauses)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  Clause *first = add_clause (&test, procedure);
+  Clause *second = add_clause (&test, procedure);
+  add_revision (&test, first, "text");
+  show (&test, procedure);
+  GtkStack *stack = GTK_STACK (find_widget (procedure->view, "stack"));
+  procedure_view_show_clause_chat_page (procedure->view, second->chat_page);
+  EXPECT_EQ (gtk_stack_get_visible_child (stack), GTK_WIDGET (second->chat_page));
+  procedure_view_show_clause (procedure->view);
+  EXPECT_EQ (get_page (procedure->view, "stack"), "main_box");
+  press (first->view, "chat_button");
+  EXPECT_EQ (gtk_stack_get_visible_child (stack), GTK_WIDGET (first->chat_page));
+}
+
+// ---- Deleting ----
+
+TEST (procedure_view_delete_button, removes_the_procedure_here_and_tells_nobody)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  Procedure *other = add_procedure (&test, "Other");
+  add_revision (&test, add_clause (&test, procedure), "text");
+  show (&test, other);
+  {
+    LeakAllowance popover;
+    show (&test, procedure);
+  }
+  press (procedure->view, "delete_button");
+  ASSERT_EQ (test.window->procedures.count, 1u);
+  EXPECT_EQ (test.window->procedures.procedures[0], other);
+  EXPECT_EQ (query (&test, "SELECT title FROM procedures"), "Other\n");
+  EXPECT_EQ (query (&test, "SELECT COUNT(*) FROM clauses"), "0\n");
+  EXPECT_EQ (query (&test, "SELECT COUNT(*) FROM clause_revisions"), "0\n");
+  EXPECT_EQ (gtk_list_box_get_row_at_index (test.window->procedures_list_box, 0), other->list_item);
+  EXPECT_FALSE (gtk_list_box_get_row_at_index (test.window->procedures_list_box, 1));
+  EXPECT_EQ (take_sent (&test), "");
+}
+
+TEST (procedure_view_delete_button, removes_a_procedure_whose_clause_is_being_typed)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  show (&test, procedure);
+  {
+    LeakAllowance popover;
+    press (procedure->view, "add_clause_button");
+  }
+  GtkWidget *text_view = find_widget (procedure->clauses[0]->view, "text_view");
+  gtk_widget_grab_focus (text_view);
+  pump ();
+  type (procedure->clauses[0]->view, "text_view", "half a clause");
+  press (procedure->view, "delete_button");
+  EXPECT_EQ (test.window->procedures.count, 0u);
+  EXPECT_EQ (query (&test, "SELECT COUNT(*) FROM clause_revisions"), "0\n");
+}
