@@ -567,15 +567,18 @@ alloc_sql_buffer (String text, String author)
   return alloc (2 * text.size + author.size + SQL_ROOM);
 }
 
-// Ends the statement between the start of `sql_buffer` and `sql_buffer_p`, runs it, frees it.
-static void
-exec_and_dealloc (sqlite3 *db, Buffer sql_buffer, Buffer sql_buffer_p)
+// Ends the statement that was written up to `sql_buffer_p`. One that has filled its block may have
+// been cut: the caller asserts that room is left, and the block ends in a terminator all the same.
+static Buffer
+end_sql (Buffer sql_buffer, Buffer sql_buffer_p)
 {
-  sql_buffer_p = buffer_append_char (sql_buffer_p, '\0');
-  assert (sql_buffer_p.size > 0);
-  if (!sql_buffer_p.size) {
-    sql_buffer.data[sql_buffer.size - 1] = '\0';
-  }
+  sql_buffer.data[sql_buffer.size - 1] = '\0';
+  return buffer_append_char (sql_buffer_p, '\0');
+}
+
+static void
+exec_and_dealloc (sqlite3 *db, Buffer sql_buffer)
+{
   db_exec (db, (const char *) sql_buffer.data, NULL, NULL);
   dealloc (sql_buffer);
 }
@@ -604,7 +607,9 @@ db_insert_contact_message (sqlite3 *db, ContactMessage *message)
                                        message->time, STRING_ARGS (message->author));
   sql_buffer_p = buffer_append_dbtext (sql_buffer_p, message->body);
   sql_buffer_p = buffer_append_cstr (sql_buffer_p, "');");
-  exec_and_dealloc (db, sql_buffer, sql_buffer_p);
+  sql_buffer_p = end_sql (sql_buffer, sql_buffer_p);
+  assert (sql_buffer_p.size > 0);
+  exec_and_dealloc (db, sql_buffer);
   message->db_id = (u64) sqlite3_last_insert_rowid (db);
 }
 
@@ -621,7 +626,9 @@ db_insert_clause_message (sqlite3 *db, ClauseMessage *message)
                                        message->time, STRING_ARGS (message->author));
   sql_buffer_p = buffer_append_dbtext (sql_buffer_p, message->text);
   sql_buffer_p = buffer_append_cstr (sql_buffer_p, "');");
-  exec_and_dealloc (db, sql_buffer, sql_buffer_p);
+  sql_buffer_p = end_sql (sql_buffer, sql_buffer_p);
+  assert (sql_buffer_p.size > 0);
+  exec_and_dealloc (db, sql_buffer);
   message->db_id = (u64) sqlite3_last_insert_rowid (db);
 }
 
@@ -639,7 +646,9 @@ db_insert_clause_revision (sqlite3 *db, ClauseRevision *revision)
                           REVISION_STATUS_STRINGS[revision->status]);
   sql_buffer_p = buffer_append_dbtext (sql_buffer_p, revision->text);
   sql_buffer_p = buffer_append_cstr (sql_buffer_p, "');");
-  exec_and_dealloc (db, sql_buffer, sql_buffer_p);
+  sql_buffer_p = end_sql (sql_buffer, sql_buffer_p);
+  assert (sql_buffer_p.size > 0);
+  exec_and_dealloc (db, sql_buffer);
   revision->db_id = (u64) sqlite3_last_insert_rowid (db);
 }
 
@@ -654,7 +663,9 @@ db_insert_clause_revision_decision (sqlite3 *db, ClauseRevisionDecision *decisio
     "INSERT INTO clause_revision_decisions (clause_revision_db_id, time, author, status) VALUES (%lu, %ld, '%.*s', '%s');",
     decision->clause_revision_db_id, decision->time, STRING_ARGS (decision->author),
     DECISION_STATUS_STRINGS[decision->status]);
-  exec_and_dealloc (db, sql_buffer, sql_buffer_p);
+  sql_buffer_p = end_sql (sql_buffer, sql_buffer_p);
+  assert (sql_buffer_p.size);
+  exec_and_dealloc (db, sql_buffer);
   decision->db_id = (u64) sqlite3_last_insert_rowid (db);
 }
 
@@ -720,7 +731,9 @@ db_update_clause_revision_text (sqlite3 *db, ClauseRevision *revision)
   sql_buffer_p = buffer_append_dbtext (sql_buffer_p, revision->text);
   sql_buffer_p = buffer_append_format (sql_buffer_p, "', time = %ld WHERE db_id = %lu;",
                                        revision->time, revision->db_id);
-  exec_and_dealloc (db, sql_buffer, sql_buffer_p);
+  sql_buffer_p = end_sql (sql_buffer, sql_buffer_p);
+  assert (sql_buffer_p.size > 0);
+  exec_and_dealloc (db, sql_buffer);
   assert (sqlite3_changes (db) == 1);
 }
 
@@ -745,7 +758,9 @@ db_update_clause_revision_status_and_text (sqlite3 *db, ClauseRevision *revision
     buffer_append_format (sql_buffer_p, "', time = %ld, status = '%s' WHERE db_id = %lu;",
                           revision->time, REVISION_STATUS_STRINGS[revision->status],
                           revision->db_id);
-  exec_and_dealloc (db, sql_buffer, sql_buffer_p);
+  sql_buffer_p = end_sql (sql_buffer, sql_buffer_p);
+  assert (sql_buffer_p.size > 0);
+  exec_and_dealloc (db, sql_buffer);
   assert (sqlite3_changes (db) == 1);
 }
 

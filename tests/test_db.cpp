@@ -178,6 +178,25 @@ dealloc_test_contact (Contact *contact)
 
 // ---- Connection ----
 
+// Stands in for the library's: what it says of itself is fixed when it is built.
+static int is_sqlite_threadsafe = 1;
+
+extern "C" int
+sqlite3_threadsafe ()
+{
+  return is_sqlite_threadsafe;
+}
+
+TEST (db_connect, stops_without_a_thread_safe_library)
+{
+  EXPECT_DEATH (
+    {
+      is_sqlite_threadsafe = 0;
+      db_connect (":memory:");
+    },
+    stop_at ("is_threadsafe"));
+}
+
 TEST (db_connect, makes_the_nine_tables)
 {
   Store store;
@@ -1348,6 +1367,33 @@ TEST (db_statements, hold_every_size_of_author_and_text)
       write_at_full_size (&store, author_size, text_size);
     }
   }
+}
+
+// A size so large that its double, or its triple, is a small number of 64 bits: the block gets no
+// room for the text. Of the text itself only the first bytes are read.
+static String
+make_oversized_string (std::string *text, u64 size)
+{
+  text->assign (4096, 'x');
+  return {(u8 *) text->data (), size};
+}
+
+TEST (db_statements, stop_the_program_when_they_fill_their_room)
+{
+  Store store;
+  std::string text;
+  String half = make_oversized_string (&text, (u64) 1 << 63);
+  String third = make_oversized_string (&text, UINT64_MAX / 3 + 1);
+  String author = to_string ("a");
+  ContactMessage contact_message = {0, 5, 1000, author, third};
+  ClauseMessage clause_message = {0, 5, 1000, author, half};
+  ClauseRevision revision = {7, 5, 1000, author, REVISION_DRAFT, half, 0, 0, NULL};
+  std::string stop = stop_at ("sql_buffer_p.size > 0");
+  EXPECT_DEATH (db_insert_contact_message (store.db, &contact_message), stop);
+  EXPECT_DEATH (db_insert_clause_message (store.db, &clause_message), stop);
+  EXPECT_DEATH (db_insert_clause_revision (store.db, &revision), stop);
+  EXPECT_DEATH (db_update_clause_revision_text (store.db, &revision), stop);
+  EXPECT_DEATH (db_update_clause_revision_status_and_text (store.db, &revision), stop);
 }
 
 // ---- Updates ----
