@@ -1,3 +1,4 @@
+// TLS by GnuTLS: the process, the session and its handshake, sending and receiving.
 #include "network.h"
 
 #include <assert.h>

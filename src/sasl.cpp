@@ -1,3 +1,4 @@
+// SASL PLAIN: builds the message.
 #include "sasl.h"
 
 #include <assert.h>

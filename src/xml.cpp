@@ -1,3 +1,4 @@
+// The XML reader: tokens, trees in an arena, console output of trees, escaping, stanza boundaries.
 #include "xml.h"
 
 #include <assert.h>
@@ -625,12 +626,11 @@ console_text_append_attributes (ConsoleText *text, XMLElement *element)
 static bool
 console_text_append_node (ConsoleText *text, XMLElement *node, u32 depth)
 {
-  bool has_inside = false;
   console_text_append_indentation (text, depth);
   if (node->text.size) {
     console_text_append (text, node->text);
     console_text_append (text, "\n");
-    return has_inside;
+    return false;
   }
   console_text_append (text, node->is_doctype ? "<?" : "<");
   console_text_append (text, node->name);
@@ -641,13 +641,13 @@ console_text_append_node (ConsoleText *text, XMLElement *node, u32 depth)
     console_text_append (text, "?>\n");
   } else if (node->children) {
     console_text_append (text, ">\n");
-    has_inside = true;
+    return true;
   } else {
     console_text_append (text, ">");
     console_text_append_closing_tag (text, node->name);
     console_text_append (text, "\n");
   }
-  return has_inside;
+  return false;
 }
 
 // Elements whose closing line is still to be printed. Links to the parent would not do: text nodes

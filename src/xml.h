@@ -60,17 +60,16 @@ struct XMLElement {
 // Follows a stream of bytes and tells where stanzas end. Zeroed, it is at the start of a stream.
 // The first two fields are the result; the rest belongs to the functions below.
 struct XMLScanner {
-  u64
-    stanzas_count;   // top-level elements completed since the start, never opened closings included
-  u64 boundary;      // bytes fed up to the last one after which nothing was left open
-  u64 bytes_count;   // bytes fed since the start
-  u64 depth;         // elements open now
-  u32 name_matched;  // leading bytes of the tag's name that agree with "stream:stream"
-  u8 place;          // where in the text the next byte stands
-  u8 tag_kind;       // opening, closing or declaration
-  u8 name_state;     // how far the tag's name has been read
-  u8 quote;          // the quote character that closes the value
-  u8 previous;       // the byte before, inside a tag and outside of its values
+  u64 stanzas_count;  // top-level elements completed since the start, and closings never opened
+  u64 boundary;       // bytes fed up to the last one after which nothing was left open
+  u64 bytes_count;    // bytes fed since the start
+  u64 depth;          // elements open now
+  u32 name_matched;   // leading bytes of the tag's name that agree with "stream:stream"
+  u8 place;           // where in the text the next byte stands
+  u8 tag_kind;        // opening, closing or declaration
+  u8 name_state;      // how far the tag's name has been read
+  u8 quote;           // the quote character that closes the value
+  u8 previous;        // the byte before, inside a tag and outside of its values
 };
 
 // ---- Tokenizer ----

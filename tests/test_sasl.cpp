@@ -1,3 +1,4 @@
+// The message of SASL PLAIN.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,3 +1,4 @@
+// The XML reader: tokens, trees, console output, escaping, stanza boundaries.
 #include "xml.h"
 
 #include <gtest/gtest.h>
