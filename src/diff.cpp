@@ -14,6 +14,7 @@ fill_row (u32 *row, const u32 *row_before, StringsStack arr1, String word)
   row[0] = 0;
   for (u32 i = 1; i <= arr1.count; ++i) {
     const String *other = &arr1.strings[arr1.count - i];
+    // Most words differ in size, which saves the call: this line runs once a cell.
     if (other->size == word.size && *other == word)
       row[i] = row_before[i - 1] + 1;
     else
