@@ -44,7 +44,8 @@ struct StringsStack {
   String *strings;  // `max` slots, owned; the bytes of the strings are not
 };
 
-// The two arguments that "%.*s" takes for a `String`: length, then data. Names a value, not a call.
+// The two arguments that "%.*s" takes for a `String`: length, then data. Reads `s` twice: it must be
+// a variable, not a call.
 #define STRING_ARGS(s) string_format_size (s), (s).data
 
 // The size of a string as the length of "%.*s": sizes above `INT_MAX` count as `INT_MAX`.
