@@ -11,9 +11,6 @@
 #include <thread>
 
 #include <gnutls/gnutls.h>
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
 
 #include "db.h"
 #include "login_page.h"
@@ -421,26 +418,6 @@ show_alone (GtkWidget *widget)
   pump ();
   return toplevel;
 }
-
-#ifdef __SANITIZE_ADDRESS__
-LeakAllowance::LeakAllowance ()
-{
-  __lsan_disable ();
-}
-
-LeakAllowance::~LeakAllowance ()
-{
-  __lsan_enable ();
-}
-#else
-LeakAllowance::LeakAllowance ()
-{
-}
-
-LeakAllowance::~LeakAllowance ()
-{
-}
-#endif
 
 std::string
 to_std_string (String string)

@@ -74,12 +74,4 @@ std::string list_unnamed_widgets (gpointer root);
 // A toplevel window around a widget that stands alone.
 GtkWidget *show_alone (GtkWidget *widget);
 
-// While one exists, what is allocated may leak. GTK forgets one list node of the toplevel for each
-// popover that is destroyed before its toplevel, so a test that removes a clause's view makes that
-// view inside of one.
-struct LeakAllowance {
-  LeakAllowance ();
-  ~LeakAllowance ();
-};
-
 std::string to_std_string (String string);
