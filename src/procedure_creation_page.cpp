@@ -110,23 +110,14 @@ procedure_creation_page_contractor_vcard_button_handle (GtkButton *, ProcedureCr
   g_free (contractor);
 }
 
-// The title as the wire and the store carry it. Statements and stanzas quote with apostrophes, so a
-// title has the typographic one (U+2019) instead. The caller frees it with `dealloc_string`.
+// The title as the wire and the store carry it. The caller frees it with `dealloc_string`.
 static String
 alloc_title (const char *text)
 {
   String sendable = alloc_sendable_text (to_string (text));
-  Buffer title = alloc (sendable.size * strlen ("\u2019") + 1);
-  Buffer title_p = title;
-  for (u64 i = 0; i < sendable.size; ++i) {
-    if (sendable.data[i] == '\'') {
-      title_p = buffer_append_cstr (title_p, "\u2019");
-    } else {
-      title_p = buffer_append_char (title_p, (char) sendable.data[i]);
-    }
-  }
+  String title = alloc_procedure_title (sendable);
   dealloc_string (sendable);
-  return {title.data, (u64) (title_p.data - title.data)};
+  return title;
 }
 
 static const char *
