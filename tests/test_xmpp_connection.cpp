@@ -251,7 +251,7 @@ class Process : public testing::Environment {
 struct BareWindow {
   AppWindow *window;
 
-  BareWindow ()
+  explicit BareWindow (u64 input_size = 1024 * 1024)
   {
     static GType type =
       g_type_register_static_simple (G_TYPE_OBJECT, "BareWindow", sizeof (GObjectClass), NULL,
@@ -260,7 +260,7 @@ struct BareWindow {
     pthread_mutex_init (&window->worker_mutex, NULL);
     pthread_cond_init (&window->worker_cond, NULL);
     window->tls_credentials = tls_credentials;
-    window->input_stream_buffer = alloc (1024 * 1024);
+    window->input_stream_buffer = alloc (input_size);
     window->output_stream_buffer = alloc (64 * 1024);
     window->account =
       alloc_xmpp_account (to_string ("alice@alpha.test"), to_string ("pw"), to_string ("morvane"));
@@ -1315,9 +1315,10 @@ struct Ran {
 
 // Runs a worker to its end against the script.
 static Ran
-run_worker (void *(*entry) (void *), const ServerScript &script, const ServerOptions &options = {})
+run_worker (void *(*entry) (void *), const ServerScript &script, const ServerOptions &options = {},
+            u64 input_size = 1024 * 1024)
 {
-  BareWindow bare;
+  BareWindow bare (input_size);
   Ran ran;
   ScriptedServer *server = scripted_server_start (script, options);
   testing::internal::CaptureStdout ();
@@ -1547,6 +1548,23 @@ TEST (session, takes_a_stanza_of_many_records_whole)
     "<message from='b@c'><body><x-revision procedure='b@c:1' clause='b@c:2' revision='b@c:3'>" +
     text + "</x-revision></body></message>";
   EXPECT_EQ (run_pieces (cut_every (stanza, 8192)), "revision b@c:3 " + text + "\n");
+}
+
+// The other half is the tree's. What comes in the records behind such a stanza is read as ever.
+TEST (session, loses_a_stanza_that_outgrows_half_of_the_buffer)
+{
+  const std::string first = "<message from='b@c'><body>1</body></message>";
+  const std::string head = "<message from='b@c'><body>";
+  const std::string last = "<message from='b@c'><body>2</body></message>";
+  // The record that reaches the middle of the buffer ends inside of the long text.
+  Pieces pieces = {first + head + std::string (8000, 'x')};
+  for (int i = 0; i < 4; ++i)
+    pieces.push_back (std::string (8192, 'x'));
+  pieces.push_back (std::string (4096, 'y') + "</body></message>");
+  pieces.push_back (last);
+  Ran ran = run_worker (start_xmpp_connection_thread, script_session (pieces), {}, 64 * 1024);
+  EXPECT_EQ (ran.posted,
+             std::string (SESSION_BEGIN) + "message b@c '1'\nmessage b@c '2'\nrelease\n");
 }
 
 // However far a stanza came when the stream ends, the whole ones ahead of it are taken, and it is
