@@ -1,16 +1,16 @@
 #include "clause_chat_page.h"
 
 #include "app_window.h"
+#include "chat_text.h"
 #include "db.h"
 #include "morvane.h"
 #include "procedure_view.h"
 
 struct _ClauseChatPage {
   GtkBox parent_instance;
-  Procedure *procedure;    // borrowed
-  Clause *clause;          // borrowed
-  bool is_at_end;          // the newest line is in sight, and stays so when the text grows
-  GtkTextTag *author_tag;  // belongs to the text
+  Procedure *procedure;  // borrowed
+  Clause *clause;        // borrowed
+  ChatText chat_text;    // over the widgets below
   // Template children.
   GtkButton *send_button;
   GtkButton *close_button;
@@ -20,39 +20,6 @@ struct _ClauseChatPage {
 };
 
 G_DEFINE_TYPE (ClauseChatPage, clause_chat_page, GTK_TYPE_BOX)
-
-static void
-clause_chat_page_scroll_to_end (ClauseChatPage *self)
-{
-  GtkAdjustment *adjustment = gtk_scrolled_window_get_vadjustment (self->chat_scrolled_window);
-  gtk_adjustment_set_value (adjustment, gtk_adjustment_get_upper (adjustment) -
-                                          gtk_adjustment_get_page_size (adjustment));
-}
-
-// The text gets its height bit by bit, long after it was set, so that its end is followed rather
-// than scrolled to once.
-static void
-clause_chat_page_vadjustment_changed_handle (GtkAdjustment *, ClauseChatPage *self)
-{
-  if (self->is_at_end) {
-    clause_chat_page_scroll_to_end (self);
-  }
-}
-
-static void
-clause_chat_page_vadjustment_value_changed_handle (GtkAdjustment *adjustment, ClauseChatPage *self)
-{
-  double end = gtk_adjustment_get_upper (adjustment) - gtk_adjustment_get_page_size (adjustment);
-  self->is_at_end = gtk_adjustment_get_value (adjustment) >= end - 1;
-}
-
-// A page opens at its end.
-static void
-clause_chat_page_map_handle (GtkWidget *, ClauseChatPage *self)
-{
-  self->is_at_end = true;
-  clause_chat_page_scroll_to_end (self);
-}
 
 static void
 clause_chat_page_send (ClauseChatPage *self, String text)
@@ -67,19 +34,6 @@ clause_chat_page_send (ClauseChatPage *self, String text)
   xmpp_send_clause_message (window, self->procedure, self->clause, message);
 }
 
-// Moves the cursor to the end first: a click into the text may have taken it elsewhere.
-static void
-clause_chat_page_show_last_line (ClauseChatPage *self)
-{
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->chat_text_view);
-  GtkTextIter end;
-  gtk_text_buffer_get_end_iter (text_buffer, &end);
-  gtk_text_buffer_place_cursor (text_buffer, &end);
-  self->is_at_end = true;
-  gtk_text_view_scroll_mark_onscreen (self->chat_text_view,
-                                      gtk_text_buffer_get_insert (text_buffer));
-}
-
 static void
 clause_chat_page_send_button_clicked_handle (GtkButton *, ClauseChatPage *self)
 {
@@ -90,7 +44,7 @@ clause_chat_page_send_button_clicked_handle (GtkButton *, ClauseChatPage *self)
   }
   dealloc_string (text);
   gtk_entry_set_text (self->chat_entry, "");
-  clause_chat_page_show_last_line (self);
+  chat_text_show_last_line (&self->chat_text);
 }
 
 static void
@@ -131,9 +85,8 @@ static void
 clause_chat_page_init (ClauseChatPage *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
-  self->author_tag =
-    gtk_text_buffer_create_tag (gtk_text_view_get_buffer (self->chat_text_view), NULL, "scale",
-                                PANGO_SCALE_SMALL, "weight", PANGO_WEIGHT_BOLD, NULL);
+  chat_text_init (&self->chat_text, GTK_WIDGET (self), self->chat_text_view,
+                  self->chat_scrolled_window);
   gtk_widget_grab_focus (GTK_WIDGET (self->chat_entry));
   g_signal_connect (self->send_button, "clicked",
                     G_CALLBACK (clause_chat_page_send_button_clicked_handle), self);
@@ -143,14 +96,6 @@ clause_chat_page_init (ClauseChatPage *self)
                     G_CALLBACK (clause_chat_page_chat_entry_changed_handle), self);
   g_signal_connect (self->chat_entry, "focus-in-event",
                     G_CALLBACK (clause_chat_page_chat_entry_focus_in_handle), self);
-  g_signal_connect (self, "map", G_CALLBACK (clause_chat_page_map_handle), self);
-  GtkAdjustment *vadjustment = gtk_scrolled_window_get_vadjustment (self->chat_scrolled_window);
-  g_signal_connect_object (vadjustment, "changed",
-                           G_CALLBACK (clause_chat_page_vadjustment_changed_handle), self,
-                           (GConnectFlags) 0);
-  g_signal_connect_object (vadjustment, "value-changed",
-                           G_CALLBACK (clause_chat_page_vadjustment_value_changed_handle), self,
-                           (GConnectFlags) 0);
 }
 
 GtkWidget *
@@ -166,29 +111,8 @@ clause_chat_page_new (Procedure *procedure, Clause *clause)
   return GTK_WIDGET (self);
 }
 
-// Only valid UTF-8 can be shown, and what comes from the network may be anything.
-static void
-insert_text (GtkTextBuffer *text_buffer, GtkTextIter *iter, String text, GtkTextTag *tag)
-{
-  char *valid = g_utf8_make_valid ((const char *) text.data, (gssize) text.size);
-  gtk_text_buffer_insert_with_tags (text_buffer, iter, valid, -1, tag, NULL);
-  g_free (valid);
-}
-
-// The author looks as the markup "<small><b>author:</b></small> " does. It is written with one tag
-// for all lines, because GTK leaks what it makes for each piece of markup, and so no name can be
-// taken for markup.
 void
 clause_chat_page_add_message (ClauseChatPage *self, ClauseMessage *message)
 {
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->chat_text_view);
-  GtkTextIter end;
-  gtk_text_buffer_get_end_iter (text_buffer, &end);
-  if (gtk_text_buffer_get_char_count (text_buffer)) {
-    gtk_text_buffer_insert (text_buffer, &end, "\n", 1);
-  }
-  insert_text (text_buffer, &end, message->author, self->author_tag);
-  insert_text (text_buffer, &end, to_string (":"), self->author_tag);
-  insert_text (text_buffer, &end, to_string (" "), NULL);
-  insert_text (text_buffer, &end, message->text, NULL);
+  chat_text_add_line (&self->chat_text, message->author, message->text);
 }
