@@ -331,14 +331,21 @@ get_base64_string (Buffer buffer, String string)
   return result;
 }
 
+// ---- Growable arrays ----
+
+u32
+grow_max (u32 max)
+{
+  return max > 0 ? max * 2 : 1;
+}
+
 // ---- String stacks ----
 
 void
 strings_stack_push (StringsStack *stack, String string)
 {
   if (stack->count == stack->max) {
-    // A short text starts without a slot, and doubling nothing gives nothing.
-    stack->max = stack->max > 0 ? stack->max * 2 : 1;
+    stack->max = grow_max (stack->max);
     stack->strings = (String *) realloc (stack->strings, (u64) stack->max * sizeof (String));
   }
   stack->strings[stack->count] = string;

@@ -114,6 +114,11 @@ u64 get_base64_len (u64 size);    // bytes that `size` bytes take when encoded
 // its sign, so that it disturbs the characters before it: this is meant to be so.
 String get_base64_string (Buffer buffer, String string);
 
+// ---- Growable arrays ----
+
+// The capacity after `max` slots: twice as many, and 1 after none, so that an array always grows.
+u32 grow_max (u32 max);
+
 // ---- String stacks ----
 
 void strings_stack_push (StringsStack *stack, String string);  // stores the view, copies no bytes

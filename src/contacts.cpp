@@ -7,13 +7,6 @@
 static const u32 MESSAGES_INITIAL_MAX = 64;
 static const u32 CONTACTS_INITIAL_MAX = 64;
 
-// The capacity after `max`. From 0 it grows to 1, so that a slot is there in any case.
-static u32
-grow_max (u32 max)
-{
-  return max ? max * 2 : 1;
-}
-
 // ---- Messages ----
 
 ContactMessage *

@@ -233,13 +233,6 @@ alloc_procedure_title (String text)
 
 // ---- Adding ----
 
-// The capacity after `max`. From 0 it grows to 1, so that a slot is there in any case.
-static u32
-grow_max (u32 max)
-{
-  return max ? max * 2 : 1;
-}
-
 void
 clause_revision_add_decision (ClauseRevision *revision, ClauseRevisionDecision *decision)
 {

@@ -618,6 +618,19 @@ TEST (get_base64_string, stops_the_program_when_the_buffer_is_too_small)
                 ".*`result\\.size <= buffer\\.size'");
 }
 
+// ---- Growable arrays ----
+
+TEST (grow_max, doubles_and_begins_with_one)
+{
+  u32 expected[] = {1, 2, 4, 8, 16, 32};
+  u32 max = 0;
+  for (u32 index = 0; index < 6; ++index) {
+    max = grow_max (max);
+    EXPECT_EQ (expected[index], max);
+  }
+  EXPECT_EQ (128u, grow_max (64));
+}
+
 // ---- String stacks ----
 
 TEST (strings_stack_push, grows_from_nothing_to_one_and_then_doubles)
