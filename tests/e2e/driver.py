@@ -149,7 +149,7 @@ class Desktop:
         log = open(os.path.join(self.directory, "display.log"), "w")
         self.processes.append(start_process(
             ["Xvfb", "-displayfd", str(write_end), "-screen", "0",
-             "%dx%dx24" % (SCREEN_WIDTH, SCREEN_HEIGHT), "-nolisten", "tcp", "-noreset"],
+             "%dx%dx24" % (SCREEN_WIDTH, SCREEN_HEIGHT), "-nolisten", "tcp", "-noreset", "-wr"],
             pass_fds=[write_end], stdout=log, stderr=log))
         os.close(write_end)
         with os.fdopen(read_end) as numbers:
