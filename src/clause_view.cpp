@@ -540,10 +540,21 @@ clause_view_class_init (ClauseViewClass *view_class)
   gtk_widget_class_bind_template_child (widget_class, ClauseView, diff_del_button);
 }
 
+// A text that wraps is never scrolled sideways: room for the cursor behind a full line would cost
+// the first column a pixel.
+static void
+clause_view_hadjustment_value_changed_handle (GtkAdjustment *adjustment, gpointer)
+{
+  gtk_adjustment_set_value (adjustment, 0);
+}
+
 static void
 clause_view_init (ClauseView *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
+  GtkScrollable *scrollable = GTK_SCROLLABLE (self->text_view);
+  g_signal_connect (gtk_scrollable_get_hadjustment (scrollable), "value-changed",
+                    G_CALLBACK (clause_view_hadjustment_value_changed_handle), NULL);
   g_signal_connect (self->chat_button, "clicked", G_CALLBACK (clause_view_chat_button_handle),
                     self);
   clause_view_set_decision_buttons_sensitive (self, FALSE, FALSE);
@@ -736,13 +747,19 @@ clause_view_set_draft_mode (ClauseView *self)
                                           TRUE);
 }
 
-void
-clause_view_begin_draft (ClauseView *self)
+static void
+clause_view_select_draft_row (ClauseView *self)
 {
   clause_view_add_draft_row (self);
   GtkListBoxRow *row = clause_revision_list_item_draft_find_row (self->revision_select_list);
   assert (row);
   gtk_list_box_select_row (self->revision_select_list, row);
+}
+
+void
+clause_view_begin_draft (ClauseView *self)
+{
+  clause_view_select_draft_row (self);
   clause_view_set_draft_mode (self);
 }
 
@@ -775,7 +792,7 @@ clause_view_save_draft (ClauseView *self)
   dealloc_string (text);
   self->is_text_changed = false;
   // Without its row it could not be reached once something else is shown.
-  clause_view_add_draft_row (self);
+  clause_view_select_draft_row (self);
 }
 
 void
