@@ -1,0 +1,1783 @@
+#include "app_window.h"
+
+#include <stdlib.h>
+
+#include <atomic>
+#include <memory>
+
+#include "clause_chat_page.h"
+#include "clause_view.h"
+#include "contact_list_item.h"
+#include "db.h"
+#include "fake_session.h"
+#include "login_page.h"
+#include "morvane.h"
+#include "procedure_creation_page.h"
+#include "procedure_view.h"
+#include "registration_page.h"
+#include "vcard_page.h"
+
+#define ALICE "alice@alpha.test"
+#define BOB   "bob@beta.test"
+#define CAROL "carol@alpha.test"
+
+// ---- What the tests begin with ----
+
+static const char ACCOUNT[] = "INSERT INTO accounts VALUES (1, '" ALICE "');";
+static const char CONTACTS[] = "INSERT INTO contacts VALUES (1, 1, '" BOB "');"
+                               "INSERT INTO contacts VALUES (2, 1, '" CAROL "');";
+// One that Alice has opened, one that was opened with her.
+static const char PROCEDURES[] =
+  "INSERT INTO procedures (db_id, account_db_id, time, initiator, contractor, title)"
+  " VALUES (1, 1, 1000, '" ALICE "', '" BOB "', 'Rent');"
+  "INSERT INTO procedures (db_id, account_db_id, time, initiator, contractor, title)"
+  " VALUES (2, 1, 1500, '" CAROL "', '" ALICE "', 'Garden');";
+static const char CLAUSES[] =
+  "INSERT INTO clauses VALUES (1, 1, 2000, '" ALICE "', 1);"
+  "INSERT INTO clause_messages VALUES (1, 1, 2500, 'alice', 'well?');"
+  "INSERT INTO clause_revisions VALUES (1, 1, 3000, '" ALICE "', 'COMMITTED', 'first text');"
+  "INSERT INTO clause_revisions VALUES (2, 1, 3100, '" ALICE "', 'DRAFT', 'drafted text');"
+  "INSERT INTO clause_revision_decisions VALUES (1, 1, 3500, '" ALICE "', 'AGREE');";
+
+// What those are called on the wire.
+static const WireName RENT = {ALICE, 1000};
+static const WireName CLAUSE = {ALICE, 2000};
+static const WireName FIRST = {ALICE, 3000};
+
+static void
+run (TestWindow *test, const std::string &sql)
+{
+  // Nothing here outlives a crash of the machine, so no write waits for the disk.
+  std::string all = "PRAGMA synchronous = OFF;" + sql;
+  char *error = NULL;
+  EXPECT_EQ (sqlite3_exec (test->db, all.c_str (), NULL, NULL, &error), SQLITE_OK) << error;
+}
+
+// A window that is logged in to a store with these rows.
+static void
+open_account (TestWindow *test, const std::string &sql = "")
+{
+  run (test, ACCOUNT + sql);
+  log_in (test);
+}
+
+static void
+open_negotiation (TestWindow *test)
+{
+  open_account (test, std::string (CONTACTS) + PROCEDURES + CLAUSES);
+}
+
+static Clause *
+get_clause (TestWindow *test)
+{
+  return test->window->procedures.procedures[0]->clauses[0];
+}
+
+// ---- What is seen ----
+
+static bool
+has (const std::string &text, const std::string &part)
+{
+  return text.find (part) != std::string::npos;
+}
+
+static std::string
+count (TestWindow *test, const char *table)
+{
+  return query (test, (std::string ("SELECT count (*) FROM ") + table).c_str ());
+}
+
+static void
+activate_row (GtkListBox *list_box, int index)
+{
+  GtkListBoxRow *row = gtk_list_box_get_row_at_index (list_box, index);
+  ASSERT_TRUE (row);
+  gtk_widget_activate (GTK_WIDGET (row));
+  pump ();
+}
+
+static bool
+is_mapped (void *data)
+{
+  return gtk_widget_get_mapped (GTK_WIDGET (data));
+}
+
+// Opens the list of revisions of the first clause of a negotiation.
+static void
+open_revisions (TestWindow *test)
+{
+  activate_row (test->window->procedures_list_box, 1);
+  GtkWidget *button = find_widget (get_clause (test)->view, "revision_select_menu_button");
+  EXPECT_TRUE (pump_until (is_mapped, button));
+  gtk_toggle_button_set_active (GTK_TOGGLE_BUTTON (button), TRUE);
+  EXPECT_TRUE (pump_until (is_mapped, gtk_menu_button_get_popover (GTK_MENU_BUTTON (button))));
+}
+
+// The rows of a list, each with what its two labels show.
+static std::string
+list_rows (GtkListBox *list_box, const char *label, const char *other_label)
+{
+  std::string list;
+  for (int i = 0; gtk_list_box_get_row_at_index (list_box, i); i++) {
+    GtkListBoxRow *row = gtk_list_box_get_row_at_index (list_box, i);
+    list += (gtk_list_box_row_is_selected (row) ? "*" : "") + get_text (row, label) + "|" +
+            get_text (row, other_label) + "\n";
+  }
+  return list;
+}
+
+static std::string
+list_procedures (TestWindow *test)
+{
+  return list_rows (test->window->procedures_list_box, "title_label", "contact_label");
+}
+
+static std::string
+list_contacts (TestWindow *test)
+{
+  return list_rows (test->window->contacts_list_box, "name_label", "status_label");
+}
+
+static GtkWidget *
+get_main_page (TestWindow *test)
+{
+  return gtk_stack_get_visible_child (test->window->main_page_stack);
+}
+
+static GtkWidget *
+get_default (TestWindow *test)
+{
+  return gtk_window_get_default_widget (GTK_WINDOW (test->window));
+}
+
+static void
+focus (TestWindow *test, GtkWidget *widget)
+{
+  EXPECT_TRUE (
+    pump_until ([] (
+                  void *data) { return (bool) gtk_window_has_toplevel_focus (GTK_WINDOW (data)); },
+                test->window));
+  gtk_widget_grab_focus (widget);
+  pump ();
+  EXPECT_TRUE (gtk_widget_has_focus (widget));
+}
+
+// What the console says from here to `end_capture`.
+static void
+begin_capture ()
+{
+  testing::internal::CaptureStdout ();
+}
+
+static std::string
+end_capture ()
+{
+  return testing::internal::GetCapturedStdout ();
+}
+
+// ---- A new window ----
+
+TEST (app_window_new, shows_the_login_page_in_a_window_of_640_by_640)
+{
+  TestWindow test;
+  int width = 0;
+  int height = 0;
+  gtk_window_get_default_size (GTK_WINDOW (test.window), &width, &height);
+  EXPECT_EQ (width, 640);
+  EXPECT_EQ (height, 640);
+  EXPECT_STREQ (gtk_window_get_title (GTK_WINDOW (test.window)), "Morvane");
+  EXPECT_EQ (get_page (test.window, "stack"), "login_page");
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+  EXPECT_EQ (get_default (&test), login_page_get_login_button (test.window->login_page));
+  EXPECT_STREQ (G_OBJECT_TYPE_NAME (test.window), "AppWindow");
+}
+
+TEST (app_window_new, has_nobody_logged_in)
+{
+  TestWindow test;
+  AppWindow *window = test.window;
+  EXPECT_EQ (window->db, test.db);
+  EXPECT_EQ (window->account_db_id, 0u);
+  EXPECT_FALSE (window->account.data);
+  EXPECT_EQ (window->account.bare_jid.size, 0u);
+  EXPECT_FALSE (window->connection.opened_stream);
+  EXPECT_FALSE (window->connection.opened_socket);
+  EXPECT_FALSE (window->connection.opened_tls_session);
+  EXPECT_EQ (window->last_xmpp_id, 0u);
+  EXPECT_EQ (window->get_vcard_id, 0u);
+  EXPECT_EQ (window->get_own_vcard_id, 0u);
+  EXPECT_FALSE (window->prev_main_page);
+  EXPECT_FALSE (app_window_is_worker_running (window));
+  EXPECT_TRUE (app_window_is_open (window));
+}
+
+TEST (app_window_new, has_room_for_long_stanzas_both_ways)
+{
+  TestWindow test;
+  EXPECT_EQ (test.window->input_stream_buffer.size, 8388607u);
+  EXPECT_EQ (test.window->output_stream_buffer.size, 8388607u);
+  EXPECT_TRUE (test.window->input_stream_buffer.data);
+  EXPECT_NE (test.window->input_stream_buffer.data, test.window->output_stream_buffer.data);
+}
+
+// In pixels.
+static double
+get_font_size (GtkWidget *widget)
+{
+  double size = 0;
+  gtk_style_context_get (gtk_widget_get_style_context (widget), GTK_STATE_FLAG_NORMAL, "font-size",
+                         &size, NULL);
+  return size;
+}
+
+TEST (app_window_new, shows_the_console_buffer_in_small_letters_behind_a_closed_pane)
+{
+  TestWindow test;
+  GtkWidget *console = GTK_WIDGET (test.window->console);
+  EXPECT_EQ (gtk_text_view_get_buffer (test.window->console), test.console);
+  EXPECT_FALSE (gtk_text_view_get_editable (test.window->console));
+  EXPECT_EQ (gtk_text_view_get_wrap_mode (test.window->console), GTK_WRAP_CHAR);
+  EXPECT_FALSE (gtk_widget_get_visible (console));
+  EXPECT_EQ (gtk_paned_get_position (test.window->console_paned), 0);
+  EXPECT_EQ (get_font_size (console), 10);
+}
+
+TEST (app_window_new, styles_nothing_but_the_console)
+{
+  TestWindow test;
+  EXPECT_NE (get_font_size (find_widget (test.window->login_page, "bare_jid_entry")), 10);
+}
+
+// Whoever reads the console is not carried away by new output.
+TEST (app_window_new, does_not_follow_the_console)
+{
+  TestWindow test;
+  guint changed = g_signal_lookup ("changed", GTK_TYPE_TEXT_BUFFER);
+  EXPECT_EQ (g_signal_handler_find (test.console,
+                                    (GSignalMatchType) (G_SIGNAL_MATCH_ID | G_SIGNAL_MATCH_DATA),
+                                    changed, 0, NULL, NULL, test.window),
+             0u);
+}
+
+TEST (app_window_new, names_its_widgets_for_assistive_technology)
+{
+  TestWindow test;
+  EXPECT_EQ (list_unnamed_widgets (test.window), "");
+}
+
+struct StackCase {
+  const char *stack;
+  GtkStackTransitionType transition;
+  guint duration_ms;
+};
+
+class AppWindowStacks : public testing::TestWithParam<StackCase> {};
+
+TEST_P (AppWindowStacks, slide)
+{
+  TestWindow test;
+  GtkStack *stack = GTK_STACK (find_widget (test.window, GetParam ().stack));
+  EXPECT_EQ (gtk_stack_get_transition_type (stack), GetParam ().transition);
+  EXPECT_EQ (gtk_stack_get_transition_duration (stack), GetParam ().duration_ms);
+}
+
+INSTANTIATE_TEST_SUITE_P (
+  app_window_init, AppWindowStacks,
+  testing::Values (StackCase{"stack", GTK_STACK_TRANSITION_TYPE_SLIDE_LEFT_RIGHT, 700},
+                   StackCase{"main_page_stack", GTK_STACK_TRANSITION_TYPE_SLIDE_UP_DOWN, 700}));
+
+TEST (app_window_init, switches_between_procedures_and_contacts)
+{
+  TestWindow test;
+  GtkStack *stack = GTK_STACK (find_widget (test.window, "roster_stack"));
+  const char *names[2] = {"procedures", "contacts"};
+  const char *titles[2] = {"Procedures", "Contacts"};
+  GtkListBox *lists[2] = {test.window->procedures_list_box, test.window->contacts_list_box};
+  for (int i = 0; i < 2; i++) {
+    GtkWidget *page = gtk_stack_get_child_by_name (stack, names[i]);
+    ASSERT_TRUE (page);
+    EXPECT_TRUE (gtk_widget_is_ancestor (GTK_WIDGET (lists[i]), page));
+    char *title = NULL;
+    gtk_container_child_get (GTK_CONTAINER (stack), page, "title", &title, NULL);
+    EXPECT_STREQ (title, titles[i]);
+    g_free (title);
+  }
+}
+
+// ---- The configuration file ----
+
+struct ConfigCase {
+  const char *config;
+  const char *bare_jid;
+  const char *password;
+};
+
+class AppWindowConfig : public testing::TestWithParam<ConfigCase> {};
+
+TEST_P (AppWindowConfig, fills_the_login_page)
+{
+  TestWindow test (GetParam ().config);
+  EXPECT_EQ (get_text (test.window->login_page, "bare_jid_entry"), GetParam ().bare_jid);
+  EXPECT_EQ (get_text (test.window->login_page, "password_entry"), GetParam ().password);
+  EXPECT_EQ (is_sensitive (test.window->login_page, "login_button"),
+             *GetParam ().bare_jid && *GetParam ().password);
+}
+
+INSTANTIATE_TEST_SUITE_P (
+  app_window_new, AppWindowConfig,
+  testing::Values (ConfigCase{NULL, "", ""},
+                   ConfigCase{"bare_jid = " ALICE "\npassword = secret\n", ALICE, "secret"},
+                   ConfigCase{"bare_jid=" ALICE "\n", ALICE, ""},
+                   ConfigCase{"password = secret\n", "", ""}, ConfigCase{"\n", "", ""}));
+
+TEST (app_window_new, keeps_what_the_configuration_file_says)
+{
+  TestWindow test ("password = secret\n");
+  EXPECT_EQ (test.window->config.bare_jid.size, 0u);
+  EXPECT_EQ (to_std_string (test.window->config.password), "secret");
+}
+
+// ---- Pages ----
+
+TEST (app_window_goto_registration_page, shows_it_and_lets_enter_register)
+{
+  TestWindow test;
+  app_window_goto_registration_page (test.window);
+  pump ();
+  EXPECT_EQ (get_page (test.window, "stack"), "registration_page");
+  EXPECT_EQ (get_default (&test),
+             registration_page_get_register_button (test.window->registration_page));
+}
+
+TEST (app_window_goto_login_page, without_an_account_leaves_the_entries)
+{
+  TestWindow test ("bare_jid = " ALICE "\npassword = secret\n");
+  app_window_goto_registration_page (test.window);
+  app_window_goto_login_page (test.window, NULL);
+  pump ();
+  EXPECT_EQ (get_page (test.window, "stack"), "login_page");
+  EXPECT_EQ (get_text (test.window->login_page, "bare_jid_entry"), ALICE);
+  EXPECT_EQ (get_text (test.window->login_page, "password_entry"), "secret");
+  EXPECT_EQ (get_default (&test), login_page_get_login_button (test.window->login_page));
+}
+
+TEST (app_window_goto_login_page, with_an_account_asks_for_its_password)
+{
+  TestWindow test ("bare_jid = " ALICE "\npassword = secret\n");
+  app_window_goto_registration_page (test.window);
+  app_window_goto_login_page (test.window, BOB);
+  pump ();
+  EXPECT_EQ (get_page (test.window, "stack"), "login_page");
+  EXPECT_EQ (get_text (test.window->login_page, "bare_jid_entry"), BOB);
+  EXPECT_EQ (get_text (test.window->login_page, "password_entry"), "");
+  EXPECT_EQ (gtk_window_get_focus (GTK_WINDOW (test.window)),
+             find_widget (test.window->login_page, "password_entry"));
+  EXPECT_EQ (get_default (&test), login_page_get_login_button (test.window->login_page));
+}
+
+TEST (app_window_goto_prev_main_page, ends_on_the_creation_page)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  activate_row (test.window->procedures_list_box, 0);
+  app_window_goto_prev_main_page (test.window);
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+}
+
+TEST (app_window_goto_prev_main_page, returns_to_a_previous_page_once)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  GtkWidget *page = GTK_WIDGET (test.window->contacts.contacts[0]->chat_page);
+  test.window->prev_main_page = page;
+  app_window_goto_prev_main_page (test.window);
+  EXPECT_EQ (get_main_page (&test), page);
+  EXPECT_FALSE (test.window->prev_main_page);
+  app_window_goto_prev_main_page (test.window);
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+}
+
+TEST (app_window_add_procedure_button_handle, shows_the_creation_page)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  activate_row (test.window->contacts_list_box, 0);
+  press (test.window, "add_procedure_button");
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+}
+
+TEST (app_window_show_vcard_button_handle, asks_for_the_own_vcard)
+{
+  TestWindow test;
+  open_account (&test);
+  press (test.window, "show_vcard_button");
+  EXPECT_EQ (test.window->get_own_vcard_id, 1u);
+  EXPECT_EQ (test.window->get_vcard_id, 0u);
+  EXPECT_EQ (take_sent (&test), "<iq type='get' id='1' from='" ALICE "/morvane' to='" ALICE
+                                "'><vcard xmlns='urn:ietf:params:xml:ns:vcard-4.0'/></iq>");
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+}
+
+// ---- The console pane ----
+
+static void
+toggle_console (TestWindow *test)
+{
+  press_key (test, GDK_KEY_grave, GDK_MOD1_MASK);
+}
+
+static bool
+is_console_shown (TestWindow *test)
+{
+  return gtk_widget_get_visible (GTK_WIDGET (test->window->console));
+}
+
+TEST (handle_app_window_key_press, opens_the_console_where_it_was_closed)
+{
+  TestWindow test;
+  toggle_console (&test);
+  EXPECT_TRUE (is_console_shown (&test));
+  gtk_paned_set_position (test.window->console_paned, 210);
+  pump ();
+  toggle_console (&test);
+  EXPECT_FALSE (is_console_shown (&test));
+  EXPECT_EQ (gtk_paned_get_position (test.window->console_paned), 0);
+  toggle_console (&test);
+  EXPECT_TRUE (is_console_shown (&test));
+  EXPECT_EQ (gtk_paned_get_position (test.window->console_paned), 210);
+}
+
+// In a process of its own, for the position is the process's.
+TEST (handle_app_window_key_press, first_shows_the_console_in_a_pane_of_no_height)
+{
+  EXPECT_EXIT (
+    {
+      TestWindow test;
+      toggle_console (&test);
+      bool is_as_told =
+        is_console_shown (&test) && gtk_paned_get_position (test.window->console_paned) == 0;
+      _exit (is_as_told ? 0 : 1);
+    },
+    testing::ExitedWithCode (0), "");
+}
+
+TEST (handle_app_window_key_press, has_one_position_for_all_windows)
+{
+  TestWindow test;
+  TestWindow other;
+  gtk_paned_set_position (test.window->console_paned, 170);
+  toggle_console (&test);
+  toggle_console (&other);
+  EXPECT_EQ (gtk_paned_get_position (other.window->console_paned), 170);
+}
+
+struct KeyCase {
+  GdkEventType type;
+  guint keyval;
+  guint state;
+  gboolean is_handled;
+};
+
+class AppWindowKeys : public testing::TestWithParam<KeyCase> {};
+
+TEST_P (AppWindowKeys, toggle_the_console_or_are_left_to_others)
+{
+  TestWindow test;
+  GdkEvent *event = gdk_event_new (GetParam ().type);
+  event->key.window = GDK_WINDOW (g_object_ref (gtk_widget_get_window (GTK_WIDGET (test.window))));
+  event->key.keyval = GetParam ().keyval;
+  event->key.state = GetParam ().state;
+  GdkSeat *seat = gdk_display_get_default_seat (gdk_display_get_default ());
+  gdk_event_set_device (event, gdk_seat_get_keyboard (seat));
+  bool was_shown = is_console_shown (&test);
+  gboolean is_handled = FALSE;
+  g_signal_emit_by_name (test.window, "key-press-event", event, &is_handled);
+  EXPECT_EQ (is_handled, GetParam ().is_handled);
+  EXPECT_EQ (is_console_shown (&test), GetParam ().is_handled ? !was_shown : was_shown);
+  gdk_event_free (event);
+}
+
+INSTANTIATE_TEST_SUITE_P (
+  handle_app_window_key_press, AppWindowKeys,
+  testing::Values (KeyCase{GDK_KEY_PRESS, 0x60, GDK_MOD1_MASK, TRUE},
+                   KeyCase{GDK_KEY_PRESS, GDK_KEY_grave, GDK_MOD1_MASK | GDK_SHIFT_MASK, TRUE},
+                   KeyCase{GDK_KEY_PRESS, GDK_KEY_F7, GDK_MOD1_MASK, FALSE},
+                   KeyCase{GDK_KEY_PRESS, GDK_KEY_F7, 0, FALSE},
+                   KeyCase{GDK_KEY_PRESS, GDK_KEY_dead_grave, GDK_MOD1_MASK, FALSE},
+                   KeyCase{GDK_KEY_RELEASE, GDK_KEY_grave, GDK_MOD1_MASK, FALSE}));
+
+TEST (handle_app_window_key_press, leaves_a_plain_grave_accent_to_the_text)
+{
+  TestWindow test;
+  focus (&test, find_widget (test.window->login_page, "bare_jid_entry"));
+  press_key (&test, GDK_KEY_grave);
+  EXPECT_EQ (get_text (test.window->login_page, "bare_jid_entry"), "`");
+  EXPECT_FALSE (is_console_shown (&test));
+}
+
+// ---- Loading an account ----
+
+TEST (app_window_load_account, makes_the_account_that_is_not_there)
+{
+  TestWindow test;
+  run (&test, "INSERT INTO accounts VALUES (7, '" BOB "');");
+  log_in (&test);
+  EXPECT_EQ (query (&test, "SELECT * FROM accounts"), "7|" BOB "\n8|" ALICE "\n");
+  EXPECT_EQ (test.window->account_db_id, 8u);
+  EXPECT_EQ (test.window->contacts.count, 0u);
+  EXPECT_EQ (test.window->procedures.count, 0u);
+  EXPECT_EQ (get_page (test.window, "stack"), "main_page");
+}
+
+TEST (app_window_load_account, finds_the_account_that_is_there)
+{
+  TestWindow test;
+  run (&test, "INSERT INTO accounts VALUES (7, '" ALICE "');");
+  log_in (&test);
+  EXPECT_EQ (test.window->account_db_id, 7u);
+  EXPECT_EQ (count (&test, "accounts"), "1\n");
+}
+
+TEST (app_window_load_account, fills_both_lists_with_the_newest_procedure_on_top)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  EXPECT_EQ (list_procedures (&test), "Garden|" CAROL "\nRent|" BOB "\n");
+  EXPECT_EQ (list_contacts (&test), BOB "|unavailable\n" CAROL "|unavailable\n");
+  EXPECT_EQ (get_page (test.window, "stack"), "main_page");
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+}
+
+TEST (app_window_load_account, passes_over_what_is_another_accounts)
+{
+  TestWindow test;
+  open_account (&test, "INSERT INTO accounts VALUES (2, '" BOB "');"
+                       "INSERT INTO contacts VALUES (1, 2, '" ALICE "');"
+                       "INSERT INTO procedures (account_db_id, time, initiator, contractor, title)"
+                       " VALUES (2, 1, '" BOB "', '" ALICE "', 'Not here');");
+  EXPECT_EQ (list_procedures (&test), "");
+  EXPECT_EQ (list_contacts (&test), "");
+}
+
+TEST (app_window_load_account, links_every_record_to_its_widgets)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  for (u32 i = 0; i < 2; i++) {
+    Contact *contact = test.window->contacts.contacts[i];
+    Procedure *procedure = test.window->procedures.procedures[i];
+    EXPECT_EQ (contact_list_item_get_contact (contact->list_item), contact);
+    GtkWidget *stack = GTK_WIDGET (test.window->main_page_stack);
+    EXPECT_EQ (gtk_widget_get_parent (GTK_WIDGET (contact->chat_page)), stack);
+    EXPECT_EQ (gtk_widget_get_parent (GTK_WIDGET (procedure->view)), stack);
+    EXPECT_EQ (gtk_widget_get_parent (GTK_WIDGET (procedure->list_item)),
+               GTK_WIDGET (test.window->procedures_list_box));
+    EXPECT_TRUE (gtk_widget_get_visible (GTK_WIDGET (contact->chat_page)));
+    EXPECT_TRUE (gtk_widget_get_visible (GTK_WIDGET (procedure->view)));
+  }
+}
+
+TEST (app_window_load_account, without_an_account_row_stops_the_program)
+{
+  TestWindow test;
+  run (&test, "CREATE TRIGGER refuse BEFORE INSERT ON accounts BEGIN SELECT RAISE (IGNORE); END;");
+  sqlite3_set_last_insert_rowid (test.db, 0);
+  test.window->account =
+    alloc_xmpp_account (to_string (ALICE), to_string ("secret"), to_string ("morvane"));
+  EXPECT_DEATH (app_window_load_account (test.window),
+                "src/app_window\\.cpp.*Assertion `self->account_db_id'");
+}
+
+TEST (app_window_procedures_list_box_row_activated_handle, shows_the_procedure)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  activate_row (test.window->procedures_list_box, 1);
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (test.window->procedures.procedures[0]->view));
+  activate_row (test.window->procedures_list_box, 0);
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (test.window->procedures.procedures[1]->view));
+}
+
+TEST (app_window_contacts_list_box_row_activated_handle, shows_the_chat)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  activate_row (test.window->contacts_list_box, 1);
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (test.window->contacts.contacts[1]->chat_page));
+  activate_row (test.window->contacts_list_box, 0);
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (test.window->contacts.contacts[0]->chat_page));
+}
+
+// ---- Contacts ----
+
+TEST (app_window_create_new_contact, stores_lists_and_links_it)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  app_window_create_new_contact (test.window, to_string ("dave@beta.test"),
+                                 to_string ("available"));
+  ASSERT_EQ (test.window->contacts.count, 3u);
+  Contact *contact = test.window->contacts.contacts[2];
+  EXPECT_EQ (query (&test, "SELECT * FROM contacts WHERE db_id > 2"), "3|1|dave@beta.test\n");
+  EXPECT_EQ (contact->db_id, 3u);
+  EXPECT_EQ (contact->account_db_id, 1u);
+  EXPECT_EQ (list_contacts (&test),
+             BOB "|unavailable\n" CAROL "|unavailable\ndave@beta.test|available\n");
+  activate_row (test.window->contacts_list_box, 2);
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (contact->chat_page));
+}
+
+TEST (app_window_set_contact_status, replaces_the_status_and_shows_it)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Contact *contact = test.window->contacts.contacts[0];
+  app_window_set_contact_status (test.window, contact, to_string ("available"));
+  EXPECT_EQ (to_std_string (contact->status), "available");
+  EXPECT_EQ (get_icon (contact->list_item, "icon_image"), "user-available-symbolic");
+  app_window_set_contact_status (test.window, contact, to_string ("unavailable"));
+  EXPECT_EQ (list_contacts (&test), BOB "|unavailable\n" CAROL "|unavailable\n");
+  EXPECT_EQ (get_icon (contact->list_item, "icon_image"), "user-offline-symbolic");
+}
+
+TEST (app_window_set_contact_status, of_a_contact_without_one_stops_the_program)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Contact contact = {};
+  EXPECT_DEATH (app_window_set_contact_status (test.window, &contact, to_string ("available")),
+                "src/app_window\\.cpp.*Assertion `contact->status.data'");
+}
+
+TEST (app_window_add_contact_message, stores_and_shows_it_under_the_contacts_name)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Contact *contact = test.window->contacts.contacts[0];
+  s64 before = get_posix_time ();
+  app_window_add_contact_message (test.window, contact, to_string ("it's me"));
+  ASSERT_EQ (contact->messages_count, 1u);
+  ContactMessage *message = contact->messages[0];
+  EXPECT_GE (message->time, before);
+  EXPECT_LE (message->time, get_posix_time ());
+  EXPECT_EQ (query (&test, "SELECT * FROM contact_messages"),
+             "1|1|" + std::to_string (message->time) + "|" BOB "|it's me\n");
+  EXPECT_EQ (get_text (contact->chat_page, "chat_text_view"), BOB ": it's me");
+}
+
+// ---- Procedures ----
+
+TEST (app_window_create_new_procedure, stores_shows_selects_and_sends_it)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  s64 before = get_posix_time ();
+  app_window_create_new_procedure (test.window, to_string ("New <deal>"), to_string (BOB));
+  ASSERT_EQ (test.window->procedures.count, 3u);
+  Procedure *procedure = test.window->procedures.procedures[2];
+  EXPECT_GE (procedure->time, before);
+  EXPECT_LE (procedure->time, get_posix_time ());
+  std::string time = std::to_string (procedure->time);
+  EXPECT_EQ (query (&test, "SELECT db_id, account_db_id, time, initiator, contractor, title, "
+                           "finished_time FROM procedures WHERE db_id > 2"),
+             "3|1|" + time + "|" ALICE "|" BOB "|New <deal>|\n");
+  EXPECT_EQ (list_procedures (&test), "*New <deal>|" BOB "\nGarden|" CAROL "\nRent|" BOB "\n");
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (procedure->view));
+  EXPECT_EQ (take_sent (&test), "<message type='chat' id='1' from='" ALICE "/morvane' to='" BOB
+                                "'><body><x-procedure procedure='" ALICE ":" +
+                                  time + "'>New &lt;deal&gt;</x-procedure></body></message>");
+}
+
+TEST (app_window_create_new_procedure, never_gives_two_of_them_one_second)
+{
+  TestWindow test;
+  run (&test, ACCOUNT);
+  s64 now = get_posix_time ();
+  for (int i = 0; i < 30; i++) {
+    run (&test, "INSERT INTO procedures (account_db_id, time, initiator, contractor, title) "
+                "VALUES (1, " +
+                  std::to_string (now + i) + ", '" ALICE "', '" BOB "', 'taken');");
+  }
+  log_in (&test);
+  app_window_create_new_procedure (test.window, to_string ("one"), to_string (BOB));
+  app_window_create_new_procedure (test.window, to_string ("two"), to_string (BOB));
+  EXPECT_EQ (test.window->procedures.procedures[30]->time, now + 30);
+  EXPECT_EQ (test.window->procedures.procedures[31]->time, now + 31);
+}
+
+static const char *const PROCEDURE_TABLES[] = {"procedures", "clauses", "clause_messages",
+                                               "clause_revisions", "clause_revision_decisions"};
+
+TEST (app_window_remove_procedure, leaves_nothing_of_it)
+{
+  TestWindow test;
+  open_account (&test, std::string ("INSERT INTO procedures (db_id, account_db_id, time, initiator,"
+                                    " contractor, title) VALUES (1, 1, 1000, '" ALICE "', '" BOB
+                                    "', 'Rent');") +
+                         CLAUSES);
+  Procedure *procedure = test.window->procedures.procedures[0];
+  gpointer view = procedure->view;
+  gpointer row = procedure->list_item;
+  g_object_add_weak_pointer (G_OBJECT (view), &view);
+  g_object_add_weak_pointer (G_OBJECT (row), &row);
+  app_window_remove_procedure (test.window, procedure);
+  pump ();
+  EXPECT_FALSE (view);
+  EXPECT_FALSE (row);
+  EXPECT_EQ (test.window->procedures.count, 0u);
+  EXPECT_EQ (list_procedures (&test), "");
+  for (const char *table : PROCEDURE_TABLES) {
+    EXPECT_EQ (count (&test, table), "0\n") << table;
+  }
+  EXPECT_EQ (take_sent (&test), "");
+}
+
+TEST (app_window_remove_procedure, leaves_the_others_alone)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Procedure *rent = test.window->procedures.procedures[0];
+  activate_row (test.window->procedures_list_box, 1);
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[1]);
+  EXPECT_EQ (list_procedures (&test), "*Rent|" BOB "\n");
+  ASSERT_EQ (test.window->procedures.count, 1u);
+  EXPECT_EQ (test.window->procedures.procedures[0], rent);
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (rent->view));
+  for (const char *table : PROCEDURE_TABLES) {
+    EXPECT_NE (count (&test, table), "0\n") << table;
+  }
+}
+
+TEST (app_window_remove_procedure, while_it_is_shown_leads_to_the_creation_page)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  activate_row (test.window->procedures_list_box, 1);
+  press (test.window->procedures.procedures[0]->view, "delete_button");
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+  EXPECT_EQ (list_procedures (&test), "Garden|" CAROL "\n");
+}
+
+TEST (app_window_remove_procedure, forgets_what_is_being_typed_in_it)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  activate_row (test.window->procedures_list_box, 1);
+  focus (&test, find_widget (get_clause (&test)->view, "text_view"));
+  type (get_clause (&test)->view, "text_view", "half a thought");
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  pump ();
+  EXPECT_EQ (count (&test, "clauses"), "0\n");
+  EXPECT_EQ (count (&test, "clause_revisions"), "0\n");
+}
+
+TEST (app_window_remove_procedure, closes_an_open_list_of_revisions)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  open_revisions (&test);
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  pump ();
+  EXPECT_EQ (list_procedures (&test), "Garden|" CAROL "\n");
+}
+
+// ---- Request ids ----
+
+TEST (generate_xmpp_id, counts_from_one_in_each_window)
+{
+  TestWindow test;
+  TestWindow other;
+  for (u64 id = 1; id <= 3; id++) {
+    EXPECT_EQ (generate_xmpp_id (test.window), id);
+  }
+  EXPECT_EQ (generate_xmpp_id (other.window), 1u);
+}
+
+// ---- Workers ----
+
+// What a worker of these tests waits for, and what it has seen.
+static std::atomic<bool> worker_may_leave;
+static std::atomic<bool> worker_was_interrupted;
+
+static void *
+run_obedient_worker (void *data)
+{
+  AppWindow *window = (AppWindow *) data;
+  while (!worker_may_leave && !app_window_is_worker_interrupted (window)) {
+    sched_yield ();
+  }
+  worker_was_interrupted = app_window_is_worker_interrupted (window);
+  app_window_worker_leave (window);
+  hand_over (app_window_release_worker, window);
+  return NULL;
+}
+
+static void *
+run_stubborn_worker (void *data)
+{
+  AppWindow *window = (AppWindow *) data;
+  while (!worker_may_leave) {
+    sched_yield ();
+  }
+  app_window_worker_leave (window);
+  hand_over (app_window_release_worker, window);
+  return NULL;
+}
+
+static void
+start_worker (TestWindow *test, void *(*entry) (void *) )
+{
+  worker_may_leave = false;
+  worker_was_interrupted = false;
+  if (!test->window->account.data) {
+    test->window->account =
+      alloc_xmpp_account (to_string (ALICE), to_string ("secret"), to_string ("morvane"));
+  }
+  app_window_start_worker (test->window, entry);
+}
+
+static void
+end_worker (TestWindow *test)
+{
+  worker_may_leave = true;
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return !app_window_is_worker_running ((AppWindow *) data); },
+                test->window));
+}
+
+TEST (app_window_start_worker, keeps_the_window_until_its_outcome_was_handled)
+{
+  TestWindow test;
+  guint references = G_OBJECT (test.window)->ref_count;
+  start_worker (&test, run_obedient_worker);
+  EXPECT_TRUE (app_window_is_worker_running (test.window));
+  EXPECT_EQ (G_OBJECT (test.window)->ref_count, references + 1);
+  end_worker (&test);
+  EXPECT_EQ (G_OBJECT (test.window)->ref_count, references);
+  EXPECT_FALSE (worker_was_interrupted);
+}
+
+TEST (app_window_start_worker, works_again_after_the_first_has_left)
+{
+  TestWindow test;
+  start_worker (&test, run_obedient_worker);
+  app_window_interrupt_worker (test.window);
+  end_worker (&test);
+  start_worker (&test, run_obedient_worker);
+  EXPECT_FALSE (app_window_is_worker_interrupted (test.window));
+  end_worker (&test);
+}
+
+TEST (app_window_start_worker, while_one_runs_stops_the_program)
+{
+  TestWindow test;
+  EXPECT_DEATH (
+    {
+      start_worker (&test, run_obedient_worker);
+      start_worker (&test, run_obedient_worker);
+    },
+    "src/app_window\\.cpp.*Assertion `!self->worker_active'");
+}
+
+TEST (app_window_interrupt_worker, tells_the_worker)
+{
+  TestWindow test;
+  start_worker (&test, run_obedient_worker);
+  EXPECT_FALSE (app_window_is_worker_interrupted (test.window));
+  app_window_interrupt_worker (test.window);
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return !app_window_is_worker_running ((AppWindow *) data); },
+                test.window));
+  EXPECT_TRUE (worker_was_interrupted);
+}
+
+TEST (app_window_interrupt_worker, without_a_worker_does_nothing)
+{
+  TestWindow test;
+  app_window_interrupt_worker (test.window);
+  EXPECT_FALSE (app_window_is_worker_interrupted (test.window));
+}
+
+TEST (app_window_destroy, lets_the_worker_leave_first)
+{
+  TestWindow test;
+  start_worker (&test, run_obedient_worker);
+  close_window (&test);
+  EXPECT_TRUE (worker_was_interrupted);
+  EXPECT_FALSE (test.window->account.data);
+  end_worker (&test);
+}
+
+TEST (app_window_destroy, does_not_wait_for_ever)
+{
+  TestWindow test;
+  start_worker (&test, run_stubborn_worker);
+  close_window (&test);
+  EXPECT_EQ (app_window_count_stray_workers (), 1u);
+  // What the worker may still be using is there.
+  EXPECT_TRUE (test.window->account.data);
+  end_worker (&test);
+  EXPECT_EQ (app_window_count_stray_workers (), 0u);
+  EXPECT_FALSE (test.window->account.data);
+}
+
+TEST (app_window_destroy, ends_the_stream_and_releases_the_session)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  close_window (&test);
+  EXPECT_TRUE (has (end_capture (), "request: \"</stream:stream>\" (String)\n"));
+  EXPECT_FALSE (app_window_is_open (test.window));
+  EXPECT_FALSE (test.window->account.data);
+  EXPECT_FALSE (test.window->connection.opened_socket);
+  EXPECT_FALSE (test.window->connection.opened_tls_session);
+}
+
+TEST (app_window_destroy, ends_a_session_whose_worker_receives)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  start_worker (&test, run_obedient_worker);
+  type (get_clause (&test)->view, "text_view", "last words");
+  close_window (&test);
+  EXPECT_TRUE (worker_was_interrupted);
+  EXPECT_EQ (app_window_count_stray_workers (), 0u);
+  EXPECT_FALSE (test.window->connection.opened_tls_session);
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions WHERE status = 'DRAFT'"),
+             "last words\n");
+  end_worker (&test);
+}
+
+TEST (app_window_destroy, closes_an_open_list_of_revisions)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  open_revisions (&test);
+  close_window (&test);
+  EXPECT_FALSE (app_window_is_open (test.window));
+}
+
+TEST (app_window_destroy, without_a_login_sends_nothing)
+{
+  TestWindow test;
+  begin_capture ();
+  close_window (&test);
+  EXPECT_EQ (end_capture (), "");
+}
+
+TEST (app_window_is_account_open_elsewhere, sees_a_window_that_is_logging_in)
+{
+  TestWindow test;
+  TestWindow other;
+  start_worker (&test, run_obedient_worker);
+  EXPECT_TRUE (app_window_is_account_open_elsewhere (other.window, to_string (ALICE)));
+  EXPECT_FALSE (app_window_is_account_open_elsewhere (other.window, to_string (BOB)));
+  EXPECT_FALSE (app_window_is_account_open_elsewhere (test.window, to_string (ALICE)));
+  end_worker (&test);
+  EXPECT_FALSE (app_window_is_account_open_elsewhere (other.window, to_string (ALICE)));
+}
+
+TEST (app_window_is_account_open_elsewhere, sees_a_window_that_is_logged_in_until_it_is_closed)
+{
+  TestWindow test;
+  TestWindow other;
+  log_in (&test);
+  start_worker (&test, run_obedient_worker);
+  end_worker (&test);
+  EXPECT_TRUE (app_window_is_account_open_elsewhere (other.window, to_string (ALICE)));
+  EXPECT_FALSE (app_window_is_account_open_elsewhere (other.window, to_string (BOB)));
+  close_window (&test);
+  EXPECT_FALSE (app_window_is_account_open_elsewhere (other.window, to_string (ALICE)));
+}
+
+// ---- Network events: chat ----
+
+TEST (app_window_get_xmpp_message_signal, stores_and_shows_what_a_contact_says)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  s64 before = get_posix_time ();
+  begin_capture ();
+  deliver_message (test.window, BOB "/desk", "it's <fine>");
+  EXPECT_TRUE (has (end_capture (), "Received <message from='" BOB "/desk'>\n"));
+  Contact *contact = test.window->contacts.contacts[0];
+  ASSERT_EQ (contact->messages_count, 1u);
+  EXPECT_GE (contact->messages[0]->time, before);
+  EXPECT_EQ (query (&test, "SELECT contact_db_id, author, body FROM contact_messages"),
+             "1|" BOB "|it's <fine>\n");
+  EXPECT_EQ (get_text (contact->chat_page, "chat_text_view"), BOB ": it's <fine>");
+}
+
+TEST (app_window_get_xmpp_message_signal, takes_a_bare_sender_and_an_empty_text)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_message (test.window, CAROL, "");
+  EXPECT_EQ (query (&test, "SELECT contact_db_id, author, body FROM contact_messages"),
+             "2|" CAROL "|\n");
+}
+
+TEST (app_window_get_xmpp_message_signal, drops_what_our_other_resources_say_without_a_word)
+{
+  TestWindow test;
+  open_account (&test, "INSERT INTO contacts VALUES (1, 1, '" ALICE "');");
+  begin_capture ();
+  deliver_message (test.window, ALICE "/phone", "note to self");
+  EXPECT_EQ (end_capture (), "Received <message from='" ALICE "/phone'>\n");
+  EXPECT_EQ (count (&test, "contact_messages"), "0\n");
+}
+
+TEST (app_window_get_xmpp_message_signal, loses_what_a_stranger_says)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_message (test.window, "eve@beta.test/x", "hello");
+  EXPECT_EQ (end_capture (), "Received <message from='eve@beta.test/x'>\n"
+                             "Warning: Received a message from 'eve@beta.test/x', but that contact "
+                             "isn't in the contact list.\n");
+  EXPECT_EQ (count (&test, "contact_messages"), "0\n");
+  EXPECT_EQ (count (&test, "contacts"), "2\n");
+}
+
+// ---- Network events: presence ----
+
+TEST (app_window_get_xmpp_presence_confirm_signal, is_logged_only)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_presence (test.window, app_window_get_xmpp_presence_confirm_signal, ALICE "/morvane");
+  EXPECT_EQ (end_capture (), "Received <presence from='" ALICE "/morvane'>\n");
+  EXPECT_EQ (count (&test, "contacts"), "2\n");
+}
+
+TEST (app_window_get_xmpp_presence_subscribed_signal, is_logged_only)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_presence (test.window, app_window_get_xmpp_presence_subscribed_signal, "eve@beta.test");
+  EXPECT_EQ (end_capture (), "Received <presence type='subscribed' from='eve@beta.test'>\n");
+  EXPECT_EQ (count (&test, "contacts"), "2\n");
+  EXPECT_EQ (take_sent (&test), "");
+}
+
+TEST (app_window_get_xmpp_presence_available_signal, sets_the_status_of_a_contact)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_presence (test.window, app_window_get_xmpp_presence_available_signal, CAROL "/desk");
+  EXPECT_EQ (end_capture (), "Received <presence from='" CAROL "/desk'>\n");
+  EXPECT_EQ (list_contacts (&test), BOB "|unavailable\n" CAROL "|available\n");
+  EXPECT_EQ (count (&test, "contacts"), "2\n");
+}
+
+TEST (app_window_get_xmpp_presence_available_signal, makes_a_contact_of_a_stranger)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_presence (test.window, app_window_get_xmpp_presence_available_signal, "eve@beta.test/x");
+  EXPECT_EQ (list_contacts (&test),
+             BOB "|unavailable\n" CAROL "|unavailable\neve@beta.test|available\n");
+  EXPECT_EQ (query (&test, "SELECT * FROM contacts WHERE db_id > 2"), "3|1|eve@beta.test\n");
+  deliver_message (test.window, "eve@beta.test/x", "hello");
+  EXPECT_EQ (query (&test, "SELECT contact_db_id, body FROM contact_messages"), "3|hello\n");
+}
+
+TEST (app_window_get_xmpp_presence_available_signal, passes_over_our_own_resources)
+{
+  TestWindow test;
+  open_account (&test);
+  deliver_presence (test.window, app_window_get_xmpp_presence_available_signal, ALICE "/phone");
+  EXPECT_EQ (count (&test, "contacts"), "0\n");
+}
+
+struct PresenceCase {
+  const char *from;
+};
+
+class AppWindowStrangers : public testing::TestWithParam<PresenceCase> {};
+
+// Nobody's name may stop the program.
+TEST_P (AppWindowStrangers, that_cannot_be_kept_are_dropped_with_a_warning)
+{
+  TestWindow test;
+  open_account (&test);
+  begin_capture ();
+  deliver_presence (test.window, app_window_get_xmpp_presence_available_signal, GetParam ().from);
+  EXPECT_EQ (end_capture (),
+             std::string ("Received <presence from='") + GetParam ().from +
+               "'>\nWarning: Received a <presence> from an account that can't be a contact.\n");
+  EXPECT_EQ (count (&test, "contacts"), "0\n");
+  EXPECT_EQ (list_contacts (&test), "");
+}
+
+INSTANTIATE_TEST_SUITE_P (app_window_get_xmpp_presence_available_signal, AppWindowStrangers,
+                          testing::Values (PresenceCase{"o'hara@beta.test/x"},
+                                           PresenceCase{"/only-a-resource"},
+                                           PresenceCase{"\xff@beta.test"}));
+
+TEST (app_window_get_xmpp_presence_unavailable_signal, sets_the_status_of_a_contact)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_presence (test.window, app_window_get_xmpp_presence_available_signal, BOB "/desk");
+  begin_capture ();
+  deliver_presence (test.window, app_window_get_xmpp_presence_unavailable_signal, BOB "/desk");
+  EXPECT_EQ (end_capture (), "Received <presence type='unavailable' from='" BOB "/desk'>\n"
+                             "contact_bare_jid: \"" BOB "\" (String)\n");
+  EXPECT_EQ (list_contacts (&test), BOB "|unavailable\n" CAROL "|unavailable\n");
+}
+
+TEST (app_window_get_xmpp_presence_unavailable_signal, makes_a_contact_of_a_stranger)
+{
+  TestWindow test;
+  open_account (&test);
+  deliver_presence (test.window, app_window_get_xmpp_presence_unavailable_signal, "eve@beta.test");
+  EXPECT_EQ (list_contacts (&test), "eve@beta.test|unavailable\n");
+  EXPECT_EQ (query (&test, "SELECT * FROM contacts"), "1|1|eve@beta.test\n");
+}
+
+TEST (app_window_get_xmpp_presence_unavailable_signal, passes_over_our_own_resources)
+{
+  TestWindow test;
+  open_account (&test);
+  deliver_presence (test.window, app_window_get_xmpp_presence_unavailable_signal, ALICE "/phone");
+  EXPECT_EQ (count (&test, "contacts"), "0\n");
+}
+
+TEST (app_window_get_xmpp_presence_subscribe_signal, accepts_and_asks_back)
+{
+  TestWindow test;
+  open_account (&test);
+  begin_capture ();
+  deliver_presence (test.window, app_window_get_xmpp_presence_subscribe_signal, "eve@beta.test/x");
+  std::string console = end_capture ();
+  EXPECT_EQ (console.find ("Received <presence type='subscribe' from='eve@beta.test/x'>\n"), 0u);
+  EXPECT_EQ (take_sent (&test),
+             "<presence type='subscribed' id='1' from='" ALICE "/morvane' to='eve@beta.test/x'/>"
+             "<presence type='subscribe' id='2' from='" ALICE "' to='eve@beta.test/x'/>");
+  EXPECT_EQ (count (&test, "contacts"), "0\n");
+}
+
+// ---- Network events: failures and vCards ----
+
+static std::string
+dump_ids (u64 id, u64 get_vcard_id, u64 get_own_vcard_id)
+{
+  return "message->id: " + std::to_string (id) +
+         " (u64)\nself->get_vcard_id: " + std::to_string (get_vcard_id) +
+         " (u64)\nself->get_own_vcard_id: " + std::to_string (get_own_vcard_id) + " (u64)\n";
+}
+
+TEST (app_window_get_iq_error_message, says_that_the_contractor_has_no_vcard)
+{
+  TestWindow test;
+  open_account (&test);
+  ProcedureCreationPage *page = test.window->procedure_creation_page;
+  type (page, "contractor_entry", BOB);
+  EXPECT_TRUE (is_sensitive (page, "contractor_vcard_button"));
+  test.window->get_vcard_id = 5;
+  test.window->get_own_vcard_id = 6;
+  begin_capture ();
+  deliver_iq_error (test.window, 5);
+  EXPECT_EQ (end_capture (), dump_ids (5, 5, 6));
+  EXPECT_FALSE (is_sensitive (page, "contractor_vcard_button"));
+  EXPECT_EQ (test.window->get_vcard_id, 0u);
+  EXPECT_EQ (test.window->get_own_vcard_id, 6u);
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+}
+
+TEST (app_window_get_iq_error_message, offers_an_empty_profile_when_there_is_none)
+{
+  TestWindow test;
+  open_account (&test);
+  VCardPage *page = test.window->vcard_page;
+  test.window->get_vcard_id = 5;
+  deliver_vcard (test.window, 5, BOB, "Bob");
+  press (test.window, "add_procedure_button");
+  test.window->get_own_vcard_id = 6;
+  begin_capture ();
+  deliver_iq_error (test.window, 6);
+  EXPECT_EQ (end_capture (), dump_ids (6, 5, 6));
+  EXPECT_EQ (test.window->get_own_vcard_id, 0u);
+  EXPECT_EQ (test.window->get_vcard_id, 5u);
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "vcard_page");
+  EXPECT_EQ (get_text (page, "title_label"), "Your Public Profile");
+  EXPECT_EQ (get_text (page, "fullname_entry"), "");
+  EXPECT_TRUE (gtk_editable_get_editable (GTK_EDITABLE (find_widget (page, "fullname_entry"))));
+}
+
+TEST (app_window_get_iq_error_message, warns_of_an_id_that_nobody_requested)
+{
+  TestWindow test;
+  open_account (&test);
+  begin_capture ();
+  deliver_iq_error (test.window, 77);
+  EXPECT_EQ (end_capture (),
+             dump_ids (77, 0, 0) +
+               "Warning: Got an IQ an ID 77 which doesn't correspond to any requested.\n");
+}
+
+TEST (app_window_get_iq_error_message, takes_zero_for_no_request)
+{
+  TestWindow test;
+  open_account (&test);
+  begin_capture ();
+  deliver_iq_error (test.window, 0);
+  EXPECT_TRUE (has (end_capture (),
+                    "Warning: Got an IQ an ID 0 which doesn't correspond to any requested.\n"));
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+}
+
+TEST (app_window_get_iq_error_message, answers_a_request_once)
+{
+  TestWindow test;
+  open_account (&test);
+  test.window->get_own_vcard_id = 6;
+  deliver_iq_error (test.window, 6);
+  begin_capture ();
+  deliver_iq_error (test.window, 6);
+  EXPECT_TRUE (has (end_capture (), "Warning: Got an IQ an ID 6 "));
+}
+
+TEST (app_window_get_vcard_message, shows_another_accounts_card_read_only)
+{
+  TestWindow test;
+  open_account (&test);
+  VCardPage *page = test.window->vcard_page;
+  test.window->get_vcard_id = 5;
+  begin_capture ();
+  deliver_vcard (test.window, 5, BOB "/desk", "Bob");
+  EXPECT_EQ (end_capture (), dump_ids (5, 5, 0));
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "vcard_page");
+  EXPECT_EQ (get_text (page, "title_label"), BOB "/desk");
+  EXPECT_EQ (get_text (page, "fullname_entry"), "Bob");
+  EXPECT_FALSE (gtk_editable_get_editable (GTK_EDITABLE (find_widget (page, "fullname_entry"))));
+  EXPECT_EQ (test.window->get_vcard_id, 5u);
+}
+
+TEST (app_window_get_vcard_message, shows_a_second_answer_again)
+{
+  TestWindow test;
+  open_account (&test);
+  test.window->get_vcard_id = 5;
+  deliver_vcard (test.window, 5, BOB, "Bob");
+  press (test.window, "add_procedure_button");
+  deliver_vcard (test.window, 5, BOB, "Robert");
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "vcard_page");
+  EXPECT_EQ (get_text (test.window->vcard_page, "fullname_entry"), "Robert");
+}
+
+struct OwnCardCase {
+  const char *from;
+};
+
+class AppWindowOwnCard : public testing::TestWithParam<OwnCardCase> {};
+
+TEST_P (AppWindowOwnCard, is_shown_to_be_edited)
+{
+  TestWindow test;
+  open_account (&test);
+  VCardPage *page = test.window->vcard_page;
+  vcard_page_set_editable (page, FALSE);
+  test.window->get_own_vcard_id = 6;
+  begin_capture ();
+  deliver_vcard (test.window, 6, GetParam ().from, "Alice");
+  EXPECT_EQ (end_capture (), dump_ids (6, 0, 6));
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "vcard_page");
+  EXPECT_EQ (get_text (page, "title_label"), "Your Public Profile");
+  EXPECT_EQ (get_text (page, "fullname_entry"), "Alice");
+  EXPECT_TRUE (gtk_editable_get_editable (GTK_EDITABLE (find_widget (page, "fullname_entry"))));
+  EXPECT_EQ (test.window->get_own_vcard_id, 6u);
+}
+
+INSTANTIATE_TEST_SUITE_P (app_window_get_vcard_message, AppWindowOwnCard,
+                          testing::Values (OwnCardCase{NULL}, OwnCardCase{ALICE}));
+
+TEST (app_window_get_vcard_message, refuses_someone_elses_card_for_ours)
+{
+  TestWindow test;
+  open_account (&test);
+  test.window->get_own_vcard_id = 6;
+  begin_capture ();
+  deliver_vcard (test.window, 6, BOB, "Bob");
+  EXPECT_EQ (end_capture (), dump_ids (6, 0, 6) +
+                               "Warning: Expected a VCard from own account, but got a VCard from "
+                               "someone else.\n");
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+  EXPECT_EQ (get_text (test.window->vcard_page, "fullname_entry"), "");
+  EXPECT_EQ (test.window->get_own_vcard_id, 6u);
+}
+
+TEST (app_window_get_vcard_message, warns_of_an_id_that_nobody_requested)
+{
+  TestWindow test;
+  open_account (&test);
+  for (u64 id : {0, 77}) {
+    begin_capture ();
+    deliver_vcard (test.window, id, BOB, "Bob");
+    EXPECT_EQ (end_capture (), dump_ids (id, 0, 0) + "Warning: Got a VCard with an ID " +
+                                 std::to_string (id) +
+                                 " which doesn't correspond to any requested.\n");
+  }
+  EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
+}
+
+// ---- Network events: procedures ----
+
+static const char PROCEDURE_ROWS[] =
+  "SELECT account_db_id, time, initiator, contractor, title FROM procedures ORDER BY db_id";
+
+TEST (app_window_get_xmpp_procedure, stores_and_lists_it)
+{
+  TestWindow test;
+  open_account (&test);
+  GtkWidget *page = get_main_page (&test);
+  deliver_procedure (test.window, {BOB, 1700}, "Roof & \"walls\"");
+  EXPECT_EQ (query (&test, PROCEDURE_ROWS), "1|1700|" BOB "|" ALICE "|Roof & \"walls\"\n");
+  EXPECT_EQ (list_procedures (&test), "Roof & \"walls\"|" BOB "\n");
+  ASSERT_EQ (test.window->procedures.count, 1u);
+  EXPECT_EQ (test.window->procedures.procedures[0]->db_id, 1u);
+  EXPECT_EQ (get_main_page (&test), page);
+  EXPECT_EQ (take_sent (&test), "");
+}
+
+TEST (app_window_get_xmpp_procedure, comes_on_top_whatever_its_time)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_procedure (test.window, {BOB, 1}, "Oldest");
+  EXPECT_EQ (list_procedures (&test), "Oldest|" BOB "\nGarden|" CAROL "\nRent|" BOB "\n");
+}
+
+TEST (app_window_get_xmpp_procedure, repeated_makes_a_second_procedure)
+{
+  TestWindow test;
+  open_account (&test);
+  deliver_procedure (test.window, {BOB, 1700}, "Roof");
+  deliver_procedure (test.window, {BOB, 1700}, "Roof");
+  EXPECT_EQ (query (&test, PROCEDURE_ROWS),
+             "1|1700|" BOB "|" ALICE "|Roof\n1|1700|" BOB "|" ALICE "|Roof\n");
+  EXPECT_EQ (list_procedures (&test), "Roof|" BOB "\nRoof|" BOB "\n");
+}
+
+TEST (app_window_get_xmpp_procedure, takes_an_initiator_who_is_not_the_sender)
+{
+  TestWindow test;
+  open_account (&test);
+  deliver_procedure (test.window, {ALICE, 1700}, "Forged");
+  EXPECT_EQ (query (&test, PROCEDURE_ROWS), "1|1700|" ALICE "|" ALICE "|Forged\n");
+  EXPECT_EQ (list_procedures (&test), "Forged|" ALICE "\n");
+}
+
+TEST (app_window_get_xmpp_procedure, keeps_apostrophes_as_typographic_ones)
+{
+  TestWindow test;
+  open_account (&test);
+  deliver_procedure (test.window, {BOB, 1700}, "Bob's 'roof'");
+  EXPECT_EQ (query (&test, "SELECT title FROM procedures"), "Bob\u2019s \u2019roof\u2019\n");
+  EXPECT_EQ (list_procedures (&test), "Bob\u2019s \u2019roof\u2019|" BOB "\n");
+  EXPECT_EQ (to_std_string (test.window->procedures.procedures[0]->title),
+             "Bob\u2019s \u2019roof\u2019");
+}
+
+// The longest title that the store takes with these names.
+static std::string
+make_longest_title (TestWindow *test)
+{
+  std::string title;
+  while (db_can_hold_procedure (test->window->account_db_id, 1700, to_string (BOB),
+                                to_string (ALICE), to_string ((title + "x").c_str ()))) {
+    title += "x";
+  }
+  return title;
+}
+
+TEST (app_window_get_xmpp_procedure, takes_the_longest_title)
+{
+  TestWindow test;
+  open_account (&test);
+  std::string title = make_longest_title (&test);
+  EXPECT_GT (title.size (), 3000u);
+  deliver_procedure (test.window, {BOB, 1700}, title.c_str ());
+  EXPECT_EQ (query (&test, "SELECT title FROM procedures"), title + "\n");
+}
+
+TEST (app_window_get_xmpp_procedure, drops_a_longer_title_with_one_warning)
+{
+  TestWindow test;
+  open_account (&test);
+  std::string title = make_longest_title (&test) + "x";
+  begin_capture ();
+  deliver_procedure (test.window, {BOB, 1700}, title.c_str ());
+  EXPECT_EQ (end_capture (), "Warning: Received a procedure whose title is too long to be kept.\n");
+  EXPECT_EQ (count (&test, "procedures"), "0\n");
+  EXPECT_EQ (list_procedures (&test), "");
+}
+
+// Each apostrophe takes three bytes of the statement.
+TEST (app_window_get_xmpp_procedure, measures_the_title_that_is_kept)
+{
+  TestWindow test;
+  open_account (&test);
+  std::string title = make_longest_title (&test);
+  title.back () = '\'';
+  deliver_procedure (test.window, {BOB, 1700}, title.c_str ());
+  EXPECT_EQ (count (&test, "procedures"), "0\n");
+}
+
+// ---- Network events: clauses ----
+
+TEST (app_window_get_xmpp_clause, stores_it_at_the_first_position_and_lets_the_user_chat)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_clause (test.window, RENT, {BOB, 2200});
+  EXPECT_EQ (query (&test, "SELECT procedure_db_id, time, initiator, position FROM clauses"),
+             "1|2000|" ALICE "|1\n1|2200|" BOB "|1\n");
+  Procedure *procedure = test.window->procedures.procedures[0];
+  ASSERT_EQ (procedure->clauses_count, 2u);
+  Clause *clause = procedure->clauses[1];
+  EXPECT_EQ (clause->db_id, 2u);
+  ASSERT_TRUE (clause->view);
+  EXPECT_TRUE (is_sensitive (clause->view, "chat_button"));
+  EXPECT_EQ (get_text (clause->view, "text_view"), "");
+  EXPECT_FALSE (is_sensitive (clause->view, "commit_button"));
+  EXPECT_FALSE (is_sensitive (clause->view, "agree_button"));
+}
+
+TEST (app_window_get_xmpp_clause, without_its_procedure_is_dropped_with_all_that_follows)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_clause (test.window, {ALICE, 1001}, {BOB, 2200});
+  EXPECT_EQ (end_capture (),
+             "Warning: A clause came, but we don't have the procedure to attach it to.\n");
+  begin_capture ();
+  deliver_clause (test.window, {BOB, 1000}, {BOB, 2200});
+  EXPECT_EQ (end_capture (),
+             "Warning: A clause came, but we don't have the procedure to attach it to.\n");
+  EXPECT_EQ (count (&test, "clauses"), "1\n");
+  begin_capture ();
+  deliver_revision (test.window, RENT, {BOB, 2200}, {BOB, 2300}, "text");
+  EXPECT_EQ (end_capture (),
+             "Warning: A clause revision came, but we don't have the clause to attach it to.\n");
+  EXPECT_EQ (count (&test, "clause_revisions"), "2\n");
+}
+
+TEST (app_window_get_xmpp_clause, can_be_answered_at_once)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_clause (test.window, RENT, {BOB, 2200});
+  deliver_revision (test.window, RENT, {BOB, 2200}, {BOB, 2200}, "their text");
+  Clause *clause = test.window->procedures.procedures[0]->clauses[1];
+  EXPECT_EQ (get_text (clause->view, "text_view"), "their text");
+  press (clause->view, "agree_button");
+  EXPECT_TRUE (has (take_sent (&test), "clause='" BOB ":2200' revision='" BOB ":2200'"));
+}
+
+// ---- Network events: revisions ----
+
+TEST (app_window_get_xmpp_clause_revision, stores_and_shows_it_with_the_senders_time)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_revision (test.window, RENT, CLAUSE, {BOB, 4242}, "it's \"mine\"\n& <yours>");
+  EXPECT_EQ (query (&test, "SELECT clause_db_id, time, author, status, text FROM clause_revisions "
+                           "WHERE db_id > 2"),
+             "1|4242|" BOB "|COMMITTED|it's \"mine\"\n& <yours>\n");
+  Clause *clause = get_clause (&test);
+  ASSERT_EQ (clause->revisions_count, 2u);
+  EXPECT_EQ (clause->revisions[1]->db_id, 3u);
+  EXPECT_EQ (get_text (clause->view, "text_view"), "it's \"mine\"\n& <yours>");
+  EXPECT_EQ (get_text (clause->view, "revision_status_label"), BOB ":4242");
+  EXPECT_EQ (take_sent (&test), "");
+}
+
+TEST (app_window_get_xmpp_clause_revision, may_be_empty)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_revision (test.window, RENT, CLAUSE, {BOB, 4242}, "");
+  EXPECT_EQ (query (&test, "SELECT status, text FROM clause_revisions WHERE db_id > 2"),
+             "COMMITTED|\n");
+  EXPECT_EQ (get_text (get_clause (&test)->view, "text_view"), "");
+  EXPECT_TRUE (is_sensitive (get_clause (&test)->view, "agree_button"));
+}
+
+TEST (app_window_get_xmpp_clause_revision, without_its_parents_is_dropped)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_revision (test.window, {CAROL, 1000}, CLAUSE, {BOB, 4242}, "text");
+  EXPECT_EQ (end_capture (),
+             "Warning: A clause revision came, but we don't have the procedure to attach it to.\n");
+  begin_capture ();
+  deliver_revision (test.window, RENT, {ALICE, 2001}, {BOB, 4242}, "text");
+  EXPECT_EQ (end_capture (),
+             "Warning: A clause revision came, but we don't have the clause to attach it to.\n");
+  EXPECT_EQ (count (&test, "clause_revisions"), "2\n");
+  EXPECT_EQ (get_clause (&test)->revisions_count, 1u);
+}
+
+TEST (app_window_get_xmpp_clause_revision, is_found_in_its_own_procedure_only)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_revision (test.window, {CAROL, 1500}, CLAUSE, {CAROL, 4242}, "text");
+  EXPECT_EQ (end_capture (),
+             "Warning: A clause revision came, but we don't have the clause to attach it to.\n");
+}
+
+TEST (app_window_get_xmpp_clause_revision, keeps_a_forged_author_apart)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_revision (test.window, RENT, CLAUSE, {ALICE, 4242}, "never wrote this");
+  EXPECT_EQ (get_text (get_clause (&test)->view, "revision_status_label"), ALICE ":4242");
+  EXPECT_EQ (query (&test, "SELECT author FROM clause_revisions WHERE time = 4242"), ALICE "\n");
+}
+
+// ---- Network events: the chat of a clause ----
+
+TEST (app_window_get_xmpp_clause_message, stores_and_shows_it_with_the_senders_time)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_clause_message (test.window, RENT, CLAUSE, {"bob", 4242}, "it's <ok>");
+  std::string console = end_capture ();
+  EXPECT_EQ (console.find ("xmpp_message: 0x"), 0u) << console;
+  EXPECT_TRUE (has (console, " (void *)\nself: 0x")) << console;
+  EXPECT_EQ (query (&test, "SELECT * FROM clause_messages WHERE db_id > 1"),
+             "2|1|4242|bob|it's <ok>\n");
+  Clause *clause = get_clause (&test);
+  ASSERT_EQ (clause->messages_count, 2u);
+  EXPECT_EQ (clause->messages[1]->db_id, 2u);
+  EXPECT_EQ (get_text (clause->chat_page, "chat_text_view"), "alice: well?\nbob: it's <ok>");
+}
+
+TEST (app_window_get_xmpp_clause_message, without_its_parents_is_dropped)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_clause_message (test.window, {ALICE, 999}, CLAUSE, {"bob", 4242}, "text");
+  EXPECT_TRUE (has (end_capture (), "Warning: A clause message came, but we don't have the "
+                                    "procedure to attach it to.\n"));
+  begin_capture ();
+  deliver_clause_message (test.window, RENT, {BOB, 2000}, {"bob", 4242}, "text");
+  EXPECT_TRUE (has (end_capture (), "Warning: A clause message came, but we don't have the clause "
+                                    "to attach it to.\n"));
+  EXPECT_EQ (count (&test, "clause_messages"), "1\n");
+}
+
+// ---- Network events: decisions ----
+
+static const char DECISION_ROWS[] = "SELECT clause_revision_db_id, author, status FROM "
+                                    "clause_revision_decisions ORDER BY db_id";
+
+TEST (app_window_get_xmpp_clause_revision_decision_signal, stores_and_shows_it)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  s64 before = get_posix_time ();
+  deliver_decision (test.window, RENT, CLAUSE, FIRST, {BOB, 4242}, DECISION_AGREE);
+  EXPECT_EQ (query (&test, DECISION_ROWS), "1|" ALICE "|AGREE\n1|" BOB "|AGREE\n");
+  ClauseRevision *revision = get_clause (&test)->revisions[0];
+  ASSERT_EQ (revision->decisions_count, 2u);
+  EXPECT_EQ (revision->decisions[1]->db_id, 2u);
+  // Stamped here: the time of the wire is not used.
+  EXPECT_GE (revision->decisions[1]->time, before);
+  EXPECT_EQ (query (&test, "SELECT time FROM clause_revision_decisions WHERE db_id = 2"),
+             std::to_string (revision->decisions[1]->time) + "\n");
+  EXPECT_EQ (get_text (get_clause (&test)->view, "decision_status_label"), "contractor agrees");
+}
+
+TEST (app_window_get_xmpp_clause_revision_decision_signal, repeated_leaves_the_later_one)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_decision (test.window, RENT, CLAUSE, FIRST, {BOB, 4242}, DECISION_AGREE);
+  run (&test, "UPDATE clause_revision_decisions SET time = 1;");
+  s64 before = get_posix_time ();
+  deliver_decision (test.window, RENT, CLAUSE, FIRST, {BOB, 4243}, DECISION_DISAGREE);
+  EXPECT_EQ (query (&test, DECISION_ROWS), "1|" ALICE "|AGREE\n1|" BOB "|DISAGREE\n");
+  ClauseRevision *revision = get_clause (&test)->revisions[0];
+  EXPECT_EQ (revision->decisions_count, 2u);
+  EXPECT_GE (revision->decisions[1]->time, before);
+  EXPECT_EQ (query (&test, "SELECT time FROM clause_revision_decisions WHERE db_id = 2"),
+             std::to_string (revision->decisions[1]->time) + "\n");
+  EXPECT_EQ (get_text (get_clause (&test)->view, "decision_status_label"), "contractor disagrees");
+}
+
+TEST (app_window_get_xmpp_clause_revision_decision_signal, without_its_parents_is_dropped)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_decision (test.window, {BOB, 1000}, CLAUSE, FIRST, {BOB, 4242}, DECISION_AGREE);
+  EXPECT_EQ (end_capture (), "Warning: A clause revision decision came, but we don't have the "
+                             "procedure to attach it to.\n");
+  begin_capture ();
+  deliver_decision (test.window, RENT, {ALICE, 2001}, FIRST, {BOB, 4242}, DECISION_AGREE);
+  EXPECT_EQ (end_capture (), "Warning: A clause revision decision came, but we don't have the "
+                             "clause to attach it to.\n");
+  begin_capture ();
+  deliver_decision (test.window, RENT, CLAUSE, {BOB, 3000}, {BOB, 4242}, DECISION_AGREE);
+  EXPECT_EQ (end_capture (), "Warning: A clause revision decision came, but we don't have the "
+                             "revision to attach it to.\n");
+  EXPECT_EQ (count (&test, "clause_revision_decisions"), "1\n");
+}
+
+// A draft is nobody's to decide on.
+TEST (app_window_get_xmpp_clause_revision_decision_signal, never_finds_the_draft)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  deliver_decision (test.window, RENT, CLAUSE, {ALICE, 3100}, {BOB, 4242}, DECISION_AGREE);
+  EXPECT_TRUE (has (end_capture (), "we don't have the revision to attach it to.\n"));
+}
+
+TEST (app_window_get_xmpp_clause_revision_decision_signal, does_not_disturb_typing)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Clause *clause = get_clause (&test);
+  type (clause->view, "text_view", "half a thought");
+  deliver_decision (test.window, RENT, CLAUSE, FIRST, {BOB, 4242}, DECISION_AGREE);
+  EXPECT_EQ (query (&test, DECISION_ROWS), "1|" ALICE "|AGREE\n1|" BOB "|AGREE\n");
+  EXPECT_EQ (get_text (clause->view, "text_view"), "half a thought");
+  EXPECT_EQ (get_text (clause->view, "decision_status_label"), " ");
+  press (clause->view, "cancel_button");
+  EXPECT_EQ (get_text (clause->view, "decision_status_label"), "contractor agrees");
+}
+
+// ---- Network events: after the window was closed ----
+
+typedef void Deliver (AppWindow *window);
+
+static void
+deliver_available (AppWindow *window)
+{
+  deliver_presence (window, app_window_get_xmpp_presence_available_signal, "eve@beta.test");
+}
+
+static void
+deliver_unavailable (AppWindow *window)
+{
+  deliver_presence (window, app_window_get_xmpp_presence_unavailable_signal, "eve@beta.test");
+}
+
+static void
+deliver_confirm (AppWindow *window)
+{
+  deliver_presence (window, app_window_get_xmpp_presence_confirm_signal, ALICE "/morvane");
+}
+
+static void
+deliver_subscribe (AppWindow *window)
+{
+  deliver_presence (window, app_window_get_xmpp_presence_subscribe_signal, "eve@beta.test");
+}
+
+static void
+deliver_subscribed (AppWindow *window)
+{
+  deliver_presence (window, app_window_get_xmpp_presence_subscribed_signal, "eve@beta.test");
+}
+
+static void
+deliver_chat_line (AppWindow *window)
+{
+  deliver_message (window, BOB, "too late");
+}
+
+static void
+deliver_failure (AppWindow *window)
+{
+  deliver_iq_error (window, 5);
+}
+
+static void
+deliver_card (AppWindow *window)
+{
+  deliver_vcard (window, 5, BOB, "Bob");
+}
+
+static void
+deliver_new_procedure (AppWindow *window)
+{
+  deliver_procedure (window, {BOB, 1700}, "Roof");
+}
+
+static void
+deliver_new_clause (AppWindow *window)
+{
+  deliver_clause (window, RENT, {BOB, 2200});
+}
+
+static void
+deliver_new_revision (AppWindow *window)
+{
+  deliver_revision (window, RENT, CLAUSE, {BOB, 4242}, "too late");
+}
+
+static void
+deliver_clause_line (AppWindow *window)
+{
+  deliver_clause_message (window, RENT, CLAUSE, {"bob", 4242}, "too late");
+}
+
+static void
+deliver_new_decision (AppWindow *window)
+{
+  deliver_decision (window, RENT, CLAUSE, FIRST, {BOB, 4242}, DECISION_AGREE);
+}
+
+class AppWindowClosed : public testing::TestWithParam<Deliver *> {};
+
+TEST_P (AppWindowClosed, only_frees_the_record)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  close_window (&test);
+  int changes = sqlite3_total_changes (test.db);
+  begin_capture ();
+  GetParam () (test.window);
+  EXPECT_EQ (end_capture (), "");
+  EXPECT_EQ (sqlite3_total_changes (test.db), changes);
+}
+
+INSTANTIATE_TEST_SUITE_P (app_window_is_open, AppWindowClosed,
+                          testing::Values (deliver_available, deliver_unavailable, deliver_confirm,
+                                           deliver_subscribe, deliver_subscribed, deliver_chat_line,
+                                           deliver_failure, deliver_card, deliver_new_procedure,
+                                           deliver_new_clause, deliver_new_revision,
+                                           deliver_clause_line, deliver_new_decision));
+
+// The last reference on a closed window may be a record's.
+TEST (app_window_finalize, comes_with_the_last_record)
+{
+  auto test = std::make_unique<TestWindow> ();
+  open_negotiation (test.get ());
+  XMPPPresenceSignal *signal = alloc_record<XMPPPresenceSignal> (test->window);
+  signal->from = alloc_string (BOB);
+  AppWindow *window = test->window;
+  bool is_finalized = false;
+  g_object_set_data_full (G_OBJECT (window), "witness", &is_finalized,
+                          [] (gpointer data) { *(bool *) data = true; });
+  test.reset ();
+  EXPECT_FALSE (is_finalized);
+  EXPECT_EQ (app_window_get_xmpp_presence_available_signal (signal), G_SOURCE_REMOVE);
+  EXPECT_TRUE (is_finalized);
+}
