@@ -92,6 +92,34 @@ __read_chk (int file, void *data, size_t size, size_t)
   return read_with_fault (file, data, size);
 }
 
+// What the resolver was asked for last, and how many of its lists are not given back.
+static struct addrinfo asked_hints;
+static int lists_count = 0;
+static bool resolver_finds_nothing = false;
+
+extern "C" int
+getaddrinfo (const char *host, const char *port, const struct addrinfo *hints,
+             struct addrinfo **list_out)
+{
+  typedef int (*Function) (const char *, const char *, const struct addrinfo *, struct addrinfo **);
+  static Function next = (Function) dlsym (RTLD_NEXT, "getaddrinfo");
+  asked_hints = *hints;
+  if (resolver_finds_nothing)
+    return 0;
+  int error = next (host, port, hints, list_out);
+  lists_count += error == 0;
+  return error;
+}
+
+extern "C" void
+freeaddrinfo (struct addrinfo *list) noexcept
+{
+  typedef void (*Function) (struct addrinfo *);
+  static Function next = (Function) dlsym (RTLD_NEXT, "freeaddrinfo");
+  --lists_count;
+  next (list);
+}
+
 // ---- Helpers ----
 
 static std::string
@@ -448,6 +476,47 @@ TEST_F (os, connect_gives_a_connected_socket)
   EXPECT_TRUE (has_visitor (&place));
   os_close_connection (descriptor);
   close (place.descriptor);
+}
+
+TEST_F (os, connect_asks_for_streams_of_either_family)
+{
+  SocketDescriptor descriptor = -1;
+  begin_output ();
+  os_connect (to_string ("255.255.255.255"), "5222", &descriptor);
+  end_output ();
+  EXPECT_EQ (AF_UNSPEC, asked_hints.ai_family);
+  EXPECT_EQ (SOCK_STREAM, asked_hints.ai_socktype);
+  EXPECT_EQ (IPPROTO_TCP, asked_hints.ai_protocol);
+  EXPECT_EQ (0, asked_hints.ai_flags);
+}
+
+TEST_F (os, connect_gives_the_resolvers_list_back_on_every_path)
+{
+  Place accepting = open_place (true);
+  Place refusing = open_place (false);
+  lists_count = 0;
+  SocketDescriptor descriptor = -1;
+  begin_output ();
+  EXPECT_EQ (0, os_connect (to_string ("127.0.0.1"), accepting.port.c_str (), &descriptor));
+  EXPECT_EQ (-1, os_connect (to_string ("127.0.0.1"), refusing.port.c_str (), &descriptor));
+  EXPECT_EQ (-1, os_connect (to_string ("255.255.255.255"), "5222", &descriptor));
+  EXPECT_EQ (-1, os_connect (to_string ("127.0.0.1"), "no such port", &descriptor));
+  end_output ();
+  EXPECT_EQ (0, lists_count);
+  os_close_connection (descriptor);
+  close (accepting.descriptor);
+  close (refusing.descriptor);
+}
+
+TEST_F (os, connect_stops_the_program_when_the_resolver_finds_nothing)
+{
+  SocketDescriptor descriptor = -1;
+  EXPECT_DEATH (
+    {
+      resolver_finds_nothing = true;
+      os_connect (to_string ("127.0.0.1"), "5222", &descriptor);
+    },
+    "src/os_gnulinux\\.cpp.*`address_info_list'");
 }
 
 TEST_F (os, connect_reads_no_further_than_the_host)
