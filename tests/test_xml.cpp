@@ -561,6 +561,19 @@ TEST (parse_xml_tree, warns_alike_for_tokens_and_for_records)
   EXPECT_EQ (Parsed ("</a>", true, 3 * sizeof (XMLToken)).console, no_memory);
 }
 
+// The room for a record is looked for before what follows its first token.
+TEST (parse_xml_tree, warns_of_the_room_before_what_follows)
+{
+  const std::string no_memory = "Warning: No memory in buffer for parsing XML.\n";
+  EXPECT_EQ (Parsed ("<", true, sizeof (XMLToken)).console, no_memory);
+  EXPECT_EQ (Parsed ("<>", true, 2 * sizeof (XMLToken)).console, no_memory);
+  EXPECT_EQ (Parsed ("<a b>", true, 4 * sizeof (XMLToken) + sizeof (XMLElement)).console,
+             no_memory);
+  EXPECT_EQ (Parsed ("</a", true, 2 * sizeof (XMLToken)).console, no_memory);
+  EXPECT_EQ (Parsed ("</", true, sizeof (XMLToken)).console,
+             "Warning: Unpexpected end of text after the begining of a closing tag.\n");
+}
+
 // An arena of any size at any address: the whole tree, or the one warning.
 TEST (parse_xml_tree, survives_every_arena)
 {
