@@ -1749,6 +1749,20 @@ TEST (start_xmpp_register_thread, says_how_the_server_left)
     EXPECT_EQ (register_answered (answer), "register failure: " + text + "\n");
 }
 
+// The error may come by itself, ahead of the closing tag.
+TEST (start_xmpp_register_thread, says_the_same_however_the_end_of_the_stream_was_cut)
+{
+  const std::string error = "<stream:error><conflict/></stream:error>";
+  const std::string end = error + "</stream:stream>";
+  for (size_t offset : {(size_t) 1, (size_t) 15, error.size () - 1, error.size (),
+                        error.size () + 1, end.size () - 1}) {
+    EXPECT_EQ (register_answered (cut_at (end, offset)), "register failure: Unhandled error\n")
+      << offset;
+  }
+  EXPECT_EQ (register_answered ({error}),
+             "register failure: Server disconnected for unknown reason by closing the socket\n");
+}
+
 TEST (start_xmpp_register_thread, ignores_other_elements)
 {
   EXPECT_EQ (register_answered ({"<presence/>", "<message/>", "<iq type='result' id='2'/>"}),
