@@ -579,6 +579,7 @@ TEST (get_clause_revision_by_author_and_time, wants_both_to_match)
   EXPECT_EQ (get_clause_revision_by_author_and_time (clause, to_string ("a"), 101),
              clause->revisions[2]);
   EXPECT_EQ (get_clause_revision_by_author_and_time (clause, to_string ("b"), 101), nullptr);
+  EXPECT_EQ (get_clause_revision_by_author_and_time (clause, to_string ("b"), 99), nullptr);
   EXPECT_EQ (get_clause_revision_by_author_and_time (clause, to_string ("c"), 100), nullptr);
   dealloc_clause (clause);
 }
@@ -613,6 +614,7 @@ TEST (get_clause_by_initiator_and_time, wants_both_to_match)
   EXPECT_EQ (get_clause_by_initiator_and_time (procedure, to_string ("b"), 100),
              procedure->clauses[1]);
   EXPECT_EQ (get_clause_by_initiator_and_time (procedure, to_string ("a"), 101), nullptr);
+  EXPECT_EQ (get_clause_by_initiator_and_time (procedure, to_string ("a"), 99), nullptr);
   EXPECT_EQ (get_clause_by_initiator_and_time (procedure, to_string ("c"), 100), nullptr);
   dealloc_procedure (procedure);
 }
@@ -629,6 +631,7 @@ TEST (get_procedure_by_initiator_and_time, wants_both_to_match)
   EXPECT_EQ (get_procedure_by_initiator_and_time (&stack, to_string ("b"), 100),
              stack.procedures[1]);
   EXPECT_EQ (get_procedure_by_initiator_and_time (&stack, to_string ("a"), -100), nullptr);
+  EXPECT_EQ (get_procedure_by_initiator_and_time (&stack, to_string ("a"), 101), nullptr);
   EXPECT_EQ (get_procedure_by_initiator_and_time (&stack, to_string ("c"), 100), nullptr);
   dealloc_procedure_stack (stack);
 }
