@@ -254,6 +254,24 @@ app_window_set_console_style (AppWindow *self)
   g_object_unref (provider);
 }
 
+// The theme gives a switcher's buttons a width that leaves the clauses too little of a small window.
+static void
+app_window_narrow_roster_switcher (AppWindow *self)
+{
+  // One provider serves all windows of the screen.
+  static bool is_done;
+  if (is_done)
+    return;
+  is_done = true;
+  GtkCssProvider *provider = gtk_css_provider_new ();
+  gtk_css_provider_load_from_data (provider, "#roster-switcher > button {min-width: 60px;}", -1,
+                                   NULL);
+  gtk_style_context_add_provider_for_screen (gtk_widget_get_screen (GTK_WIDGET (self)),
+                                             GTK_STYLE_PROVIDER (provider),
+                                             GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
+  g_object_unref (provider);
+}
+
 AppWindow *
 app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqlite3 *db,
                 GtkTextBuffer *console)
@@ -277,6 +295,7 @@ app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqli
   gtk_window_set_default (GTK_WINDOW (self), login_page_get_login_button (self->login_page));
   gtk_window_set_default_size (GTK_WINDOW (self), 640, 640);
   app_window_set_console_style (self);
+  app_window_narrow_roster_switcher (self);
 
   g_signal_connect (self, "key-press-event", G_CALLBACK (handle_app_window_key_press), self);
   g_signal_connect (self->add_procedure_button, "clicked",

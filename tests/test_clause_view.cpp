@@ -137,6 +137,23 @@ list_rows (ClauseView *view)
   return list;
 }
 
+static GtkWidget *
+get_popover (Clause *clause)
+{
+  GtkWidget *button = find_widget (clause->view, "revision_select_menu_button");
+  return GTK_WIDGET (gtk_menu_button_get_popover (GTK_MENU_BUTTON (button)));
+}
+
+static void
+open_revisions (Clause *clause)
+{
+  GtkWidget *button = find_widget (clause->view, "revision_select_menu_button");
+  gtk_toggle_button_set_active (GTK_TOGGLE_BUTTON (button), TRUE);
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return (bool) gtk_widget_get_mapped (GTK_WIDGET (data)); },
+                get_popover (clause)));
+}
+
 static void
 activate_row (Clause *clause, int index)
 {
@@ -702,6 +719,28 @@ TEST (clause_view_show_draft, without_a_draft_stops_the_program)
   Clause *clause = open_one_revision (&test);
   EXPECT_DEATH (clause_view_show_draft (clause->view),
                 "src/clause_view\\.cpp.*Assertion `self->clause->draft'");
+}
+
+TEST (clause_view_revision_select_list_box_row_activate_handle, closes_the_list)
+{
+  TestWindow test;
+  Clause *clause = open_two_revisions (&test);
+  open_revisions (clause);
+  activate_row (clause, 0);
+  EXPECT_TRUE (pump_until ([] (void *data) { return !gtk_widget_get_mapped (GTK_WIDGET (data)); },
+                           get_popover (clause)));
+  EXPECT_EQ (get_status (clause), ALICE ":3000");
+}
+
+// Only committed revisions and the draft are anything to look at.
+TEST (clause_view_revision_select_list_box_row_activate_handle, passes_over_an_invalid_revision)
+{
+  TestWindow test;
+  Clause *clause = open_two_revisions (&test);
+  clause->revisions[0]->status = REVISION_INVALID;
+  activate_row (clause, 0);
+  EXPECT_EQ (get_status (clause), BOB ":4000");
+  EXPECT_EQ (get_text (clause->view, "text_view"), "second text");
 }
 
 TEST (clause_view_set_text, replaces_the_text_and_starts_no_draft)
@@ -1465,6 +1504,433 @@ TEST (clause_view_show_diff, is_no_draft_to_commit)
                 "src/clause_view\\.cpp.*Assertion `self->is_draft'");
 }
 
+// ---- The comparison: what it shows ----
+
+static GtkTextBuffer *
+get_buffer (Clause *clause)
+{
+  return gtk_text_view_get_buffer (GTK_TEXT_VIEW (find_widget (clause->view, "text_view")));
+}
+
+static std::string
+get_color (GtkTextTag *tag)
+{
+  GdkRGBA *color = NULL;
+  g_object_get (tag, "background-rgba", &color, NULL);
+  char *text = gdk_rgba_to_string (color);
+  std::string result = text;
+  g_free (text);
+  gdk_rgba_free (color);
+  return result;
+}
+
+// The text with its runs: [+added] in #085, [-deleted] in #c55.
+static std::string
+list_runs (Clause *clause)
+{
+  std::string list;
+  GtkTextIter start;
+  gtk_text_buffer_get_start_iter (get_buffer (clause), &start);
+  while (!gtk_text_iter_is_end (&start)) {
+    GtkTextIter end = start;
+    gtk_text_iter_forward_to_tag_toggle (&end, NULL);
+    char *text = gtk_text_iter_get_text (&start, &end);
+    GSList *tags = gtk_text_iter_get_tags (&start);
+    if (tags) {
+      std::string color = get_color (GTK_TEXT_TAG (tags->data));
+      list += color == "rgb(0,136,85)" ? "[+" : color == "rgb(204,85,85)" ? "[-" : "[?";
+      list += std::string (text) + "]";
+    } else {
+      list += text;
+    }
+    g_slist_free (tags);
+    g_free (text);
+    start = end;
+  }
+  return list;
+}
+
+// A clause whose two revisions have these texts.
+static Clause *
+open_texts (TestWindow *test, const char *older, const char *newer)
+{
+  char *sql = sqlite3_mprintf ("INSERT INTO clause_revisions VALUES (1, 1, 3000, '" ALICE
+                               "', 'COMMITTED', %Q);"
+                               "INSERT INTO clause_revisions VALUES (2, 1, 4000, '" BOB
+                               "', 'COMMITTED', %Q);",
+                               older, newer);
+  Clause *clause = open_clause (test, std::string (OWN_PROCEDURE) + OWN_CLAUSE + sql);
+  sqlite3_free (sql);
+  return clause;
+}
+
+struct DiffCase {
+  const char *older;
+  const char *newer;
+  const char *runs;
+};
+
+class ClauseViewDiff : public testing::TestWithParam<DiffCase> {};
+
+TEST_P (ClauseViewDiff, is_shown_word_by_word)
+{
+  TestWindow test;
+  Clause *clause = open_texts (&test, GetParam ().older, GetParam ().newer);
+  compare (clause);
+  EXPECT_EQ (list_runs (clause), GetParam ().runs);
+}
+
+// The menu item with this label, as the text's menu has it; NULL when there is none.
+static GtkWidget *
+find_menu_item (GtkWidget *menu, const std::string &label)
+{
+  GtkWidget *found = NULL;
+  GList *items = gtk_container_get_children (GTK_CONTAINER (menu));
+  for (GList *link = items; link; link = link->next) {
+    if (label == gtk_menu_item_get_label (GTK_MENU_ITEM (link->data)))
+      found = GTK_WIDGET (link->data);
+  }
+  g_list_free (items);
+  return found;
+}
+
+// What the text's menu says about an item: "", "off" or "on"; one that is on is chosen on demand.
+static std::string
+use_text_menu (Clause *clause, const char *label, bool is_chosen)
+{
+  GtkWidget *menu = GTK_WIDGET (g_object_ref_sink (gtk_menu_new ()));
+  g_signal_emit_by_name (find_widget (clause->view, "text_view"), "populate-popup", menu);
+  GtkWidget *item = find_menu_item (menu, label);
+  std::string state = !item ? "" : gtk_widget_get_sensitive (item) ? "on" : "off";
+  if (item && is_chosen) {
+    EXPECT_EQ (state, "on") << label;
+    gtk_menu_item_activate (GTK_MENU_ITEM (item));
+    pump ();
+  }
+  gtk_widget_destroy (menu);
+  g_object_unref (menu);
+  return state;
+}
+
+TEST_P (ClauseViewDiff, kept_whole_gives_the_newer_text)
+{
+  TestWindow test;
+  Clause *clause = open_texts (&test, GetParam ().older, GetParam ().newer);
+  use_text_menu (clause, "Compare with the previous revision", true);
+  if (use_text_menu (clause, "Keep all remaining changes", false) == "on")
+    use_text_menu (clause, "Keep all remaining changes", true);
+  EXPECT_EQ (list_runs (clause), GetParam ().newer);
+  EXPECT_FALSE (clause->draft);
+  use_text_menu (clause, "Use this text as draft", true);
+  EXPECT_EQ (get_status (clause), "draft");
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions WHERE status = 'DRAFT'"),
+             std::string (GetParam ().newer) + "\n");
+}
+
+INSTANTIATE_TEST_SUITE_P (
+  clause_view_show_diff, ClauseViewDiff,
+  testing::Values (DiffCase{"pay by noon", "pay by night", "pay by [-noon][+night]"},
+                   DiffCase{"pay noon", "pay by noon", "pay [+by ]noon"},
+                   DiffCase{"pay by noon", "pay noon", "pay [-by ]noon"},
+                   DiffCase{"all old", "quite new", "[-all old][+quite new]"},
+                   DiffCase{"same text", "same text", "same text"},
+                   DiffCase{"one", "one\ntwo", "one[+\u23ce\ntwo]"},
+                   DiffCase{"one\ntwo", "one", "one[-\u23ce\ntwo]"},
+                   DiffCase{"one\ntwo", "one\nthree", "one\n[-two][+three]"},
+                   DiffCase{"a \u23ce b", "a \u23ce c", "a \u23ce [-b][+c]"},
+                   DiffCase{"stra\u00dfe", "gasse \U0001f600",
+                            "[-stra\u00dfe][+gasse \U0001f600]"}));
+
+// ---- The comparison: deciding on changes ----
+
+// Moves the pointer over the text at this place; what the handler measures in is the text's own.
+static void
+hover (Clause *clause, int offset)
+{
+  GtkWidget *text_view = find_widget (clause->view, "text_view");
+  GtkTextIter iter;
+  GdkRectangle location;
+  gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, offset);
+  gtk_text_view_get_iter_location (GTK_TEXT_VIEW (text_view), &iter, &location);
+  int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (text_view));
+  int x = 0;
+  int y = 0;
+  gtk_text_view_buffer_to_window_coords (GTK_TEXT_VIEW (text_view), GTK_TEXT_WINDOW_WIDGET,
+                                         location.x + 1 - border_width,
+                                         location.y + 1 - border_width, &x, &y);
+  GdkEvent *event = gdk_event_new (GDK_MOTION_NOTIFY);
+  event->motion.window = GDK_WINDOW (g_object_ref (gtk_widget_get_window (text_view)));
+  // Truncated, not rounded.
+  event->motion.x = x + 0.9;
+  event->motion.y = y + 0.9;
+  GdkSeat *seat = gdk_display_get_default_seat (gtk_widget_get_display (text_view));
+  gdk_event_set_device (event, gdk_seat_get_pointer (seat));
+  gboolean is_handled = TRUE;
+  g_signal_emit_by_name (text_view, "motion-notify-event", event, &is_handled);
+  gdk_event_free (event);
+  pump ();
+}
+
+static bool
+has_tools (Clause *clause)
+{
+  return gtk_widget_get_visible (find_widget (clause->view, "diff_overlay_tools"));
+}
+
+// A comparison with a deletion from 4 and an addition from 8: "pay [-at ][+by ]noon".
+static Clause *
+open_comparison (TestWindow *test)
+{
+  Clause *clause = open_texts (test, "pay at noon", "pay by noon");
+  compare (clause);
+  EXPECT_EQ (list_runs (clause), "pay [-at ][+by ]noon");
+  return clause;
+}
+
+TEST (clause_view_text_view_motion_notify_handle, shows_the_tools_at_a_change_only)
+{
+  TestWindow test;
+  Clause *clause = open_comparison (&test);
+  EXPECT_FALSE (has_tools (clause));
+  hover (clause, 5);
+  EXPECT_TRUE (has_tools (clause));
+  hover (clause, 1);
+  EXPECT_FALSE (has_tools (clause));
+  hover (clause, 4);
+  EXPECT_TRUE (has_tools (clause));
+}
+
+TEST (clause_view_text_view_motion_notify_handle, puts_the_tools_under_the_line)
+{
+  TestWindow test;
+  Clause *clause = open_comparison (&test);
+  hover (clause, 8);
+  hover (clause, 8);
+  GtkWidget *tools = find_widget (clause->view, "diff_overlay_tools");
+  GtkTextIter iter;
+  GdkRectangle location;
+  gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, 8);
+  gtk_text_view_get_iter_location (GTK_TEXT_VIEW (find_widget (clause->view, "text_view")), &iter,
+                                   &location);
+  EXPECT_EQ (gtk_widget_get_margin_top (tools), location.y + location.height + 12);
+  int start = location.x + 1 + 24 - gtk_widget_get_allocated_width (tools) / 2;
+  EXPECT_EQ (gtk_widget_get_margin_start (tools), MAX (0, start));
+}
+
+TEST (clause_view_diff_del_button_handle, takes_the_run_out)
+{
+  TestWindow test;
+  Clause *clause = open_comparison (&test);
+  hover (clause, 5);
+  press (clause->view, "diff_del_button");
+  EXPECT_EQ (list_runs (clause), "pay [+by ]noon");
+  EXPECT_FALSE (has_tools (clause));
+  EXPECT_EQ (list_sensitive (clause), "agree disagree");
+  EXPECT_FALSE (clause->draft);
+}
+
+TEST (clause_view_diff_del_button_handle, of_the_last_change_leaves_a_draft)
+{
+  TestWindow test;
+  Clause *clause = open_comparison (&test);
+  hover (clause, 5);
+  press (clause->view, "diff_del_button");
+  hover (clause, 5);
+  press (clause->view, "diff_del_button");
+  EXPECT_EQ (list_runs (clause), "pay noon");
+  EXPECT_EQ (get_status (clause), "draft");
+  EXPECT_EQ (list_sensitive (clause), "commit cancel");
+  EXPECT_EQ (list_rows (clause->view), ALICE ":3000\n" BOB ":4000\n*draft\n");
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions WHERE status = 'DRAFT'"),
+             "pay noon\n");
+  press (clause->view, "commit_button");
+  EXPECT_EQ (to_std_string (clause->revisions[2]->text), "pay noon");
+}
+
+TEST (clause_view_diff_add_button_handle, keeps_the_run_as_ordinary_text)
+{
+  TestWindow test;
+  Clause *clause = open_comparison (&test);
+  hover (clause, 9);
+  press (clause->view, "diff_add_button");
+  EXPECT_EQ (list_runs (clause), "pay [-at ]by noon");
+  EXPECT_FALSE (has_tools (clause));
+  hover (clause, 5);
+  press (clause->view, "diff_add_button");
+  EXPECT_EQ (list_runs (clause), "pay at by noon");
+  // The last change is kept, and nothing is a draft by itself.
+  EXPECT_EQ (list_sensitive (clause), "agree disagree");
+  EXPECT_FALSE (clause->draft);
+  EXPECT_EQ (list_rows (clause->view), ALICE ":3000\n*" BOB ":4000\n");
+}
+
+TEST (clause_view_diff_add_button_handle, keeps_a_line_break_without_its_symbol)
+{
+  TestWindow test;
+  Clause *clause = open_texts (&test, "one two", "one \ntwo");
+  compare (clause);
+  EXPECT_EQ (list_runs (clause), "one [+\u23ce\n]two");
+  hover (clause, 4);
+  press (clause->view, "diff_add_button");
+  EXPECT_EQ (list_runs (clause), "one \ntwo");
+}
+
+TEST (clause_view_diff_add_button_handle, keeps_a_symbol_that_is_the_texts_own)
+{
+  TestWindow test;
+  Clause *clause = open_texts (&test, "one", "two\u23ce");
+  compare (clause);
+  EXPECT_EQ (list_runs (clause), "[-one][+two\u23ce]");
+  hover (clause, 4);
+  press (clause->view, "diff_add_button");
+  EXPECT_EQ (list_runs (clause), "[-one]two\u23ce");
+}
+
+TEST (clause_view_show_diff, lets_nobody_type_while_a_change_is_undecided)
+{
+  TestWindow test;
+  Clause *clause = open_comparison (&test);
+  GtkTextView *text_view = GTK_TEXT_VIEW (find_widget (clause->view, "text_view"));
+  EXPECT_FALSE (gtk_text_view_get_editable (text_view));
+  use_text_menu (clause, "Keep all remaining changes", true);
+  EXPECT_TRUE (gtk_text_view_get_editable (text_view));
+  type (clause->view, "text_view", "pay by noon, please");
+  EXPECT_EQ (get_status (clause), "draft");
+  EXPECT_EQ (list_sensitive (clause), "commit cancel");
+}
+
+TEST (clause_view_cursor_position_handle, shows_the_tools_at_the_cursor)
+{
+  TestWindow test;
+  Clause *clause = open_comparison (&test);
+  focus (&test, find_widget (clause->view, "text_view"));
+  GtkTextIter iter;
+  gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, 5);
+  gtk_text_buffer_place_cursor (get_buffer (clause), &iter);
+  EXPECT_TRUE (has_tools (clause));
+  press (clause->view, "diff_del_button");
+  EXPECT_EQ (list_runs (clause), "pay [+by ]noon");
+}
+
+TEST (clause_view_text_view_key_press_handle, leaves_the_comparison_with_escape)
+{
+  TestWindow test;
+  Clause *clause = open_comparison (&test);
+  focus (&test, find_widget (clause->view, "text_view"));
+  press_key (&test, GDK_KEY_Escape);
+  EXPECT_EQ (list_runs (clause), "pay by noon");
+  EXPECT_EQ (get_status (clause), BOB ":4000");
+  EXPECT_EQ (list_sensitive (clause), "agree disagree");
+}
+
+TEST (clause_view_populate_popup_handle, offers_what_the_state_allows)
+{
+  TestWindow test;
+  Clause *clause = open_texts (&test, "pay at noon", "pay by noon");
+  EXPECT_EQ (use_text_menu (clause, "Compare with the previous revision", false), "on");
+  EXPECT_EQ (use_text_menu (clause, "Leave the comparison", false), "");
+  activate_row (clause, 0);
+  EXPECT_EQ (use_text_menu (clause, "Compare with the previous revision", false), "off");
+  activate_row (clause, 1);
+  use_text_menu (clause, "Compare with the previous revision", true);
+  EXPECT_EQ (list_runs (clause), "pay [-at ][+by ]noon");
+  EXPECT_EQ (use_text_menu (clause, "Compare with the previous revision", false), "");
+  EXPECT_EQ (use_text_menu (clause, "Keep all remaining changes", false), "on");
+  EXPECT_EQ (use_text_menu (clause, "Use this text as draft", false), "off");
+  use_text_menu (clause, "Leave the comparison", true);
+  EXPECT_EQ (get_status (clause), BOB ":4000");
+  type (clause->view, "text_view", "typed");
+  EXPECT_EQ (use_text_menu (clause, "Compare with the previous revision", false), "");
+}
+
+// Opens the menu of a row as the Menu key does, and chooses the comparison.
+static void
+compare_row (TestWindow *test, Clause *clause, int index)
+{
+  open_revisions (clause);
+  GtkWidget *row = GTK_WIDGET (gtk_list_box_get_row_at_index (get_list (clause->view), index));
+  focus (test, row);
+  press_key (test, GDK_KEY_Menu);
+  GList *menus = gtk_menu_get_for_attach_widget (row);
+  ASSERT_TRUE (menus);
+  GtkWidget *menu = GTK_WIDGET (menus->data);
+  GtkWidget *item = find_menu_item (menu, "Compare with the revision shown");
+  ASSERT_TRUE (item);
+  gtk_menu_shell_activate_item (GTK_MENU_SHELL (menu), item, TRUE);
+  pump ();
+}
+
+TEST (clause_view_compare, takes_a_row_and_what_is_shown_in_their_order)
+{
+  TestWindow test;
+  Clause *clause = open_texts (&test, "pay at noon", "pay by noon");
+  compare_row (&test, clause, 0);
+  EXPECT_EQ (list_runs (clause), "pay [-at ][+by ]noon");
+  activate_row (clause, 0);
+  compare_row (&test, clause, 1);
+  EXPECT_EQ (list_runs (clause), "pay [-at ][+by ]noon");
+  EXPECT_EQ (get_status (clause), ALICE ":3000 > " BOB ":4000");
+}
+
+TEST (clause_view_compare, takes_the_draft_as_the_newest)
+{
+  TestWindow test;
+  Clause *clause = open_texts (&test, "pay at noon", "pay by noon");
+  type (clause->view, "text_view", "pay by night");
+  compare_row (&test, clause, 1);
+  EXPECT_EQ (list_runs (clause), "pay by [-noon][+night]");
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions WHERE status = 'DRAFT'"),
+             "pay by night\n");
+}
+
+TEST (clause_view_compare, of_a_revision_with_itself_is_refused)
+{
+  TestWindow test;
+  Clause *clause = open_texts (&test, "pay at noon", "pay by noon");
+  testing::internal::CaptureStdout ();
+  compare_row (&test, clause, 1);
+  EXPECT_EQ (testing::internal::GetCapturedStdout (),
+             "Info: A revision can't be compared with itself.\n");
+  EXPECT_EQ (get_status (clause), "A revision can't be compared with itself.");
+  EXPECT_EQ (list_runs (clause), "pay by noon");
+}
+
+struct RefusalCase {
+  std::string older;
+  const char *refusal;
+};
+
+class ClauseViewRefusals : public testing::TestWithParam<RefusalCase> {};
+
+TEST_P (ClauseViewRefusals, say_why_there_is_no_comparison)
+{
+  TestWindow test;
+  std::string newer;
+  for (int i = 0; i < 5000; i++)
+    newer += "n ";
+  Clause *clause = open_texts (&test, GetParam ().older.c_str (), newer.c_str ());
+  testing::internal::CaptureStdout ();
+  use_text_menu (clause, "Compare with the previous revision", true);
+  EXPECT_EQ (testing::internal::GetCapturedStdout (),
+             std::string ("Info: ") + GetParam ().refusal + "\n");
+  EXPECT_EQ (get_status (clause), GetParam ().refusal);
+  EXPECT_EQ (get_text (clause->view, "text_view"), newer);
+}
+
+static std::string
+make_words (int count)
+{
+  std::string words;
+  for (int i = 0; i < count; i++)
+    words += "o ";
+  return words;
+}
+
+INSTANTIATE_TEST_SUITE_P (
+  clause_view_compare, ClauseViewRefusals,
+  testing::Values (RefusalCase{"", "An empty text can't be compared."},
+                   RefusalCase{make_words (5000), "These texts are too long to be compared."}));
+
 // ---- Every order of the states ----
 
 // What a view is to be, worked out beside it.
@@ -1677,3 +2143,23 @@ TEST_P (ClauseViewWalk, goes_through_the_states_in_every_order)
 }
 
 INSTANTIATE_TEST_SUITE_P (clause_view, ClauseViewWalk, testing::Values (1u, 2u, 3u, 4u));
+
+// ---- Room ----
+
+TEST (clause_view_new, long_lines_leave_the_window_free_to_become_narrow)
+{
+  TestWindow test;
+  std::string line (2000, 'w');
+  for (size_t i = 5; i < line.size (); i += 6)
+    line[i] = ' ';
+  Clause *clause = open_one_revision (&test);
+  gtk_window_resize (GTK_WINDOW (test.window), 1200, 640);
+  receive_revision (&test, clause, {BOB, 5000}, line.c_str ());
+  EXPECT_TRUE (
+    pump_until ([] (
+                  void *view) { return gtk_widget_get_allocated_width (GTK_WIDGET (view)) > 800; },
+                clause->view));
+  int minimum;
+  gtk_widget_get_preferred_width (GTK_WIDGET (clause->view), &minimum, NULL);
+  EXPECT_LT (minimum, 400);
+}
