@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -34,11 +35,12 @@ struct Forced {
   bool has_no_description;
   bool has_raw_key_type;
   int print_error;
-  int handshake_failures;  // so many handshakes give GNUTLS_E_AGAIN
-  int send_passes;         // so many sends work before the failing ones
-  int send_failures;       // so many sends give GNUTLS_E_PUSH_ERROR
-  int recv_failures;       // so many receives give GNUTLS_E_AGAIN
-  size_t send_limit;       // a send takes at most so many bytes
+  int handshake_failures;      // so many handshakes give GNUTLS_E_AGAIN
+  bool yields_before_records;  // offers the processor to the other thread
+  int send_passes;             // so many sends work before the failing ones
+  int send_failures;           // so many sends give GNUTLS_E_PUSH_ERROR
+  int recv_failures;           // so many receives give GNUTLS_E_AGAIN
+  size_t send_limit;           // a send takes at most so many bytes
 };
 
 static thread_local Forced forced;
@@ -158,6 +160,9 @@ ssize_t
 gnutls_record_send (gnutls_session_t session, const void *data, size_t size)
 {
   offered_sizes.push_back (size);
+  if (forced.yields_before_records) {
+    sched_yield ();
+  }
   if (forced.send_passes > 0) {
     --forced.send_passes;
   } else if (forced.send_failures > 0) {
@@ -1017,6 +1022,7 @@ static const int STANZAS_PER_SENDER = 200;
 struct Sender {
   gnutls_session_t session;
   char letter;
+  pthread_barrier_t *start;
   u64 size;
 };
 
@@ -1031,6 +1037,9 @@ static void *
 send_stanzas (void *data)
 {
   Sender *sender = (Sender *) data;
+  // Both at once, and each offers its place to the other between any two records.
+  pthread_barrier_wait (sender->start);
+  forced.yields_before_records = true;
   for (int number = 0; number < STANZAS_PER_SENDER; ++number) {
     sender->size +=
       send_all_tls_data (sender->session, to_view (make_stanza (sender->letter, number)));
@@ -1067,7 +1076,10 @@ TEST (send_all_tls_data, keeps_the_stanzas_of_two_threads_apart)
   }
   Link link = open_link (
     {server_send (Pieces (50, "<iq/>")), server_expect_until ("!"), server_expect_end ()});
-  Sender senders[2] = {{link.client.session, 'a', 0}, {link.client.session, 'b', 0}};
+  pthread_barrier_t start;
+  ASSERT_EQ (pthread_barrier_init (&start, NULL, 2), 0);
+  Sender senders[2] = {{link.client.session, 'a', &start, 0},
+                       {link.client.session, 'b', &start, 0}};
   pthread_t threads[2];
   ASSERT_EQ (pthread_create (&threads[0], NULL, send_stanzas, &senders[0]), 0);
   ASSERT_EQ (pthread_create (&threads[1], NULL, send_stanzas, &senders[1]), 0);
@@ -1078,6 +1090,7 @@ TEST (send_all_tls_data, keeps_the_stanzas_of_two_threads_apart)
   }
   pthread_join (threads[0], NULL);
   pthread_join (threads[1], NULL);
+  pthread_barrier_destroy (&start);
   EXPECT_EQ (send_all (link.client.session, "!").size, 1u);
   ServerReport report = close_link (&link);
   EXPECT_EQ (received, repeat ("<iq/>", 50));
