@@ -347,6 +347,7 @@ INSTANTIATE_TEST_SUITE_P (
     // A key without a value ends the reading.
     ConfigCase{"bare_jid = one\npassword", "one", ""},
     ConfigCase{"bare_jid = one\npassword =\n", "one", ""},
+    ConfigCase{"bare_jid = one bare_jid", "one", ""},
     // But a value may stand on the next line.
     ConfigCase{"bare_jid =\none\n", "one", ""}, ConfigCase{"bare_jid", "", ""},
     ConfigCase{" = ", "", ""}, ConfigCase{"\n", "", ""},
