@@ -771,6 +771,22 @@ TEST (app_window_remove_procedure, forgets_what_is_being_typed_in_it)
   EXPECT_EQ (count (&test, "clause_revisions"), "0\n");
 }
 
+// Elsewhere in the tests pages change at once; for the user they slide.
+TEST (app_window_remove_procedure, may_come_while_the_page_slides_in)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  g_object_set (gtk_settings_get_default (), "gtk-enable-animations", TRUE, NULL);
+  activate_row (test.window->procedures_list_box, 1);
+  EXPECT_TRUE (gtk_stack_get_transition_running (test.window->main_page_stack));
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  pump ();
+  activate_row (test.window->procedures_list_box, 0);
+  g_object_set (gtk_settings_get_default (), "gtk-enable-animations", FALSE, NULL);
+  EXPECT_EQ (list_procedures (&test), "*Garden|" CAROL "\n");
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (test.window->procedures.procedures[0]->view));
+}
+
 TEST (app_window_remove_procedure, closes_an_open_list_of_revisions)
 {
   TestWindow test;
@@ -1085,6 +1101,20 @@ TEST (app_window_get_xmpp_presence_available_signal, makes_a_contact_of_a_strang
   EXPECT_EQ (query (&test, "SELECT * FROM contacts WHERE db_id > 2"), "3|1|eve@beta.test\n");
   deliver_message (test.window, "eve@beta.test/x", "hello");
   EXPECT_EQ (query (&test, "SELECT contact_db_id, body FROM contact_messages"), "3|hello\n");
+}
+
+TEST (app_window_get_xmpp_presence_available_signal, makes_contacts_of_as_many_as_come)
+{
+  TestWindow test;
+  open_account (&test);
+  std::string expected;
+  for (int i = 0; i < 70; i++) {
+    std::string name = "guest" + std::to_string (i) + "@beta.test";
+    deliver_presence (test.window, app_window_get_xmpp_presence_available_signal, name.c_str ());
+    expected += name + "|available\n";
+  }
+  EXPECT_EQ (list_contacts (&test), expected);
+  EXPECT_EQ (count (&test, "contacts"), "70\n");
 }
 
 TEST (app_window_get_xmpp_presence_available_signal, passes_over_our_own_resources)
