@@ -242,6 +242,14 @@ class Desktop:
         self.wait(still, "the screen is still")
         os.remove(other)
 
+    def colours(self, places):
+        """The colours that the screen shows at the places, as six hexadecimal digits each."""
+        path = os.path.join(self.directory, "colours.png")
+        self.still_picture(path)
+        wanted = "".join("%%[hex:p{%d,%d}]\\n" % place for place in places)
+        return [line[:6].lower() for line in
+                self.run(["convert", path, "-format", wanted, "info:"]).stdout.split()]
+
     # ---- Waiting ----
 
     def wait(self, condition, what, bound=None):
@@ -359,6 +367,8 @@ REGISTRY = "org.a11y.atspi.Registry"
 TREE = "/org/a11y/atspi/accessible/root"
 
 # Numbers of the accessibility states that are asked for.
+STATE_EDITABLE = 7
+STATE_FOCUSABLE = 11
 STATE_FOCUSED = 12
 STATE_SENSITIVE = 24
 STATE_SHOWING = 25
@@ -430,6 +440,30 @@ class Node:
 
     def text(self):
         return self.call("org.a11y.atspi.Text", "GetText", "ii", 0, -1)[0]
+
+    def character_place(self, offset):
+        """Where the character of the text is on the screen, in sight or not."""
+        x, y, width, height = self.call("org.a11y.atspi.Text", "GetCharacterExtents", "iu",
+                                        offset, 0)
+        return x, y, width, height
+
+    def runs(self):
+        """The stretches of a text that have a background of their own: (start, end). The toolkit
+        does not tell which."""
+        runs, offset = [], 0
+        size = self.call("org.freedesktop.DBus.Properties", "Get", "ss", "org.a11y.atspi.Text",
+                         "CharacterCount")[0]
+        while offset < size:
+            attributes, _, end = self.call("org.a11y.atspi.Text", "GetAttributeRun", "ib", offset,
+                                           False)
+            if "bg-color" in attributes:
+                runs.append((offset, end))
+            offset = max(end, offset + 1)
+        return runs
+
+    def caret(self):
+        return self.call("org.freedesktop.DBus.Properties", "Get", "ss", "org.a11y.atspi.Text",
+                         "CaretOffset")[0]
 
     def process(self):
         return Desktop.current.call_bus("GetConnectionUnixProcessID", "s", self.owner)
@@ -562,10 +596,10 @@ class Window:
         self.desktop.wait(lambda: self.desktop.xdotool("getactivewindow") == self.xid,
                           "%s's window is active" % self.party.name)
 
-    def press_node(self, node):
+    def press_node(self, node, button=1):
         self.activate()
         x, y = self.scroll_to(node)
-        self.desktop.press_at(x, y)
+        self.desktop.press_at(x, y, button)
 
     def click(self, name, nth=0):
         """Presses the button of that name, once it can be pressed."""
@@ -696,6 +730,84 @@ class Window:
         row = self.desktop.wait(find, "%s's list shows \"%s\"" % (self.party.name, title))
         self.press_node(row)
         self.wait_for("Add clause", BUTTON_ROLES)
+
+    # ---- Menus ----
+
+    def menu_items(self):
+        """The items of the open context menu, which is a window of its own: name to widget."""
+        items = {}
+        for frame in self.party.frames():
+            if frame.role() != "frame":
+                items.update((node.name(), node) for node, role in walk(frame)
+                             if role == "menu item")
+        return items
+
+    def wait_menu(self, name):
+        """Waits for the context menu with that item and returns all items."""
+        def find():
+            items = self.menu_items()
+            return items if name in items and items[name].extents()[2] > 0 else None
+        return self.desktop.wait(find, "%s sees the menu with \"%s\"" % (self.party.name, name))
+
+    def open_menu(self, node, name):
+        """Presses the widget with the secondary button, the way a hand does: it holds the button
+        until the menu with that item is there. A press that comes while the last menu's grab of
+        the pointer ends is lost, and repeated."""
+        for _ in range(5):
+            self.activate()
+            x, y = self.scroll_to(node)
+            self.desktop.xdotool("mousemove", x, y, "mousedown", 3)
+            deadline = time.monotonic() + 2 * SLOW
+            while name not in self.menu_items() and time.monotonic() < deadline:
+                time.sleep(POLL)
+            self.desktop.xdotool("mouseup", 3)
+            if name in self.menu_items():
+                return
+        self.desktop.fail("%s sees no menu with \"%s\"" % (self.party.name, name))
+
+    def press_menu_item(self, name):
+        """Presses the item of the context menu that is open, or about to open."""
+        x, y, width, height = self.wait_menu(name)[name].extents()
+        self.desktop.press_at(x + width // 2, y + height // 2)
+        self.desktop.wait(lambda: not self.menu_items(),
+                          "%s's context menu is closed" % self.party.name)
+
+    # ---- Contacts ----
+
+    def show_list(self, name):
+        """Shows "Procedures" or "Contacts" at the left."""
+        def find():
+            return next(iter(self.find_all(name, ("radio button",))), None)
+        self.press_node(self.desktop.wait(find, "%s can show %s" % (self.party.name, name)))
+
+    def contact_row(self, jid):
+        """The row of the contact and what it says, None without one: (row, status)."""
+        for row in self.find_all(None, ROW_ROLES):
+            labels = [label.name() for label in self.find_all(None, LABEL_ROLES, row)]
+            if jid in labels and len(labels) == 2:
+                return row, labels[1 - labels.index(jid)]
+        return None
+
+    def wait_contact(self, jid, status):
+        """Waits until the list of contacts, which is shown, says so; returns the row."""
+        def find():
+            row, seen = self.contact_row(jid)
+            return row if seen == status else None
+        return self.desktop.wait(find, "%s sees %s %s" % (self.party.name, jid, status))
+
+    def open_contact(self, jid):
+        """Shows the chat with the contact."""
+        self.show_list("Contacts")
+        row, _ = self.desktop.wait(lambda: self.contact_row(jid),
+                                   "%s has the contact %s" % (self.party.name, jid))
+        self.press_node(row)
+        self.wait_for("Message", ENTRY_ROLES)
+
+    def say(self, text):
+        """Sends a line from the chat page that is shown."""
+        self.enter("Message", text)
+        self.click("Send")
+        self.wait_text("Message", "")
 
     # ---- Sentences ----
 
@@ -1006,19 +1118,24 @@ def wait_same(one, other):
 
 
 class Server:
-    """A private Prosody for alpha.test with the accounts of anna and bert.
+    """A private server for alpha.test with the accounts of anna and bert: Prosody, or another one
+    that has a script NAME-here, which gets the options.
 
     Stopped and started again it still has what it keeps for those who are offline."""
 
-    def __init__(self):
+    def __init__(self, name="prosody", options=(), host=HOST, jids=(ANNA, BERT)):
         self.desktop = Desktop.current
         self.directory = tempfile.mkdtemp(prefix="server-", dir=self.desktop.directory)
         self.process = None
+        self.name = name
+        self.options = list(options)
+        self.host = host
+        self.accounts = ["%s:%s" % (jid.split("@")[0], PASSWORDS[jid]) for jid in jids]
 
     def start(self):
-        accounts = ["%s:%s" % (jid.split("@")[0], PASSWORDS[jid]) for jid in (ANNA, BERT)]
+        script = os.path.join(ROOT, "scripts", self.name + "-here")
         self.process = start_process(
-            [os.path.join(ROOT, "scripts", "prosody-here"), self.directory, HOST] + accounts,
+            [script] + self.options + [self.directory, self.host] + self.accounts,
             stdout=subprocess.PIPE, text=True)
         line = self.process.stdout.readline()
         if not line.startswith("ready"):
@@ -1107,11 +1224,15 @@ class Case(unittest.TestCase):
     """A test with a fresh server; its parties are ended with it, and their errors looked at."""
 
     with_server = True
+    server_name = "prosody"
+    server_options = ()
 
     def setUp(self):
         print("\n%s: %s" % (self.id().split(".")[-1], self.shortDescription() or ""), flush=True)
         self.desktop = Desktop.current
-        self.server = Server() if self.with_server else None
+        self.server = None
+        if self.with_server:
+            self.server = Server(self.server_name, self.server_options)
         if self.server:
             self.server.start()
 
@@ -1146,28 +1267,29 @@ def find_binary(given):
     return os.path.abspath(binary)
 
 
-def main():
-    """Runs the calling script's tests in a desktop of their own."""
+def main(hosts=None):
+    """Runs the calling script's tests in a desktop of their own, and in a world of these hosts."""
     parser = argparse.ArgumentParser()
     parser.add_argument("--binary", help="the program, by default build/release/morvane")
     parser.add_argument("tests", nargs="*", help="names of single tests")
     arguments = parser.parse_args()
     Options.binary = find_binary(arguments.binary)
-    enter_world()
+    enter_world(hosts)
     Desktop()
     program = unittest.main(argv=[sys.argv[0]] + arguments.tests, exit=False, verbosity=1)
     Desktop.current.stop()
     sys.exit(0 if program.result.wasSuccessful() else 1)
 
 
-def enter_world():
+def enter_world(hosts=None):
     """Goes on in a network of its own, where alpha.test is this machine, if it is not there yet."""
     if "MORVANE_WORLD" in os.environ:
         return
     world = os.path.join(ROOT, "scripts", "world")
     sys.stdout.flush()
     environment = {name: value for name, value in os.environ.items() if name != "DISPLAY"}
-    os.execve(world, [world, "--", sys.executable] + sys.argv, environment)
+    options = ["--hosts", hosts] if hosts else []
+    os.execve(world, [world] + options + ["--", sys.executable] + sys.argv, environment)
 
 
 if __name__ == "__main__" and sys.argv[1:] == ["clipboard"]:
