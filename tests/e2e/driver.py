@@ -293,6 +293,10 @@ class Desktop:
         result = self.run(["xdotool"] + [str(argument) for argument in arguments])
         return result.stdout.strip()
 
+    def pointer(self):
+        place = self.xdotool("getmouselocation", "--shell")
+        return tuple(int(re.search(r"^%s=(\d+)$" % axis, place, re.M).group(1)) for axis in "XY")
+
     def press_at(self, x, y, button=1):
         self.xdotool("mousemove", x, y, "click", button)
 
@@ -771,6 +775,47 @@ class Window:
         self.desktop.press_at(x + width // 2, y + height // 2)
         self.desktop.wait(lambda: not self.menu_items(),
                           "%s's context menu is closed" % self.party.name)
+
+    # ---- Comparison ----
+
+    def compare_with_previous(self, nth=0):
+        """Compares the shown revision of the nth clause with the one before, from its menu."""
+        name = "Compare with the previous revision"
+        self.open_menu(self.wait_for("Clause text", ENTRY_ROLES, nth), name)
+        self.press_menu_item(name)
+        self.desktop.wait(lambda: any(" > " in label for label in self.labels()),
+                          "%s sees a comparison" % self.party.name)
+
+    def point_at_change(self, run, nth=0):
+        """Points at the change of the nth clause, which is compared; returns the tools, "Keep this
+        change" first, once they lie still just under the line."""
+        node = self.wait_for("Clause text", ENTRY_ROLES, nth)
+        text = node.text()
+        # Somewhere in the run where there is something to point at.
+        offset = next(at for at in range(run[0], run[1]) if text[at] != "\n")
+        x, y, width, height = node.character_place(offset)
+        self.activate()
+        for step in (1, 0):
+            self.desktop.xdotool("mousemove", x + width // 2 - step, y + height // 2)
+
+        def find():
+            tools = [self.find(name, BUTTON_ROLES)
+                     for name in ("Keep this change", "Drop this change")]
+            return tools if abs(tools[0].extents()[1] - y - height) <= 1 else None
+        tools = self.desktop.wait(find, "the tools stand just under the line")
+        self.settled(tools[0])
+        return tools
+
+    def decide_change(self, run, is_kept, nth=0):
+        """Points at the change, moves down to the tools as a hand does, and presses one."""
+        tool = self.point_at_change(run, nth)[0 if is_kept else 1]
+        left, top, width, height = tool.extents()
+        x, y = self.desktop.pointer()
+        for below in range(y, top + 4, 3):
+            self.desktop.xdotool("mousemove", x, below)
+        if self.settled(tool)[1] != (left, top, width, height):
+            self.desktop.fail("the tools run away from the pointer")
+        self.desktop.press_at(left + width // 2, top + height // 3)
 
     # ---- Contacts ----
 
