@@ -56,10 +56,14 @@ console_text_append (ConsoleText *text, const char *cstr)
   console_text_append (text, to_string (cstr));
 }
 
+// How deep the indentation goes. The depth of a tree is the peer's choice, and with indentation
+// without an end a small stanza would make gigabytes of text.
+static const u32 INDENTATION_DEPTH_MAX = 128;
+
 static void
 console_text_append_indentation (ConsoleText *text, u32 depth)
 {
-  u64 size = (u64) depth * 2;
+  u64 size = (depth < INDENTATION_DEPTH_MAX ? depth : INDENTATION_DEPTH_MAX) * 2;
   if (size) {
     console_text_reserve (text, size);
     memset (text->block.data + text->used, ' ', size);

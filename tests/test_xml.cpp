@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -844,19 +845,33 @@ TEST (print_xml_tree, prints_trees_made_by_hand)
   EXPECT_EQ (print_to_string (&a, 0), "<a>\n  b\n  <c></c>\n</a>\n");
 }
 
-TEST (print_xml_tree, prints_a_thousand_levels)
+// The tree of so many nested elements, printed by a rule of its own.
+static std::string
+draw_levels (u64 levels, u64 indentation_max)
+{
+  std::string text;
+  for (u64 depth = 0; depth < levels; ++depth) {
+    text += repeat ("  ", std::min (depth, indentation_max)) + "<a>\n";
+  }
+  text += repeat ("  ", std::min (levels, indentation_max)) + "x\n";
+  for (u64 depth = levels; depth > 0; --depth) {
+    text += repeat ("  ", std::min (depth - 1, indentation_max)) + "</a>\n";
+  }
+  return text;
+}
+
+TEST (print_xml_tree, indents_each_level)
+{
+  const u64 levels = 128;
+  Parsed parsed (repeat ("<a>", levels) + "x" + repeat ("</a>", levels), true, levels * 300);
+  EXPECT_TRUE (print_to_string (parsed.tree, 0) == draw_levels (levels, levels));
+}
+
+TEST (print_xml_tree, stops_indenting_at_the_128th_level)
 {
   const u64 levels = 1000;
   Parsed parsed (repeat ("<a>", levels) + "x" + repeat ("</a>", levels), true, levels * 300);
-  std::string expected;
-  for (u64 depth = 0; depth < levels; ++depth) {
-    expected += repeat ("  ", depth) + "<a>\n";
-  }
-  expected += repeat ("  ", levels) + "x\n";
-  for (u64 depth = levels; depth > 0; --depth) {
-    expected += repeat ("  ", depth - 1) + "</a>\n";
-  }
-  EXPECT_TRUE (print_to_string (parsed.tree, 0) == expected);
+  EXPECT_TRUE (print_to_string (parsed.tree, 0) == draw_levels (levels, 128));
 }
 
 TEST (print_xml_tree, prints_a_hundred_thousand_siblings)
