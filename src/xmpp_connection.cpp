@@ -795,14 +795,14 @@ is_to_own_bare_jid (AppWindow *window, String to)
 static void
 parse_xmpp_available_presence (AppWindow *window, String from, String to)
 {
-  if (!from.size) {
-    console_log ("Warning: Got a <presence> without a FROM attribute.\n");
-  } else if (!to.size && from != window->account.full_jid) {
+  if (!to.size && from == window->account.full_jid) {
+    post_presence_signal (window, app_window_get_xmpp_presence_confirm_signal, from);
+  } else if (!to.size) {
     console_log ("Warning: Got a <presence> without a TO attribute and with FROM attribute '%.*s', "
                  "but we are '%.*s'.\n",
                  STRING_ARGS (from), STRING_ARGS (window->account.full_jid));
-  } else if (!to.size) {
-    post_presence_signal (window, app_window_get_xmpp_presence_confirm_signal, from);
+  } else if (!from.size) {
+    console_log ("Warning: Got a <presence> without a FROM attribute.\n");
   } else if (!is_to_own_bare_jid (window, to)) {
     // The text of the subscribed case serves here too.
     console_log ("Warning: Got <presence type='subscribed'> with a TO attribute '%.*s', but we are "

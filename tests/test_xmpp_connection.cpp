@@ -999,6 +999,9 @@ static const DispatchRow DISPATCH_ROWS[] = {
   {parse_xmpp_presence, "<presence from='bob@beta.test' to='carol@alpha.test/x'/>",
    "Warning: Got <presence type='subscribed'> with a TO attribute 'carol@alpha.test/x', but we are "
    "'alice@alpha.test'.\n"},
+  {parse_xmpp_presence, "<presence/>",
+   "Warning: Got a <presence> without a TO attribute and with FROM attribute '(null)', but we are "
+   "'alice@alpha.test/morvane'.\n"},
   {parse_xmpp_presence, "<presence from='alice@alpha.test/morvane'/>",
    "confirm alice@alpha.test/morvane\n"},
   {parse_xmpp_presence, "<presence from='alice@alpha.test/other'/>",
