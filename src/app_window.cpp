@@ -84,9 +84,9 @@ app_window_end_session (AppWindow *self)
   bool is_logged_in = self->account_db_id != 0;
   if (self->worker_active)
     app_window_mark_worker_interrupted (self);
-  if (is_logged_in) {
+  // Neither to a server that has ended the session itself, nor to one that takes no more.
+  if (is_logged_in && self->worker_active && os_is_writable (self->connection.socket))
     xmpp_send_end_stream (self->connection.tls_session, self->output_stream_buffer);
-  }
   if (self->worker_active) {
     bool left = is_logged_in && app_window_wait_for_worker (self, get_deadline (STREAM_END_WAIT));
     if (!left)
@@ -637,8 +637,13 @@ app_window_get_xmpp_presence_subscribe_signal (gpointer data)
   XMPPPresenceSubscribeSignal *signal = (XMPPPresenceSubscribeSignal *) accept_hand_over (data);
   if (app_window_is_open (signal->window)) {
     console_log ("Received <presence type='subscribe' from='%.*s'>\n", STRING_ARGS (signal->from));
-    xmpp_presence_subscribed (signal->window, signal->from);
-    xmpp_presence_subscribe (signal->window, signal->from);
+    if (find_char (signal->from, '\'').size) {
+      // It would break out of the attribute of the answer.
+      console_put ("Warning: Received a <presence> from an account that can't be answered.\n");
+    } else {
+      xmpp_presence_subscribed (signal->window, signal->from);
+      xmpp_presence_subscribe (signal->window, signal->from);
+    }
   }
   dealloc_xmpp_presence_subscribe_signal (signal);
   return G_SOURCE_REMOVE;

@@ -209,6 +209,15 @@ os_wait_readable (SocketDescriptor socket, int timeout_ms)
   return ready_count > 0;
 }
 
+bool
+os_is_writable (SocketDescriptor socket)
+{
+  struct pollfd entry = {};
+  entry.fd = socket;
+  entry.events = POLLOUT;
+  return poll (&entry, 1, 0) > 0;
+}
+
 void
 os_shutdown_connection (SocketDescriptor socket)
 {

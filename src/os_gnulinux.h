@@ -49,6 +49,8 @@ u64 os_send (SocketDescriptor socket, String data);
 String os_recv (SocketDescriptor socket, Buffer buffer);
 // True when a read would not block (there is data, an end or an error) within `timeout_ms`.
 bool os_wait_readable (SocketDescriptor socket, int timeout_ms);
+// True when a small `os_send` would not block.
+bool os_is_writable (SocketDescriptor socket);
 // Ends both directions and so wakes a reader in another thread; never closes. Does nothing to a
 // socket that is not connected.
 void os_shutdown_connection (SocketDescriptor socket);

@@ -941,10 +941,24 @@ TEST (app_window_destroy, ends_the_stream_and_releases_the_session)
 {
   TestWindow test;
   open_negotiation (&test);
+  start_worker (&test, run_obedient_worker);
   begin_capture ();
   close_window (&test);
   EXPECT_TRUE (has (end_capture (), "request: \"</stream:stream>\" (String)\n"));
   EXPECT_FALSE (app_window_is_open (test.window));
+  EXPECT_FALSE (test.window->account.data);
+  EXPECT_FALSE (test.window->connection.opened_socket);
+  EXPECT_FALSE (test.window->connection.opened_tls_session);
+  end_worker (&test);
+}
+
+TEST (app_window_destroy, says_nothing_to_a_server_that_has_ended_the_session)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  begin_capture ();
+  close_window (&test);
+  EXPECT_FALSE (has (end_capture (), "</stream:stream>"));
   EXPECT_FALSE (test.window->account.data);
   EXPECT_FALSE (test.window->connection.opened_socket);
   EXPECT_FALSE (test.window->connection.opened_tls_session);
@@ -1067,6 +1081,18 @@ TEST (app_window_get_xmpp_presence_confirm_signal, is_logged_only)
   deliver_presence (test.window, app_window_get_xmpp_presence_confirm_signal, ALICE "/morvane");
   EXPECT_EQ (end_capture (), "Received <presence from='" ALICE "/morvane'>\n");
   EXPECT_EQ (count (&test, "contacts"), "2\n");
+}
+
+TEST (app_window_get_xmpp_presence_subscribe_signal, answers_no_address_with_an_apostrophe)
+{
+  TestWindow test;
+  log_in (&test);
+  testing::internal::CaptureStdout ();
+  deliver_presence (test.window, app_window_get_xmpp_presence_subscribe_signal, "eve@beta.test/'");
+  EXPECT_EQ (testing::internal::GetCapturedStdout (),
+             "Received <presence type='subscribe' from='eve@beta.test/''>\n"
+             "Warning: Received a <presence> from an account that can't be answered.\n");
+  EXPECT_EQ (take_sent (&test), "");
 }
 
 TEST (app_window_get_xmpp_presence_subscribed_signal, is_logged_only)

@@ -932,6 +932,19 @@ receive_once (void *data)
   return received.data == bytes && received.size == 0 ? data : NULL;
 }
 
+TEST (os_is_writable, says_so_while_the_peer_takes_what_is_sent)
+{
+  int pair[2];
+  ASSERT_EQ (socketpair (AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  EXPECT_TRUE (os_is_writable (pair[0]));
+  std::string block (4096, 'x');
+  while (send (pair[0], block.data (), block.size (), MSG_DONTWAIT) > 0) {
+  }
+  EXPECT_FALSE (os_is_writable (pair[0]));
+  close (pair[0]);
+  close (pair[1]);
+}
+
 TEST_F (os_stream, shutdown_wakes_a_reader_in_another_thread)
 {
   pthread_t reader;
