@@ -711,7 +711,10 @@ clause_view_show_revision_status (ClauseView *self, ClauseRevision *revision)
 void
 clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String own)
 {
-  // What the user typed is not lost when something else is shown in its place.
+  // What the user typed is not lost when something else is shown in its place, and what they type
+  // on without looking must not change that into a new draft in place of theirs.
+  if (self->is_text_changed && gtk_widget_is_focus (GTK_WIDGET (self->text_view)))
+    gtk_widget_grab_focus (GTK_WIDGET (self->revision_select_menu_button));
   clause_view_save_draft (self);
   clause_view_end_diff (self);
   GtkListBoxRow *row = clause_revision_list_item_find_row (self->revision_select_list, revision);

@@ -488,6 +488,27 @@ TEST (clause_view_show_revision, keeps_unsaved_typing_as_the_draft)
   EXPECT_EQ (list_sensitive (clause), "commit cancel");
 }
 
+TEST (clause_view_show_revision, takes_the_focus_from_unsaved_typing)
+{
+  TestWindow test;
+  Clause *clause = open_two_revisions (&test);
+  GtkWidget *text_view = find_widget (clause->view, "text_view");
+  focus (&test, text_view);
+  type (clause->view, "text_view", "my counter-offer");
+  receive_revision (&test, clause, {BOB, 6000}, "their third text");
+  EXPECT_FALSE (gtk_widget_is_focus (text_view));
+}
+
+TEST (clause_view_show_revision, leaves_the_focus_where_nothing_was_typed)
+{
+  TestWindow test;
+  Clause *clause = open_two_revisions (&test);
+  GtkWidget *text_view = find_widget (clause->view, "text_view");
+  focus (&test, text_view);
+  receive_revision (&test, clause, {BOB, 6000}, "their third text");
+  EXPECT_TRUE (gtk_widget_is_focus (text_view));
+}
+
 // ---- Typing ----
 
 TEST (clause_view_text_changed_handle, starts_a_draft)
