@@ -40,9 +40,9 @@ struct _ClauseView {
   GtkTextTag *added_tag;  // both of the buffer's table while comparing
   GtkTextTag *deleted_tag;
   GSList *return_marks;  // in front of each return symbol that stands for a line break
+  // The tagged run that the tools act on, good until the text changes.
   bool has_hovered_word;
-  GtkTextIter
-    hovered_word_start;  // the tagged run that the tools act on, good until the text changes
+  GtkTextIter hovered_word_start;
   GtkTextIter hovered_word_end;
 };
 
