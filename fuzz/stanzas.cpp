@@ -1,0 +1,274 @@
+// Received stanzas, and stand-ins for the interface that gets their records: each checks what it
+// was given as far as the records promise it, and frees it.
+#include "fuzz.h"
+
+#include <string.h>
+
+#include "login_page.h"
+#include "morvane.h"
+#include "registration_page.h"
+
+u64 fuzz_records_count;
+
+// ---- The window ----
+
+// Only the account in it is read. It is no object of GLib's, whose counting is replaced.
+static AppWindow fuzz_window;
+static s64 window_references_count;
+
+gpointer (g_object_ref) (gpointer object)
+{
+  CHECK (object == &fuzz_window);
+  ++window_references_count;
+  return object;
+}
+
+void
+g_object_unref (gpointer object)
+{
+  CHECK (object == &fuzz_window);
+  --window_references_count;
+}
+
+static AppWindow *
+get_window ()
+{
+  if (!fuzz_window.account.data) {
+    fuzz_window.account.data = (u8 *) "anna@alpha.test/desk";
+    fuzz_window.account.full_jid = to_string ("anna@alpha.test/desk");
+    fuzz_window.account.bare_jid = to_string ("anna@alpha.test");
+    fuzz_window.account.resource = to_string ("desk");
+  }
+  window_references_count = 0;
+  return &fuzz_window;
+}
+
+// ---- Dispatch ----
+
+static void
+dispatch (AppWindow *window, XMLElement *tree, bool is_last_open)
+{
+  for (XMLElement *element = tree; element; element = element->next) {
+    if (is_last_open && !element->next)
+      break;
+    if (element->name == "message")
+      parse_xmpp_message (window, element);
+    else if (element->name == "presence")
+      parse_xmpp_presence (window, element);
+    else if (element->name == "iq")
+      parse_xmpp_iq (window, element);
+  }
+}
+
+void
+run_stanzas (String text)
+{
+  AppWindow *window = get_window ();
+  XMLScanner scanner = {};
+  xml_scanner_feed (&scanner, text);
+  bool is_open = !xml_scanner_is_complete (&scanner);
+
+  // Text and arena share one block, as they do in a session.
+  Buffer block = alloc (text.size * 200 + 1024);
+  String received = {block.data, text.size};
+  Buffer memory = buffer_append_string (block, text);
+  XMLElement *tree = parse_xml_tree (memory, received, NULL, NULL);
+  if (!tree && is_open && scanner.boundary) {
+    received.size = scanner.boundary;
+    tree = parse_xml_tree (memory, received, NULL, NULL);
+    is_open = false;
+  }
+  if (tree) {
+    print_xml_tree (tree, 0);
+    dispatch (window, tree, is_open);
+  }
+  dealloc (block);
+  CHECK (window_references_count == 0);
+}
+
+// ---- Handlers ----
+
+static void
+check_pair (String author, s64 time)
+{
+  CHECK (is_storable_jid (author));
+  CHECK (time >= 0 && time <= 999999999999);
+}
+
+gboolean
+app_window_get_xmpp_message_signal (gpointer data)
+{
+  XMPPMessageSignal *signal = (XMPPMessageSignal *) accept_hand_over (data);
+  CHECK (signal->from.size);
+  CHECK (is_storable_text (signal->text));
+  ++fuzz_records_count;
+  dealloc_xmpp_message_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+static gboolean
+take_presence (gpointer data)
+{
+  XMPPPresenceSignal *signal = (XMPPPresenceSignal *) accept_hand_over (data);
+  CHECK (signal->from.size);
+  ++fuzz_records_count;
+  dealloc_xmpp_presence_available_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_presence_confirm_signal (gpointer data)
+{
+  return take_presence (data);
+}
+
+gboolean
+app_window_get_xmpp_presence_available_signal (gpointer data)
+{
+  return take_presence (data);
+}
+
+gboolean
+app_window_get_xmpp_presence_unavailable_signal (gpointer data)
+{
+  return take_presence (data);
+}
+
+gboolean
+app_window_get_xmpp_presence_subscribe_signal (gpointer data)
+{
+  return take_presence (data);
+}
+
+gboolean
+app_window_get_xmpp_presence_subscribed_signal (gpointer data)
+{
+  return take_presence (data);
+}
+
+gboolean
+app_window_get_iq_error_message (gpointer data)
+{
+  ++fuzz_records_count;
+  dealloc_xmpp_iq_error_signal ((XMPPIQErrorSignal *) accept_hand_over (data));
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_vcard_message (gpointer data)
+{
+  VCardMessage *message = (VCardMessage *) accept_hand_over (data);
+  CHECK (!message->from.data || message->from.size);
+  ++fuzz_records_count;
+  dealloc_vcard_message (message);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_procedure (gpointer data)
+{
+  XMPPProcedure *message = (XMPPProcedure *) accept_hand_over (data);
+  CHECK (message->title.size);
+  CHECK (is_storable_text (message->title));
+  check_pair (message->initiator, message->time);
+  ++fuzz_records_count;
+  dealloc_xmpp_procedure (message);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_clause (gpointer data)
+{
+  XMPPClause *message = (XMPPClause *) accept_hand_over (data);
+  check_pair (message->procedure_initiator, message->procedure_time);
+  check_pair (message->clause_initiator, message->clause_time);
+  ++fuzz_records_count;
+  dealloc_xmpp_clause (message);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_clause_revision (gpointer data)
+{
+  XMPPClauseRevision *message = (XMPPClauseRevision *) accept_hand_over (data);
+  CHECK (is_storable_text (message->text));
+  check_pair (message->procedure_initiator, message->procedure_time);
+  check_pair (message->clause_initiator, message->clause_time);
+  check_pair (message->revision_author, message->revision_time);
+  ++fuzz_records_count;
+  dealloc_xmpp_clause_revision (message);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_clause_message (gpointer data)
+{
+  XMPPClauseMessage *message = (XMPPClauseMessage *) accept_hand_over (data);
+  CHECK (is_storable_text (message->text));
+  check_pair (message->procedure_initiator, message->procedure_time);
+  check_pair (message->clause_initiator, message->clause_time);
+  check_pair (message->message_author, message->message_time);
+  ++fuzz_records_count;
+  dealloc_xmpp_clause_message (message);
+  return G_SOURCE_REMOVE;
+}
+
+gboolean
+app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
+{
+  XMPPClauseRevisionDecisionSignal *signal =
+    (XMPPClauseRevisionDecisionSignal *) accept_hand_over (data);
+  CHECK (signal->status == DECISION_AGREE || signal->status == DECISION_DISAGREE);
+  check_pair (signal->procedure_initiator, signal->procedure_time);
+  check_pair (signal->clause_initiator, signal->clause_time);
+  check_pair (signal->revision_author, signal->revision_time);
+  check_pair (signal->decision_author, signal->decision_time);
+  ++fuzz_records_count;
+  dealloc_xmpp_clause_revision_decision_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
+// ---- Never called ----
+// What the workers need, which no input starts.
+
+void
+app_window_worker_leave (AppWindow *)
+{
+  CHECK (!"called");
+}
+
+bool
+app_window_is_worker_interrupted (AppWindow *)
+{
+  CHECK (!"called");
+}
+
+gboolean
+app_window_release_worker (gpointer)
+{
+  CHECK (!"called");
+}
+
+gboolean
+login_page_handle_login_success (gpointer)
+{
+  CHECK (!"called");
+}
+
+gboolean
+login_page_handle_login_failure (gpointer)
+{
+  CHECK (!"called");
+}
+
+gboolean
+registration_page_handle_success (gpointer)
+{
+  CHECK (!"called");
+}
+
+gboolean
+registration_page_handle_failure (gpointer)
+{
+  CHECK (!"called");
+}
