@@ -134,7 +134,7 @@ class Prosody(Contacts):
         bert.close()
         anna.wait_contact(bert.jid, "unavailable")
         anna.open_contact(bert.jid)
-        said = ["line number %d" % number for number in range(32)]
+        said = ["line number %d" % number + ", which wraps" * 12 for number in range(14)]
         for line in said:
             anna.enter("Message", line)
             self.desktop.key("Return")
