@@ -235,14 +235,21 @@ clause_view_cursor_position_handle (GtkTextBuffer *text_buffer, GParamSpec *, Cl
   clause_view_show_diff_tools (self, iter, location.x);
 }
 
-// Escape leaves a comparison.
+// In a comparison, Escape leaves it and Tab goes to the tools, wherever these stand.
 static gboolean
 clause_view_text_view_key_press_handle (GtkWidget *, GdkEventKey *event, ClauseView *self)
 {
-  if (!self->is_comparing || event->keyval != GDK_KEY_Escape)
+  if (!self->is_comparing)
     return FALSE;
-  clause_view_leave_diff (self);
-  return TRUE;
+  if (event->keyval == GDK_KEY_Escape) {
+    clause_view_leave_diff (self);
+    return TRUE;
+  }
+  if (event->keyval == GDK_KEY_Tab && self->has_hovered_word) {
+    gtk_widget_grab_focus (GTK_WIDGET (self->diff_add_button));
+    return TRUE;
+  }
+  return FALSE;
 }
 
 // ---- Handlers: the text's menu ----
@@ -968,6 +975,10 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
   clause_view_fill_diff (self, older, newer);
   clause_view_connect_text_changed (self);
   gtk_text_view_set_editable (self->text_view, !clause_view_has_changes (self));
+  // Room for the tools below the last line; hidden, they themselves have no height.
+  int tools_height;
+  gtk_widget_get_preferred_height (GTK_WIDGET (self->diff_add_button), NULL, &tools_height);
+  gtk_text_view_set_bottom_margin (self->text_view, tools_height);
 }
 
 // Takes the comparison's tags and marks out of the buffer; the text stays, and can be edited.
@@ -989,6 +1000,7 @@ clause_view_end_diff (ClauseView *self)
   g_slist_free (self->return_marks);
   self->return_marks = NULL;
   clause_view_drop_hovered_word (self);
+  gtk_text_view_set_bottom_margin (self->text_view, 0);
   gtk_text_view_set_editable (self->text_view, TRUE);
 }
 

@@ -462,6 +462,31 @@ TEST (clause_view_comparison, tools_follow_the_cursor_too)
   EXPECT_FALSE (are_tools_shown (comparison.clause));
 }
 
+TEST (clause_view_comparison, tab_leads_from_a_change_to_its_tools)
+{
+  Comparison comparison ({"common b\n1\n2\n3\n4\n5", "common c\n1\n2\n3\n4\n5"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  move_cursor (comparison.clause, 7);
+  press_key (&comparison.test, GDK_KEY_Tab);
+  EXPECT_TRUE (gtk_widget_is_focus (find_widget (comparison.clause->view, "diff_add_button")));
+}
+
+TEST (clause_view_comparison, text_makes_room_for_the_tools_below_its_last_line)
+{
+  Comparison comparison ({"a b", "a c"});
+  GtkTextView *text_view = get_text_view (comparison.clause);
+  choose (comparison.clause, WITH_PREVIOUS);
+  hover (comparison.clause, 2);
+  GtkWidget *tools = find_widget (comparison.clause->view, "diff_overlay_tools");
+  int height;
+  gtk_widget_get_preferred_height (tools, NULL, &height);
+  EXPECT_EQ (gtk_text_view_get_bottom_margin (text_view),
+             height - gtk_widget_get_margin_top (tools));
+  EXPECT_GT (gtk_text_view_get_bottom_margin (text_view), 16);
+  choose (comparison.clause, LEAVE);
+  EXPECT_EQ (gtk_text_view_get_bottom_margin (text_view), 0);
+}
+
 TEST (clause_view_comparison, cursor_shows_no_tools_without_a_comparison)
 {
   Comparison comparison ({"a b"});
