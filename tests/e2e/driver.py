@@ -794,14 +794,21 @@ class Window:
         # Somewhere in the run where there is something to point at.
         offset = next(at for at in range(run[0], run[1]) if text[at] != "\n")
         x, y, width, height = node.character_place(offset)
+        x, middle, edge = x + width // 2, y + height // 2, node.extents()[0]
         self.activate()
-        for step in (1, 0):
-            self.desktop.xdotool("mousemove", x + width // 2 - step, y + height // 2)
+        step = [0]
 
         def find():
+            # When they are shown for the first time they come to their place with the next motion.
+            step[0] = 1 - step[0]
+            self.desktop.xdotool("mousemove", x + step[0], middle)
+            time.sleep(POLL)
             tools = [self.find(name, BUTTON_ROLES)
                      for name in ("Keep this change", "Drop this change")]
-            return tools if abs(tools[0].extents()[1] - y - height) <= 1 else None
+            left, top = tools[0].extents()[:2]
+            right = sum(tools[1].extents()[::2])
+            is_centred = left <= x + 2 < right - 20 or left <= edge + 1
+            return tools if abs(top - y - height) <= 1 and is_centred and not step[0] else None
         tools = self.desktop.wait(find, "the tools stand just under the line")
         self.settled(tools[0])
         return tools
