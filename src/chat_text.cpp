@@ -46,9 +46,6 @@ chat_text_init (ChatText *self, GtkWidget *page, GtkTextView *text_view,
   self->text_view = text_view;
   self->scrolled_window = scrolled_window;
   self->is_at_end = false;
-  // A text view asks for the width of its longest line, and a window once drawn wide could never be
-  // made narrow again. No scrollbar shows with this policy either.
-  gtk_scrolled_window_set_policy (scrolled_window, GTK_POLICY_EXTERNAL, GTK_POLICY_AUTOMATIC);
   self->author_tag =
     gtk_text_buffer_create_tag (gtk_text_view_get_buffer (text_view), NULL, "scale",
                                 PANGO_SCALE_SMALL, "weight", PANGO_WEIGHT_BOLD, NULL);

@@ -555,24 +555,13 @@ clause_view_hadjustment_value_changed_handle (GtkAdjustment *adjustment, gpointe
   gtk_adjustment_set_value (adjustment, 0);
 }
 
-// A text view asks for the width of its longest line, and a window once drawn wide could never be
-// made narrow again. No scrollbar shows with this policy either.
-static void
-clause_view_keep_text_in_width (ClauseView *self)
-{
-  GtkWidget *scroller = gtk_widget_get_parent (GTK_WIDGET (self->text_view));
-  gtk_scrolled_window_set_policy (GTK_SCROLLED_WINDOW (scroller), GTK_POLICY_EXTERNAL,
-                                  GTK_POLICY_NEVER);
-  g_signal_connect (gtk_scrolled_window_get_hadjustment (GTK_SCROLLED_WINDOW (scroller)),
-                    "value-changed", G_CALLBACK (clause_view_hadjustment_value_changed_handle),
-                    NULL);
-}
-
 static void
 clause_view_init (ClauseView *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
-  clause_view_keep_text_in_width (self);
+  g_signal_connect (gtk_scrollable_get_hadjustment (GTK_SCROLLABLE (self->text_view)),
+                    "value-changed", G_CALLBACK (clause_view_hadjustment_value_changed_handle),
+                    NULL);
   g_signal_connect (self->chat_button, "clicked", G_CALLBACK (clause_view_chat_button_handle),
                     self);
   clause_view_set_decision_buttons_sensitive (self, FALSE, FALSE);

@@ -2164,23 +2164,3 @@ TEST_P (ClauseViewWalk, goes_through_the_states_in_every_order)
 }
 
 INSTANTIATE_TEST_SUITE_P (clause_view, ClauseViewWalk, testing::Values (1u, 2u, 3u, 4u));
-
-// ---- Room ----
-
-TEST (clause_view_new, long_lines_leave_the_window_free_to_become_narrow)
-{
-  TestWindow test;
-  std::string line (2000, 'w');
-  for (size_t i = 5; i < line.size (); i += 6)
-    line[i] = ' ';
-  Clause *clause = open_one_revision (&test);
-  gtk_window_resize (GTK_WINDOW (test.window), 1200, 640);
-  receive_revision (&test, clause, {BOB, 5000}, line.c_str ());
-  EXPECT_TRUE (
-    pump_until ([] (
-                  void *view) { return gtk_widget_get_allocated_width (GTK_WIDGET (view)) > 800; },
-                clause->view));
-  int minimum;
-  gtk_widget_get_preferred_width (GTK_WIDGET (clause->view), &minimum, NULL);
-  EXPECT_LT (minimum, 400);
-}
