@@ -127,6 +127,12 @@ class Desktop:
         self.clipboard = None
 
     def make_environment(self):
+        # What slides is pressed where it no longer is: on a busy machine a popover may stand still for
+        # a while before it begins to move.
+        settings = os.path.join(self.home, ".config", "gtk-3.0", "settings.ini")
+        os.makedirs(os.path.dirname(settings), exist_ok=True)
+        with open(settings, "w") as file:
+            file.write("[Settings]\ngtk-enable-animations=0\n")
         environment = dict(os.environ)
         for name in ("NO_AT_BRIDGE", "GTK_MODULES", "GTK_THEME", "WAYLAND_DISPLAY", "XAUTHORITY",
                      "DBUS_SESSION_BUS_ADDRESS", "AT_SPI_BUS_ADDRESS", "XDG_CONFIG_HOME",
