@@ -339,6 +339,12 @@ grow_max (u32 max)
   return max > 0 ? max * 2 : 1;
 }
 
+void *
+realloc_pointers (void *array, u32 max)
+{
+  return realloc (array, (u64) max * sizeof (void *));
+}
+
 // ---- String stacks ----
 
 void

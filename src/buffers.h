@@ -118,6 +118,8 @@ String get_base64_string (Buffer buffer, String string);
 
 // The capacity after `max` slots: twice as many, and 1 after none, so that an array always grows.
 u32 grow_max (u32 max);
+// An array of `max` pointers, or `array` with room for as many; freed with `free`.
+void *realloc_pointers (void *array, u32 max);
 
 // ---- String stacks ----
 

@@ -41,8 +41,7 @@ alloc_contact (u64 db_id, u64 account_db_id, String bare_jid, String status)
   contact->status = alloc_string (status);
   contact->messages_count = 0;
   contact->messages_max = MESSAGES_INITIAL_MAX;
-  contact->messages =
-    (ContactMessage **) malloc (contact->messages_max * sizeof (ContactMessage *));
+  contact->messages = (ContactMessage **) realloc_pointers (NULL, contact->messages_max);
   contact->chat_page = NULL;
   contact->list_item = NULL;
   return contact;
@@ -64,8 +63,7 @@ contact_add_message (Contact *contact, ContactMessage *message)
   if (contact->messages_count >= contact->messages_max) {
     contact->messages_max = grow_max (contact->messages_count);
     contact->messages =
-      (ContactMessage **) realloc (contact->messages,
-                                   (u64) contact->messages_max * sizeof (ContactMessage *));
+      (ContactMessage **) realloc_pointers (contact->messages, contact->messages_max);
   }
   contact->messages[contact->messages_count++] = message;
 }
@@ -80,7 +78,7 @@ alloc_contact_stack (u32 max)
   ContactStack stack;
   stack.count = 0;
   stack.max = CONTACTS_INITIAL_MAX;
-  stack.contacts = (Contact **) malloc (stack.max * sizeof (Contact *));
+  stack.contacts = (Contact **) realloc_pointers (NULL, stack.max);
   return stack;
 }
 
@@ -104,7 +102,7 @@ contact_stack_push (ContactStack *stack, Contact *contact)
   assert (stack->count <= stack->max);
   if (stack->count >= stack->max) {
     stack->max = grow_max (stack->count);
-    stack->contacts = (Contact **) realloc (stack->contacts, (u64) stack->max * sizeof (Contact *));
+    stack->contacts = (Contact **) realloc_pointers (stack->contacts, stack->max);
   }
   stack->contacts[stack->count++] = contact;
 }

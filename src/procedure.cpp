@@ -88,13 +88,6 @@ dealloc_clause_revision_decision (ClauseRevisionDecision *decision)
   free (decision);
 }
 
-// An array of `max` pointers, or `array` with room for as many.
-static void *
-realloc_pointers (void *array, u32 max)
-{
-  return realloc (array, (u64) max * sizeof (void *));
-}
-
 ClauseRevision *
 alloc_clause_revision (u64 db_id, u64 clause_db_id, s64 time, String author, RevisionStatus status,
                        String text)

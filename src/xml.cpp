@@ -63,7 +63,7 @@ static const u32 INDENTATION_DEPTH_MAX = 128;
 static void
 console_text_append_indentation (ConsoleText *text, u32 depth)
 {
-  u64 size = (depth < INDENTATION_DEPTH_MAX ? depth : INDENTATION_DEPTH_MAX) * 2;
+  u64 size = (u64) (depth < INDENTATION_DEPTH_MAX ? depth : INDENTATION_DEPTH_MAX) * 2;
   if (size) {
     console_text_reserve (text, size);
     memset (text->block.data + text->used, ' ', size);
@@ -657,8 +657,8 @@ console_text_append_node (ConsoleText *text, XMLElement *node, u32 depth)
 // Elements whose closing line is still to be printed. Links to the parent would not do: text nodes
 // have none, and the depth is the peer's choice, so the stack of calls would not do either.
 struct OpenElements {
-  u64 max;                // slots allocated
-  u64 count;              // slots used
+  u32 max;                // slots allocated
+  u32 count;              // slots used
   XMLElement **elements;  // owned; the elements are borrowed
 };
 
@@ -667,7 +667,7 @@ open_elements_push (OpenElements *open, XMLElement *element)
 {
   if (open->count == open->max) {
     open->max = open->max ? open->max * 2 : 32;
-    open->elements = (XMLElement **) realloc (open->elements, open->max * sizeof (XMLElement *));
+    open->elements = (XMLElement **) realloc_pointers (open->elements, open->max);
   }
   open->elements[open->count] = element;
   open->count += 1;
