@@ -1,0 +1,46 @@
+"""Puts the rows of a trial into a document, between the comments that name the trial.
+
+    write_rows.py DOCUMENT ROWS.json...
+
+The document holds `<!-- trial NAME -->` and, further down, `<!-- end -->`; what stands between them
+is replaced.
+"""
+
+import json
+import re
+import sys
+
+
+def table(head, rows):
+    """A Markdown table; a bar within a cell is escaped."""
+    lines = ["| " + " | ".join(head) + " |", "|" + " --- |" * len(head)]
+    for row in rows:
+        lines.append("| " + " | ".join(cell.replace("|", "\\|") for cell in row) + " |")
+    return "\n".join(lines) + "\n"
+
+
+def section(rows):
+    """The tables of one trial."""
+    text = table(["what", "expected", "seen"], rows["checks"])
+    if rows["figures"]:
+        text += "\n" + table(["figure", "value"], rows["figures"])
+    return text
+
+
+def main():
+    """Replaces each trial's part of the document."""
+    with open(sys.argv[1], encoding="utf-8") as file:
+        document = file.read()
+    for name in sys.argv[2:]:
+        with open(name, encoding="utf-8") as file:
+            rows = json.load(file)
+        pattern = re.compile(f"(<!-- trial {rows['name']} -->\n).*?(<!-- end -->)", re.DOTALL)
+        if not pattern.search(document):
+            sys.exit(f"write_rows.py: {sys.argv[1]} has no place for {rows['name']}")
+        replacement = "\n" + section(rows) + "\n"
+        document = pattern.sub(lambda match: match[1] + replacement + match[2], document)
+    with open(sys.argv[1], "w", encoding="utf-8") as file:
+        file.write(document)
+
+
+main()
