@@ -4,6 +4,7 @@
 #include <assert.h>
 #include <pthread.h>
 
+#include <glib.h>
 #include <gnutls/x509.h>
 
 #include "morvane.h"
@@ -36,6 +37,59 @@ deinit_tls_global (gnutls_certificate_credentials_t credentials)
 {
   gnutls_certificate_free_credentials (credentials);
   gnutls_global_deinit ();
+}
+
+// ---- Collecting records ----
+// A stanza of 60 KB is 6,000 records. Written one by one, each is a system call, and where the thread
+// is held up between two of them the server gets a stanza in pieces with a pause between, which some
+// servers' parsers then hold back until more comes. So the records of a stanza are collected, and
+// reach the socket in as few writes as their number allows.
+
+static const u64 COLLECTED_SIZE_MAX = 16 * 1024;  // bytes of finished records
+
+struct RecordCollector {
+  u8 *data;       // `COLLECTED_SIZE_MAX` bytes, the front of them filled
+  u64 size;       // bytes collected
+  u64 taken;      // bytes of the stanza that records before the one at hand carry
+  u64 written;    // those of them whose records have reached the socket
+  bool ends_now;  // the record at hand is the stanza's last: nothing is kept back
+};
+
+// That of the stanza which this thread is sending. Records of a handshake go out at once.
+static thread_local RecordCollector *collector;
+
+static bool
+write_collected_records (SocketDescriptor socket)
+{
+  String records = {collector->data, collector->size};
+  collector->size = 0;
+  if (!os_send_all (socket, records)) {
+    return false;
+  }
+  collector->written = collector->taken;
+  return true;
+}
+
+// What GnuTLS writes with; results and `errno` are those of `send`.
+static ssize_t
+push_record (gnutls_transport_ptr_t transport, const void *data, size_t size)
+{
+  SocketDescriptor socket = GPOINTER_TO_INT (transport);
+  String record = {(u8 *) data, size};
+  if (!collector) {
+    return os_send_all (socket, record) ? (ssize_t) size : -1;
+  }
+  assert (size <= COLLECTED_SIZE_MAX);
+  if (collector->size + size > COLLECTED_SIZE_MAX && !write_collected_records (socket)) {
+    return -1;
+  }
+  Buffer room = {collector->data + collector->size, COLLECTED_SIZE_MAX - collector->size};
+  buffer_append_string (room, record);
+  collector->size += size;
+  if (collector->ends_now && !write_collected_records (socket)) {
+    return -1;
+  }
+  return (ssize_t) size;
 }
 
 // ---- Session ----
@@ -101,6 +155,7 @@ init_tls_session (gnutls_certificate_credentials_t credentials, SocketDescriptor
   *host_name_out = host_name;
   gnutls_session_set_verify_cert (session, host_name, 0);
   gnutls_transport_set_int2 (session, socket, socket);
+  gnutls_transport_set_push_function (session, push_record);
   gnutls_handshake_set_timeout (session, GNUTLS_DEFAULT_HANDSHAKE_TIMEOUT);
 
   int result = perform_handshake (session, host_name);
@@ -139,25 +194,40 @@ send_tls_data (gnutls_session_t session, String data)
   return 0;
 }
 
-u64
-send_all_tls_data (gnutls_session_t session, String data)
+// Returns the bytes that reached the socket.
+static u64
+send_stanza (gnutls_session_t session, String stanza)
 {
-  String rest = data;
-  pthread_mutex_lock (&tls_send_mutex);
+  u8 records[COLLECTED_SIZE_MAX];
+  RecordCollector own_collector = {records, 0, 0, 0, false};
+  collector = &own_collector;
+  String rest = stanza;
   while (rest.size) {
+    collector->ends_now = rest.size <= TLS_RECORD_SIZE_MAX;
     u64 sent = send_tls_data (session, rest);
     if (!sent) {
       break;
     }
     rest = string_advance (rest, sent);
+    collector->taken += sent;
   }
+  if (collector->size) {
+    write_collected_records (gnutls_transport_get_int (session));
+  }
+  collector = NULL;
+  return rest.size ? own_collector.written : stanza.size;
+}
+
+u64
+send_all_tls_data (gnutls_session_t session, String data)
+{
+  pthread_mutex_lock (&tls_send_mutex);
+  u64 sent_size = send_stanza (session, data);
   pthread_mutex_unlock (&tls_send_mutex);
-  if (!rest.size) {
-    return data.size;
+  if (sent_size != data.size) {
+    console_log ("Warning: Not all TLS data was sent - %ld/%ld bytes were sent.\n", (s64) sent_size,
+                 (s64) data.size);
   }
-  s64 sent_size = data.size - rest.size;
-  console_log ("Warning: Not all TLS data was sent - %ld/%ld bytes were sent.\n", sent_size,
-               (s64) data.size);
   return sent_size;
 }
 

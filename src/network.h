@@ -42,9 +42,10 @@ void deinit_tls_session (gnutls_session_t session, char *host_name);
 // Sends the front of `data` as one record and returns the bytes taken, at most 10; 0 after 64
 // failed attempts.
 u64 send_tls_data (gnutls_session_t session, String data);
-// Sends all of `data`, a whole stanza, as a run of such records without a pause, which no other
-// thread's stanza interrupts. Returns the bytes sent: the size, or less, with a warning, when a
-// record could not be sent.
+// Sends all of `data`, a whole stanza, as a run of such records, which no other thread's stanza
+// interrupts and which reach the socket in few writes: a server gets no half of it and then a pause.
+// Returns the bytes sent: the size, or less, with a warning, when a record could not be sent; records
+// that a failing write took in part do not count.
 u64 send_all_tls_data (gnutls_session_t session, String data);
 // What one record brought, or its front when `buffer` is smaller, as a view over the front of
 // `buffer`. Waits for it. Empty when the server ended the stream and after 64 failed attempts.

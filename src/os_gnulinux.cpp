@@ -168,6 +168,20 @@ os_send (SocketDescriptor socket, String data)
   return (u64) sent_size;
 }
 
+bool
+os_send_all (SocketDescriptor socket, String data)
+{
+  while (data.size) {
+    ssize_t sent_size = send (socket, data.data, data.size, MSG_NOSIGNAL);
+    if (sent_size == -1 && errno == EINTR)
+      continue;
+    if (sent_size == -1)
+      return false;
+    data = string_advance (data, (u64) sent_size);
+  }
+  return true;
+}
+
 String
 os_recv (SocketDescriptor socket, Buffer buffer)
 {

@@ -44,6 +44,9 @@ int os_connect_addresses (String host, struct addrinfo *address_info_list, int r
                           SocketDescriptor *socket_out);
 // The bytes that one `send` took, maybe fewer than given; 0 on error.
 u64 os_send (SocketDescriptor socket, String data);
+// Hands all of `data` to the socket, waiting for room as often as it takes. False on error, with the
+// reason in `errno` and nothing on the console; a part may then have been sent.
+bool os_send_all (SocketDescriptor socket, String data);
 // What one `recv` brought, as a view over the front of `buffer`; empty with the buffer's pointer
 // when the peer has closed, empty with a null pointer on error.
 String os_recv (SocketDescriptor socket, Buffer buffer);

@@ -2,6 +2,7 @@
 // certificates. What a real server cannot bring about is done by standing in for single functions
 // of GnuTLS.
 #include <dlfcn.h>
+#include <errno.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -41,10 +42,13 @@ struct Forced {
   int send_failures;           // so many sends give GNUTLS_E_PUSH_ERROR
   int recv_failures;           // so many receives give GNUTLS_E_AGAIN
   size_t send_limit;           // a send takes at most so many bytes
+  int write_passes;            // so many writes to the socket work before the failing ones
+  int write_failures;          // so many of them give ECONNRESET
 };
 
 static thread_local Forced forced;
 static thread_local std::vector<size_t> offered_sizes;  // what each send was given
+static thread_local std::vector<size_t> written_sizes;  // what each write to the socket was given
 static thread_local std::vector<std::string> release_calls;
 static thread_local unsigned int handshake_timeout;
 
@@ -171,6 +175,20 @@ gnutls_record_send (gnutls_session_t session, const void *data, size_t size)
   }
   size_t amount = forced.send_limit && forced.send_limit < size ? forced.send_limit : size;
   return CALL_REAL (gnutls_record_send, session, data, amount);
+}
+
+ssize_t
+send (int socket, const void *data, size_t size, int flags)
+{
+  written_sizes.push_back (size);
+  if (forced.write_passes > 0) {
+    --forced.write_passes;
+  } else if (forced.write_failures > 0) {
+    --forced.write_failures;
+    errno = ECONNRESET;
+    return -1;
+  }
+  return CALL_REAL (send, socket, data, size, flags);
 }
 
 ssize_t
@@ -338,6 +356,7 @@ static Sent
 send_all (gnutls_session_t session, const std::string &text)
 {
   offered_sizes.clear ();
+  written_sizes.clear ();
   testing::internal::CaptureStdout ();
   Sent sent = {};
   sent.size = send_all_tls_data (session, to_view (text));
@@ -366,6 +385,10 @@ show_console ()
 
 static const char PUSH_ERROR_LINE[] =
   "Warning: GnuTLS send error -53: Error in the push function.\n";
+static const char RESET_LINE[] =
+  "Warning: GnuTLS send error -110: The TLS connection was non-properly terminated.\n";
+static const char INVALID_SESSION_SEND_LINE[] =
+  "Warning: GnuTLS send error -10: The specified session has been invalidated for some reason.\n";
 static const char AGAIN_LINE[] =
   "Warning: GnuTLS recv error -28: Resource temporarily unavailable, try again.\n";
 static const char INVALID_SESSION_RECV_LINE[] =
@@ -897,6 +920,73 @@ TEST (send_all_tls_data, sends_a_long_stanza_whole)
   EXPECT_EQ (send_all (link.client.session, text).size, text.size ());
   ServerReport report = close_link (&link);
   EXPECT_EQ (report.records.size (), (text.size () + 9) / 10);
+}
+
+TEST (send_all_tls_data, writes_the_records_of_a_stanza_at_once)
+{
+  Link link = open_link ({server_expect (TWENTY_FIVE_BYTES), server_expect_end ()});
+  send_all (link.client.session, TWENTY_FIVE_BYTES);
+  EXPECT_EQ (written_sizes.size (), 1u);
+  ServerReport report = close_link (&link);
+  EXPECT_EQ (record_sizes (report), (std::vector<size_t>{10, 10, 5}));
+}
+
+TEST (send_all_tls_data, writes_a_long_stanza_in_few_pieces)
+{
+  std::string text (60000, 'x');
+  Link link = open_link ({server_expect (text), server_expect_end ()});
+  send_all (link.client.session, text);
+  for (size_t piece = 0; piece < written_sizes.size (); ++piece) {
+    EXPECT_LE (written_sizes[piece], 16384u);
+    bool is_last = piece + 1 == written_sizes.size ();
+    EXPECT_TRUE (is_last || written_sizes[piece] > 16000) << written_sizes[piece];
+  }
+  close_link (&link);
+}
+
+TEST (send_all_tls_data, counts_what_was_written_before_a_write_failed)
+{
+  Link link = open_link ({server_expect ("x")});
+  forced = {};
+  forced.write_passes = 1;
+  forced.write_failures = 1000;
+  Sent sent = send_all (link.client.session, std::string (60000, 'x'));
+  forced = {};
+  EXPECT_EQ (written_sizes.size (), 2u);
+  EXPECT_EQ (sent.size % 10, 0u);
+  // What the first write carried: 16 KB of records, each more than twice as long as its ten bytes.
+  EXPECT_GT (sent.size, 3000u);
+  EXPECT_LT (sent.size, 8192u);
+  EXPECT_EQ (sent.console, std::string (RESET_LINE) + repeat (INVALID_SESSION_SEND_LINE, 63) +
+                             "Warning: Not all TLS data was sent - " + std::to_string (sent.size) +
+                             "/60000 bytes were sent.\n");
+  close_link (&link);
+}
+
+TEST (send_all_tls_data, counts_nothing_when_the_only_write_failed)
+{
+  Link link = open_link ({server_expect_end ()});
+  forced = {};
+  forced.write_failures = 1000;
+  Sent sent = send_all (link.client.session, TWENTY_FIVE_BYTES);
+  forced = {};
+  EXPECT_EQ (sent.size, 0u);
+  EXPECT_EQ (sent.console, std::string (RESET_LINE) + repeat (INVALID_SESSION_SEND_LINE, 63) +
+                             "Warning: Not all TLS data was sent - 0/25 bytes were sent.\n");
+  close_link (&link);
+}
+
+TEST (send_all_tls_data, counts_nothing_of_what_cannot_be_written_after_giving_up)
+{
+  Link link = open_link ({server_expect_end ()});
+  forced = {};
+  forced.send_passes = 2;
+  forced.send_failures = 1000;
+  forced.write_failures = 1000;
+  Sent sent = send_all (link.client.session, TWENTY_FIVE_BYTES);
+  forced = {};
+  EXPECT_EQ (sent.size, 0u);
+  close_link (&link);
 }
 
 // ---- Receiving ----

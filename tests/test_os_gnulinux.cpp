@@ -25,6 +25,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 
 #include "morvane.h"
 
@@ -761,6 +762,44 @@ TEST_F (os, send_tells_an_error)
   begin_output ();
   EXPECT_EQ (0u, os_send (-1, to_string ("hello")));
   EXPECT_EQ ("Error: send: Bad file descriptor\n", end_output ());
+}
+
+TEST_F (os_stream, send_all_waits_for_room_until_everything_is_taken)
+{
+  const u64 size = 8 << 20;  // more than a socket takes at once
+  std::thread reader ([this] {
+    std::string received;
+    char bytes[65536];
+    for (ssize_t count = 1; count > 0 && received.size () < size; received.append (bytes, count)) {
+      count = recv (far, bytes, sizeof (bytes), 0);
+    }
+    EXPECT_EQ (std::string (size, 'x'), received);
+  });
+  std::string text (size, 'x');
+  begin_output ();
+  EXPECT_TRUE (os_send_all (near, {(u8 *) text.data (), size}));
+  EXPECT_EQ ("", end_output ());
+  reader.join ();
+}
+
+TEST_F (os, send_all_is_silent_about_an_error)
+{
+  begin_output ();
+  EXPECT_FALSE (os_send_all (-1, to_string ("hello")));
+  EXPECT_EQ (EBADF, errno);
+  EXPECT_EQ ("", end_output ());
+}
+
+TEST_F (os_stream, send_all_to_a_closed_peer_raises_no_signal)
+{
+  close (far);
+  far = -1;
+  begin_output ();
+  // The first may still be taken.
+  os_send_all (near, to_string ("hello"));
+  EXPECT_FALSE (os_send_all (near, to_string ("hello")));
+  EXPECT_EQ (EPIPE, errno);
+  EXPECT_EQ ("", end_output ());
 }
 
 TEST_F (os_stream, recv_views_the_filled_front_of_the_buffer)
