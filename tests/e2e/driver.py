@@ -696,6 +696,33 @@ class Window:
         self.desktop.wait(lambda: text not in self.labels(),
                           "%s no longer reads \"%s\"" % (self.party.name, text))
 
+    # ---- Acting without the mouse ----
+
+    def press(self, name, nth=0):
+        """Presses the button of that name, once it can be pressed, the way an assistive program
+        does it: wherever the button is, and without giving it or its window the keyboard."""
+        def ready():
+            node = self.find(name, BUTTON_ROLES + ("radio button",), nth)
+            return node if node is not None and node.has(STATE_SENSITIVE) else None
+        node = self.desktop.wait(ready, "%s can press \"%s\" number %d" % (
+            self.party.name, name, nth))
+        node.call("org.a11y.atspi.Action", "DoAction", "i", 0)
+
+    def put(self, name, text, nth=0):
+        """Puts text in the place of what the entry holds, likewise; returns the entry."""
+        node = self.wait_for(name, ENTRY_ROLES, nth)
+        node.call("org.a11y.atspi.EditableText", "SetTextContents", "s", text)
+        self.desktop.wait(lambda: node.text() == text, "\"%s\" number %d of %s holds the text" % (
+            name, nth, self.party.name))
+        return node
+
+    def give_keyboard(self, node):
+        """Gives the widget the keyboard, likewise, in the window that is made active."""
+        self.activate()
+        node.call("org.a11y.atspi.Component", "GrabFocus")
+        self.desktop.wait(lambda: node.has(STATE_FOCUSED), "\"%s\" of %s has the keyboard" % (
+            node.name(), self.party.name))
+
     # ---- The revisions popover ----
 
     def popover_rows(self):
@@ -945,6 +972,7 @@ class Party:
         self.bus, self.bus_address = self.desktop.start_bus(
             "session-%s-%d" % (name, len(self.desktop.processes)))
         self.expected_end = False
+        self.environment = {}  # of the program, beside the desktop's
         self.desktop.parties.append(self)
         if jid and prefilled:
             self.configure(jid, PASSWORDS[jid])
@@ -961,7 +989,8 @@ class Party:
     # ---- The program ----
 
     def launch(self):
-        environment = dict(self.desktop.environment, DBUS_SESSION_BUS_ADDRESS=self.bus_address)
+        environment = dict(self.desktop.environment, **self.environment)
+        environment["DBUS_SESSION_BUS_ADDRESS"] = self.bus_address
         with open(self.console_path, "ab") as console, open(self.errors_path, "ab") as errors:
             return start_process([Options.binary], cwd=self.directory, env=environment,
                                  stdin=subprocess.DEVNULL, stdout=console, stderr=errors)
