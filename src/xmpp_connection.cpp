@@ -627,6 +627,9 @@ handle_register_answer (AppWindow *window, XMLElement *xml, [[maybe_unused]] u64
   return true;
 }
 
+static const char SOCKET_CLOSED_TEXT[] =
+  "Server disconnected for unknown reason by closing the socket";
+
 // Reads until the outcome is known, and posts it.
 static void *
 await_register_answer (AppWindow *window, u64 set_register_iq_id)
@@ -635,11 +638,11 @@ await_register_answer (AppWindow *window, u64 set_register_iq_id)
   Buffer buffer = window->input_stream_buffer;
   const char *stream_error_text = NULL;
   for (;;) {
-    String data = recv_stanzas (tls_session, buffer).data;
+    ReceivedData received = recv_stanzas (tls_session, buffer);
+    String data = received.data;
     CONSOLE_DUMP (data);
     if (!data.size) {
-      return end_worker (window, registration_page_handle_failure,
-                         "Server disconnected for unknown reason by closing the socket");
+      return end_worker (window, registration_page_handle_failure, SOCKET_CLOSED_TEXT);
     }
     XMLElement *unopened_elements = NULL;
     XMLElement *xml =
@@ -653,6 +656,10 @@ await_register_answer (AppWindow *window, u64 set_register_iq_id)
       return end_worker (window, registration_page_handle_failure, text);
     }
     assert (xml);
+    if (received.is_open) {
+      // The server left within its answer: half of its words are not passed on.
+      return end_worker (window, registration_page_handle_failure, SOCKET_CLOSED_TEXT);
+    }
     if (xml->name == "stream:error")
       stream_error_text = get_stream_end_text (xml);
     assert (!xml->next);

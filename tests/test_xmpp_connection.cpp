@@ -1766,6 +1766,19 @@ TEST (start_xmpp_register_thread, says_the_same_however_the_end_of_the_stream_wa
              "register failure: Server disconnected for unknown reason by closing the socket\n");
 }
 
+// Half of what the server has to say is not shown as if it were the whole.
+TEST (start_xmpp_register_thread, passes_no_half_answer_on)
+{
+  const std::string answer =
+    register_error ("<error type='cancel'><text>It is taken</text></error>");
+  for (const char *rest : {" is taken</text></error></iq>", "</text></error></iq>", "</iq>"}) {
+    std::string half = answer.substr (0, answer.find (rest));
+    EXPECT_EQ (register_answered ({half}),
+               "register failure: Server disconnected for unknown reason by closing the socket\n")
+      << half;
+  }
+}
+
 TEST (start_xmpp_register_thread, ignores_other_elements)
 {
   EXPECT_EQ (register_answered ({"<presence/>", "<message/>", "<iq type='result' id='2'/>"}),
