@@ -25,7 +25,7 @@ G_DEFINE_TYPE (AppWindow, app_window, GTK_TYPE_APPLICATION_WINDOW)
 // How long a window that closes waits for its worker, in milliseconds: first for the server to end
 // the stream by itself, then for the worker that was cut off.
 static const u32 STREAM_END_WAIT = 1000;
-static const u32 WORKER_WAIT = 2000;
+static const u32 WORKER_WAIT = 1500;  // with the rest of closing, under two seconds
 
 static u32 stray_workers_count;
 
