@@ -17,6 +17,14 @@
 
 #include "morvane.h"
 
+// The system's text for a value of `errno`, in memory of the calling thread.
+static const char *
+get_error_text (int error)
+{
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc's has been safe since its version 2.32.
+  return strerror (error);
+}
+
 // ---- Files ----
 
 // Reads at most `size` bytes in one go; terminated. `NULL` when reading failed.
@@ -26,7 +34,7 @@ alloc_read_descriptor_as_cstr (int file, const char *path, u64 size)
   char *text = (char *) malloc (size + 1);
   s64 bytes_read = read (file, text, size);
   if (bytes_read == -1) {
-    console_log ("Error: read: %s: %s\n", path, strerror (errno));
+    console_log ("Error: read: %s: %s\n", path, get_error_text (errno));
     free (text);
     return NULL;
   }
@@ -42,14 +50,14 @@ os_alloc_read_file_as_cstr (const char *path)
 {
   int file = open (path, O_RDONLY);
   if (file == -1) {
-    console_log ("Error: open: %s: %s\n", path, strerror (errno));
+    console_log ("Error: open: %s: %s\n", path, get_error_text (errno));
     return NULL;
   }
 
   struct stat file_stat;
   if (fstat (file, &file_stat) == -1) {
     // The descriptor stays open; that is meant.
-    console_log ("Error: fstat: %s: %s\n", path, strerror (errno));
+    console_log ("Error: fstat: %s: %s\n", path, get_error_text (errno));
     return NULL;
   }
   assert (file_stat.st_size >= 0);
@@ -70,16 +78,17 @@ read_config_file (const char *path)
     return config;
 
   // A key may hold a line feed, and then means nothing: only a value ends at one.
-  const char *key = strtok (text, " =");
+  char *rest = NULL;
+  const char *key = strtok_r (text, " =", &rest);
   while (key != NULL) {
-    const char *value = strtok (NULL, " =\n");
+    const char *value = strtok_r (NULL, " =\n", &rest);
     if (value == NULL)
       break;
     if (strcmp (key, "bare_jid") == 0)
       config.bare_jid = to_string (value);
     else if (strcmp (key, "password") == 0)
       config.password = to_string (value);
-    key = strtok (NULL, " =");
+    key = strtok_r (NULL, " =", &rest);
   }
   return config;
 }
@@ -101,7 +110,7 @@ connect_address (String host, struct addrinfo *address_info, int resolve_error, 
   }
   if (connect (descriptor, address_info->ai_addr, address_info->ai_addrlen) == -1) {
     *error_out = errno;
-    console_log ("Error: connect: %.*s: %s\n", STRING_ARGS (host), strerror (*error_out));
+    console_log ("Error: connect: %.*s: %s\n", STRING_ARGS (host), get_error_text (*error_out));
     os_close_connection (descriptor);
     return -1;
   }
@@ -162,7 +171,7 @@ os_send (SocketDescriptor socket, String data)
 {
   s64 sent_size = send (socket, data.data, data.size, 0);
   if (sent_size == -1) {
-    console_log ("Error: send: %s\n", strerror (errno));
+    console_log ("Error: send: %s\n", get_error_text (errno));
     return 0;
   }
   return (u64) sent_size;
@@ -188,7 +197,7 @@ os_recv (SocketDescriptor socket, Buffer buffer)
   String received = {};
   s64 received_size = recv (socket, buffer.data, buffer.size, 0);
   if (received_size == -1) {
-    console_log ("Error: recv: %s\n", strerror (errno));
+    console_log ("Error: recv: %s\n", get_error_text (errno));
     return received;
   }
   received.data = buffer.data;
@@ -236,14 +245,14 @@ void
 os_shutdown_connection (SocketDescriptor socket)
 {
   if (shutdown (socket, SHUT_RDWR) == -1 && errno != ENOTCONN)
-    console_log ("Error: shutdown: %s\n", strerror (errno));
+    console_log ("Error: shutdown: %s\n", get_error_text (errno));
 }
 
 void
 os_close_connection (SocketDescriptor socket)
 {
   if (close (socket) == -1)
-    console_log ("Error: close: %s\n", strerror (errno));
+    console_log ("Error: close: %s\n", get_error_text (errno));
 }
 
 void

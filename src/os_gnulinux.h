@@ -4,8 +4,8 @@
 // Every failure is one console line and a neutral result (none, -1, 0 or an empty string).
 //
 // Ownership: said at each function; socket descriptors belong to the caller.
-// Threads: no shared state, except that `read_config_file` is for one thread at a time. A socket is
-// used by one thread at a time; `os_shutdown_connection` may be called by another one.
+// Threads: no shared state. A socket is used by one thread at a time; `os_shutdown_connection` may be
+// called by another one.
 #pragma once
 
 #include "buffers.h"
