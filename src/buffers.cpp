@@ -533,6 +533,7 @@ buffer_append_format_valist (Buffer buffer, const char *format, va_list args)
 }
 
 Buffer
+// NOLINTNEXTLINE(cert-dcl50-cpp): takes what `printf` takes, and the compiler checks it.
 buffer_append_format (Buffer buffer, const char *format, ...)
 {
   va_list args;
@@ -543,6 +544,7 @@ buffer_append_format (Buffer buffer, const char *format, ...)
 }
 
 String
+// NOLINTNEXTLINE(cert-dcl50-cpp): takes what `printf` takes, and the compiler checks it.
 make_format_string (Buffer buffer, const char *format, ...)
 {
   va_list args;
@@ -556,6 +558,7 @@ make_format_string (Buffer buffer, const char *format, ...)
 }
 
 String
+// NOLINTNEXTLINE(cert-dcl50-cpp): takes what `printf` takes, and the compiler checks it.
 alloc_format_string (const char *format, ...)
 {
   Buffer buffer = alloc (FORMAT_BLOCK_SIZE);
@@ -564,13 +567,14 @@ alloc_format_string (const char *format, ...)
   Buffer buffer_p = buffer_append_format_valist (buffer, format, args);
   va_end (args);
   if (buffer_p.size == 0)
-    fputs ("Warning: Print buffer probably has exceeded.\n", stderr);
+    (void) fputs ("Warning: Print buffer probably has exceeded.\n", stderr);
 
   String string = {buffer.data, (u64) (buffer_p.data - buffer.data)};
   return string;
 }
 
 char *
+// NOLINTNEXTLINE(cert-dcl50-cpp): takes what `printf` takes, and the compiler checks it.
 alloc_format_cstr (const char *format, ...)
 {
   Buffer buffer = alloc (FORMAT_BLOCK_SIZE);
@@ -582,7 +586,7 @@ alloc_format_cstr (const char *format, ...)
     buffer_append_char (buffer_p, '\0');
   } else {
     buffer.data[FORMAT_BLOCK_SIZE - 1] = '\0';
-    fputs ("Warning: Alloc formated buffer has exceeded.\n", stderr);
+    (void) fputs ("Warning: Alloc formated buffer has exceeded.\n", stderr);
   }
   return (char *) buffer.data;
 }

@@ -153,6 +153,7 @@ static void exec_format (sqlite3 *db, DBRowCallback *callback, void *argument, c
                          ...) __attribute__ ((format (printf, 4, 5)));
 
 static void
+// NOLINTNEXTLINE(cert-dcl50-cpp): takes what `printf` takes, and the compiler checks it.
 exec_format (sqlite3 *db, DBRowCallback *callback, void *argument, const char *format, ...)
 {
   u8 stack_block[FIXED_SQL_SIZE];

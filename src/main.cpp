@@ -13,11 +13,11 @@ int
 main (int argc, char **argv)
 {
   // What was logged ahead of an abort must have arrived, in a pipe too.
-  setvbuf (stdout, NULL, _IONBF, 0);
+  (void) setvbuf (stdout, NULL, _IONBF, 0);
   // Contracts and passwords are nobody else's.
   umask (077);
   // A server that is gone shows in the result of a send.
-  signal (SIGPIPE, SIG_IGN);
+  (void) signal (SIGPIPE, SIG_IGN);
 
   gnutls_certificate_credentials_t tls_credentials = init_tls_global ();
   sqlite3 *db = db_connect (".morvane.db");

@@ -50,7 +50,7 @@ _console_put (String string)
 {
   // "%.*s" would end at a 0 byte; these are the same bytes, whole.
   if (string.size > 0)
-    fwrite (string.data, 1, string.size, stdout);
+    (void) fwrite (string.data, 1, string.size, stdout);
 
   ConsoleRecord *record = (ConsoleRecord *) malloc (sizeof (ConsoleRecord));
   record->text = string;
@@ -94,6 +94,7 @@ console_put_repeat (const char *cstr, u32 count)
 }
 
 void
+// NOLINTNEXTLINE(cert-dcl50-cpp): takes what `printf` takes, and the compiler checks it.
 console_log (const char *format, ...)
 {
   Buffer buffer = alloc (CONSOLE_BLOCK_SIZE);
@@ -103,7 +104,7 @@ console_log (const char *format, ...)
   va_end (args);
   // Meant for an exact fit too: whether the text was cut cannot be told any more.
   if (buffer_p.size == 0)
-    fputs ("\nWarning: Print buffer probably has exceeded.\n", stderr);
+    (void) fputs ("\nWarning: Print buffer probably has exceeded.\n", stderr);
 
   String text = {buffer.data, (u64) (buffer_p.data - buffer.data)};
   // Most lines are short, and thousands may wait for the interface thread.

@@ -323,6 +323,7 @@ xmpp_iq_get_vcard4 (AppWindow *window, String to)
 }
 
 u64
+// cppcheck-suppress passedByValue ; handed over by value, as all plain records are
 xmpp_iq_set_vcard4 (AppWindow *window, VCard vcard)
 {
   u64 id = generate_xmpp_id (window);
