@@ -429,7 +429,9 @@ def judge(trial, watches):
     trial.figure("committed changes of the two stores", f"{changes:,}")
     trial.figure("different states of the store's files that these kills leave", f"{states_count:,}")
     every = f"all {states_count:,} states"
-    some = lambda count: every if count == states_count else f"{count:,} states"
+
+    def some(count):
+        return every if count == states_count else f"{count:,} states"
     trial.check("SQLite opens the store, and its integrity_check is ok", every, some(integrity))
     trial.check("no row has lost the row that it belongs to", every, some(orphans))
     trial.check("the program opens the store and loads the account without a stop", every,
@@ -659,7 +661,9 @@ class Kills:
     def rows(self):
         """The rows of the table."""
         every = "%d of %d" % (self.count, self.count)
-        seen = lambda count: "%d of %d" % (count, self.count)
+
+        def seen(count):
+            return "%d of %d" % (count, self.count)
         where = "%d in the middle of a write, %d with an unfinished journal" % (
             self.in_middle, self.with_journal)
         self.trial.check("a program is really killed, at first starts, drafts, commits, decisions, "
