@@ -920,7 +920,8 @@ stop_alarms ()
 {
   struct itimerval none = {};
   setitimer (ITIMER_REAL, &none, NULL);
-  signal (SIGALRM, SIG_DFL);
+  // One may still be on its way.
+  signal (SIGALRM, SIG_IGN);
 }
 
 static s64
