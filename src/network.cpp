@@ -45,7 +45,7 @@ deinit_tls_global (gnutls_certificate_credentials_t credentials)
 // servers' parsers then hold back until more comes. So the records of a stanza are collected, and
 // reach the socket in as few writes as their number allows.
 
-static const u64 COLLECTED_SIZE_MAX = 16 * 1024;  // bytes of finished records
+static const u64 COLLECTED_SIZE_MAX = (u64) 16 * 1024;  // bytes of finished records
 
 struct RecordCollector {
   u8 *data;       // `COLLECTED_SIZE_MAX` bytes, the front of them filled
