@@ -72,6 +72,7 @@ app_window_mark_worker_interrupted (AppWindow *self)
 {
   pthread_mutex_lock (&self->worker_mutex);
   self->worker_interrupted = true;
+  pthread_cond_broadcast (&self->worker_cond);
   pthread_mutex_unlock (&self->worker_mutex);
 }
 
@@ -480,6 +481,36 @@ app_window_worker_leave (AppWindow *self)
   pthread_mutex_lock (&self->worker_mutex);
   self->worker_left = true;
   pthread_cond_signal (&self->worker_cond);
+  pthread_mutex_unlock (&self->worker_mutex);
+}
+
+// How many stanzas the worker may be ahead of the interface. GLib hands out all idle sources that wait
+// before it looks for events again, so what waits there is what the user waits for.
+static const u32 WORKER_LEAD_MAX = 2;
+
+gboolean
+app_window_note_applied (gpointer data)
+{
+  AppWindow *self = (AppWindow *) accept_hand_over (data);
+  pthread_mutex_lock (&self->worker_mutex);
+  self->worker_lead--;
+  pthread_cond_broadcast (&self->worker_cond);
+  pthread_mutex_unlock (&self->worker_mutex);
+  g_object_unref (self);
+  return G_SOURCE_REMOVE;
+}
+
+void
+app_window_worker_keep_pace (AppWindow *self)
+{
+  pthread_mutex_lock (&self->worker_mutex);
+  self->worker_lead++;
+  pthread_mutex_unlock (&self->worker_mutex);
+  hand_over (app_window_note_applied, g_object_ref (self));
+  pthread_mutex_lock (&self->worker_mutex);
+  while (self->worker_lead > WORKER_LEAD_MAX && !self->worker_interrupted) {
+    pthread_cond_wait (&self->worker_cond, &self->worker_mutex);
+  }
   pthread_mutex_unlock (&self->worker_mutex);
 }
 

@@ -56,10 +56,11 @@ struct _AppWindow {
   GtkListBox *contacts_list_box;
   GtkListBox *procedures_list_box;
   // The worker, and the end of the window.
-  pthread_mutex_t worker_mutex;  // guards `worker_left` and `worker_interrupted`
-  pthread_cond_t worker_cond;    // told when the worker has left
+  pthread_mutex_t worker_mutex;  // guards the three below
+  pthread_cond_t worker_cond;    // told when one of them changes
   bool worker_left;              // it no longer uses account, connection or buffer
   bool worker_interrupted;       // it is to leave, and nobody waits for its outcome
+  u32 worker_lead;               // stanzas that it has handed over and that are not applied yet
   bool worker_active;            // started, and its outcome not yet handled; interface thread only
   bool worker_stray;             // the window closed without waiting longer for it
   String worker_bare_jid;        // owned; the account that the last worker was started for
@@ -105,6 +106,12 @@ void app_window_start_worker (AppWindow *window, void *(*entry) (void *) );
 bool app_window_is_worker_running (AppWindow *window);
 // The worker's farewell: it has made its last use of account, connection and buffer. Worker thread.
 void app_window_worker_leave (AppWindow *window);
+// Called by the worker behind the records of each stanza: waits until the interface has applied all
+// but the last few, or the worker is interrupted. A server that sends faster than the store keeps up
+// is so slowed down, and the user is heard in between.
+void app_window_worker_keep_pace (AppWindow *window);
+// Idle handler, posted by it behind the records of a stanza.
+gboolean app_window_note_applied (gpointer data);
 // Idle handler, posted by the worker behind its outcome: drops the worker's reference.
 gboolean app_window_release_worker (gpointer data);
 // Ends a running worker's wait for the server; its outcome, a failure, still comes.

@@ -501,6 +501,7 @@ dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
     } else {
       console_put ("Warning: Received unknown XML data.\n");
     }
+    app_window_worker_keep_pace (window);
   }
 }
 
@@ -532,6 +533,9 @@ run_session (AppWindow *window)
   for (;;) {
     ReceivedData received = recv_stanzas (tls_session, buffer);
     String data = received.data;
+    // To a window that closes nothing is said any more, however much comes.
+    if (data.size && app_window_is_worker_interrupted (window))
+      continue;
     CONSOLE_DUMP (data);
     if (!data.size)
       break;
@@ -639,6 +643,7 @@ await_register_answer (AppWindow *window, u64 set_register_iq_id)
   const char *stream_error_text = NULL;
   for (;;) {
     ReceivedData received = recv_stanzas (tls_session, buffer);
+    leave_if_interrupted ();
     String data = received.data;
     CONSOLE_DUMP (data);
     if (!data.size) {

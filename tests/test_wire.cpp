@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -596,6 +597,40 @@ TEST (session, drops_a_text_that_cant_be_kept_with_one_warning)
   finish_server (&wire);
 }
 
+// Bob says so many things at once.
+static std::string
+make_burst (int count)
+{
+  std::string burst = BOBS_STANZAS;
+  for (int i = 0; i < count; ++i)
+    burst += "<message from='bob@beta.test'><body>" + std::to_string (i) + "</body></message>";
+  return burst;
+}
+
+TEST (session, lets_the_user_be_heard_in_a_burst)
+{
+  // All idle sources that wait are handed out before the next look at the user's events, so no more
+  // than a few stanzas may wait at a time.
+  const int COUNT = 300;
+  const int STANZAS_MAX = 3;
+  Wire wire;
+  start_server (&wire, script_pieces ({make_burst (COUNT)}));
+  press_login (&wire);
+  ASSERT_TRUE (pump_until (is_logged_in, wire.window));
+  int seen = 0, most = 0;
+  for (s64 end = g_get_monotonic_time () + 30000000;
+       seen < COUNT && g_get_monotonic_time () < end;) {
+    g_main_context_iteration (NULL, TRUE);
+    int now = std::stoi (query (&wire.test, "SELECT count(*) FROM contact_messages"));
+    most = std::max (most, now - seen);
+    seen = now;
+  }
+  EXPECT_EQ (seen, COUNT);
+  EXPECT_LE (most, STANZAS_MAX);
+  EXPECT_TRUE (pump_until (is_idle, wire.window));
+  finish_server (&wire);
+}
+
 // ---- The end of a session ----
 
 TEST (session, lives_on_when_the_server_is_gone)
@@ -650,6 +685,25 @@ TEST (session, ends_its_stream_when_the_window_closes)
   EXPECT_LT (close_timed (&wire), CLOSING_MS_MAX);
   finish_server (&wire);
   EXPECT_FALSE (wire.window->connection.opened_socket);
+}
+
+TEST (session, closes_in_time_in_a_burst)
+{
+  Wire wire;
+  ServerScript script = script_login (JID);
+  script.push_back (server_send (make_burst (2000)));
+  script.push_back (server_expect ("</stream:stream>"));
+  script.push_back (server_expect_end ());
+  start_server (&wire, script);
+  press_login (&wire);
+  ASSERT_TRUE (pump_until (is_logged_in, wire.window));
+  ASSERT_TRUE (pump_until (
+    [] (void *data) {
+      return query ((TestWindow *) data, "SELECT count(*) > 9 FROM contact_messages") == "1\n";
+    },
+    &wire.test));
+  EXPECT_LT (close_timed (&wire), CLOSING_MS_MAX);
+  finish_server (&wire);
 }
 
 TEST (session, closes_in_time_when_the_server_does_not_answer)

@@ -91,11 +91,11 @@ struct Caught {
 static std::mutex caught_mutex;
 static std::vector<Caught> caught_records;
 
-// In the place of GDK's: records stay here, console text is dealt with at once.
+// In the place of GDK's: records stay here and count as applied, console text is dealt with at once.
 extern "C" guint
 gdk_threads_add_idle (GSourceFunc handler, gpointer record)
 {
-  if (handler == _console_put_gdk_thread) {
+  if (handler == _console_put_gdk_thread || handler == app_window_note_applied) {
     handler (record);
     return 1;
   }
@@ -1783,6 +1783,27 @@ TEST (start_xmpp_register_thread, ignores_other_elements)
 {
   EXPECT_EQ (register_answered ({"<presence/>", "<message/>", "<iq type='result' id='2'/>"}),
              "register success: result\n");
+}
+
+TEST (start_xmpp_register_thread, judges_no_half_answer_when_it_is_interrupted)
+{
+  const std::string answer = "<iq type='result' id='2'/>";
+  for (size_t size = 0; size < answer.size (); ++size) {
+    BareWindow bare;
+    ServerScript script = script_register ({answer.substr (0, size)}, false);
+    script.push_back (server_expect_end ());
+    ScriptedServer *server = scripted_server_start (script);
+    testing::internal::CaptureStdout ();
+    g_object_ref (bare.window);
+    bare.window->worker_active = true;
+    std::thread worker ([&bare] { start_xmpp_register_thread (bare.window); });
+    EXPECT_TRUE (scripted_server_wait_steps (server, script.size () - 1));
+    app_window_interrupt_worker (bare.window);
+    worker.join ();
+    testing::internal::GetCapturedStdout ();
+    EXPECT_EQ (take_posted (), "register failure: Interrupted\nrelease\n") << size;
+    EXPECT_EQ (scripted_server_finish (server).failure, "");
+  }
 }
 
 TEST (start_xmpp_register_thread, stops_at_answers_that_make_no_sense)
