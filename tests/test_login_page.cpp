@@ -398,3 +398,17 @@ TEST (login_page_register_button, shows_the_registration_page)
   press (test.window->login_page, "register_button");
   EXPECT_EQ (get_page (test.window, "stack"), "registration_page");
 }
+
+// ---- A page ----
+
+TEST (login_page_new, makes_a_page_of_its_own_that_is_empty)
+{
+  TestWindow test;
+  GtkWidget *page = login_page_new ();
+  EXPECT_TRUE (g_object_is_floating (page));
+  GtkWidget *toplevel = show_alone (page);
+  EXPECT_EQ (get_text (page, "bare_jid_entry"), "");
+  EXPECT_EQ (get_text (page, "password_entry"), "");
+  EXPECT_EQ (get_text (page, "status_label"), "");
+  gtk_widget_destroy (toplevel);
+}

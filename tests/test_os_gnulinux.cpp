@@ -14,6 +14,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -958,6 +959,43 @@ TEST_F (os_stream, wait_readable_without_a_limit_waits_on_through_interruptions)
   EXPECT_TRUE (os_wait_readable (near, -1));
   stop_alarms ();
   EXPECT_GE (alarms_count, 3);
+}
+
+// Reads nothing before three alarms have interrupted the sender, then everything up to the end.
+static void *
+read_after_alarms (void *data)
+{
+  u64 *size_out = (u64 *) data;
+  while (alarms_count < 3) {
+    sched_yield ();
+  }
+  u8 block[4096];
+  ssize_t size = 0;
+  while ((size = read (alarm_socket, block, sizeof (block))) > 0) {
+    *size_out += (u64) size;
+  }
+  return NULL;
+}
+
+TEST_F (os_stream, send_all_goes_on_through_interruptions)
+{
+  const u64 size = 16 * 1024 * 1024;
+  std::string text (size, 'x');
+  u64 received_size = 0;
+  sigset_t alarms;
+  sigemptyset (&alarms);
+  sigaddset (&alarms, SIGALRM);
+  // The reader inherits the mask: only the sender is interrupted.
+  pthread_sigmask (SIG_BLOCK, &alarms, NULL);
+  start_alarms (far, 0);
+  pthread_t reader;
+  ASSERT_EQ (pthread_create (&reader, NULL, read_after_alarms, &received_size), 0);
+  pthread_sigmask (SIG_UNBLOCK, &alarms, NULL);
+  EXPECT_TRUE (os_send_all (near, {(u8 *) text.data (), size}));
+  shutdown (near, SHUT_WR);
+  pthread_join (reader, NULL);
+  stop_alarms ();
+  EXPECT_EQ (received_size, size);
 }
 
 // ---- Sockets: closing ----

@@ -333,3 +333,17 @@ TEST (procedure_creation_page_begin_button, is_pressed_by_enter_in_the_contracto
   press_key (&test, GDK_KEY_Return);
   EXPECT_TRUE (pump_until (has_procedure, &test));
 }
+
+// ---- A page ----
+
+TEST (procedure_creation_page_new, makes_a_page_of_its_own_that_is_empty)
+{
+  TestWindow test;
+  GtkWidget *page = procedure_creation_page_new ();
+  EXPECT_TRUE (g_object_is_floating (page));
+  GtkWidget *toplevel = show_alone (page);
+  EXPECT_EQ (get_text (page, "title_entry"), "");
+  EXPECT_EQ (get_text (page, "contractor_entry"), "");
+  EXPECT_EQ (get_text (page, "status_label"), "");
+  gtk_widget_destroy (toplevel);
+}

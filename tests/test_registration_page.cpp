@@ -374,3 +374,17 @@ TEST_P (RegistrationPageLeaving, ends_a_registration_that_runs_and_says_nothing_
 
 INSTANTIATE_TEST_SUITE_P (registration_page_leave, RegistrationPageLeaving,
                           testing::Values (true, false));
+
+// ---- A page ----
+
+TEST (registration_page_new, makes_a_page_of_its_own_that_is_empty)
+{
+  TestWindow test;
+  GtkWidget *page = registration_page_new ();
+  EXPECT_TRUE (g_object_is_floating (page));
+  GtkWidget *toplevel = show_alone (page);
+  EXPECT_EQ (get_text (page, "bare_jid_entry"), "");
+  EXPECT_EQ (get_text (page, "password1_entry"), "");
+  EXPECT_EQ (get_text (page, "password2_entry"), "");
+  gtk_widget_destroy (toplevel);
+}

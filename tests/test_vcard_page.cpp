@@ -294,3 +294,15 @@ TEST (vcard_page_close_button, returns_to_the_creation_page)
   press (page, "close_button");
   EXPECT_EQ (get_page (test.window, "main_page_stack"), "procedure_creation_page");
 }
+
+// ---- A page ----
+
+TEST (vcard_page_new, makes_a_page_of_its_own_that_is_empty)
+{
+  TestWindow test;
+  GtkWidget *page = vcard_page_new ();
+  EXPECT_TRUE (g_object_is_floating (page));
+  GtkWidget *toplevel = show_alone (page);
+  EXPECT_EQ (list_texts (MORVANE_VCARD_PAGE (page)), "||||||||");
+  gtk_widget_destroy (toplevel);
+}
