@@ -229,15 +229,17 @@ class Player:
         def choose():
             if not self.party.popover_rows():
                 # With the keyboard it comes into sight, without which its list would not.
-                self.party.give_keyboard(
-                    self.party.wait_for("Revisions", driver.BUTTON_ROLES, nth))
+                button = self.party.wait_for("Revisions", driver.BUTTON_ROLES, nth)
+                self.party.give_keyboard(button)
+                self.party.settled(button)
                 self.party.press("Revisions", nth)
             if not self.day.wait_quietly(self.party.popover_rows, 2):
                 return False
             row = dict(self.party.popover_rows()).get(name)
             if row is None:
                 return False
-            self.party.press_node(row)
+            self.party.give_keyboard(row)
+            self.day.desktop.key("Return")
             return self.day.wait_quietly(
                 lambda: not self.party.popover_rows() and name in self.party.labels() and
                 self.party.text("Clause text", nth) == text, 2)
@@ -344,10 +346,11 @@ class Day:
         for player in self.players:
             if not player.model.rows["accounts"]:
                 continue
-            lines += ["%s, %s:" % (player.party.name, line) for line in player.differences()]
-            if not player.model.is_online:
-                lines.append("the server keeps %d for %s, of %d" % (
-                    self.count_kept(player), player.party.name, len(player.model.waiting)))
+            lines += ["%s: %s" % (player.party.name, line) for line in player.differences()]
+            kept, waiting = self.count_kept(player), len(player.model.waiting)
+            if not player.model.is_online and kept != waiting:
+                lines.append("the server keeps %d messages for %s, not %d" % (
+                    kept, player.party.name, waiting))
         self.differing += max(1, sum(line.lstrip()[:1] in "+-" for line in lines))
         raise Difference("\n".join(lines))
 
@@ -516,7 +519,7 @@ class Day:
         clause = self.draw_clause(player, lambda clause: clause["shown"] and not (
             rows.decision(clause["shown"], rows.jid)) and rows.decision(clause["shown"],
                                                                         rows.other.jid))
-        if clause is None or self.source.random() < 0.4:
+        if clause is None or self.source.random() < 0.2:
             clause = self.draw_clause(player, lambda clause: clause["revisions"])
         if clause is None:
             return False
@@ -806,6 +809,8 @@ class Day:
     def tell(self, fault):
         trial, counts = self.trial, self.counts
         models = [player.model for player in self.players]
+        for player in self.players:
+            player.read_console()
         hours = "%.1f" % ((self.now - START) / 3600)
         trial.check("Hours that went by without a fault", "%d.0" % self.hours,
                     hours if fault is None else "%s, then: %s" % (hours, fault),
@@ -859,9 +864,10 @@ def main():
     driver.enter_world()
     print("seed %d" % trial.arguments.seed, flush=True)
     day = Day(trial)
-    fault = None
+    fault = "an error of the trial itself"
     try:
         day.run()
+        fault = None
     except Difference as difference:
         print("DIFFERENCE\n%s" % difference, flush=True)
         fault = "a difference"
@@ -869,8 +875,8 @@ def main():
         print("FAILED: %s" % failure, flush=True)
         fault = str(failure).split("\n", maxsplit=1)[0]
     finally:
+        day.tell(fault)
         day.stop()
-    day.tell(fault)
     sys.exit(trial.end())
 
 
