@@ -138,9 +138,9 @@ class Link:
         self.tls.write(data)
         return self.outgoing.read()
 
-    def begin_tls(self, context, limit=None):
-        """Goes through the handshake, or, with a limit, sends that many bytes of the first answer
-        and no more."""
+    def begin_tls(self, context):
+        """Goes through the handshake; within the first answer is the point "half of the
+        handshake"."""
         self.incoming, self.outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
         tls = context.wrap_bio(self.incoming, self.outgoing, server_side=True)
         self.incoming.write(self.unread)
@@ -154,10 +154,10 @@ class Link:
                 return
             except ssl.SSLWantReadError:
                 data = self.outgoing.read()
-                if limit is not None and data:
-                    self.send_bytes(data[:limit])
-                    return
-                self.send_bytes(data)
+                if data:
+                    self.send_bytes(data[:200])
+                    self.point("half of the handshake")
+                    self.send_bytes(data[200:])
             except ssl.SSLError as error:
                 self.refusal = error.reason or str(error)
                 raise Gone from None
@@ -201,14 +201,13 @@ class Link:
 
 class Server:
     """Listens at the one port that the program knows. Connections get the scripts in their order,
-    the last one again and again."""
+    the last one again and again; each script stops at its point of `stops`, if there is one."""
 
-    def __init__(self, *scripts, stop_at=None, address="127.0.0.1"):
+    def __init__(self, *scripts, stops=(), address="127.0.0.1"):
         self.scripts = list(scripts)
-        self.stop_at = stop_at
+        self.stops = list(stops)
         self.links = []
         self.listener = socket.create_server((address, PORT), backlog=16)
-        self.is_open = True
         threading.Thread(target=self.serve, daemon=True).start()
 
     def serve(self):
@@ -219,8 +218,9 @@ class Server:
             except OSError:
                 return
             peer.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            script = self.scripts.pop(0) if len(self.scripts) > 1 else self.scripts[0]
-            link = Link(self, peer, self.stop_at)
+            script = self.scripts[min(len(self.links), len(self.scripts) - 1)]
+            stop_at = self.stops[len(self.links)] if len(self.links) < len(self.stops) else None
+            link = Link(self, peer, stop_at)
             self.links.append(link)
             threading.Thread(target=link.run, args=(script,), daemon=True).start()
 
@@ -350,7 +350,7 @@ def login_script(jid, context, then=None):
 
     def script(link):
         ask_for_tls(link, jid.split("@")[1])
-        begin_tls_in_two(link, context)
+        link.begin_tls(context)
         log_in(link, jid)
         if then:
             then(link)
@@ -358,7 +358,6 @@ def login_script(jid, context, then=None):
         link.expect("</stream:stream>")
         link.point("farewell received")
         link.send("</stream:stream>")
-        link.hold()
 
     return script
 
@@ -368,22 +367,11 @@ def register_script(host, context):
 
     def script(link):
         ask_for_tls(link, host)
-        begin_tls_in_two(link, context)
+        link.begin_tls(context)
         register(link, host)
         link.hold()
 
     return script
-
-
-def begin_tls_in_two(link, context):
-    """The handshake, with a point in the middle of the server's first answer."""
-    if link.stop_at == "half of the handshake":
-        link.begin_tls(context, 200)
-        link.tls = None
-        link.point("half of the handshake")
-        link.hold()
-    link.begin_tls(context)
-    link.point("handshake done")
 
 
 # ---- What is on the wire ----
