@@ -36,7 +36,7 @@ CARDS = {
     "begin": 3, "add a clause": 8, "revise": 10, "draft": 5, "commit the draft": 5, "cancel": 4,
     "decide": 16, "talk about a clause": 8, "chat": 8, "ask for presence": 2, "compare": 4,
     "close": 4, "kill": 4, "restart the server": 1, "delete a procedure": 1, "be interrupted": 2,
-    "twice in a second": 2, "look back": 3,
+    "twice in a second": 2, "look back": 3, "agree": 4,
 }
 AWAY_MAX = 16  # actions
 PROCEDURES_MAX = 5
@@ -333,12 +333,19 @@ class Day:
     # ---- Comparing ----
 
     def settle(self):
-        """Waits until both databases hold what they must, and the server keeps the rest."""
+        """Waits until both databases hold what they must, what has no place there has been warned
+        of, and the server keeps the rest."""
+        def is_settled(player):
+            if player.differences():
+                return False
+            if not player.model.is_online:
+                return self.count_kept(player) == len(player.model.waiting)
+            player.read_console()
+            return player.model.warnings == player.warnings
+
         def settled():
-            return all(not player.differences() and
-                       (player.model.is_online or
-                        self.count_kept(player) == len(player.model.waiting))
-                       for player in self.players if player.model.rows["accounts"])
+            return all(is_settled(player) for player in self.players
+                       if player.model.rows["accounts"])
         self.counts["comparisons"] += 1
         if self.wait_quietly(settled, driver.BOUND):
             return
@@ -351,6 +358,9 @@ class Day:
             if not player.model.is_online and kept != waiting:
                 lines.append("the server keeps %d messages for %s, not %d" % (
                     kept, player.party.name, waiting))
+            if player.model.warnings != player.warnings:
+                lines.append("%s warns: %s, not %s" % (
+                    player.party.name, dict(player.warnings), player.model.warnings))
         self.differing += max(1, sum(line.lstrip()[:1] in "+-" for line in lines))
         raise Difference("\n".join(lines))
 
@@ -535,6 +545,29 @@ class Day:
             self.counts["changes of mind"] += 1
         player.press(status.capitalize(), nth)
         rows.decide(clause, status)
+        return True
+
+    def do_agree(self):
+        """Both agree to a clause's last revision."""
+        if len(self.online()) < 2:
+            return False
+        player = self.draw_player()
+        other = next(one for one in self.players if one is not player)
+        clause = self.draw_clause(player, lambda clause: clause["revisions"] and
+                                  player.counterpart(clause))
+        if clause is None:
+            return False
+        for one, same in ((player, clause), (other, player.counterpart(clause))):
+            # The one that both have as the last: those that came in another order differ.
+            revision = next(row for row in same["revisions"] if all(
+                row[column] == clause["revisions"][-1][column] for column in ("author", "time")))
+            if same["shown"] is not revision:
+                one.choose(same, revision)
+            before = one.model.decision(revision, one.model.jid)
+            if not before or before["status"] != "AGREE":
+                one.press("Agree", one.find(same))
+                one.model.decide(same, "AGREE")
+                self.settle()
         return True
 
     def do_talk_about_a_clause(self):
