@@ -887,7 +887,7 @@ class Day:
 
 
 def add_arguments(parser):
-    parser.add_argument("--seed", type=int, default=7, help="what the actions are drawn with")
+    parser.add_argument("--seed", type=int, default=9, help="what the actions are drawn with")
     parser.add_argument("--actions", type=int, help="how many, by default by the form")
 
 
