@@ -273,6 +273,33 @@ TEST (clause_view_comparison, first_revision_has_none_before_it)
   EXPECT_EQ (get_menu_state (comparison.clause, WITH_PREVIOUS), "off");
 }
 
+// On a touch screen GTK asks for a popover of buttons instead of a menu.
+TEST (clause_view_comparison, popover_for_touch_gets_no_menu_items)
+{
+  Comparison comparison ({"one", "two"});
+  GtkWidget *box = GTK_WIDGET (g_object_ref_sink (gtk_box_new (GTK_ORIENTATION_HORIZONTAL, 0)));
+  g_signal_emit_by_name (get_text_view (comparison.clause), "populate-popup", box);
+  EXPECT_EQ (gtk_container_get_children (GTK_CONTAINER (box)), nullptr);
+  g_object_unref (box);
+}
+
+TEST (clause_view_comparison, menu_key_without_a_row_that_has_the_focus_opens_nothing)
+{
+  Comparison comparison ({"one", "two"});
+  gboolean is_handled = TRUE;
+  g_signal_emit_by_name (get_list (comparison.clause), "popup-menu", &is_handled);
+  EXPECT_FALSE (is_handled);
+}
+
+TEST (clause_view_comparison, text_that_is_scrolled_sideways_returns)
+{
+  Comparison comparison ({"one"});
+  GtkAdjustment *adjustment =
+    gtk_scrollable_get_hadjustment (GTK_SCROLLABLE (get_text_view (comparison.clause)));
+  gtk_adjustment_configure (adjustment, 5, 0, 100, 1, 1, 10);
+  EXPECT_EQ (gtk_adjustment_get_value (adjustment), 0);
+}
+
 TEST (clause_view_comparison, draft_offers_no_previous_revision)
 {
   Comparison comparison ({"a b", "a c"});
