@@ -433,6 +433,8 @@ call_name (u64 number)
     return "sendmmsg";
   case SYS_shutdown:
     return "shutdown";
+  case SYS_fchown:
+    return "fchown";
   default:
     return "other";
   }
