@@ -22,8 +22,19 @@ extern GtkTextBuffer *_console_text_buffer;
 
 // Schedules `handler` with `record` on the interface thread. The record then belongs to the
 // handler, which begins with `accept_hand_over`, frees the record as its last act and runs once.
+// Handlers run in the order of scheduling; where many wait, the interface answers between them.
 void hand_over (GSourceFunc handler, void *record);
 void *accept_hand_over (void *record);  // returns `record`
+
+// ---- Long work ----
+// What takes long on the interface thread is done in pieces. Between them windows are drawn and
+// answer the user, but nothing that was handed over is run, so that the model stays as it is. Who
+// begins long work must see to it that its window is not closed meanwhile.
+
+void begin_long_work ();
+// Where one piece ends. Returns at once outside of long work, and when the last pause was just now.
+void pause_long_work ();
+void end_long_work ();
 
 // ---- Console ----
 

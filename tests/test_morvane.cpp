@@ -141,6 +141,68 @@ TEST (hand_over, from_another_thread_runs_the_handler_on_the_interface_thread)
   pthread_join (sender, NULL);
 }
 
+// ---- Long work ----
+
+static gboolean
+note_event (gpointer data)
+{
+  *(std::string *) data += "event ";
+  return G_SOURCE_REMOVE;
+}
+
+static gboolean
+note_hand_over (gpointer data)
+{
+  *(std::string *) accept_hand_over (data) += "handed over ";
+  return G_SOURCE_REMOVE;
+}
+
+// One event and one record wait; then comes what takes longer than a piece may.
+static void
+do_long_work (std::string *seen)
+{
+  g_idle_add_full (GDK_PRIORITY_EVENTS, note_event, seen, NULL);
+  hand_over (note_hand_over, seen);
+  for (s64 start = g_get_monotonic_time (); g_get_monotonic_time () < start + 60000;)
+    continue;
+  pause_long_work ();
+  *seen += "work ";
+}
+
+TEST (pause_long_work, handles_events_and_leaves_what_was_handed_over)
+{
+  std::string seen;
+  begin_long_work ();
+  do_long_work (&seen);
+  end_long_work ();
+  run_idle_callbacks ();
+  EXPECT_EQ ("event work handed over ", seen);
+}
+
+TEST (pause_long_work, does_nothing_outside_of_long_work)
+{
+  std::string seen;
+  begin_long_work ();
+  end_long_work ();
+  do_long_work (&seen);
+  run_idle_callbacks ();
+  EXPECT_EQ ("work event handed over ", seen);
+}
+
+TEST (pause_long_work, leaves_short_pieces_alone)
+{
+  std::string seen;
+  begin_long_work ();
+  g_idle_add_full (GDK_PRIORITY_EVENTS, note_event, &seen, NULL);
+  pause_long_work ();
+  EXPECT_EQ ("", seen);
+  end_long_work ();
+  run_idle_callbacks ();
+  EXPECT_EQ ("event ", seen);
+}
+
+// ---- Order ----
+
 static gboolean
 append_letter (gpointer data)
 {
@@ -165,6 +227,30 @@ TEST (hand_over, keeps_the_order)
   hand_over (append_letter, &letters);
   run_idle_callbacks ();
   EXPECT_EQ ("a-c", letters);
+}
+
+// Works longer than handlers may run one behind the other.
+static gboolean
+work_for_a_turn (gpointer data)
+{
+  u32 *runs_count = (u32 *) accept_hand_over (data);
+  for (s64 start = g_get_monotonic_time (); g_get_monotonic_time () < start + 30000;)
+    continue;
+  ++*runs_count;
+  return G_SOURCE_REMOVE;
+}
+
+TEST (hand_over, lets_the_interface_answer_between_handlers_that_take_long)
+{
+  u32 runs_count = 0;
+  for (u32 i = 0; i < 3; ++i)
+    hand_over (work_for_a_turn, &runs_count);
+  for (u32 turn = 1; turn <= 3; ++turn) {
+    g_main_context_iteration (NULL, FALSE);
+    EXPECT_EQ (turn, runs_count);
+  }
+  run_idle_callbacks ();
+  EXPECT_EQ (3u, runs_count);
 }
 
 TEST (accept_hand_over, returns_the_record)
