@@ -6,6 +6,92 @@
 #include "db.h"
 #include "morvane.h"
 
+// The first clauses of a page, which are mapped with it as any widget is.
+static const u32 MAPPED_CLAUSES = 16;
+
+// The box of the clauses, made for hundreds of them. Of those behind the first only the ones in
+// sight, or nearly so, are mapped: each has a dozen windows of the toolkit's own. And a child's path
+// in the tree of styles is that of a child of any container: a box tells of each child all of its
+// siblings, at a cost for each that grows with their number, and nothing in the looks of a clause
+// depends on where it stands.
+struct ClausesBox {
+  GtkBox parent_instance;
+  u32 added_count;
+};
+
+struct ClausesBoxClass {
+  GtkBoxClass parent_class;
+};
+
+G_DEFINE_TYPE (ClausesBox, clauses_box, GTK_TYPE_BOX)
+
+static GtkAdjustment *
+clauses_box_get_vadjustment (ClausesBox *self)
+{
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
+  return viewport ? gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)) : NULL;
+}
+
+// Maps what is within a page of what is in sight. What was mapped once stays so, for it may have the
+// focus. Without a place of its own nothing is in sight.
+static void
+clauses_box_map_near (ClausesBox *self)
+{
+  GtkAdjustment *vadjustment = clauses_box_get_vadjustment (self);
+  if (!vadjustment)
+    return;
+  double page_size = gtk_adjustment_get_page_size (vadjustment);
+  double start = gtk_adjustment_get_value (vadjustment) - page_size;
+  double end = start + 3 * page_size;
+  GList *children = gtk_container_get_children (GTK_CONTAINER (self));
+  for (GList *link = children; link; link = link->next) {
+    GtkWidget *child = GTK_WIDGET (link->data);
+    GtkAllocation place;
+    gtk_widget_get_allocation (child, &place);
+    bool is_near = place.y < end && place.y + place.height > start;
+    if (is_near && place.width > 1 && !gtk_widget_get_child_visible (child))
+      gtk_widget_set_child_visible (child, TRUE);
+  }
+  g_list_free (children);
+}
+
+static void
+clauses_box_add (GtkContainer *container, GtkWidget *child)
+{
+  ClausesBox *self = (ClausesBox *) container;
+  self->added_count++;
+  if (self->added_count > MAPPED_CLAUSES)
+    gtk_widget_set_child_visible (child, FALSE);
+  GTK_CONTAINER_CLASS (clauses_box_parent_class)->add (container, child);
+}
+
+static GtkWidgetPath *
+clauses_box_get_path_for_child (GtkContainer *container, GtkWidget *child)
+{
+  gpointer container_class = g_type_class_peek (GTK_TYPE_CONTAINER);
+  return GTK_CONTAINER_CLASS (container_class)->get_path_for_child (container, child);
+}
+
+static void
+clauses_box_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
+{
+  GTK_WIDGET_CLASS (clauses_box_parent_class)->size_allocate (widget, allocation);
+  clauses_box_map_near ((ClausesBox *) widget);
+}
+
+static void
+clauses_box_class_init (ClausesBoxClass *box_class)
+{
+  GTK_CONTAINER_CLASS (box_class)->add = clauses_box_add;
+  GTK_CONTAINER_CLASS (box_class)->get_path_for_child = clauses_box_get_path_for_child;
+  GTK_WIDGET_CLASS (box_class)->size_allocate = clauses_box_size_allocate;
+}
+
+static void
+clauses_box_init (ClausesBox *)
+{
+}
+
 struct _ProcedureView {
   GtkBox parent_instance;
   Procedure *procedure;  // borrowed
@@ -48,6 +134,8 @@ static void
 procedure_view_class_init (ProcedureViewClass *view_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
+  // The template names it.
+  g_type_ensure (clauses_box_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/procedure_view.ui");
   gtk_widget_class_bind_template_child (widget_class, ProcedureView, stack);
@@ -62,6 +150,9 @@ static void
 procedure_view_init (ProcedureView *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
+  ClausesBox *clauses_box = (ClausesBox *) self->clauses_box;
+  g_signal_connect_object (clauses_box_get_vadjustment (clauses_box), "value-changed",
+                           G_CALLBACK (clauses_box_map_near), clauses_box, G_CONNECT_SWAPPED);
   g_signal_connect (self->delete_button, "clicked",
                     G_CALLBACK (procedure_view_delete_button_handle), self);
   g_signal_connect (self->add_clause_button, "clicked",
@@ -69,7 +160,7 @@ procedure_view_init (ProcedureView *self)
 }
 
 GtkWidget *
-procedure_view_new (Procedure *procedure, String own)
+procedure_view_new_empty (Procedure *procedure)
 {
   ProcedureView *self = MORVANE_PROCEDURE_VIEW (g_object_new (procedure_view_get_type (), NULL));
   self->procedure = procedure;
@@ -77,6 +168,13 @@ procedure_view_new (Procedure *procedure, String own)
     g_utf8_make_valid ((const char *) procedure->title.data, (gssize) procedure->title.size);
   gtk_label_set_text (self->title_label, title);
   g_free (title);
+  return GTK_WIDGET (self);
+}
+
+void
+procedure_view_fill (ProcedureView *self, String own)
+{
+  Procedure *procedure = self->procedure;
   for (u32 i = 0; i < procedure->clauses_count; ++i) {
     Clause *clause = procedure->clauses[i];
     procedure_view_add_clause (self, clause);
@@ -85,8 +183,16 @@ procedure_view_new (Procedure *procedure, String own)
     } else {
       clause_view_set_draft_mode (clause->view);
     }
+    pause_long_work ();
   }
-  return GTK_WIDGET (self);
+}
+
+GtkWidget *
+procedure_view_new (Procedure *procedure, String own)
+{
+  GtkWidget *view = procedure_view_new_empty (procedure);
+  procedure_view_fill (MORVANE_PROCEDURE_VIEW (view), own);
+  return view;
 }
 
 // ---- Clauses ----

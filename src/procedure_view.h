@@ -16,6 +16,10 @@ G_DECLARE_FINAL_TYPE (ProcedureView, procedure_view, MORVANE, PROCEDURE_VIEW, Gt
 // `own` is the bare JID of the account. Each clause shows its last revision, or is in draft mode
 // when it has none.
 GtkWidget *procedure_view_new (Procedure *procedure, String own);
+// The same in two steps. All of a view that comes into a window gets its styles at once, so one of
+// hundreds of clauses comes empty, and is filled there, with pauses in long work.
+GtkWidget *procedure_view_new_empty (Procedure *procedure);
+void procedure_view_fill (ProcedureView *self, String own);
 
 // ---- Clauses ----
 

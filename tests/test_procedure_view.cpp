@@ -98,6 +98,78 @@ TEST (procedure_view_new, takes_a_title_that_is_no_text_without_a_warning)
   EXPECT_EQ (get_text (procedure->view, "title_label"), "a\xef\xbf\xbd");
 }
 
+static bool
+is_mapped (void *clause)
+{
+  return gtk_widget_get_mapped (GTK_WIDGET (((Clause *) clause)->view));
+}
+
+TEST (procedure_view_new, maps_only_the_clauses_near_to_what_is_in_sight)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  for (u32 i = 0; i < 40; i++) {
+    add_revision (&test, add_clause (&test, procedure), "Planks of oak");
+  }
+  show (&test, procedure);
+  Clause *first = procedure->clauses[0];
+  Clause *last = procedure->clauses[39];
+  EXPECT_TRUE (pump_until (is_mapped, first));
+  EXPECT_FALSE (is_mapped (last));
+  EXPECT_TRUE (gtk_widget_get_visible (GTK_WIDGET (last->view)));
+
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (last->view), GTK_TYPE_VIEWPORT);
+  GtkAdjustment *adjustment = gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport));
+  gtk_adjustment_set_value (adjustment, gtk_adjustment_get_upper (adjustment));
+  EXPECT_TRUE (pump_until (is_mapped, last));
+  EXPECT_FALSE (is_mapped (procedure->clauses[20]));
+  // It may have the focus.
+  EXPECT_TRUE (is_mapped (first));
+}
+
+TEST (procedure_view_new, maps_a_clause_that_is_added_in_sight)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  show (&test, procedure);
+  press (procedure->view, "add_clause_button");
+  ASSERT_EQ (procedure->clauses_count, 1u);
+  EXPECT_TRUE (pump_until (is_mapped, procedure->clauses[0]));
+}
+
+// With all of its siblings in each path, a page of hundreds of clauses took seconds.
+TEST (procedure_view_new, gives_a_clause_a_style_path_without_its_siblings)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  add_clause (&test, procedure);
+  add_clause (&test, procedure);
+  show (&test, procedure);
+  GtkWidgetPath *path = gtk_widget_get_path (GTK_WIDGET (procedure->clauses[1]->view));
+  EXPECT_GT (gtk_widget_path_length (path), 1);
+  EXPECT_EQ (gtk_widget_path_iter_get_siblings (path, -1), nullptr);
+}
+
+TEST (procedure_view_new, is_the_same_in_two_steps)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  add_revision (&test, add_clause (&test, procedure), "Planks of oak");
+  add_clause (&test, procedure);
+  GtkWidget *view = procedure_view_new_empty (procedure);
+  show_alone (view);
+  procedure->view = MORVANE_PROCEDURE_VIEW (view);
+  EXPECT_EQ (count_clause_views (procedure), 0u);
+  procedure_view_fill (procedure->view, test.window->account.bare_jid);
+  EXPECT_EQ (count_clause_views (procedure), 2u);
+  EXPECT_EQ (get_text (procedure->clauses[0]->view, "text_view"), "Planks of oak");
+  EXPECT_EQ (get_text (procedure->clauses[1]->view, "revision_status_label"), "draft");
+}
+
 TEST (procedure_view_new, wraps_a_long_title_instead_of_widening_the_window)
 {
   TestWindow test;
