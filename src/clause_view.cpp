@@ -10,6 +10,20 @@
 #include "morvane.h"
 #include "procedure_view.h"
 
+// A popover that joins its window when it is shown for the first time, and not when its button does.
+// A window measures, places and moves all popovers that it has, seen or not, each time that anything
+// in it gets another size or is scrolled, and a page has one popover a clause.
+struct RevisionsPopover {
+  GtkPopover parent_instance;
+  bool is_waiting;  // not joined its window yet
+};
+
+struct RevisionsPopoverClass {
+  GtkPopoverClass parent_class;
+};
+
+G_DEFINE_TYPE (RevisionsPopover, revisions_popover, GTK_TYPE_POPOVER)
+
 struct _ClauseView {
   GtkBox parent_instance;
   Procedure *procedure;  // borrowed, like all records here
@@ -57,6 +71,53 @@ static bool clause_view_has_changes (ClauseView *self);
 static void clause_view_decide_change (ClauseView *self, bool is_kept);
 static void clause_view_keep_all_changes (ClauseView *self);
 static void clause_view_use_as_draft (ClauseView *self);
+
+// ---- The popover of the revisions ----
+
+static void
+revisions_popover_show (GtkWidget *widget)
+{
+  RevisionsPopover *self = (RevisionsPopover *) widget;
+  if (self->is_waiting) {
+    self->is_waiting = false;
+    GtkPopover *popover = GTK_POPOVER (widget);
+    GtkWidget *button = gtk_popover_get_relative_to (popover);
+    // Set anew, it looks for its window, and follows the button from then on.
+    g_object_ref (popover);
+    gtk_popover_set_relative_to (popover, NULL);
+    gtk_popover_set_relative_to (popover, button);
+    g_object_unref (popover);
+    // It takes a button whose page was not laid out yet for one that is scrolled out of sight.
+    gtk_widget_set_child_visible (widget, TRUE);
+  }
+  GTK_WIDGET_CLASS (revisions_popover_parent_class)->show (widget);
+}
+
+static void
+revisions_popover_class_init (RevisionsPopoverClass *popover_class)
+{
+  GTK_WIDGET_CLASS (popover_class)->show = revisions_popover_show;
+}
+
+static void
+revisions_popover_init (RevisionsPopover *self)
+{
+  self->is_waiting = true;
+}
+
+static GtkPopover *
+revisions_popover_new (GtkMenuButton *button)
+{
+  GtkWidget *popover =
+    GTK_WIDGET (g_object_new (revisions_popover_get_type (), "relative-to", button, NULL));
+  gtk_menu_button_set_popover (button, popover);
+  // Its way of learning that the button came into a window.
+  guint hierarchy_changed = g_signal_lookup ("hierarchy-changed", GTK_TYPE_WIDGET);
+  g_signal_handlers_block_matched (button,
+                                   (GSignalMatchType) (G_SIGNAL_MATCH_ID | G_SIGNAL_MATCH_DATA),
+                                   hierarchy_changed, 0, NULL, NULL, popover);
+  return GTK_POPOVER (popover);
+}
 
 // ---- Helpers ----
 
@@ -601,10 +662,7 @@ clause_view_make_revision_selector (ClauseView *self)
   gtk_widget_set_tooltip_text (GTK_WIDGET (self->revision_select_list),
                                "Shows a revision; its menu compares it with the one shown");
   gtk_widget_show_all (GTK_WIDGET (self->revisions_scroller));
-  self->revisions_popover =
-    GTK_POPOVER (gtk_popover_new (GTK_WIDGET (self->revision_select_menu_button)));
-  gtk_menu_button_set_popover (self->revision_select_menu_button,
-                               GTK_WIDGET (self->revisions_popover));
+  self->revisions_popover = revisions_popover_new (self->revision_select_menu_button);
   gtk_container_add (GTK_CONTAINER (self->revisions_popover),
                      GTK_WIDGET (self->revisions_scroller));
 }
@@ -654,6 +712,7 @@ clause_view_new (Procedure *procedure, Clause *clause)
     clause_view_enable_chat (self);
   for (u32 i = 0; i < clause->revisions_count; i++) {
     clause_view_add_revision (self, clause->revisions[i]);
+    pause_long_work ();
   }
   if (clause->draft)
     clause_view_add_draft_row (self);
@@ -667,6 +726,22 @@ void
 clause_view_add_revision (ClauseView *self, ClauseRevision *revision)
 {
   clause_view_append_row (self, clause_revision_list_item_new (revision));
+}
+
+// The row of the revision, which is nearly always at the revision's own place, or one below where the
+// draft's row is above it; a clause may have thousands. None for a revision that was never added.
+static GtkListBoxRow *
+clause_view_find_row (ClauseView *self, ClauseRevision *revision)
+{
+  s64 index = get_revision_index_reversed (self->clause, revision);
+  for (s64 place = index; place >= 0 && place <= index + 1; place++) {
+    GtkListBoxRow *row = gtk_list_box_get_row_at_index (self->revision_select_list, (gint) place);
+    GtkWidget *child = row ? gtk_bin_get_child (GTK_BIN (row)) : NULL;
+    if (child && clause_revision_list_item_get_revision (
+                   MORVANE_CLAUSE_REVISION_LIST_ITEM (child)) == revision)
+      return row;
+  }
+  return clause_revision_list_item_find_row (self->revision_select_list, revision);
 }
 
 static void
@@ -713,7 +788,7 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
     gtk_widget_grab_focus (GTK_WIDGET (self->revision_select_menu_button));
   clause_view_save_draft (self);
   clause_view_end_diff (self);
-  GtkListBoxRow *row = clause_revision_list_item_find_row (self->revision_select_list, revision);
+  GtkListBoxRow *row = clause_view_find_row (self, revision);
   assert (row);
   gtk_list_box_select_row (self->revision_select_list, row);
   self->revision = revision;

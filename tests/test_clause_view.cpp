@@ -292,6 +292,19 @@ TEST (clause_view_new, puts_the_revisions_into_a_popover_that_scrolls)
   EXPECT_EQ (gtk_scrolled_window_get_min_content_height (GTK_SCROLLED_WINDOW (scroller)), 300);
 }
 
+// A window works on all popovers that it has, each time that it is laid out or scrolled.
+TEST (clause_view_new, lets_the_popover_join_the_window_when_it_is_opened)
+{
+  TestWindow test;
+  Clause *clause = open_two_revisions (&test);
+  GtkWidget *popover = get_popover (clause);
+  EXPECT_EQ (gtk_widget_get_parent (popover), nullptr);
+  open_revisions (clause);
+  EXPECT_EQ (gtk_widget_get_toplevel (popover), GTK_WIDGET (test.window));
+  EXPECT_EQ (gtk_popover_get_relative_to (GTK_POPOVER (popover)),
+             find_widget (clause->view, "revision_select_menu_button"));
+}
+
 TEST (clause_view_init, takes_text_widgets_and_names_from_the_template)
 {
   LooseClause loose;
