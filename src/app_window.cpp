@@ -29,6 +29,9 @@ static const u32 WORKER_WAIT = 1500;  // with the rest of closing, under two sec
 
 static u32 stray_workers_count;
 
+// Width and height of a new window, in pixels.
+static const int WINDOW_SIZE = 640;
+
 static void
 app_window_save_drafts (AppWindow *self)
 {
@@ -164,6 +167,14 @@ app_window_contacts_list_box_row_activated_handle (GtkListBox *, GtkListBoxRow *
   gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (contact->chat_page));
 }
 
+// A window that is closed while its account is loaded goes when that is done.
+static gboolean
+app_window_delete_handle (GtkWidget *, GdkEvent *, AppWindow *self)
+{
+  self->close_wanted = self->loading;
+  return self->loading;
+}
+
 // Alt with the grave accent opens and closes the console.
 static gboolean
 handle_app_window_key_press (GtkWidget *, GdkEventKey *event, AppWindow *self)
@@ -255,6 +266,21 @@ app_window_set_console_style (AppWindow *self)
   g_object_unref (provider);
 }
 
+// A text view breaks its lines whether it is seen or not, and one that never had a place breaks them
+// behind each letter, at many times the cost.
+static void
+app_window_lay_out_console (AppWindow *self)
+{
+  GtkWidget *console = GTK_WIDGET (self->console);
+  GtkAllocation place = {0, 0, WINDOW_SIZE, WINDOW_SIZE};
+  gtk_widget_show (console);
+  // It is only placed after it was asked.
+  GtkRequisition size;
+  gtk_widget_get_preferred_size (console, &size, NULL);
+  gtk_widget_size_allocate (console, &place);
+  gtk_widget_hide (console);
+}
+
 // The theme gives a switcher's buttons a width that leaves the clauses too little of a small window.
 static void
 app_window_narrow_roster_switcher (AppWindow *self)
@@ -280,6 +306,7 @@ app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqli
   AppWindow *self =
     MORVANE_APP_WINDOW (g_object_new (app_window_get_type (), "application", app, NULL));
   gtk_text_view_set_buffer (self->console, console);
+  app_window_lay_out_console (self);
   self->tls_credentials = tls_credentials;
   self->db = db;
   self->account = {};
@@ -294,10 +321,11 @@ app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqli
     }
   }
   gtk_window_set_default (GTK_WINDOW (self), login_page_get_login_button (self->login_page));
-  gtk_window_set_default_size (GTK_WINDOW (self), 640, 640);
+  gtk_window_set_default_size (GTK_WINDOW (self), WINDOW_SIZE, WINDOW_SIZE);
   app_window_set_console_style (self);
   app_window_narrow_roster_switcher (self);
 
+  g_signal_connect (self, "delete-event", G_CALLBACK (app_window_delete_handle), self);
   g_signal_connect (self, "key-press-event", G_CALLBACK (handle_app_window_key_press), self);
   g_signal_connect (self->add_procedure_button, "clicked",
                     G_CALLBACK (app_window_add_procedure_button_handle), self);
@@ -344,6 +372,22 @@ app_window_goto_prev_main_page (AppWindow *self)
 
 // ---- Account, contacts and procedures ----
 
+static void
+app_window_begin_loading (AppWindow *self)
+{
+  self->loading = true;
+  begin_long_work ();
+}
+
+static void
+app_window_end_loading (AppWindow *self)
+{
+  end_long_work ();
+  self->loading = false;
+  if (self->close_wanted)
+    gtk_window_close (GTK_WINDOW (self));
+}
+
 void
 app_window_load_account (AppWindow *self)
 {
@@ -352,14 +396,18 @@ app_window_load_account (AppWindow *self)
     self->account_db_id = db_insert_account (self->db, self->account.bare_jid);
   }
   assert (self->account_db_id);
+  app_window_begin_loading (self);
   db_load_account (self->db, self->account_db_id, &self->contacts, &self->procedures);
   for (u32 i = 0; i < self->contacts.count; i++) {
     app_window_add_contact (self, self->contacts.contacts[i]);
+    pause_long_work ();
   }
   for (u32 i = 0; i < self->procedures.count; i++) {
     app_window_add_procedure (self, self->procedures.procedures[i]);
+    pause_long_work ();
   }
   gtk_stack_set_visible_child (self->stack, GTK_WIDGET (self->main_page));
+  app_window_end_loading (self);
 }
 
 void
@@ -408,12 +456,13 @@ app_window_add_procedure (AppWindow *self, Procedure *procedure)
 {
   String own = self->account.bare_jid;
   String other = own == procedure->initiator ? procedure->contractor : procedure->initiator;
-  GtkWidget *view = procedure_view_new (procedure, own);
+  GtkWidget *view = procedure_view_new_empty (procedure);
   GtkWidget *list_item = procedure_list_item_new (procedure, other);
   procedure->view = MORVANE_PROCEDURE_VIEW (view);
   gtk_widget_show (view);
   gtk_widget_show (list_item);
   gtk_container_add (GTK_CONTAINER (self->main_page_stack), view);
+  procedure_view_fill (procedure->view, own);
   gtk_list_box_prepend (self->procedures_list_box, list_item);
   procedure->list_item = GTK_LIST_BOX_ROW (gtk_widget_get_parent (list_item));
 }

@@ -65,6 +65,8 @@ struct _AppWindow {
   bool worker_stray;             // the window closed without waiting longer for it
   String worker_bare_jid;        // owned; the account that the last worker was started for
   bool closed;                   // the user closed the window; interface thread only
+  bool loading;                  // the account is being loaded, and the window has to stay
+  bool close_wanted;             // the user closed the window meanwhile
 };
 
 G_DECLARE_FINAL_TYPE (AppWindow, app_window, MORVANE, APP_WINDOW, GtkApplicationWindow)

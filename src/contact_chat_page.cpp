@@ -103,6 +103,7 @@ contact_chat_page_new (Contact *contact)
   self->contact = contact;
   for (u32 i = 0; i < contact->messages_count; ++i) {
     contact_chat_page_add_message (self, contact->messages[i]);
+    pause_long_work ();
   }
   return GTK_WIDGET (self);
 }

@@ -212,6 +212,7 @@ load_contacts (sqlite3 *db, u64 account_db_id, ContactStack *contacts)
     exec_format (db, _db_load_contact_message, contact,
                  "SELECT * FROM contact_messages WHERE contact_db_id = %lu ORDER BY time ASC;",
                  contact->db_id);
+    pause_long_work ();
   }
 }
 
@@ -230,6 +231,7 @@ load_clause_children (sqlite3 *db, Clause *clause)
     exec_format (db, _db_load_clause_revision_decision, revision,
                  "SELECT * FROM clause_revision_decisions WHERE clause_revision_db_id = %lu;",
                  revision->db_id);
+    pause_long_work ();
   }
 }
 

@@ -248,6 +248,21 @@ TEST (app_window_new, styles_nothing_but_the_console)
   EXPECT_NE (get_font_size (find_widget (test.window->login_page, "bare_jid_entry")), 10);
 }
 
+// A text that had no place yet would be broken behind each letter, at many times the cost.
+TEST (app_window_new, breaks_the_lines_of_the_hidden_console_at_the_width_of_a_window)
+{
+  TestWindow test;
+  gtk_text_buffer_set_text (test.console, "A line of the console, with some words in it", -1);
+  pump ();
+  EXPECT_FALSE (gtk_widget_get_visible (GTK_WIDGET (test.window->console)));
+  GtkTextIter start;
+  gtk_text_buffer_get_start_iter (test.console, &start);
+  int y;
+  int height;
+  gtk_text_view_get_line_yrange (test.window->console, &start, &y, &height);
+  EXPECT_LT (height, 40);
+}
+
 // Whoever reads the console is not carried away by new output.
 TEST (app_window_new, does_not_follow_the_console)
 {
@@ -516,6 +531,19 @@ TEST (handle_app_window_key_press, leaves_a_plain_grave_accent_to_the_text)
 }
 
 // ---- Loading an account ----
+
+TEST (app_window_load_account, keeps_a_window_that_is_closed_meanwhile_until_it_is_done)
+{
+  TestWindow test;
+  test.window->loading = true;
+  gtk_window_close (GTK_WINDOW (test.window));
+  pump ();
+  EXPECT_TRUE (app_window_is_open (test.window));
+  EXPECT_TRUE (test.window->close_wanted);
+  log_in (&test);
+  EXPECT_FALSE (test.window->loading);
+  EXPECT_FALSE (app_window_is_open (test.window));
+}
 
 TEST (app_window_load_account, makes_the_account_that_is_not_there)
 {
