@@ -268,7 +268,7 @@ class Day:
     def __init__(self, trial):
         self.trial = trial
         self.seed = trial.arguments.seed
-        self.actions_max = trial.arguments.actions or (70 if trial.short else 600)
+        self.actions_max = trial.arguments.actions or (70 if trial.short else 500)
         self.hours = 4 if trial.short else 24
         self.source = random.Random(self.seed)
         self.writer = Writer(self.source)
