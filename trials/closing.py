@@ -437,8 +437,9 @@ def try_burst(trial, kind, context):
         try_case(tally, "burst %d" % number, lambda: close_in_burst(context, sizes))
     tally.report(trial, "closed %d times in a burst without an end; the store holds its front" %
                  count)
-    trial.figure("%s: messages stored of the bursts when they were closed" % kind,
-                 ", ".join(str(size) for size in sizes))
+    if kind == RELEASE:
+        trial.figure("%s: messages stored of each burst when it was closed" % kind,
+                     ", ".join(str(size) for size in sizes))
 
 
 # ---- Two windows ----
