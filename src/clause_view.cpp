@@ -33,6 +33,7 @@ struct _ClauseView {
   bool is_text_changed;           // since the draft was saved
   bool is_draft;                  // in draft mode
   bool has_draft_row;             // in the list of revisions
+  int text_width;                 // that the text was laid out for last, in pixels
   GtkPopover *revisions_popover;  // of `revision_select_menu_button`
   GtkScrolledWindow *revisions_scroller;
   GtkListBox *revision_select_list;  // a row for each revision, and one at most for the draft
@@ -222,6 +223,26 @@ clause_view_focus_out_handle (GtkWidget *, GdkEvent *, ClauseView *self)
   CONSOLE_DUMP ("FOCUSE OUT");
   clause_view_save_draft (self);
   return FALSE;
+}
+
+static gboolean
+clause_view_resize_text (gpointer text_view)
+{
+  gtk_widget_queue_resize (GTK_WIDGET (text_view));
+  return G_SOURCE_REMOVE;
+}
+
+// A text that gets another width is laid out anew while it is placed, too late to ask for the height
+// that it now has: below a long one there would be pages of nothing. So it is asked once more.
+static void
+clause_view_text_view_size_allocate_handle (GtkWidget *text_view, GdkRectangle *place,
+                                            ClauseView *self)
+{
+  if (place->width == self->text_width)
+    return;
+  self->text_width = place->width;
+  gdk_threads_add_idle_full (G_PRIORITY_DEFAULT_IDLE, clause_view_resize_text,
+                             g_object_ref (text_view), g_object_unref);
 }
 
 static void
@@ -681,6 +702,8 @@ clause_view_connect_handlers (ClauseView *self)
                     self);
   g_signal_connect (self->text_view, "focus-out-event", G_CALLBACK (clause_view_focus_out_handle),
                     self);
+  g_signal_connect (self->text_view, "size-allocate",
+                    G_CALLBACK (clause_view_text_view_size_allocate_handle), self);
   g_signal_connect (self->text_view, "motion-notify-event",
                     G_CALLBACK (clause_view_text_view_motion_notify_handle), self);
   g_signal_connect (self->text_view, "key-press-event",

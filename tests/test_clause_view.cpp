@@ -292,6 +292,33 @@ TEST (clause_view_new, puts_the_revisions_into_a_popover_that_scrolls)
   EXPECT_EQ (gtk_scrolled_window_get_min_content_height (GTK_SCROLLED_WINDOW (scroller)), 300);
 }
 
+// Below a text that was laid out anew for another width stood nothing, for pages.
+TEST (clause_view_new, gives_a_long_text_the_height_that_it_has)
+{
+  TestWindow test;
+  std::string text;
+  for (int i = 0; i < 1000; i++) {
+    text += "Some words of a long text, which are more than a line can hold in any window.\n";
+  }
+  Clause *clause = open_clause (&test, std::string (OWN_PROCEDURE) + OWN_CLAUSE +
+                                         "INSERT INTO clause_revisions VALUES (1, 1, 3000, '" ALICE
+                                         "', 'COMMITTED', '" +
+                                         text + "');");
+  bool fits = pump_until (
+    [] (void *data) {
+      GtkTextView *text_view = GTK_TEXT_VIEW (find_widget (((Clause *) data)->view, "text_view"));
+      GtkTextIter end;
+      int y;
+      int height;
+      gtk_text_buffer_get_end_iter (gtk_text_view_get_buffer (text_view), &end);
+      gtk_text_view_get_line_yrange (text_view, &end, &y, &height);
+      int allocated = gtk_widget_get_allocated_height (GTK_WIDGET (text_view));
+      return y > 10000 && allocated >= y + height && allocated < y + height + 100;
+    },
+    clause);
+  EXPECT_TRUE (fits);
+}
+
 // A window works on all popovers that it has, each time that it is laid out or scrolled.
 TEST (clause_view_new, lets_the_popover_join_the_window_when_it_is_opened)
 {
