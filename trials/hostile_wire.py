@@ -31,6 +31,7 @@ class Wire:
             self.incoming, self.outgoing, server_side=server_side, server_hostname=hostname
         )
         self.lock = threading.Lock()
+        self.sending = threading.Lock()
         self.news = threading.Condition()
         self.heard = bytearray()
         self.heard_count = 0
@@ -40,7 +41,7 @@ class Wire:
         threading.Thread(target=self.listen, daemon=True).start()
 
     def flush(self):
-        """Writes what TLS has ready; the lock is held, or nobody else is there yet."""
+        """Writes what TLS has ready, within the handshake."""
         data = self.outgoing.read()
         if data:
             self.peer.sendall(data)
@@ -67,7 +68,6 @@ class Wire:
                 with self.lock:
                     self.incoming.write(data)
                     plain = self.take()
-                    self.flush()
                 if plain is None:
                     break
                 with self.news:
@@ -101,10 +101,13 @@ class Wire:
     def send(self, data):
         """Sends the bytes as they are; False when the other side is gone."""
         try:
-            with self.lock:
+            with self.sending:
                 for start in range(0, len(data), 16384):
-                    self.session.write(data[start:start + 16384])
-                    self.flush()
+                    with self.lock:
+                        self.session.write(data[start:start + 16384])
+                        encrypted = self.outgoing.read()
+                    # Without the lock: whoever does not listen must still be heard.
+                    self.peer.sendall(encrypted)
             return True
         except (OSError, ssl.SSLError):
             return False
