@@ -25,6 +25,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 
@@ -890,16 +891,18 @@ TEST_F (os, wait_readable_without_a_socket_is_false)
   EXPECT_FALSE (os_wait_readable (-1, 0));
 }
 
-static volatile sig_atomic_t alarms_count = 0;
+// Another thread may look at it.
+static std::atomic<int> alarms_count = 0;
 static volatile sig_atomic_t alarms_before_data = 0;
 static int alarm_socket = -1;
 
 static void
 alarm_handle (int)
 {
-  alarms_count = alarms_count + 1;
-  if (alarms_count == alarms_before_data)
+  int error = errno;
+  if (++alarms_count == alarms_before_data)
     send (alarm_socket, "x", 1, 0);
+  errno = error;
 }
 
 // Interrupts whatever waits, every 5 ms, and sends a byte with the alarm of the number given.
