@@ -183,6 +183,9 @@ procedure_view_fill (ProcedureView *self, String own)
     } else {
       clause_view_set_draft_mode (clause->view);
     }
+    // Styles and sizes are kept, and are not all to be found out when the page is opened.
+    GtkRequisition size;
+    gtk_widget_get_preferred_size (GTK_WIDGET (clause->view), &size, NULL);
     pause_long_work ();
   }
 }
