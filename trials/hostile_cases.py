@@ -733,7 +733,7 @@ def iq_cases(peer):
             for number in (b"1", b"2", b"x", b""):
                 yield Case("iqs", "a roster with %s" % kind, [Given(
                     sender + b"type='%s' id='%s'>%s</iq>" % (kind, number, roster), [])])
-        for number in (3, 4, 0, 77, 2 ** 64 - 1):
+        for number in (1, 2, 0, 77, 2 ** 64 - 1):
             yield Case("iqs", "a vCard with the id %d" % number, [Given(
                 sender + b"type='result' id='%d'>%s</iq>" % (number, VCARD), [unasked % number])])
             yield Case("iqs", "an error with the id %d" % number, [Given(
