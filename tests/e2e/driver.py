@@ -499,7 +499,8 @@ class Window:
         self.xid = xid
         self.place = place
         self.desktop.xdotool("windowmove", xid, place[0], place[1])
-        self.frame = self.desktop.wait(self.find_frame, "%s's window is accessible" % party.name)
+        self.frame = self.desktop.wait(self.find_placed_frame,
+                                       "%s's window is accessible" % party.name)
 
     def find_frame(self):
         """The accessible frame that lies where this window was put."""
@@ -508,6 +509,13 @@ class Window:
             if (x, y) == tuple(self.place):
                 return frame
         return None
+
+    def find_placed_frame(self):
+        """The same, once the window is there: a window manager that is late puts it elsewhere."""
+        frame = self.find_frame()
+        if frame is None:
+            self.desktop.xdotool("windowmove", self.xid, self.place[0], self.place[1])
+        return frame
 
     # ---- Finding ----
 
