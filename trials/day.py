@@ -180,10 +180,23 @@ class Player:
             self.party.press(name)
             self.list = name
 
+    def press_row(self, title):
+        """Presses the procedure's row in the list; whether the procedure is shown then. A press at
+        the place of a row that went a moment ago may be lost."""
+        for row in self.party.find_all(None, driver.ROW_ROLES):
+            if any(label.name() == title
+                   for label in self.party.find_all(None, driver.LABEL_ROLES, row)):
+                self.party.press_node(row)
+                return self.day.wait_quietly(
+                    lambda: self.party.labels().count(title) == 2 and
+                    self.party.find("Add clause", driver.BUTTON_ROLES), 3)
+        return False
+
     def open(self, procedure):
         if self.page is not procedure:
             self.show_list("Procedures")
-            self.party.open_procedure(procedure["title"])
+            self.day.desktop.wait(lambda: self.press_row(procedure["title"]), "%s opens \"%s\"" % (
+                self.party.name, procedure["title"]))
             self.page = procedure
         self.day.desktop.wait(
             lambda: self.party.count("Clause text") == len(procedure["clauses"]),
@@ -845,7 +858,7 @@ class Day:
         for player in self.players:
             player.read_console()
         hours = "%.1f" % ((self.now - START) / 3600)
-        trial.check("Hours that went by without a fault", "%d.0" % self.hours,
+        trial.check("Hours that went by without a fault, at least", "%d.0" % self.hours,
                     hours if fault is None else "%s, then: %s" % (hours, fault),
                     fault is None and self.now >= START + self.hours * 3600)
         trial.check("Pauses at which both databases held exactly the model's rows, and the server "
