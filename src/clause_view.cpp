@@ -688,6 +688,35 @@ clause_view_make_revision_selector (ClauseView *self)
                      GTK_WIDGET (self->revisions_scroller));
 }
 
+// Once the text has its new size.
+static gboolean
+clause_view_scroll_to_cursor (gpointer data)
+{
+  ClauseView *self = MORVANE_CLAUSE_VIEW (data);
+  GtkWidget *text_view = GTK_WIDGET (self->text_view);
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
+  if (!viewport || !gtk_widget_get_mapped (text_view) || !gtk_widget_has_focus (text_view))
+    return G_SOURCE_REMOVE;
+  GdkRectangle cursor;
+  gtk_text_view_get_cursor_locations (self->text_view, NULL, &cursor, NULL);
+  gtk_text_view_buffer_to_window_coords (self->text_view, GTK_TEXT_WINDOW_WIDGET, 0, cursor.y, NULL,
+                                         &cursor.y);
+  GtkWidget *page = gtk_bin_get_child (GTK_BIN (viewport));
+  int y = 0;
+  gtk_widget_translate_coordinates (text_view, page, 0, cursor.y, NULL, &y);
+  gtk_adjustment_clamp_page (gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)), y,
+                             y + cursor.height);
+  return G_SOURCE_REMOVE;
+}
+
+static void
+clause_view_cursor_moved_handle (GtkTextBuffer *, GParamSpec *, ClauseView *self)
+{
+  if (gtk_widget_has_focus (GTK_WIDGET (self->text_view)))
+    gdk_threads_add_idle_full (G_PRIORITY_DEFAULT_IDLE, clause_view_scroll_to_cursor,
+                               g_object_ref (self), g_object_unref);
+}
+
 static void
 clause_view_connect_handlers (ClauseView *self)
 {
@@ -712,6 +741,8 @@ clause_view_connect_handlers (ClauseView *self)
                     G_CALLBACK (clause_view_populate_popup_handle), self);
   g_signal_connect (gtk_text_view_get_buffer (self->text_view), "notify::cursor-position",
                     G_CALLBACK (clause_view_cursor_position_handle), self);
+  g_signal_connect (gtk_text_view_get_buffer (self->text_view), "notify::cursor-position",
+                    G_CALLBACK (clause_view_cursor_moved_handle), self);
   g_signal_connect (self->revision_select_list, "row-activated",
                     G_CALLBACK (clause_view_revision_select_list_box_row_activate_handle), self);
   g_signal_connect (self->revision_select_list, "button-press-event",

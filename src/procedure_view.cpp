@@ -146,6 +146,23 @@ procedure_view_class_init (ProcedureViewClass *view_class)
   gtk_widget_class_bind_template_child (widget_class, ProcedureView, add_clause_button);
 }
 
+// What gets the focus comes into sight. A text keeps its place: it may be higher than the page, and
+// sees to its cursor by itself.
+static void
+procedure_view_set_focus_child_handle (GtkContainer *viewport, GtkWidget *child, ProcedureView *)
+{
+  GtkWidget *focus = child;
+  while (GTK_IS_CONTAINER (focus) && gtk_container_get_focus_child (GTK_CONTAINER (focus))) {
+    focus = gtk_container_get_focus_child (GTK_CONTAINER (focus));
+  }
+  int y = 0;
+  if (!focus || GTK_IS_TEXT_VIEW (focus) ||
+      !gtk_widget_translate_coordinates (focus, child, 0, 0, NULL, &y))
+    return;
+  GtkAdjustment *vadjustment = gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport));
+  gtk_adjustment_clamp_page (vadjustment, y, y + gtk_widget_get_allocated_height (focus));
+}
+
 static void
 procedure_view_init (ProcedureView *self)
 {
@@ -153,6 +170,10 @@ procedure_view_init (ProcedureView *self)
   ClausesBox *clauses_box = (ClausesBox *) self->clauses_box;
   g_signal_connect_object (clauses_box_get_vadjustment (clauses_box), "value-changed",
                            G_CALLBACK (clauses_box_map_near), clauses_box, G_CONNECT_SWAPPED);
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (clauses_box), GTK_TYPE_VIEWPORT);
+  gtk_container_set_focus_vadjustment (GTK_CONTAINER (viewport), NULL);
+  g_signal_connect (viewport, "set-focus-child", G_CALLBACK (procedure_view_set_focus_child_handle),
+                    self);
   g_signal_connect (self->delete_button, "clicked",
                     G_CALLBACK (procedure_view_delete_button_handle), self);
   g_signal_connect (self->add_clause_button, "clicked",

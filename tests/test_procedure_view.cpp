@@ -128,6 +128,89 @@ TEST (procedure_view_new, maps_only_the_clauses_near_to_what_is_in_sight)
   EXPECT_TRUE (is_mapped (first));
 }
 
+static GtkAdjustment *
+get_page (Clause *clause)
+{
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (clause->view), GTK_TYPE_VIEWPORT);
+  return gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport));
+}
+
+static bool
+is_page_high (void *clause)
+{
+  return gtk_adjustment_get_upper (get_page ((Clause *) clause)) > 2000;
+}
+
+// A clause of two hundred lines, in sight from its beginning.
+static Clause *
+show_long_clause (TestWindow *test)
+{
+  log_in (test);
+  Procedure *procedure = add_procedure (test);
+  Clause *clause = add_clause (test, procedure);
+  std::string text;
+  for (int i = 0; i < 200; i++) {
+    text += "Planks of oak\n";
+  }
+  add_revision (test, clause, text.c_str ());
+  show (test, procedure);
+  EXPECT_TRUE (pump_until (is_page_high, clause));
+  return clause;
+}
+
+TEST (procedure_view_new, stays_where_it_is_when_a_long_text_gets_the_focus)
+{
+  TestWindow test;
+  Clause *clause = show_long_clause (&test);
+  gtk_adjustment_set_value (get_page (clause), 1000);
+  pump ();
+  gtk_widget_grab_focus (find_widget (clause->view, "text_view"));
+  pump ();
+  EXPECT_EQ (gtk_adjustment_get_value (get_page (clause)), 1000);
+}
+
+TEST (procedure_view_new, follows_the_cursor_through_a_long_text)
+{
+  TestWindow test;
+  Clause *clause = show_long_clause (&test);
+  GtkWidget *text_view = find_widget (clause->view, "text_view");
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (GTK_TEXT_VIEW (text_view));
+  GtkTextIter place;
+  gtk_text_buffer_get_start_iter (text_buffer, &place);
+  gtk_text_buffer_place_cursor (text_buffer, &place);
+  gtk_widget_grab_focus (text_view);
+  pump ();
+  EXPECT_LT (gtk_adjustment_get_value (get_page (clause)), 200);
+
+  gtk_text_buffer_get_iter_at_line (text_buffer, &place, 150);
+  gtk_text_buffer_place_cursor (text_buffer, &place);
+  pump ();
+  GdkRectangle cursor;
+  gtk_text_view_get_iter_location (GTK_TEXT_VIEW (text_view), &place, &cursor);
+  double start = gtk_adjustment_get_value (get_page (clause));
+  double end = start + gtk_adjustment_get_page_size (get_page (clause));
+  EXPECT_GT (start, 0);
+  EXPECT_LT (start, cursor.y);
+  EXPECT_GT (end, cursor.y + cursor.height);
+}
+
+TEST (procedure_view_new, shows_the_button_that_gets_the_focus)
+{
+  TestWindow test;
+  Clause *clause = show_long_clause (&test);
+  gtk_adjustment_set_value (get_page (clause), 0);
+  pump ();
+  GtkWidget *button = find_widget (clause->view, "disagree_button");
+  gtk_widget_grab_focus (button);
+  pump ();
+  int y = 0;
+  GtkWidget *viewport = gtk_widget_get_ancestor (button, GTK_TYPE_VIEWPORT);
+  gtk_widget_translate_coordinates (button, viewport, 0, 0, NULL, &y);
+  EXPECT_GE (y, 0);
+  EXPECT_LE (y + gtk_widget_get_allocated_height (button),
+             gtk_widget_get_allocated_height (viewport));
+}
+
 TEST (procedure_view_new, maps_a_clause_that_is_added_in_sight)
 {
   TestWindow test;
