@@ -764,7 +764,7 @@ def try_memory(trial, evil, tally):
     trial.check(f"{len(refused):,} refused cases, {rounds} times: memory beside the console's text",
                 "no more a byte of text than harmless stanzas take",
                 "no more a byte of text than harmless stanzas take"
-                if per_byte < harmless * 1.25 + 1 else
+                if memory < (max(harmless, 0) * 1.25 + 1) * console + 2_000_000 else
                 f"{per_byte:.1f} bytes a byte of text instead of {harmless:.1f}")
     trial.figure("refused cases: growth of memory, console text",
                  f"+{memory / 1e6:.1f} MB, {console / 1e6:.1f} MB: {per_byte:.1f} bytes a byte; "
