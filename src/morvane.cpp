@@ -3,7 +3,6 @@
 
 #include <assert.h>
 #include <limits.h>
-#include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -25,51 +24,6 @@ struct ConsoleRecord {
 
 // ---- Hand-over between threads ----
 
-// What was handed over and waits, first come first. One idle callback serves all that wait at a
-// time: GLib runs all idle callbacks that are ready before it looks at what the user does, and a
-// login, or what a server kept, leaves tens of thousands of records at once.
-struct HandOver {
-  GSourceFunc handler;
-  void *record;
-  HandOver *next;
-};
-
-static pthread_mutex_t hand_over_mutex = PTHREAD_MUTEX_INITIALIZER;
-static HandOver *first_hand_over;  // guarded, as the next two
-static HandOver *last_hand_over;   // good while there is a first
-static bool are_hand_overs_scheduled;
-
-// How long handlers run, one behind the other, before the user is looked at, in microseconds.
-static const s64 TURN_MAX = 20000;
-
-// Takes the first one out; NULL, which ends the callback, when there is none.
-static HandOver *
-take_hand_over ()
-{
-  pthread_mutex_lock (&hand_over_mutex);
-  HandOver *taken = first_hand_over;
-  if (taken)
-    first_hand_over = taken->next;
-  else
-    are_hand_overs_scheduled = false;
-  pthread_mutex_unlock (&hand_over_mutex);
-  return taken;
-}
-
-static gboolean
-run_hand_overs (gpointer)
-{
-  s64 end = g_get_monotonic_time () + TURN_MAX;
-  do {
-    HandOver *taken = take_hand_over ();
-    if (!taken)
-      return G_SOURCE_REMOVE;
-    taken->handler (taken->record);
-    free (taken);
-  } while (g_get_monotonic_time () < end);
-  return G_SOURCE_CONTINUE;
-}
-
 void
 hand_over (GSourceFunc handler, void *record)
 {
@@ -77,19 +31,7 @@ hand_over (GSourceFunc handler, void *record)
   // The sanitizer does not see GLib's own locks, which order the two threads here.
   __tsan_release (record);
 #endif
-  HandOver *added = (HandOver *) malloc (sizeof (HandOver));
-  *added = {handler, record, NULL};
-  pthread_mutex_lock (&hand_over_mutex);
-  if (first_hand_over)
-    last_hand_over->next = added;
-  else
-    first_hand_over = added;
-  last_hand_over = added;
-  bool is_scheduled = are_hand_overs_scheduled;
-  are_hand_overs_scheduled = true;
-  pthread_mutex_unlock (&hand_over_mutex);
-  if (!is_scheduled)
-    gdk_threads_add_idle (run_hand_overs, NULL);
+  gdk_threads_add_idle (handler, record);
 }
 
 void *

@@ -229,30 +229,6 @@ TEST (hand_over, keeps_the_order)
   EXPECT_EQ ("a-c", letters);
 }
 
-// Works longer than handlers may run one behind the other.
-static gboolean
-work_for_a_turn (gpointer data)
-{
-  u32 *runs_count = (u32 *) accept_hand_over (data);
-  for (s64 start = g_get_monotonic_time (); g_get_monotonic_time () < start + 30000;)
-    continue;
-  ++*runs_count;
-  return G_SOURCE_REMOVE;
-}
-
-TEST (hand_over, lets_the_interface_answer_between_handlers_that_take_long)
-{
-  u32 runs_count = 0;
-  for (u32 i = 0; i < 3; ++i)
-    hand_over (work_for_a_turn, &runs_count);
-  for (u32 turn = 1; turn <= 3; ++turn) {
-    g_main_context_iteration (NULL, FALSE);
-    EXPECT_EQ (turn, runs_count);
-  }
-  run_idle_callbacks ();
-  EXPECT_EQ (3u, runs_count);
-}
-
 TEST (accept_hand_over, returns_the_record)
 {
   int record = 0;
