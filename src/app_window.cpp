@@ -537,6 +537,11 @@ app_window_worker_leave (AppWindow *self)
 // before it looks for events again, so what waits there is what the user waits for.
 static const u32 WORKER_LEAD_MAX = 2;
 
+// How long the worker waits for the interface, in milliseconds. Longer, and an interface that waits
+// for a server to take what it sends, while that server waits for us to take what it sends, would
+// wait for ever.
+static const u32 WORKER_PACE_WAIT = 1000;
+
 gboolean
 app_window_note_applied (gpointer data)
 {
@@ -556,9 +561,12 @@ app_window_worker_keep_pace (AppWindow *self)
   self->worker_lead++;
   pthread_mutex_unlock (&self->worker_mutex);
   hand_over (app_window_note_applied, g_object_ref (self));
+  struct timespec deadline = get_deadline (WORKER_PACE_WAIT);
+  bool is_in_time = true;
   pthread_mutex_lock (&self->worker_mutex);
-  while (self->worker_lead > WORKER_LEAD_MAX && !self->worker_interrupted) {
-    pthread_cond_wait (&self->worker_cond, &self->worker_mutex);
+  while (self->worker_lead > WORKER_LEAD_MAX && !self->worker_interrupted && is_in_time) {
+    is_in_time =
+      pthread_cond_timedwait (&self->worker_cond, &self->worker_mutex, &deadline) != ETIMEDOUT;
   }
   pthread_mutex_unlock (&self->worker_mutex);
 }

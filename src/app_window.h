@@ -109,8 +109,8 @@ bool app_window_is_worker_running (AppWindow *window);
 // The worker's farewell: it has made its last use of account, connection and buffer. Worker thread.
 void app_window_worker_leave (AppWindow *window);
 // Called by the worker behind the records of each stanza: waits until the interface has applied all
-// but the last few, or the worker is interrupted. A server that sends faster than the store keeps up
-// is so slowed down, and the user is heard in between.
+// but the last few, a second at most, or until the worker is interrupted. A server that sends faster
+// than the store keeps up is so slowed down, and the user is heard in between.
 void app_window_worker_keep_pace (AppWindow *window);
 // Idle handler, posted by it behind the records of a stanza.
 gboolean app_window_note_applied (gpointer data);
