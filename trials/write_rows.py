@@ -21,7 +21,11 @@ def table(head, rows):
 
 def section(rows):
     """The tables of one trial."""
-    text = table(["what", "expected", "seen"], rows["checks"])
+    checks = [
+        [what, expected, "as expected" if seen == expected else seen]
+        for what, expected, seen in rows["checks"]
+    ]
+    text = table(["what", "expected", "seen"], checks)
     if rows["figures"]:
         text += "\n" + table(["figure", "value"], rows["figures"])
     return text
