@@ -237,6 +237,12 @@ app_window_worker_leave (AppWindow *)
   CHECK (!"called");
 }
 
+void
+app_window_worker_keep_pace (AppWindow *)
+{
+  CHECK (!"called");
+}
+
 bool
 app_window_is_worker_interrupted (AppWindow *)
 {
