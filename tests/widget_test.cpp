@@ -262,6 +262,17 @@ find_widget (gpointer root, const char *name)
   });
 }
 
+int
+get_first_line_in_sight (gpointer root, const char *name)
+{
+  GtkTextView *text_view = GTK_TEXT_VIEW (find_widget (root, name));
+  GdkRectangle place;
+  GtkTextIter iter;
+  gtk_text_view_get_visible_rect (text_view, &place);
+  gtk_text_view_get_line_at_y (text_view, &iter, place.y, NULL);
+  return gtk_text_iter_get_line (&iter);
+}
+
 GtkWidget *
 find_accessible (gpointer root, const char *name)
 {

@@ -54,6 +54,8 @@ bool pump_until (bool (*is_done) (void *data), void *data);
 
 // The first widget below `root` with this name in its template, NULL when there is none.
 GtkWidget *find_widget (gpointer root, const char *name);
+// The number of the line at the top of what a text view in a scrolled window shows.
+int get_first_line_in_sight (gpointer root, const char *name);
 // The same for an accessible name, as assistive technology finds it.
 GtkWidget *find_accessible (gpointer root, const char *name);
 bool is_sensitive (gpointer root, const char *name);

@@ -303,8 +303,8 @@ class Desktop:
         place = self.xdotool("getmouselocation", "--shell")
         return tuple(int(re.search(r"^%s=(\d+)$" % axis, place, re.M).group(1)) for axis in "XY")
 
-    def press_at(self, x, y, button=1):
-        self.xdotool("mousemove", x, y, "click", button)
+    def press_at(self, x, y, button=1, times=1):
+        self.xdotool("mousemove", x, y, "click", "--repeat", times, "--delay", 1, button)
 
     def key(self, *names):
         self.xdotool("key", "--clearmodifiers", "--delay", 1, *names)
@@ -585,6 +585,7 @@ class Window:
     def scroll_to(self, node):
         """Turns the mouse wheel until the widget is in sight; returns a place to press it at."""
         deadline = time.monotonic() + BOUND
+        below = None  # of a widget out of sight: where it is looked for
         while True:
             (x, y, width, height), whole = self.settled(node)
             if width >= min(whole[2], 16) and height >= min(whole[3], 24):
@@ -594,13 +595,24 @@ class Window:
                 self.desktop.fail("\"%s\" of %s cannot be brought into sight: %s of %s" % (
                     node.name(), self.party.name, (x, y, width, height), whole))
             left, top, area_width, area_height = areas[-1].extents()
-            if whole[1] == OUT_OF_SIGHT:
-                below = self.is_below_sight(node, areas[-1])
-            else:
-                below = whole[1] + whole[3] // 2 > top + area_height // 2
             content = areas[-1].children()[0].children()[0]
             before = content.extents()
-            self.desktop.press_at(left + area_width // 2, top + area_height // 2, 5 if below else 4)
+            if whole[1] == OUT_OF_SIGHT:
+                # Buttons stand beside the top of their text, which may be all that is in sight.
+                if below is None:
+                    below = self.is_below_sight(node, areas[-1])
+                # The display counts places with 16 bits.
+                start = before[1] if before[1] < 1 << 14 else before[1] - (1 << 16)
+                if below and start + before[3] <= top + area_height:
+                    below = False
+                elif not below and start >= top:
+                    below = True
+                turns = 5  # less than a page
+            else:
+                below = whole[1] + whole[3] // 2 > top + area_height // 2
+                turns = 1
+            self.desktop.press_at(
+                left + area_width // 2, top + area_height // 2, 5 if below else 4, turns)
             self.desktop.wait(lambda: content.extents() != before,
                               "the wheel moves \"%s\" of %s" % (node.name(), self.party.name))
 
