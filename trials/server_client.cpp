@@ -230,7 +230,7 @@ take_outcome (void *record)
 extern "C" guint
 gdk_threads_add_idle (GSourceFunc handler, gpointer record)
 {
-  if (handler == _console_put_gdk_thread) {
+  if (handler == _console_put_gdk_thread || handler == app_window_note_applied) {
     handler (record);
   } else if (handler == login_page_handle_login_success) {
     g_object_unref (record);
