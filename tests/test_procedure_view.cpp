@@ -236,6 +236,21 @@ TEST (procedure_view_new, gives_a_clause_a_style_path_without_its_siblings)
   EXPECT_EQ (gtk_widget_path_iter_get_siblings (path, -1), nullptr);
 }
 
+TEST (procedure_view_new, has_the_clauses_at_once)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  add_revision (&test, add_clause (&test, procedure), "Planks of oak");
+  add_clause (&test, procedure);
+  GtkWidget *view = procedure_view_new (procedure, test.window->account.bare_jid);
+  show_alone (view);
+  procedure->view = MORVANE_PROCEDURE_VIEW (view);
+  EXPECT_EQ (count_clause_views (procedure), 2u);
+  EXPECT_EQ (get_text (procedure->clauses[0]->view, "text_view"), "Planks of oak");
+  EXPECT_EQ (get_text (procedure->clauses[1]->view, "revision_status_label"), "draft");
+}
+
 TEST (procedure_view_new, is_the_same_in_two_steps)
 {
   TestWindow test;
