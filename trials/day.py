@@ -560,14 +560,19 @@ class Day:
         rows.decide(clause, status)
         return True
 
-    def do_agree(self):
-        """Both agree to a clause's last revision."""
-        if len(self.online()) < 2:
-            return False
+    def draw_shared_clause(self):
+        """One of two who are there, the other, and a clause with revisions that both have."""
         player = self.draw_player()
         other = next(one for one in self.players if one is not player)
         clause = self.draw_clause(player, lambda clause: clause["revisions"] and
                                   player.counterpart(clause))
+        return player, other, clause
+
+    def do_agree(self):
+        """Both agree to a clause's last revision."""
+        if len(self.online()) < 2:
+            return False
+        player, other, clause = self.draw_shared_clause()
         if clause is None:
             return False
         for one, same in ((player, clause), (other, player.counterpart(clause))):
@@ -690,10 +695,7 @@ class Day:
         """One types, and the other's revision of the same clause comes."""
         if len(self.online()) < 2:
             return False
-        player = self.draw_player()
-        other = next(one for one in self.players if one is not player)
-        clause = self.draw_clause(player, lambda clause: clause["revisions"] and
-                                  player.counterpart(clause))
+        player, other, clause = self.draw_shared_clause()
         if clause is None:
             return False
         counterpart = player.counterpart(clause)
