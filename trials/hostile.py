@@ -677,14 +677,19 @@ def main():
     sys.exit(trial.end())
 
 
-def try_server(trial, evil, tally):
-    """The hostile server: everything."""
+def begin_session(evil):
+    """A window that logged in to the hostile server, and the peer whose stanzas it will get."""
     victim = Victim(EVIL_ANNA)
     evil.login(victim)
     victim.wait_console(b"SELECT * FROM procedures")
     victim.open_store()
     victim.adopt()
-    peer = cases.Peer(victim.full)
+    return victim, cases.Peer(victim.full)
+
+
+def try_server(trial, evil, tally):
+    """The hostile server: everything."""
+    victim, peer = begin_session(evil)
     tally.add("opening", "opening", victim.judge(peer.opening(), evil.send, HEAD))
     tally.add("opening", "a contact", victim.judge(cases.Case("opening", "a contact", [
         cases.presence(None, peer.full, victim.full)]), evil.send, HEAD))
@@ -746,12 +751,7 @@ FONTS_SIZE = 30_000_000  # bytes that GTK may map whenever it first draws a stra
 
 def try_memory(trial, evil, tally):
     """What leaves nothing in the store leaves nothing in memory but its text on the console."""
-    victim = Victim(EVIL_ANNA)
-    evil.login(victim)
-    victim.wait_console(b"SELECT * FROM procedures")
-    victim.open_store()
-    victim.adopt()
-    peer = cases.Peer(victim.full)
+    victim, peer = begin_session(evil)
     victim.judge(peer.opening(), evil.send, HEAD)
     refused = [case for case in all_cases(peer) if leaves_nothing(case, victim)]
     if trial.short:
