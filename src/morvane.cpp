@@ -65,16 +65,23 @@ end_pause (gpointer is_over)
   return G_SOURCE_REMOVE;
 }
 
-void
-pause_long_work ()
+// Answers the user and draws the windows, and runs nothing that was handed over.
+static void
+answer_user ()
 {
-  if (!long_works_count || g_get_monotonic_time () < long_work_pause_time + PIECE_MAX)
-    return;
   // Comes behind events, sizes and drawing, and ahead of what was handed over.
   bool is_over = false;
   gdk_threads_add_idle_full (GDK_PRIORITY_REDRAW + 1, end_pause, &is_over, NULL);
   while (!is_over)
     g_main_context_iteration (NULL, FALSE);
+}
+
+void
+pause_long_work ()
+{
+  if (!long_works_count || g_get_monotonic_time () < long_work_pause_time + PIECE_MAX)
+    return;
+  answer_user ();
   long_work_pause_time = g_get_monotonic_time ();
 }
 
@@ -170,6 +177,17 @@ console_text_buffer_append (String text)
   }
 }
 
+// GLib runs all idle sources that wait before it looks at the user again, and the lines of a large
+// account's rows are tens of thousands.
+static void
+pause_console ()
+{
+  GSource *source = g_main_current_source ();
+  // The clock as it was read when the first of these sources ran.
+  if (source && g_get_monotonic_time () >= g_source_get_time (source) + PIECE_MAX)
+    answer_user ();
+}
+
 gboolean
 _console_put_gdk_thread (gpointer data)
 {
@@ -178,6 +196,7 @@ _console_put_gdk_thread (gpointer data)
     console_text_buffer_append (record->text);
   dealloc_string (record->text);
   free (record);
+  pause_console ();
   return G_SOURCE_REMOVE;
 }
 

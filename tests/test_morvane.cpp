@@ -201,6 +201,38 @@ TEST (pause_long_work, leaves_short_pieces_alone)
   EXPECT_EQ ("event ", seen);
 }
 
+static gboolean
+note_pane (gpointer lines_count)
+{
+  *(int *) lines_count = gtk_text_buffer_get_line_count (_console_text_buffer) - 1;
+  return G_SOURCE_REMOVE;
+}
+
+// The user does something when the first line is shown, and each line takes its time.
+static void
+take_time (GtkTextBuffer *text_buffer, int *lines_count)
+{
+  if (gtk_text_buffer_get_line_count (text_buffer) == 2)
+    g_idle_add_full (GDK_PRIORITY_EVENTS, note_pane, lines_count, NULL);
+  g_usleep (5000);
+}
+
+TEST_F (console, answers_the_user_before_all_of_many_lines_are_shown)
+{
+  make_pane ();
+  int lines_count = 0;
+  g_signal_connect (_console_text_buffer, "changed", G_CALLBACK (take_time), &lines_count);
+  begin_output ();
+  for (int i = 0; i < 50; i++) {
+    console_put ("line\n");
+  }
+  end_output ();
+  run_idle_callbacks ();
+  EXPECT_GT (lines_count, 0);
+  EXPECT_LT (lines_count, 50);
+  EXPECT_EQ (51, gtk_text_buffer_get_line_count (_console_text_buffer));
+}
+
 // ---- Order ----
 
 static gboolean
