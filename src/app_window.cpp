@@ -266,19 +266,13 @@ app_window_set_console_style (AppWindow *self)
   g_object_unref (provider);
 }
 
-// A text view breaks its lines whether it is seen or not, and one that never had a place breaks them
-// behind each letter, at many times the cost.
+// Only what is visible gets a place.
 static void
-app_window_lay_out_console (AppWindow *self)
+app_window_place_console (AppWindow *self)
 {
-  GtkWidget *console = GTK_WIDGET (self->console);
-  GtkAllocation place = {0, 0, WINDOW_SIZE, WINDOW_SIZE};
-  gtk_widget_show (console);
-  // It is only placed after it was asked.
-  GtkRequisition size;
-  gtk_widget_get_preferred_size (console, &size, NULL);
-  gtk_widget_size_allocate (console, &place);
-  gtk_widget_hide (console);
+  gtk_widget_show (GTK_WIDGET (self->console));
+  gtk_text_view_place (self->console, WINDOW_SIZE);
+  gtk_widget_hide (GTK_WIDGET (self->console));
 }
 
 // The theme gives a switcher's buttons a width that leaves the clauses too little of a small window.
@@ -306,7 +300,7 @@ app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqli
   AppWindow *self =
     MORVANE_APP_WINDOW (g_object_new (app_window_get_type (), "application", app, NULL));
   gtk_text_view_set_buffer (self->console, console);
-  app_window_lay_out_console (self);
+  app_window_place_console (self);
   self->tls_credentials = tls_credentials;
   self->db = db;
   self->account = {};

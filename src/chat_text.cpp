@@ -1,5 +1,10 @@
 #include "chat_text.h"
 
+#include "morvane.h"
+
+// Of the text in a new window, in pixels.
+static const int LIKELY_WIDTH = 400;
+
 static void
 chat_text_scroll_to_end (ChatText *self)
 {
@@ -46,6 +51,7 @@ chat_text_init (ChatText *self, GtkWidget *page, GtkTextView *text_view,
   self->text_view = text_view;
   self->scrolled_window = scrolled_window;
   self->is_at_end = false;
+  gtk_text_view_place (text_view, LIKELY_WIDTH);
   self->author_tag =
     gtk_text_buffer_create_tag (gtk_text_view_get_buffer (text_view), NULL, "scale",
                                 PANGO_SCALE_SMALL, "weight", PANGO_WEIGHT_BOLD, NULL);

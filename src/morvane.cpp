@@ -320,3 +320,16 @@ gtk_text_buffer_get_all_text (GtkTextBuffer *text_buffer)
   gtk_text_buffer_get_bounds (text_buffer, &start, &end);
   return gtk_text_buffer_get_text (text_buffer, &start, &end, FALSE);
 }
+
+// Lines within this height, in pixels, are broken at once, and the others later, bit by bit.
+static const int TEXT_PLACE_HEIGHT = 1000;
+
+void
+gtk_text_view_place (GtkTextView *text_view, int width)
+{
+  // It is only placed after it was asked.
+  GtkRequisition size;
+  gtk_widget_get_preferred_size (GTK_WIDGET (text_view), &size, NULL);
+  GtkAllocation place = {0, 0, width, TEXT_PLACE_HEIGHT};
+  gtk_widget_size_allocate (GTK_WIDGET (text_view), &place);
+}

@@ -7,7 +7,7 @@
 //
 // Ownership: texts are copied unless a function says that it takes over.
 // Threads: the console, the hand-over and the clock may be used by any thread; the console text
-// buffer and `gtk_text_buffer_get_all_text` belong to the interface thread.
+// buffer and what takes a widget's text belong to the interface thread.
 #pragma once
 
 #include <gtk/gtk.h>
@@ -80,3 +80,7 @@ void _console_put (String name, s64 value);
 s64 get_posix_time ();  // POSIX seconds; asserts that the clock could be read
 // All text without hidden characters; the caller frees it with `g_free`.
 char *gtk_text_buffer_get_all_text (GtkTextBuffer *text_buffer);
+// Places a visible text view whose page is not shown yet; `width` is what it will probably have
+// there, in pixels. A text view breaks its lines whether it is seen or not, and one that never had a
+// place breaks them behind each letter, at many times the cost.
+void gtk_text_view_place (GtkTextView *text_view, int width);
