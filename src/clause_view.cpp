@@ -24,6 +24,9 @@ struct RevisionsPopoverClass {
 
 G_DEFINE_TYPE (RevisionsPopover, revisions_popover, GTK_TYPE_POPOVER)
 
+// Of a text in a new window, in pixels.
+static const int LIKELY_TEXT_WIDTH = 400;
+
 struct _ClauseView {
   GtkBox parent_instance;
   Procedure *procedure;  // borrowed, like all records here
@@ -954,6 +957,15 @@ clause_view_set_text (ClauseView *self, String text)
   gtk_text_buffer_set_text (gtk_text_view_get_buffer (self->text_view),
                             text.size ? (const char *) text.data : "", (gint) text.size);
   clause_view_connect_text_changed (self);
+}
+
+void
+clause_view_measure (ClauseView *self)
+{
+  self->text_width = LIKELY_TEXT_WIDTH;
+  gtk_text_view_place (self->text_view, LIKELY_TEXT_WIDTH);
+  GtkRequisition size;
+  gtk_widget_get_preferred_size (GTK_WIDGET (self), &size, NULL);
 }
 
 void

@@ -32,6 +32,9 @@ void clause_view_save_draft (ClauseView *self);
 void clause_view_remove_draft_from_revisions_select_list (ClauseView *self);
 // Shows `text` without starting a draft.
 void clause_view_set_text (ClauseView *self, String text);
+// Finds out the sizes of a view whose page is not shown yet, so that this is not to be done for all
+// views when the page is opened.
+void clause_view_measure (ClauseView *self);
 void clause_view_enable_chat (ClauseView *self);
 
 // ---- Decisions ----

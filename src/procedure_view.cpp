@@ -9,14 +9,21 @@
 // The first clauses of a page, which are mapped with it as any widget is.
 static const u32 MAPPED_CLAUSES = 16;
 
+// How long the clauses out of sight may be laid out at a stretch, in microseconds.
+static const s64 AHEAD_MAX = 10000;
+
 // The box of the clauses, made for hundreds of them. Of those behind the first only the ones in
-// sight, or nearly so, are mapped: each has a dozen windows of the toolkit's own. And a child's path
-// in the tree of styles is that of a child of any container: a box tells of each child all of its
-// siblings, at a cost for each that grows with their number, and nothing in the looks of a clause
-// depends on where it stands.
+// sight, or nearly so, are mapped and placed with all that is in them: each has a dozen windows of
+// the toolkit's own. The others only have a height, which is that of their text at the width of the
+// box once it was laid out ahead, bit by bit. And a child's path in the tree of styles is that of a
+// child of any container: a box tells of each child all of its siblings, at a cost for each that
+// grows with their number, and nothing in the looks of a clause depends on where it stands.
 struct ClausesBox {
   GtkBox parent_instance;
   u32 added_count;
+  int ahead_width;  // that the clauses are laid out ahead for, in pixels
+  u32 ahead_count;  // how many, from the first on, have been
+  bool is_laying_out_ahead;
 };
 
 struct ClausesBoxClass {
@@ -30,6 +37,51 @@ clauses_box_get_vadjustment (ClausesBox *self)
 {
   GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
   return viewport ? gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)) : NULL;
+}
+
+// Lays out all that is in a child which so far may only have a place. A clause has no margin, which
+// would be taken from its place once more.
+static void
+clauses_box_lay_out_child (GtkWidget *child)
+{
+  GtkAllocation place;
+  gtk_widget_get_allocation (child, &place);
+  // Or it would be taken for one that was laid out there before.
+  GtkAllocation other = {place.x, place.y, place.width + 1, place.height};
+  gtk_widget_set_allocation (child, &other);
+  gtk_widget_size_allocate (child, &place);
+}
+
+static gboolean
+clauses_box_lay_out_ahead (gpointer box)
+{
+  ClausesBox *self = (ClausesBox *) box;
+  s64 end = g_get_monotonic_time () + AHEAD_MAX;
+  GList *children = gtk_container_get_children (GTK_CONTAINER (self));
+  GList *link = g_list_nth (children, self->ahead_count);
+  for (; link && g_get_monotonic_time () < end; link = link->next) {
+    GtkWidget *child = GTK_WIDGET (link->data);
+    if (!gtk_widget_get_child_visible (child))
+      clauses_box_lay_out_child (child);
+    self->ahead_count++;
+  }
+  self->is_laying_out_ahead = link != NULL;
+  g_list_free (children);
+  return self->is_laying_out_ahead ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+static void
+clauses_box_begin_laying_out_ahead (ClausesBox *self, int width)
+{
+  if (self->ahead_width != width) {
+    self->ahead_width = width;
+    self->ahead_count = 0;
+  }
+  if (self->is_laying_out_ahead || self->ahead_count == self->added_count)
+    return;
+  self->is_laying_out_ahead = true;
+  gdk_threads_add_idle_full (G_PRIORITY_DEFAULT_IDLE, clauses_box_lay_out_ahead,
+                             g_object_ref (self), g_object_unref);
 }
 
 // Maps what is within a page of what is in sight. What was mapped once stays so, for it may have the
@@ -49,8 +101,10 @@ clauses_box_map_near (ClausesBox *self)
     GtkAllocation place;
     gtk_widget_get_allocation (child, &place);
     bool is_near = place.y < end && place.y + place.height > start;
-    if (is_near && place.width > 1 && !gtk_widget_get_child_visible (child))
+    if (is_near && place.width > 1 && !gtk_widget_get_child_visible (child)) {
+      clauses_box_lay_out_child (child);
       gtk_widget_set_child_visible (child, TRUE);
+    }
   }
   g_list_free (children);
 }
@@ -72,11 +126,48 @@ clauses_box_get_path_for_child (GtkContainer *container, GtkWidget *child)
   return GTK_CONTAINER_CLASS (container_class)->get_path_for_child (container, child);
 }
 
+// The heights of children, in `minimum_size`, that are one below the other in a box of this size,
+// shared out as in any box. Freed with `g_free`.
+static GtkRequestedSize *
+clauses_box_alloc_heights (ClausesBox *self, GList *children, GtkAllocation allocation)
+{
+  u32 count = g_list_length (children);
+  GtkRequestedSize *heights = g_new (GtkRequestedSize, count);
+  int rest = allocation.height;
+  for (u32 i = 0; i < count; i++, children = children->next) {
+    GtkRequestedSize *height = &heights[i];
+    height->data = children->data;
+    gtk_widget_get_preferred_height_for_width (GTK_WIDGET (children->data), allocation.width,
+                                               &height->minimum_size, &height->natural_size);
+    rest -= height->minimum_size + (i > 0 ? gtk_box_get_spacing (GTK_BOX (self)) : 0);
+  }
+  gtk_distribute_natural_allocation (MAX (0, rest), count, heights);
+  return heights;
+}
+
 static void
 clauses_box_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
 {
-  GTK_WIDGET_CLASS (clauses_box_parent_class)->size_allocate (widget, allocation);
-  clauses_box_map_near ((ClausesBox *) widget);
+  ClausesBox *self = (ClausesBox *) widget;
+  gtk_widget_set_allocation (widget, allocation);
+  GList *children = gtk_container_get_children (GTK_CONTAINER (self));
+  GtkRequestedSize *heights = clauses_box_alloc_heights (self, children, *allocation);
+  GtkAllocation place = *allocation;
+  GtkRequestedSize *height = heights;
+  for (GList *link = children; link; link = link->next, height++) {
+    GtkWidget *child = GTK_WIDGET (link->data);
+    place.height = height->minimum_size;
+    if (gtk_widget_get_child_visible (child)) {
+      gtk_widget_size_allocate (child, &place);
+    } else {
+      gtk_widget_set_allocation (child, &place);
+    }
+    place.y += place.height + gtk_box_get_spacing (GTK_BOX (self));
+  }
+  g_free (heights);
+  g_list_free (children);
+  clauses_box_map_near (self);
+  clauses_box_begin_laying_out_ahead (self, allocation->width);
 }
 
 static void
@@ -85,6 +176,9 @@ clauses_box_class_init (ClausesBoxClass *box_class)
   GTK_CONTAINER_CLASS (box_class)->add = clauses_box_add;
   GTK_CONTAINER_CLASS (box_class)->get_path_for_child = clauses_box_get_path_for_child;
   GTK_WIDGET_CLASS (box_class)->size_allocate = clauses_box_size_allocate;
+  // A box paints its background too, at a place that it has found out itself.
+  gpointer container_class = g_type_class_peek (GTK_TYPE_CONTAINER);
+  GTK_WIDGET_CLASS (box_class)->draw = GTK_WIDGET_CLASS (container_class)->draw;
 }
 
 static void
@@ -204,9 +298,11 @@ procedure_view_fill (ProcedureView *self, String own)
     } else {
       clause_view_set_draft_mode (clause->view);
     }
-    // Styles and sizes are kept, and are not all to be found out when the page is opened.
-    GtkRequisition size;
-    gtk_widget_get_preferred_size (GTK_WIDGET (clause->view), &size, NULL);
+    pause_long_work ();
+  }
+  // Now that they have their styles, which a pause gives them.
+  for (u32 i = 0; i < procedure->clauses_count; ++i) {
+    clause_view_measure (procedure->clauses[i]->view);
     pause_long_work ();
   }
 }

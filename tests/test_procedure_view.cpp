@@ -128,6 +128,130 @@ TEST (procedure_view_new, maps_only_the_clauses_near_to_what_is_in_sight)
   EXPECT_TRUE (is_mapped (first));
 }
 
+static Procedure *
+show_many_clauses (TestWindow *test)
+{
+  log_in (test);
+  Procedure *procedure = add_procedure (test);
+  for (u32 i = 0; i < 40; i++) {
+    std::string text = "Planks of oak";
+    for (u32 word = 0; word < i * 10; word++) {
+      text += " and of elm";
+    }
+    add_revision (test, add_clause (test, procedure), text.c_str ());
+  }
+  show (test, procedure);
+  return procedure;
+}
+
+static int
+get_text_width (Clause *clause)
+{
+  return gtk_widget_get_allocated_width (find_widget (clause->view, "text_view"));
+}
+
+static bool
+is_last_as_wide_as_first (void *procedure)
+{
+  Clause **clauses = ((Procedure *) procedure)->clauses;
+  return get_text_width (clauses[0]) > 1 &&
+         get_text_width (clauses[39]) == get_text_width (clauses[0]);
+}
+
+// Hundreds at once would keep the user waiting.
+TEST (procedure_view_new, lays_out_the_clauses_in_sight_first)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_last_as_wide_as_first, procedure));
+  gtk_window_resize (GTK_WINDOW (test.window), 900, 640);
+  static bool was_last_later;
+  was_last_later = false;
+  g_signal_connect (find_widget (procedure->view, "clauses_box"), "size-allocate",
+                    G_CALLBACK (+[] (GtkWidget *, GdkRectangle *, Procedure *shown) {
+                      was_last_later |=
+                        get_text_width (shown->clauses[39]) < get_text_width (shown->clauses[0]);
+                    }),
+                    procedure);
+  EXPECT_TRUE (pump_until ([] (void *) { return was_last_later; }, NULL));
+  EXPECT_TRUE (pump_until (is_last_as_wide_as_first, procedure));
+}
+
+TEST (procedure_view_new, lays_out_the_clauses_out_of_sight_for_the_width_of_the_page)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_last_as_wide_as_first, procedure));
+  int width = get_text_width (procedure->clauses[39]);
+  gtk_window_resize (GTK_WINDOW (test.window), 900, 640);
+  EXPECT_TRUE (pump_until (
+    [] (void *data) {
+      Clause **clauses = ((Procedure *) data)->clauses;
+      return get_text_width (clauses[0]) > 500 && is_last_as_wide_as_first (data);
+    },
+    procedure));
+  EXPECT_GT (get_text_width (procedure->clauses[39]), width);
+  EXPECT_FALSE (is_mapped (procedure->clauses[39]));
+}
+
+// Whether each clause stands below the one before it, and is as high as it wants to be.
+static bool
+is_in_order (void *data)
+{
+  Procedure *procedure = (Procedure *) data;
+  GtkAllocation above;
+  gtk_widget_get_allocation (GTK_WIDGET (procedure->clauses[0]->view), &above);
+  int end = above.y;
+  for (u32 i = 0; i < procedure->clauses_count; i++) {
+    GtkWidget *view = GTK_WIDGET (procedure->clauses[i]->view);
+    GtkAllocation place;
+    gtk_widget_get_allocation (view, &place);
+    int height;
+    gtk_widget_get_preferred_height_for_width (view, place.width, NULL, &height);
+    if (place.x != above.x || place.width != above.width || place.y != end ||
+        place.height != height) {
+      return false;
+    }
+    end = place.y + place.height + 16;
+  }
+  return true;
+}
+
+TEST (procedure_view_new, places_the_clauses_one_below_the_other)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_last_as_wide_as_first, procedure));
+  EXPECT_TRUE (pump_until (is_in_order, procedure));
+  EXPECT_GT (gtk_widget_get_allocated_height (GTK_WIDGET (procedure->clauses[39]->view)), 300);
+}
+
+static bool
+is_high (void *clause)
+{
+  return gtk_widget_get_allocated_height (GTK_WIDGET (((Clause *) clause)->view)) > 300;
+}
+
+TEST (procedure_view_new, knows_the_heights_of_the_texts_before_they_are_shown)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  std::string text;
+  for (int i = 0; i < 300; i++) {
+    text += "Planks of oak, ";
+  }
+  Clause *clause = add_clause (&test, procedure);
+  add_revision (&test, clause, text.c_str ());
+  app_window_add_procedure (test.window, procedure);
+  int before;
+  gtk_widget_get_preferred_height (GTK_WIDGET (clause->view), NULL, &before);
+  gtk_stack_set_visible_child (test.window->main_page_stack, GTK_WIDGET (procedure->view));
+  EXPECT_TRUE (pump_until (is_high, clause));
+  int height = gtk_widget_get_allocated_height (GTK_WIDGET (clause->view));
+  EXPECT_NEAR (before, height, 0.2 * height);
+}
+
 static GtkAdjustment *
 get_page (Clause *clause)
 {
