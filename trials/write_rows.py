@@ -2,7 +2,8 @@
 
     write_rows.py DOCUMENT ROWS.json...
 
-The document holds `<!-- trial NAME -->` and, further down, `<!-- end -->`; what stands between them
+Rows are a record of "name", "checks" (what, expected, seen) and "figures" (what, value), all of them
+texts. The document holds `<!-- trial NAME -->` and, further down, `<!-- end -->`; what stands between them
 is replaced.
 """
 
@@ -31,20 +32,25 @@ def section(rows):
     return text
 
 
-def main():
-    """Replaces each trial's part of the document."""
-    with open(sys.argv[1], encoding="utf-8") as file:
+def put(path, rows):
+    """Replaces one trial's part of the document at the path."""
+    with open(path, encoding="utf-8") as file:
         document = file.read()
-    for name in sys.argv[2:]:
-        with open(name, encoding="utf-8") as file:
-            rows = json.load(file)
-        pattern = re.compile(f"(<!-- trial {rows['name']} -->\n).*?(<!-- end -->)", re.DOTALL)
-        if not pattern.search(document):
-            sys.exit(f"write_rows.py: {sys.argv[1]} has no place for {rows['name']}")
-        replacement = "\n" + section(rows) + "\n"
-        document = pattern.sub(lambda match: match[1] + replacement + match[2], document)
-    with open(sys.argv[1], "w", encoding="utf-8") as file:
+    pattern = re.compile(f"(<!-- trial {rows['name']} -->\n).*?(<!-- end -->)", re.DOTALL)
+    if not pattern.search(document):
+        sys.exit(f"write_rows.py: {path} has no place for {rows['name']}")
+    replacement = "\n" + section(rows) + "\n"
+    document = pattern.sub(lambda match: match[1] + replacement + match[2], document)
+    with open(path, "w", encoding="utf-8") as file:
         file.write(document)
 
 
-main()
+def main():
+    """Replaces each trial's part of the document."""
+    for name in sys.argv[2:]:
+        with open(name, encoding="utf-8") as file:
+            put(sys.argv[1], json.load(file))
+
+
+if __name__ == "__main__":
+    main()
