@@ -548,7 +548,7 @@ class Kills:
         return state["model"]
 
     def start_again(self, watch):
-        """Starts the program on what is left; its window shows what it had shown."""
+        """Starts the program on what is left; its window shows the texts that it had shown."""
         watch.prepare()
         watch.party.start()
         login(watch)
@@ -687,7 +687,7 @@ class Kills:
                          every, seen(min(self.killed, self.foretold)))
         self.trial.check("what had been shown is in the store that the kill has left", every,
                          seen(self.kept))
-        self.trial.check("started again, the window shows what it had shown", every,
+        self.trial.check("started again, the window shows the texts that it had shown", every,
                          seen(self.shown))
 
 

@@ -312,19 +312,35 @@ def burst_of_revisions(trial, program, times, rows, seconds):
     took = burst.run()
     program.read_log("burst")
     busy = (program.processor_time() - worked) / took
-    trial.figure("revisions sent a second", "%.1f for %.0f s" % (burst.count / took, took))
+    trial.check("revisions sent a second", "%.1f at least" % (0.98 * PACE),
+                "%.1f for %.0f s" % (burst.count / took, took), ok=burst.count / took > 0.98 * PACE)
     check_store(trial, program, burst)
     processor, wall = (number // 1000 for number in program.longest["burst"])
     trial.check("longest stretch without an answer while they come",
                 "at most %d ms of processor" % ANSWER_MAX,
                 "%d ms (%d ms by the clock)" % (processor, wall), ok=processor <= ANSWER_MAX)
-    trial.figure("presses of the mouse and their releases meanwhile, and the latest answer",
-                 "%d, %d ms by the clock" % (program.events, program.latest // 1000))
+    judge_answers(trial, burst)
     trial.figure("how busy the interface was", "%.0f %% of a processor" % (100 * busy))
     judge_memory(trial, burst.curve, seconds)
     judge_work(trial, burst.curve, seconds)
     burst.peer.close()
     return burst
+
+
+def judge_answers(trial, burst):
+    """What the user did meanwhile was answered, and soon. On a machine that does other things too,
+    the clock on the wall says nothing: the short form does not judge it."""
+    program = burst.program
+    latest = program.latest // 1000
+    # The last press may not be written down yet.
+    least = 2 * (burst.presses - 1)
+    trial.check("presses of the mouse and their releases that were answered meanwhile",
+                "%d at least" % least, program.events, ok=program.events >= least > 0)
+    if trial.short:
+        trial.figure("the latest answer", "%d ms by the clock" % latest)
+    else:
+        trial.check("the latest answer", "after %d ms by the clock at most" % ANSWER_MAX,
+                    "%d ms" % latest, ok=latest <= ANSWER_MAX)
 
 
 def judge_memory(trial, curve, seconds):

@@ -950,6 +950,8 @@ def fill(scene, deaf, size):
                        "status = 'COMMITTED' AND text LIKE '%forty%'")
         if is_stuck(bert):
             break
+    else:
+        raise driver.Failure("the window never waited for the server")
     taken = queued_bytes()
     scene.desktop.wait(lambda: queued_bytes() == taken, "nothing more is taken")
     return texts, taken

@@ -179,16 +179,20 @@ def act_on_full_disk(party, action):
     return leave_text(party)
 
 
+def get_messages(kind):
+    """What a disk of that kind makes the console say."""
+    return next(messages for name, _, messages in KINDS if name == kind)
+
+
 def try_window(trial, party, kind, action, number):
     """One action of a user with the disk failing; whether all was as it must be."""
-    messages = dict((name, said) for name, _, said in KINDS)[kind]
     act = act_on_full_disk(party, action)
     before = party.everything()
     arm(party, kind, number)
     act()
     status, stop, said = wait_stopped(party)
     heal(party)
-    is_stop = (status, stop) == (STOPPED, BROKEN_SQL) and said in messages
+    is_stop = (status, stop) == (STOPPED, BROKEN_SQL) and said in get_messages(kind)
     is_intact = party.everything() == before
     party.start()
     party.login()
@@ -216,7 +220,7 @@ def try_first_start(party, kind, number):
     is_stop = status == STOPPED and stop in (BROKEN_SQL, NOT_OPENED)
     print("first start, %s from call %d on: %s, %s" % (kind, number, stop, said), flush=True)
     party.start()
-    return is_stop, party.rows("SELECT * FROM app_info") == [(1, "Morvane", "0.1")]
+    return is_stop and said in get_messages(kind), party.rows("SELECT * FROM app_info") == [(1, "Morvane", "0.1")]
 
 
 def try_login(party, kind):
@@ -224,12 +228,12 @@ def try_login(party, kind):
     act = press(party, "Login")
     arm(party, kind, 1)
     act()
-    status, stop, _ = wait_stopped(party)
+    status, stop, said = wait_stopped(party)
     heal(party)
     is_intact = party.rows("SELECT * FROM accounts") == []
     party.start()
     party.login()
-    return (status, stop) == (STOPPED, BROKEN_SQL), is_intact
+    return (status, stop) == (STOPPED, BROKEN_SQL) and said in MESSAGES, is_intact
 
 
 def try_gap(party):

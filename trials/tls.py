@@ -583,6 +583,9 @@ def try_wire(trial, recorder):
         trial.check("every packet of the loopback interface, searched at the end",
                     "secrets sent: none",
                     "secrets sent: " + find_secrets(*recorder.wire.said()))
+    elif not trial.short:
+        trial.check("every packet of the loopback interface, searched at the end",
+                    "secrets sent: none", "no right to see them here")
 
 
 def try_controls(trial, recorder):
@@ -628,7 +631,7 @@ def try_no_trust(trial, recorder, directory):
 
 
 def main():
-    """All rows; the short form leaves out nothing but the second page's repetitions."""
+    """All rows; there is no shorter form."""
     trial = Trial("tls", __doc__)
     driver.Options.binary = trial.binary
     driver.enter_world(HOSTS)
