@@ -20,7 +20,7 @@ static const s64 AHEAD_MAX = 10000;
 // grows with their number, and nothing in the looks of a clause depends on where it stands.
 struct ClausesBox {
   GtkBox parent_instance;
-  u32 added_count;
+  u32 children_count;
   int ahead_width;  // that the clauses are laid out ahead for, in pixels
   u32 ahead_count;  // how many, from the first on, have been
   bool is_laying_out_ahead;
@@ -39,6 +39,12 @@ clauses_box_get_vadjustment (ClausesBox *self)
   return viewport ? gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)) : NULL;
 }
 
+static bool
+has_place (gpointer child)
+{
+  return gtk_widget_get_allocated_width (GTK_WIDGET (child)) > 1;
+}
+
 // Lays out all that is in a child which so far may only have a place. A clause has no margin, which
 // would be taken from its place once more.
 static void
@@ -52,6 +58,7 @@ clauses_box_lay_out_child (GtkWidget *child)
   gtk_widget_size_allocate (child, &place);
 }
 
+// Goes on for a while. A child without a place was added just now: its turn comes when it has one.
 static gboolean
 clauses_box_lay_out_ahead (gpointer box)
 {
@@ -59,13 +66,13 @@ clauses_box_lay_out_ahead (gpointer box)
   s64 end = g_get_monotonic_time () + AHEAD_MAX;
   GList *children = gtk_container_get_children (GTK_CONTAINER (self));
   GList *link = g_list_nth (children, self->ahead_count);
-  for (; link && g_get_monotonic_time () < end; link = link->next) {
+  for (; link && has_place (link->data) && g_get_monotonic_time () < end; link = link->next) {
     GtkWidget *child = GTK_WIDGET (link->data);
     if (!gtk_widget_get_child_visible (child))
       clauses_box_lay_out_child (child);
     self->ahead_count++;
   }
-  self->is_laying_out_ahead = link != NULL;
+  self->is_laying_out_ahead = link && has_place (link->data);
   g_list_free (children);
   return self->is_laying_out_ahead ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
 }
@@ -77,11 +84,20 @@ clauses_box_begin_laying_out_ahead (ClausesBox *self, int width)
     self->ahead_width = width;
     self->ahead_count = 0;
   }
-  if (self->is_laying_out_ahead || self->ahead_count == self->added_count)
+  if (self->is_laying_out_ahead || self->ahead_count == self->children_count)
     return;
   self->is_laying_out_ahead = true;
   gdk_threads_add_idle_full (G_PRIORITY_DEFAULT_IDLE, clauses_box_lay_out_ahead,
                              g_object_ref (self), g_object_unref);
+}
+
+static void
+clauses_box_map_child (GtkWidget *child)
+{
+  if (!has_place (child) || gtk_widget_get_child_visible (child))
+    return;
+  clauses_box_lay_out_child (child);
+  gtk_widget_set_child_visible (child, TRUE);
 }
 
 // Maps what is within a page of what is in sight. What was mapped once stays so, for it may have the
@@ -100,11 +116,8 @@ clauses_box_map_near (ClausesBox *self)
     GtkWidget *child = GTK_WIDGET (link->data);
     GtkAllocation place;
     gtk_widget_get_allocation (child, &place);
-    bool is_near = place.y < end && place.y + place.height > start;
-    if (is_near && place.width > 1 && !gtk_widget_get_child_visible (child)) {
-      clauses_box_lay_out_child (child);
-      gtk_widget_set_child_visible (child, TRUE);
-    }
+    if (place.y < end && place.y + place.height > start)
+      clauses_box_map_child (child);
   }
   g_list_free (children);
 }
@@ -113,10 +126,36 @@ static void
 clauses_box_add (GtkContainer *container, GtkWidget *child)
 {
   ClausesBox *self = (ClausesBox *) container;
-  self->added_count++;
-  if (self->added_count > MAPPED_CLAUSES)
+  self->children_count++;
+  if (self->children_count > MAPPED_CLAUSES)
     gtk_widget_set_child_visible (child, FALSE);
   GTK_CONTAINER_CLASS (clauses_box_parent_class)->add (container, child);
+}
+
+static void
+clauses_box_remove (GtkContainer *container, GtkWidget *child)
+{
+  ClausesBox *self = (ClausesBox *) container;
+  GTK_CONTAINER_CLASS (clauses_box_parent_class)->remove (container, child);
+  self->children_count--;
+  self->ahead_count = 0;
+}
+
+// The focus only goes to what is mapped: next come the clauses beside the one that has it or, from
+// outside, the last, for the first always is.
+static gboolean
+clauses_box_focus (GtkWidget *widget, GtkDirectionType direction)
+{
+  GtkWidget *focus = gtk_container_get_focus_child (GTK_CONTAINER (widget));
+  GList *children = gtk_container_get_children (GTK_CONTAINER (widget));
+  GList *link = focus ? g_list_find (children, focus) : g_list_last (children);
+  GList *next[] = {link ? link->prev : NULL, link, link ? link->next : NULL};
+  for (GList *near : next) {
+    if (near)
+      clauses_box_map_child (GTK_WIDGET (near->data));
+  }
+  g_list_free (children);
+  return GTK_WIDGET_CLASS (clauses_box_parent_class)->focus (widget, direction);
 }
 
 static GtkWidgetPath *
@@ -174,6 +213,8 @@ static void
 clauses_box_class_init (ClausesBoxClass *box_class)
 {
   GTK_CONTAINER_CLASS (box_class)->add = clauses_box_add;
+  GTK_CONTAINER_CLASS (box_class)->remove = clauses_box_remove;
+  GTK_WIDGET_CLASS (box_class)->focus = clauses_box_focus;
   GTK_CONTAINER_CLASS (box_class)->get_path_for_child = clauses_box_get_path_for_child;
   GTK_WIDGET_CLASS (box_class)->size_allocate = clauses_box_size_allocate;
   // A box paints its background too, at a place that it has found out itself.

@@ -194,6 +194,107 @@ TEST (procedure_view_new, lays_out_the_clauses_out_of_sight_for_the_width_of_the
   EXPECT_FALSE (is_mapped (procedure->clauses[39]));
 }
 
+// Some hundreds of words, which are pages high behind a wrong width.
+static Clause *
+add_long_clause (TestWindow *test, Procedure *procedure)
+{
+  Clause *clause = add_clause (test, procedure);
+  std::string text;
+  for (int i = 0; i < 300; i++) {
+    text += "Planks of oak, ";
+  }
+  add_revision (test, clause, text.c_str ());
+  return clause;
+}
+
+// As for a clause that comes from the other party, with its first revision.
+static void
+show_new_clause (TestWindow *test, Procedure *procedure)
+{
+  Clause *clause = add_long_clause (test, procedure);
+  procedure_view_add_clause (procedure->view, clause);
+  clause_view_show_revision (clause->view, clause->revisions[0], test->window->account.bare_jid);
+}
+
+static bool
+is_all_laid_out (void *data)
+{
+  Procedure *procedure = (Procedure *) data;
+  for (u32 i = 0; i < procedure->clauses_count; i++) {
+    if (gtk_widget_get_allocated_width (GTK_WIDGET (procedure->clauses[i]->view)) <= 1 ||
+        get_text_width (procedure->clauses[i]) != get_text_width (procedure->clauses[0])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+TEST (procedure_view_new, lays_out_a_clause_that_comes_while_another_is_laid_out)
+{
+  static TestWindow *current;
+  TestWindow test;
+  current = &test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  // The first has its place, and is to be laid out, when the second comes.
+  g_signal_connect (find_widget (procedure->view, "clauses_box"), "size-allocate",
+                    G_CALLBACK (+[] (GtkWidget *, GdkRectangle *, Procedure *shown) {
+                      if (shown->clauses_count == 41)
+                        show_new_clause (current, shown);
+                    }),
+                    procedure);
+  show_new_clause (&test, procedure);
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return ((Procedure *) data)->clauses_count == 42; }, procedure));
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+}
+
+TEST (procedure_view_new, lays_out_a_clause_that_comes_after_another_was_removed)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  press (procedure->view, "add_clause_button");
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  press (procedure->clauses[40]->view, "cancel_button");
+  ASSERT_EQ (procedure->clauses_count, 40u);
+  pump ();
+  show_new_clause (&test, procedure);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  EXPECT_FALSE (is_mapped (procedure->clauses[40]));
+}
+
+// Pages away it is not mapped, and the focus goes to what is.
+TEST (procedure_view_new, lets_the_focus_pass_to_a_clause_far_below)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  for (u32 i = 0; i < 19; i++) {
+    add_long_clause (&test, procedure);
+  }
+  show (&test, procedure);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  Clause *below = procedure->clauses[18];
+  GtkWidget *button = find_widget (procedure->clauses[15]->view, "disagree_button");
+  gtk_widget_grab_focus (button);
+  ASSERT_FALSE (is_mapped (below));
+  gtk_widget_grab_focus (find_widget (procedure->view, "add_clause_button"));
+  gtk_widget_child_focus (GTK_WIDGET (test.window), GTK_DIR_TAB_BACKWARD);
+  GtkWidget *focus = gtk_window_get_focus (GTK_WINDOW (test.window));
+  EXPECT_TRUE (gtk_widget_is_ancestor (focus, GTK_WIDGET (below->view)));
+
+  for (u32 i = 16; i < 19; i++) {
+    gtk_widget_grab_focus (find_widget (procedure->clauses[i - 1]->view, "disagree_button"));
+    for (int tabs = 0; tabs < 9; tabs++) {
+      gtk_widget_child_focus (GTK_WIDGET (test.window), GTK_DIR_TAB_FORWARD);
+      focus = gtk_window_get_focus (GTK_WINDOW (test.window));
+      if (!gtk_widget_is_ancestor (focus, GTK_WIDGET (procedure->clauses[i - 1]->view)))
+        break;
+    }
+    EXPECT_TRUE (gtk_widget_is_ancestor (focus, GTK_WIDGET (procedure->clauses[i]->view))) << i;
+  }
+}
+
 // Whether each clause stands below the one before it, and is as high as it wants to be.
 static bool
 is_in_order (void *data)
@@ -317,6 +418,34 @@ TEST (procedure_view_new, follows_the_cursor_through_a_long_text)
   EXPECT_LT (start, cursor.y);
   EXPECT_GT (end, cursor.y + cursor.height);
 }
+
+class RevisionMeanwhile : public testing::TestWithParam<bool> {};
+
+// The focus is still in the text, and the user is reading elsewhere.
+TEST_P (RevisionMeanwhile, leaves_the_page_where_it_is)
+{
+  TestWindow test;
+  Clause *clause = show_long_clause (&test);
+  GtkWidget *text_view = find_widget (clause->view, "text_view");
+  gtk_widget_grab_focus (text_view);
+  if (GetParam ())
+    type (clause->view, "text_view", std::string (4000, '\n').c_str ());
+  pump ();
+  EXPECT_TRUE (pump_until (is_page_high, clause));
+  gtk_adjustment_set_value (get_page (clause), 1000);
+  pump ();
+  ASSERT_EQ (gtk_adjustment_get_value (get_page (clause)), 1000);
+  add_revision (&test, clause, std::string (4000, '\n').c_str ());
+  ClauseRevision *revision = clause->revisions[1];
+  clause_view_add_revision (clause->view, revision);
+  clause_view_show_revision (clause->view, revision, test.window->account.bare_jid);
+  pump ();
+  EXPECT_EQ (gtk_adjustment_get_value (get_page (clause)), 1000);
+  // What was typed is not typed on.
+  EXPECT_EQ (gtk_widget_is_focus (text_view), !GetParam ());
+}
+
+INSTANTIATE_TEST_SUITE_P (typed, RevisionMeanwhile, testing::Bool ());
 
 TEST (procedure_view_new, shows_the_button_that_gets_the_focus)
 {
