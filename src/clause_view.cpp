@@ -131,6 +131,14 @@ clause_view_get_window (ClauseView *self)
   return MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
 }
 
+// Where the page that shows the clauses stands. None outside of a page.
+static GtkAdjustment *
+clause_view_get_page (ClauseView *self)
+{
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
+  return viewport ? gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)) : NULL;
+}
+
 // The party that is not `own`.
 static String
 clause_view_get_other_party (ClauseView *self, String own)
@@ -697,18 +705,18 @@ clause_view_scroll_to_cursor (gpointer data)
 {
   ClauseView *self = MORVANE_CLAUSE_VIEW (data);
   GtkWidget *text_view = GTK_WIDGET (self->text_view);
-  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
-  if (!viewport || !gtk_widget_get_mapped (text_view) || !gtk_widget_has_focus (text_view))
+  GtkAdjustment *page = clause_view_get_page (self);
+  if (!page || !gtk_widget_get_mapped (text_view) || !gtk_widget_has_focus (text_view))
     return G_SOURCE_REMOVE;
   GdkRectangle cursor;
   gtk_text_view_get_cursor_locations (self->text_view, NULL, &cursor, NULL);
   gtk_text_view_buffer_to_window_coords (self->text_view, GTK_TEXT_WINDOW_WIDGET, 0, cursor.y, NULL,
                                          &cursor.y);
-  GtkWidget *page = gtk_bin_get_child (GTK_BIN (viewport));
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
   int y = 0;
-  gtk_widget_translate_coordinates (text_view, page, 0, cursor.y, NULL, &y);
-  gtk_adjustment_clamp_page (gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)), y,
-                             y + cursor.height);
+  gtk_widget_translate_coordinates (text_view, gtk_bin_get_child (GTK_BIN (viewport)), 0, cursor.y,
+                                    NULL, &y);
+  gtk_adjustment_clamp_page (page, y, y + cursor.height);
   return G_SOURCE_REMOVE;
 }
 
@@ -836,13 +844,24 @@ clause_view_show_revision_status (ClauseView *self, ClauseRevision *revision)
   dealloc_cstr (status);
 }
 
+// The page stays where it is: the user may be reading elsewhere.
+static void
+clause_view_take_focus_from_text (ClauseView *self)
+{
+  GtkAdjustment *page = clause_view_get_page (self);
+  double place = page ? gtk_adjustment_get_value (page) : 0;
+  gtk_widget_grab_focus (GTK_WIDGET (self->revision_select_menu_button));
+  if (page)
+    gtk_adjustment_set_value (page, place);
+}
+
 void
 clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String own)
 {
   // What the user typed is not lost when something else is shown in its place, and what they type
   // on without looking must not change that into a new draft in place of theirs.
   if (self->is_text_changed && gtk_widget_is_focus (GTK_WIDGET (self->text_view)))
-    gtk_widget_grab_focus (GTK_WIDGET (self->revision_select_menu_button));
+    clause_view_take_focus_from_text (self);
   clause_view_save_draft (self);
   clause_view_end_diff (self);
   GtkListBoxRow *row = clause_view_find_row (self, revision);
@@ -953,10 +972,14 @@ clause_view_remove_draft_from_revisions_select_list (ClauseView *self)
 void
 clause_view_set_text (ClauseView *self, String text)
 {
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  // It is not the user who moves the cursor.
+  g_signal_handlers_block_by_func (text_buffer, (gpointer) clause_view_cursor_moved_handle, self);
   clause_view_disconnect_text_changed (self);
-  gtk_text_buffer_set_text (gtk_text_view_get_buffer (self->text_view),
-                            text.size ? (const char *) text.data : "", (gint) text.size);
+  gtk_text_buffer_set_text (text_buffer, text.size ? (const char *) text.data : "",
+                            (gint) text.size);
   clause_view_connect_text_changed (self);
+  g_signal_handlers_unblock_by_func (text_buffer, (gpointer) clause_view_cursor_moved_handle, self);
 }
 
 void
