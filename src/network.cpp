@@ -80,6 +80,9 @@ push_record (gnutls_transport_ptr_t transport, const void *data, size_t size)
     return os_send_all (socket, record) ? (ssize_t) size : -1;
   }
   assert (size <= COLLECTED_SIZE_MAX);
+  if (size > COLLECTED_SIZE_MAX) {
+    return -1;
+  }
   if (collector->size + size > COLLECTED_SIZE_MAX && !write_collected_records (socket)) {
     return -1;
   }
