@@ -233,7 +233,7 @@ def try_login(party, kind):
     is_intact = party.rows("SELECT * FROM accounts") == []
     party.start()
     party.login()
-    return (status, stop) == (STOPPED, BROKEN_SQL) and said in MESSAGES, is_intact
+    return (status, stop) == (STOPPED, BROKEN_SQL) and said in get_messages(kind), is_intact
 
 
 def try_gap(party):
