@@ -838,6 +838,8 @@ scripted_server_start (const ServerScript &script, const ServerOptions &options)
   ScriptedServer *server = new ScriptedServer ();
   server->script = script;
   server->options = options;
+  if (const char *slowness = getenv ("MORVANE_SLOW"))
+    server->options.timeout_ms *= std::max (1, atoi (slowness));
   server->socket = -1;
   server->report.taken.resize (script.size ());
   server->stop_event = eventfd (0, EFD_CLOEXEC | EFD_NONBLOCK);

@@ -93,7 +93,7 @@ struct ScriptedServer;
 struct ServerOptions {
   std::string address = "127.0.0.1";
   int port = 5222;         // 0 for any that is free
-  int timeout_ms = 10000;  // for each step
+  int timeout_ms = 10000;  // for each step; so many times as long as MORVANE_SLOW says
 };
 
 // What happened.

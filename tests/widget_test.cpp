@@ -211,10 +211,12 @@ pump ()
 bool
 pump_until (bool (*is_done) (void *data), void *data)
 {
+  const char *slowness = getenv ("MORVANE_SLOW");
+  s64 bound = 10 * (slowness ? atoi (slowness) : 1);
   // Wakes the loop also when nothing else does.
   guint source = g_timeout_add (
     10, [] (gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, NULL);
-  s64 deadline = g_get_monotonic_time () + 10 * G_USEC_PER_SEC;
+  s64 deadline = g_get_monotonic_time () + bound * G_USEC_PER_SEC;
   bool done = is_done (data);
   while (!done && g_get_monotonic_time () < deadline) {
     gtk_main_iteration ();

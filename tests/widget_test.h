@@ -47,7 +47,8 @@ void close_window (TestWindow *test);
 
 // Handles everything that waits, drawing included.
 void pump ();
-// Runs the main loop until `is_done (data)`; false when that takes longer than ten seconds.
+// Runs the main loop until `is_done (data)`; false when that takes longer than ten seconds, or as many
+// times ten as MORVANE_SLOW says.
 bool pump_until (bool (*is_done) (void *data), void *data);
 
 // ---- Widgets ----
