@@ -42,6 +42,9 @@ AWAY_MAX = 16  # actions
 PROCEDURES_MAX = 5
 CLAUSES_MAX = 4
 
+WARNING = re.compile(r"Warning: (A [a-z ]+ came, but we don't have the \w+ to attach it to\.|"
+                     r"Received a message from '.*', but that contact isn't in the contact list\.)")
+
 
 class Difference(Exception):
     """A database does not hold what it must."""
@@ -163,8 +166,10 @@ class Player:
         for line in data[:end].decode(errors="replace").splitlines():
             if re.search(r"\brequest\b.*<message type='chat' id='", line):
                 self.sent += 1
-            elif re.match("Warning: (A .* came, but|Received a message from)", line):
-                self.warnings[line[len("Warning: "):]] += 1
+            # What the worker dumps meanwhile may stand ahead of it.
+            warning = WARNING.search(line)
+            if warning:
+                self.warnings[warning[1]] += 1
 
     # ---- Acting ----
 
