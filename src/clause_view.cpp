@@ -131,14 +131,6 @@ clause_view_get_window (ClauseView *self)
   return MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
 }
 
-// Where the page that shows the clauses stands. None outside of a page.
-static GtkAdjustment *
-clause_view_get_page (ClauseView *self)
-{
-  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
-  return viewport ? gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)) : NULL;
-}
-
 // The party that is not `own`.
 static String
 clause_view_get_other_party (ClauseView *self, String own)
@@ -705,18 +697,18 @@ clause_view_scroll_to_cursor (gpointer data)
 {
   ClauseView *self = MORVANE_CLAUSE_VIEW (data);
   GtkWidget *text_view = GTK_WIDGET (self->text_view);
-  GtkAdjustment *page = clause_view_get_page (self);
-  if (!page || !gtk_widget_get_mapped (text_view) || !gtk_widget_has_focus (text_view))
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
+  if (!viewport || !gtk_widget_get_mapped (text_view) || !gtk_widget_has_focus (text_view))
     return G_SOURCE_REMOVE;
   GdkRectangle cursor;
   gtk_text_view_get_cursor_locations (self->text_view, NULL, &cursor, NULL);
   gtk_text_view_buffer_to_window_coords (self->text_view, GTK_TEXT_WINDOW_WIDGET, 0, cursor.y, NULL,
                                          &cursor.y);
-  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
   int y = 0;
   gtk_widget_translate_coordinates (text_view, gtk_bin_get_child (GTK_BIN (viewport)), 0, cursor.y,
                                     NULL, &y);
-  gtk_adjustment_clamp_page (page, y, y + cursor.height);
+  gtk_adjustment_clamp_page (gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)), y,
+                             y + cursor.height);
   return G_SOURCE_REMOVE;
 }
 
@@ -848,7 +840,7 @@ clause_view_show_revision_status (ClauseView *self, ClauseRevision *revision)
 static void
 clause_view_take_focus_from_text (ClauseView *self)
 {
-  GtkAdjustment *page = clause_view_get_page (self);
+  GtkAdjustment *page = procedure_view_get_page (GTK_WIDGET (self));
   double place = page ? gtk_adjustment_get_value (page) : 0;
   gtk_widget_grab_focus (GTK_WIDGET (self->revision_select_menu_button));
   if (page)
@@ -985,6 +977,7 @@ clause_view_set_text (ClauseView *self, String text)
 void
 clause_view_measure (ClauseView *self)
 {
+  // It is measured here, and need not be asked once more.
   self->text_width = LIKELY_TEXT_WIDTH;
   gtk_text_view_place (self->text_view, LIKELY_TEXT_WIDTH);
   GtkRequisition size;

@@ -32,13 +32,6 @@ struct ClausesBoxClass {
 
 G_DEFINE_TYPE (ClausesBox, clauses_box, GTK_TYPE_BOX)
 
-static GtkAdjustment *
-clauses_box_get_vadjustment (ClausesBox *self)
-{
-  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
-  return viewport ? gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)) : NULL;
-}
-
 static bool
 has_place (gpointer child)
 {
@@ -105,7 +98,7 @@ clauses_box_map_child (GtkWidget *child)
 static void
 clauses_box_map_near (ClausesBox *self)
 {
-  GtkAdjustment *vadjustment = clauses_box_get_vadjustment (self);
+  GtkAdjustment *vadjustment = procedure_view_get_page (GTK_WIDGET (self));
   if (!vadjustment)
     return;
   double page_size = gtk_adjustment_get_page_size (vadjustment);
@@ -303,7 +296,7 @@ procedure_view_init (ProcedureView *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
   ClausesBox *clauses_box = (ClausesBox *) self->clauses_box;
-  g_signal_connect_object (clauses_box_get_vadjustment (clauses_box), "value-changed",
+  g_signal_connect_object (procedure_view_get_page (GTK_WIDGET (clauses_box)), "value-changed",
                            G_CALLBACK (clauses_box_map_near), clauses_box, G_CONNECT_SWAPPED);
   GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (clauses_box), GTK_TYPE_VIEWPORT);
   gtk_container_set_focus_vadjustment (GTK_CONTAINER (viewport), NULL);
@@ -372,6 +365,13 @@ procedure_view_add_clause (ProcedureView *self, Clause *clause)
 }
 
 // ---- Pages ----
+
+GtkAdjustment *
+procedure_view_get_page (GtkWidget *widget)
+{
+  GtkWidget *viewport = gtk_widget_get_ancestor (widget, GTK_TYPE_VIEWPORT);
+  return viewport ? gtk_scrollable_get_vadjustment (GTK_SCROLLABLE (viewport)) : NULL;
+}
 
 void
 procedure_view_show_clause (ProcedureView *self)

@@ -28,6 +28,8 @@ void procedure_view_add_clause (ProcedureView *self, Clause *clause);
 
 // ---- Pages ----
 
+// Where the scrolled page stands that holds a widget of a procedure's view. None outside of a page.
+GtkAdjustment *procedure_view_get_page (GtkWidget *widget);
 // Leaves the chat page of a clause.
 void procedure_view_show_clause (ProcedureView *self);
 void procedure_view_show_clause_chat_page (ProcedureView *self, ClauseChatPage *chat_page);
