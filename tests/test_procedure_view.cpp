@@ -151,11 +151,16 @@ get_text_width (Clause *clause)
 }
 
 static bool
-is_last_as_wide_as_first (void *procedure)
+is_all_laid_out (void *data)
 {
-  Clause **clauses = ((Procedure *) procedure)->clauses;
-  return get_text_width (clauses[0]) > 1 &&
-         get_text_width (clauses[39]) == get_text_width (clauses[0]);
+  Procedure *procedure = (Procedure *) data;
+  for (u32 i = 0; i < procedure->clauses_count; i++) {
+    if (gtk_widget_get_allocated_width (GTK_WIDGET (procedure->clauses[i]->view)) <= 1 ||
+        get_text_width (procedure->clauses[i]) != get_text_width (procedure->clauses[0])) {
+      return false;
+    }
+  }
+  return true;
 }
 
 // Hundreds at once would keep the user waiting.
@@ -163,7 +168,7 @@ TEST (procedure_view_new, lays_out_the_clauses_in_sight_first)
 {
   TestWindow test;
   Procedure *procedure = show_many_clauses (&test);
-  EXPECT_TRUE (pump_until (is_last_as_wide_as_first, procedure));
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
   gtk_window_resize (GTK_WINDOW (test.window), 900, 640);
   static bool was_last_later;
   was_last_later = false;
@@ -174,20 +179,20 @@ TEST (procedure_view_new, lays_out_the_clauses_in_sight_first)
                     }),
                     procedure);
   EXPECT_TRUE (pump_until ([] (void *) { return was_last_later; }, NULL));
-  EXPECT_TRUE (pump_until (is_last_as_wide_as_first, procedure));
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
 }
 
 TEST (procedure_view_new, lays_out_the_clauses_out_of_sight_for_the_width_of_the_page)
 {
   TestWindow test;
   Procedure *procedure = show_many_clauses (&test);
-  EXPECT_TRUE (pump_until (is_last_as_wide_as_first, procedure));
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
   int width = get_text_width (procedure->clauses[39]);
   gtk_window_resize (GTK_WINDOW (test.window), 900, 640);
   EXPECT_TRUE (pump_until (
     [] (void *data) {
       Clause **clauses = ((Procedure *) data)->clauses;
-      return get_text_width (clauses[0]) > 500 && is_last_as_wide_as_first (data);
+      return get_text_width (clauses[0]) > 500 && is_all_laid_out (data);
     },
     procedure));
   EXPECT_GT (get_text_width (procedure->clauses[39]), width);
@@ -214,19 +219,6 @@ show_new_clause (TestWindow *test, Procedure *procedure)
   Clause *clause = add_long_clause (test, procedure);
   procedure_view_add_clause (procedure->view, clause);
   clause_view_show_revision (clause->view, clause->revisions[0], test->window->account.bare_jid);
-}
-
-static bool
-is_all_laid_out (void *data)
-{
-  Procedure *procedure = (Procedure *) data;
-  for (u32 i = 0; i < procedure->clauses_count; i++) {
-    if (gtk_widget_get_allocated_width (GTK_WIDGET (procedure->clauses[i]->view)) <= 1 ||
-        get_text_width (procedure->clauses[i]) != get_text_width (procedure->clauses[0])) {
-      return false;
-    }
-  }
-  return true;
 }
 
 TEST (procedure_view_new, lays_out_a_clause_that_comes_while_another_is_laid_out)
@@ -322,7 +314,7 @@ TEST (procedure_view_new, places_the_clauses_one_below_the_other)
 {
   TestWindow test;
   Procedure *procedure = show_many_clauses (&test);
-  EXPECT_TRUE (pump_until (is_last_as_wide_as_first, procedure));
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
   EXPECT_TRUE (pump_until (is_in_order, procedure));
   EXPECT_GT (gtk_widget_get_allocated_height (GTK_WIDGET (procedure->clauses[39]->view)), 300);
 }
@@ -338,12 +330,7 @@ TEST (procedure_view_new, knows_the_heights_of_the_texts_before_they_are_shown)
   TestWindow test;
   log_in (&test);
   Procedure *procedure = add_procedure (&test);
-  std::string text;
-  for (int i = 0; i < 300; i++) {
-    text += "Planks of oak, ";
-  }
-  Clause *clause = add_clause (&test, procedure);
-  add_revision (&test, clause, text.c_str ());
+  Clause *clause = add_long_clause (&test, procedure);
   app_window_add_procedure (test.window, procedure);
   int before;
   gtk_widget_get_preferred_height (GTK_WIDGET (clause->view), NULL, &before);
@@ -489,36 +476,48 @@ TEST (procedure_view_new, gives_a_clause_a_style_path_without_its_siblings)
   EXPECT_EQ (gtk_widget_path_iter_get_siblings (path, -1), nullptr);
 }
 
-TEST (procedure_view_new, has_the_clauses_at_once)
+// A procedure with a clause that has a revision and one that has none.
+static Procedure *
+add_two_clauses (TestWindow *test)
 {
-  TestWindow test;
-  log_in (&test);
-  Procedure *procedure = add_procedure (&test);
-  add_revision (&test, add_clause (&test, procedure), "Planks of oak");
-  add_clause (&test, procedure);
-  GtkWidget *view = procedure_view_new (procedure, test.window->account.bare_jid);
+  log_in (test);
+  Procedure *procedure = add_procedure (test);
+  add_revision (test, add_clause (test, procedure), "Planks of oak");
+  add_clause (test, procedure);
+  return procedure;
+}
+
+static void
+show_view (Procedure *procedure, GtkWidget *view)
+{
   show_alone (view);
   procedure->view = MORVANE_PROCEDURE_VIEW (view);
+}
+
+static void
+expect_two_clauses (Procedure *procedure)
+{
   EXPECT_EQ (count_clause_views (procedure), 2u);
   EXPECT_EQ (get_text (procedure->clauses[0]->view, "text_view"), "Planks of oak");
   EXPECT_EQ (get_text (procedure->clauses[1]->view, "revision_status_label"), "draft");
 }
 
+TEST (procedure_view_new, has_the_clauses_at_once)
+{
+  TestWindow test;
+  Procedure *procedure = add_two_clauses (&test);
+  show_view (procedure, procedure_view_new (procedure, test.window->account.bare_jid));
+  expect_two_clauses (procedure);
+}
+
 TEST (procedure_view_new, is_the_same_in_two_steps)
 {
   TestWindow test;
-  log_in (&test);
-  Procedure *procedure = add_procedure (&test);
-  add_revision (&test, add_clause (&test, procedure), "Planks of oak");
-  add_clause (&test, procedure);
-  GtkWidget *view = procedure_view_new_empty (procedure);
-  show_alone (view);
-  procedure->view = MORVANE_PROCEDURE_VIEW (view);
+  Procedure *procedure = add_two_clauses (&test);
+  show_view (procedure, procedure_view_new_empty (procedure));
   EXPECT_EQ (count_clause_views (procedure), 0u);
   procedure_view_fill (procedure->view, test.window->account.bare_jid);
-  EXPECT_EQ (count_clause_views (procedure), 2u);
-  EXPECT_EQ (get_text (procedure->clauses[0]->view, "text_view"), "Planks of oak");
-  EXPECT_EQ (get_text (procedure->clauses[1]->view, "revision_status_label"), "draft");
+  expect_two_clauses (procedure);
 }
 
 TEST (procedure_view_new, wraps_a_long_title_instead_of_widening_the_window)
