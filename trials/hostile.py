@@ -767,7 +767,7 @@ def try_memory(trial, evil, tally):
         figures[what] = grow(victim, evil, stanzas, rounds)
     memory, console = figures["refused"]
     per_byte = memory / console
-    expected = (f"no more a byte of text than harmless stanzas take, and {KEPT_SIZE // 1_000_000} MB")
+    expected = f"no more a byte of text than harmless stanzas take, and {KEPT_SIZE // 1_000_000} MB"
     harmless = figures["harmless"][0] / figures["harmless"][1]
     trial.check(f"{len(refused):,} refused cases, {rounds} times: memory beside the console's text",
                 expected, expected if memory < max(harmless, 1) * console + KEPT_SIZE else

@@ -217,10 +217,11 @@ def try_first_start(party, kind, number):
     party.process = party.launch()
     status, stop, said = wait_stopped(party)
     heal(party)
-    is_stop = status == STOPPED and stop in (BROKEN_SQL, NOT_OPENED)
+    is_stop = (status == STOPPED and stop in (BROKEN_SQL, NOT_OPENED) and
+               said in get_messages(kind))
     print("first start, %s from call %d on: %s, %s" % (kind, number, stop, said), flush=True)
     party.start()
-    return is_stop and said in get_messages(kind), party.rows("SELECT * FROM app_info") == [(1, "Morvane", "0.1")]
+    return is_stop, party.rows("SELECT * FROM app_info") == [(1, "Morvane", "0.1")]
 
 
 def try_login(party, kind):

@@ -580,12 +580,13 @@ def try_wire(trial, recorder):
     that with the last one all are there."""
     send_clear(recorder, b"<end-of-the-trial/>")
     if recorder.wire.socket:
-        trial.check("every packet of the loopback interface, searched at the end",
-                    "secrets sent: none",
-                    "secrets sent: " + find_secrets(*recorder.wire.said()))
-    elif not trial.short:
-        trial.check("every packet of the loopback interface, searched at the end",
-                    "secrets sent: none", "no right to see them here")
+        seen = "secrets sent: " + find_secrets(*recorder.wire.said())
+    elif trial.short:
+        return
+    else:
+        seen = "no right to see them here"
+    trial.check("every packet of the loopback interface, searched at the end",
+                "secrets sent: none", seen)
 
 
 def try_controls(trial, recorder):

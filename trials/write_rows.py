@@ -3,8 +3,8 @@
     write_rows.py DOCUMENT ROWS.json...
 
 Rows are a record of "name", "checks" (what, expected, seen) and "figures" (what, value), all of them
-texts. The document holds `<!-- trial NAME -->` and, further down, `<!-- end -->`; what stands between them
-is replaced.
+texts. The document holds `<!-- trial NAME -->` and, further down, `<!-- end -->`; what stands between
+them is replaced.
 """
 
 import json
