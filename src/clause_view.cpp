@@ -4,9 +4,9 @@
 
 #include "app_window.h"
 #include "clause_chat_page.h"
+#include "clause_comparison.h"
 #include "clause_revision_list_item.h"
 #include "db.h"
-#include "diff.h"
 #include "morvane.h"
 #include "procedure_view.h"
 
@@ -53,25 +53,15 @@ struct _ClauseView {
   GtkBox *diff_overlay_tools;
   GtkButton *diff_add_button;
   GtkButton *diff_del_button;
-  // The comparison.
-  bool is_comparing;
-  GtkTextTag *added_tag;  // both of the buffer's table while comparing
-  GtkTextTag *deleted_tag;
-  GSList *return_marks;  // in front of each return symbol that stands for a line break
-  // The tagged run that the tools act on, good until the text changes.
-  bool has_hovered_word;
-  GtkTextIter hovered_word_start;
-  GtkTextIter hovered_word_end;
+  ClauseComparison comparison;
 };
 
 G_DEFINE_TYPE (ClauseView, clause_view, GTK_TYPE_BOX)
 
 static void clause_view_text_changed_handle (GtkTextBuffer *text_buffer, ClauseView *self);
-static void clause_view_end_diff (ClauseView *self);
 static void clause_view_compare (ClauseView *self, ClauseRevision *revision,
                                  ClauseRevision *other_revision);
 static void clause_view_leave_diff (ClauseView *self);
-static bool clause_view_has_changes (ClauseView *self);
 static void clause_view_decide_change (ClauseView *self, bool is_kept);
 static void clause_view_keep_all_changes (ClauseView *self);
 static void clause_view_use_as_draft (ClauseView *self);
@@ -248,45 +238,30 @@ clause_view_text_view_size_allocate_handle (GtkWidget *text_view, GdkRectangle *
                              g_object_ref (text_view), g_object_unref);
 }
 
-static void
-clause_view_drop_hovered_word (ClauseView *self)
-{
-  self->has_hovered_word = false;
-  gtk_widget_hide (GTK_WIDGET (self->diff_overlay_tools));
-}
-
-// Gives the tagged run at `iter` the comparison's tools, just under its line and centred on `x`
-// (buffer coordinates); elsewhere there are none.
+// Gives the tagged run at `iter` the comparison's tools, at `x` (buffer coordinates); elsewhere there
+// are none.
 static void
 clause_view_show_diff_tools (ClauseView *self, GtkTextIter iter, int x)
 {
   GSList *tags = gtk_text_iter_get_tags (&iter);
   if (!tags) {
-    clause_view_drop_hovered_word (self);
+    clause_comparison_hide_tools (&self->comparison);
     return;
   }
   g_slist_free (tags);
 
-  self->hovered_word_start = iter;
-  if (!gtk_text_iter_starts_tag (&self->hovered_word_start, NULL)) {
-    [[maybe_unused]] bool found =
-      gtk_text_iter_backward_to_tag_toggle (&self->hovered_word_start, NULL);
+  GtkTextIter start = iter;
+  if (!gtk_text_iter_starts_tag (&start, NULL)) {
+    [[maybe_unused]] bool found = gtk_text_iter_backward_to_tag_toggle (&start, NULL);
     assert (found);
   }
-  self->hovered_word_end = iter;
-  [[maybe_unused]] bool found = gtk_text_iter_forward_to_tag_toggle (&self->hovered_word_end, NULL);
+  GtkTextIter end = iter;
+  [[maybe_unused]] bool found = gtk_text_iter_forward_to_tag_toggle (&end, NULL);
   assert (found);
-  self->has_hovered_word = true;
 
   GdkRectangle location;
   gtk_text_view_get_iter_location (self->text_view, &iter, &location);
-  int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (self->text_view));
-  int tools_width = gtk_widget_get_allocated_width (GTK_WIDGET (self->diff_overlay_tools));
-  gtk_widget_set_margin_start (GTK_WIDGET (self->diff_overlay_tools),
-                               MAX (0, x + 2 * border_width - tools_width / 2));
-  gtk_widget_set_margin_top (GTK_WIDGET (self->diff_overlay_tools),
-                             location.y + location.height + border_width);
-  gtk_widget_show (GTK_WIDGET (self->diff_overlay_tools));
+  clause_comparison_show_tools (&self->comparison, start, end, location, x);
 }
 
 static gboolean
@@ -311,7 +286,7 @@ clause_view_text_view_motion_notify_handle (GtkWidget *widget, GdkEventMotion *e
 static void
 clause_view_cursor_position_handle (GtkTextBuffer *text_buffer, GParamSpec *, ClauseView *self)
 {
-  if (!self->is_comparing || !gtk_widget_has_focus (GTK_WIDGET (self->text_view)))
+  if (!self->comparison.is_shown || !gtk_widget_has_focus (GTK_WIDGET (self->text_view)))
     return;
   GtkTextIter iter;
   gtk_text_buffer_get_iter_at_mark (text_buffer, &iter, gtk_text_buffer_get_insert (text_buffer));
@@ -324,13 +299,13 @@ clause_view_cursor_position_handle (GtkTextBuffer *text_buffer, GParamSpec *, Cl
 static gboolean
 clause_view_text_view_key_press_handle (GtkWidget *, GdkEventKey *event, ClauseView *self)
 {
-  if (!self->is_comparing)
+  if (!self->comparison.is_shown)
     return FALSE;
   if (event->keyval == GDK_KEY_Escape) {
     clause_view_leave_diff (self);
     return TRUE;
   }
-  if (event->keyval == GDK_KEY_Tab && self->has_hovered_word) {
+  if (event->keyval == GDK_KEY_Tab && self->comparison.has_run) {
     gtk_widget_grab_focus (GTK_WIDGET (self->diff_add_button));
     return TRUE;
   }
@@ -371,8 +346,8 @@ clause_view_populate_popup_handle (GtkTextView *, GtkWidget *popup, ClauseView *
 {
   if (!GTK_IS_MENU (popup))
     return;
-  if (self->is_comparing) {
-    bool has_changes = clause_view_has_changes (self);
+  if (self->comparison.is_shown) {
+    bool has_changes = clause_comparison_has_changes (&self->comparison);
     clause_view_append_menu_item (self, popup, "Keep all remaining changes", has_changes,
                                   clause_view_keep_all_changes);
     clause_view_append_menu_item (self, popup, "Use this text as draft", !has_changes,
@@ -607,8 +582,7 @@ clause_view_diff_del_button_handle (GtkButton *, ClauseView *self)
 static void
 clause_view_finalize (GObject *object)
 {
-  // The marks are the buffer's.
-  g_slist_free (MORVANE_CLAUSE_VIEW (object)->return_marks);
+  clause_comparison_finalize (&MORVANE_CLAUSE_VIEW (object)->comparison);
   G_OBJECT_CLASS (clause_view_parent_class)->finalize (object);
 }
 
@@ -644,6 +618,8 @@ static void
 clause_view_init (ClauseView *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
+  clause_comparison_init (&self->comparison, self->text_view,
+                          GTK_WIDGET (self->diff_overlay_tools));
   g_signal_connect (gtk_scrollable_get_hadjustment (GTK_SCROLLABLE (self->text_view)),
                     "value-changed", G_CALLBACK (clause_view_hadjustment_value_changed_handle),
                     NULL);
@@ -855,7 +831,7 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
   if (self->is_text_changed && gtk_widget_is_focus (GTK_WIDGET (self->text_view)))
     clause_view_take_focus_from_text (self);
   clause_view_save_draft (self);
-  clause_view_end_diff (self);
+  clause_comparison_end (&self->comparison);
   GtkListBoxRow *row = clause_view_find_row (self, revision);
   assert (row);
   gtk_list_box_select_row (self->revision_select_list, row);
@@ -882,7 +858,7 @@ clause_view_show_draft (ClauseView *self)
 {
   clause_view_save_draft (self);
   assert (self->clause->draft);
-  clause_view_end_diff (self);
+  clause_comparison_end (&self->comparison);
   clause_view_set_text (self, self->clause->draft->text);
   clause_view_set_draft_mode (self);
 }
@@ -891,7 +867,7 @@ void
 clause_view_set_draft_mode (ClauseView *self)
 {
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  clause_view_end_diff (self);
+  clause_comparison_end (&self->comparison);
   self->is_draft = true;
   gtk_label_set_text (self->revision_status_label, "draft");
   gtk_label_set_text (self->decision_status_label, " ");
@@ -1041,66 +1017,6 @@ clause_view_make_new_decision (ClauseView *self, String author, DecisionStatus s
 
 // ---- Comparison ----
 
-// The most cells that a comparison may take: a tenth of a second and 100 MB.
-static const u64 DIFF_CELLS_MAX = 25000000;
-
-// What the walk over a comparison appends to.
-struct DiffDisplay {
-  ClauseView *view;
-  GtkTextBuffer *text_buffer;
-  StringsStack older_words;
-  StringsStack newer_words;
-};
-
-static void
-append_diff_word (DiffKind kind, u32 index, void *data)
-{
-  DiffDisplay *display = (DiffDisplay *) data;
-  ClauseView *view = display->view;
-  String word =
-    kind == DIFF_ADDED ? display->newer_words.strings[index] : display->older_words.strings[index];
-  GtkTextIter end;
-  gtk_text_buffer_get_end_iter (display->text_buffer, &end);
-  if (kind == DIFF_COMMON) {
-    gtk_text_buffer_insert (display->text_buffer, &end, (const char *) word.data, (gint) word.size);
-    return;
-  }
-  if (word == "\n") {
-    // A line break that came or went would not be seen.
-    GtkTextMark *mark = gtk_text_buffer_create_mark (display->text_buffer, NULL, &end, TRUE);
-    view->return_marks = g_slist_prepend (view->return_marks, mark);
-    word = to_string ("\u23ce\n");
-  }
-  GtkTextTag *tag = kind == DIFF_ADDED ? view->added_tag : view->deleted_tag;
-  gtk_text_buffer_insert_with_tags (display->text_buffer, &end, (const char *) word.data,
-                                    (gint) word.size, tag, NULL);
-}
-
-static void
-clause_view_fill_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *newer)
-{
-  DiffDisplay display = {};
-  display.view = self;
-  display.text_buffer = gtk_text_view_get_buffer (self->text_view);
-  display.older_words = alloc_split_string_by_words (older->text);
-  display.newer_words = alloc_split_string_by_words (newer->text);
-  Diff diff = alloc_diff (display.older_words, display.newer_words);
-  diff_walk (diff, append_diff_word, &display);
-  dealloc_diff (diff);
-  dealloc_strings_stack (display.older_words);
-  dealloc_strings_stack (display.newer_words);
-}
-
-// Whether a change is still to be decided on.
-static bool
-clause_view_has_changes (ClauseView *self)
-{
-  GtkTextIter iter;
-  gtk_text_buffer_get_start_iter (gtk_text_view_get_buffer (self->text_view), &iter);
-  return gtk_text_iter_toggles_tag (&iter, NULL) ||
-         gtk_text_iter_forward_to_tag_toggle (&iter, NULL);
-}
-
 void
 clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *newer)
 {
@@ -1112,42 +1028,9 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
   gtk_label_set_text (self->revision_status_label, status);
   dealloc_cstr (status);
 
-  clause_view_end_diff (self);
-  self->is_comparing = true;
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  self->added_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#085", NULL);
-  self->deleted_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#c55", NULL);
   clause_view_disconnect_text_changed (self);
-  clause_view_fill_diff (self, older, newer);
+  clause_comparison_show (&self->comparison, older->text, newer->text);
   clause_view_connect_text_changed (self);
-  gtk_text_view_set_editable (self->text_view, !clause_view_has_changes (self));
-  // Room for the tools below the last line; hidden, they themselves have no height.
-  int tools_height;
-  gtk_widget_get_preferred_height (GTK_WIDGET (self->diff_add_button), NULL, &tools_height);
-  gtk_text_view_set_bottom_margin (self->text_view, tools_height);
-}
-
-// Takes the comparison's tags and marks out of the buffer; the text stays, and can be edited.
-static void
-clause_view_end_diff (ClauseView *self)
-{
-  if (!self->is_comparing)
-    return;
-  self->is_comparing = false;
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  GtkTextTagTable *tags = gtk_text_buffer_get_tag_table (text_buffer);
-  gtk_text_tag_table_remove (tags, self->added_tag);
-  gtk_text_tag_table_remove (tags, self->deleted_tag);
-  self->added_tag = NULL;
-  self->deleted_tag = NULL;
-  for (GSList *link = self->return_marks; link; link = link->next) {
-    gtk_text_buffer_delete_mark (text_buffer, GTK_TEXT_MARK (link->data));
-  }
-  g_slist_free (self->return_marks);
-  self->return_marks = NULL;
-  clause_view_drop_hovered_word (self);
-  gtk_text_view_set_bottom_margin (self->text_view, 0);
-  gtk_text_view_set_editable (self->text_view, TRUE);
 }
 
 // Back to what was shown before the comparison.
@@ -1160,45 +1043,6 @@ clause_view_leave_diff (ClauseView *self)
   } else if (self->clause->draft) {
     clause_view_show_draft (self);
   }
-}
-
-// Takes the return symbols between the iterators out again, so that their line breaks are alone.
-static void
-clause_view_remove_return_symbols (ClauseView *self, GtkTextMark *start, GtkTextMark *end)
-{
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  GSList *link = self->return_marks;
-  while (link) {
-    GSList *next = link->next;
-    GtkTextMark *mark = GTK_TEXT_MARK (link->data);
-    GtkTextIter symbol_start;
-    GtkTextIter range_start;
-    GtkTextIter range_end;
-    gtk_text_buffer_get_iter_at_mark (text_buffer, &symbol_start, mark);
-    gtk_text_buffer_get_iter_at_mark (text_buffer, &range_start, start);
-    gtk_text_buffer_get_iter_at_mark (text_buffer, &range_end, end);
-    if (gtk_text_iter_in_range (&symbol_start, &range_start, &range_end)) {
-      GtkTextIter symbol_end = symbol_start;
-      gtk_text_iter_forward_char (&symbol_end);
-      gtk_text_buffer_delete (text_buffer, &symbol_start, &symbol_end);
-      gtk_text_buffer_delete_mark (text_buffer, mark);
-      self->return_marks = g_slist_delete_link (self->return_marks, link);
-    }
-    link = next;
-  }
-}
-
-// Makes ordinary text of a tagged run. The text's handler must be disconnected.
-static void
-clause_view_keep_run (ClauseView *self, GtkTextIter *run_start, GtkTextIter *run_end)
-{
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  gtk_text_buffer_remove_all_tags (text_buffer, run_start, run_end);
-  GtkTextMark *start = gtk_text_buffer_create_mark (text_buffer, NULL, run_start, TRUE);
-  GtkTextMark *end = gtk_text_buffer_create_mark (text_buffer, NULL, run_end, TRUE);
-  clause_view_remove_return_symbols (self, start, end);
-  gtk_text_buffer_delete_mark (text_buffer, start);
-  gtk_text_buffer_delete_mark (text_buffer, end);
 }
 
 // What is left of a comparison becomes a draft, stored at once, so that its row leads somewhere.
@@ -1216,67 +1060,22 @@ clause_view_use_as_draft (ClauseView *self)
 static void
 clause_view_decide_change (ClauseView *self, bool is_kept)
 {
-  if (!self->has_hovered_word)
+  if (!self->comparison.has_run)
     return;
-  GtkTextIter start = self->hovered_word_start;
-  GtkTextIter end = self->hovered_word_end;
-  clause_view_drop_hovered_word (self);
   clause_view_disconnect_text_changed (self);
-  if (is_kept) {
-    clause_view_keep_run (self, &start, &end);
-  } else {
-    gtk_text_buffer_delete (gtk_text_view_get_buffer (self->text_view), &start, &end);
-  }
+  clause_comparison_decide (&self->comparison, is_kept);
   clause_view_connect_text_changed (self);
   gtk_widget_grab_focus (GTK_WIDGET (self->text_view));
-  if (clause_view_has_changes (self))
-    return;
-  gtk_text_view_set_editable (self->text_view, TRUE);
-  if (!is_kept)
+  if (!is_kept && !clause_comparison_has_changes (&self->comparison))
     clause_view_use_as_draft (self);
 }
 
-// The changes as the newer revision made them: what it added stays, what it removed goes.
 static void
 clause_view_keep_all_changes (ClauseView *self)
 {
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  clause_view_drop_hovered_word (self);
   clause_view_disconnect_text_changed (self);
-  GtkTextIter start;
-  gtk_text_buffer_get_start_iter (text_buffer, &start);
-  while (gtk_text_iter_starts_tag (&start, NULL) ||
-         gtk_text_iter_forward_to_tag_toggle (&start, NULL)) {
-    GtkTextIter end = start;
-    if (!gtk_text_iter_forward_to_tag_toggle (&end, NULL))
-      break;
-    int offset = gtk_text_iter_get_offset (&start);
-    if (gtk_text_iter_has_tag (&start, self->deleted_tag)) {
-      gtk_text_buffer_delete (text_buffer, &start, &end);
-    } else {
-      clause_view_keep_run (self, &start, &end);
-    }
-    gtk_text_buffer_get_iter_at_offset (text_buffer, &start, offset);
-  }
+  clause_comparison_keep_all (&self->comparison);
   clause_view_connect_text_changed (self);
-  gtk_text_view_set_editable (self->text_view, TRUE);
-}
-
-static const char *
-get_diff_refusal (ClauseRevision *revision, ClauseRevision *other_revision)
-{
-  if (!revision || !other_revision || revision == other_revision) {
-    return "A revision can't be compared with itself.";
-  }
-  if (!revision->text.size || !other_revision->text.size) {
-    return "An empty text can't be compared.";
-  }
-  StringsStack words = alloc_split_string_by_words (revision->text);
-  StringsStack other_words = alloc_split_string_by_words (other_revision->text);
-  u64 cells_count = ((u64) words.count + 1) * ((u64) other_words.count + 1);
-  dealloc_strings_stack (words);
-  dealloc_strings_stack (other_words);
-  return cells_count > DIFF_CELLS_MAX ? "These texts are too long to be compared." : NULL;
 }
 
 // Compares two of the clause's revisions, the draft being the newest. Refused, with a text in the
@@ -1285,7 +1084,7 @@ static void
 clause_view_compare (ClauseView *self, ClauseRevision *revision, ClauseRevision *other_revision)
 {
   clause_view_save_draft (self);
-  const char *refusal = get_diff_refusal (revision, other_revision);
+  const char *refusal = get_comparison_refusal (revision, other_revision);
   if (refusal) {
     console_log ("Info: %s\n", refusal);
     gtk_label_set_text (self->revision_status_label, refusal);
