@@ -1,0 +1,405 @@
+// The outbox: entries, their states, and the table that outlives the session.
+#include "outbox.h"
+
+#include <assert.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "morvane.h"
+
+const char *OUTBOX_KIND_STRINGS[] = {"procedure", "clause", "revision", "message", "decision"};
+
+static const u32 OUTBOX_CAPACITY = 64;
+
+// ---- Table ----
+
+static bool
+has_outbox_table (sqlite3 *db)
+{
+  return sqlite3_table_column_metadata (db, NULL, "outbox", NULL, NULL, NULL, NULL, NULL, NULL) ==
+         SQLITE_OK;
+}
+
+// Begins a transaction unless the caller has one. Returns whether `end_outbox_transaction` has to
+// end it.
+static bool
+begin_outbox_transaction (sqlite3 *db)
+{
+  bool is_alone = sqlite3_get_autocommit (db) != 0;
+  if (is_alone)
+    db_exec_quiet (db, "BEGIN IMMEDIATE;", NULL, NULL);
+  return is_alone;
+}
+
+static void
+end_outbox_transaction (sqlite3 *db, bool is_alone)
+{
+  if (is_alone)
+    db_exec_quiet (db, "COMMIT;", NULL, NULL);
+}
+
+static int
+load_rows_count (void *argument, int, char **values, char **)
+{
+  *(u64 *) argument = cstr_dec_to_u64 (values[0]);
+  return 0;
+}
+
+bool
+outbox_drop_empty_table (sqlite3 *db)
+{
+  if (!has_outbox_table (db))
+    return true;
+  // Another process may be adding a row: looking and dropping are one.
+  bool is_alone = begin_outbox_transaction (db);
+  u64 rows_count = 0;
+  db_exec (db, "SELECT count(*) FROM outbox;", load_rows_count, &rows_count);
+  if (!rows_count)
+    db_exec (db, "DROP TABLE outbox;", NULL, NULL);
+  end_outbox_transaction (db, is_alone);
+  return !rows_count;
+}
+
+static void
+insert_row (Outbox *outbox, OutboxEntry *entry)
+{
+  if (!has_outbox_table (outbox->db)) {
+    db_exec (outbox->db,
+             "CREATE TABLE IF NOT EXISTS outbox (db_id INTEGER PRIMARY KEY, account_db_id INTEGER, "
+             "sequence INTEGER, kind TEXT, object_db_id INTEGER);",
+             NULL, NULL);
+  }
+  char *sql = alloc_format_cstr (
+    "INSERT INTO outbox (account_db_id, sequence, kind, object_db_id) VALUES (%lu, %lu, '%s', %lu);",
+    outbox->account_db_id, entry->sequence, OUTBOX_KIND_STRINGS[entry->kind], entry->object_db_id);
+  db_exec (outbox->db, sql, NULL, NULL);
+  dealloc_cstr (sql);
+  entry->db_id = (u64) sqlite3_last_insert_rowid (outbox->db);
+}
+
+static void
+delete_row (Outbox *outbox, OutboxEntry *entry)
+{
+  char *sql = alloc_format_cstr ("DELETE FROM outbox WHERE db_id = %lu;", entry->db_id);
+  db_exec (outbox->db, sql, NULL, NULL);
+  dealloc_cstr (sql);
+  entry->db_id = 0;
+}
+
+// ---- Entries ----
+
+// Makes the row, or deletes it, as the entry's state wants.
+static void
+settle_row (Outbox *outbox, OutboxEntry *entry)
+{
+  bool is_finished = entry->state == OUTBOX_TAKEN || entry->state == OUTBOX_DONE;
+  bool wants_row = !is_finished && !entry->removed_object;
+  if (wants_row && !entry->db_id)
+    insert_row (outbox, entry);
+  if (!wants_row && entry->db_id)
+    delete_row (outbox, entry);
+}
+
+// All of them in one transaction: each costs the disk as much as a hundred statements.
+static void
+settle_rows (Outbox *outbox)
+{
+  bool is_alone = begin_outbox_transaction (outbox->db);
+  for (u32 i = 0; i < outbox->count; ++i)
+    settle_row (outbox, &outbox->entries[i]);
+  end_outbox_transaction (outbox->db, is_alone);
+}
+
+// The new entry, zeroed, at the end.
+static OutboxEntry *
+push_entry (Outbox *outbox)
+{
+  assert (outbox->max);
+  if (outbox->count == outbox->max) {
+    outbox->max *= 2;
+    outbox->entries =
+      (OutboxEntry *) realloc (outbox->entries, outbox->max * sizeof (outbox->entries[0]));
+    assert (outbox->entries);
+  }
+  OutboxEntry *entry = &outbox->entries[outbox->count++];
+  *entry = {};
+  return entry;
+}
+
+static void
+forget_entry (Outbox *outbox, u32 index)
+{
+  assert (index < outbox->count);
+  outbox->count--;
+  memmove (&outbox->entries[index], &outbox->entries[index + 1],
+           (outbox->count - index) * sizeof (outbox->entries[0]));
+}
+
+static int
+load_entry (void *argument, int columns_count, char **values, char **names)
+{
+  Outbox *outbox = (Outbox *) argument;
+  db_print_rows (NULL, columns_count, values, names);
+  assert (columns_count == 4);
+  for (int i = 0; i < columns_count; ++i)
+    assert (values[i]);
+  for (int kind = 0; kind < OUTBOX_KINDS_COUNT; ++kind) {
+    if (!strcmp (values[2], OUTBOX_KIND_STRINGS[kind])) {
+      OutboxEntry *entry = push_entry (outbox);
+      entry->db_id = cstr_dec_to_u64 (values[0]);
+      entry->sequence = cstr_dec_to_u64 (values[1]);
+      entry->kind = (OutboxKind) kind;
+      entry->object_db_id = cstr_dec_to_u64 (values[3]);
+      outbox->last_sequence = entry->sequence;
+      return 0;
+    }
+  }
+  console_put ("Warning: The outbox names an object of an unknown kind.\n");
+  return 0;
+}
+
+Outbox
+outbox_load (sqlite3 *db, u64 account_db_id)
+{
+  assert (db);
+  assert (account_db_id);
+  Outbox outbox = {};
+  outbox.db = db;
+  outbox.account_db_id = account_db_id;
+  outbox.max = OUTBOX_CAPACITY;
+  outbox.entries = (OutboxEntry *) malloc (outbox.max * sizeof (outbox.entries[0]));
+  assert (outbox.entries);
+  if (!outbox_drop_empty_table (db)) {
+    char *sql = alloc_format_cstr ("SELECT db_id, sequence, kind, object_db_id FROM outbox WHERE "
+                                   "account_db_id = %lu ORDER BY sequence ASC;",
+                                   account_db_id);
+    db_exec (db, sql, load_entry, &outbox);
+    dealloc_cstr (sql);
+  }
+  return outbox;
+}
+
+void
+dealloc_outbox (Outbox *outbox)
+{
+  free (outbox->entries);
+  *outbox = {};
+}
+
+// ---- Objects ----
+
+static bool
+is_entry_of (const OutboxEntry *entry, OutboxKind kind, u64 object_db_id)
+{
+  return !entry->removed_object && entry->kind == kind && entry->object_db_id == object_db_id;
+}
+
+void
+outbox_add (Outbox *outbox, OutboxKind kind, u64 object_db_id)
+{
+  assert (object_db_id);
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    bool is_unsent = entry->state == OUTBOX_WAITING || entry->state == OUTBOX_REFUSED;
+    if (is_unsent && is_entry_of (entry, kind, object_db_id)) {
+      entry->state = OUTBOX_WAITING;
+      return;
+    }
+  }
+  OutboxEntry *entry = push_entry (outbox);
+  entry->sequence = ++outbox->last_sequence;
+  entry->kind = kind;
+  entry->object_db_id = object_db_id;
+  settle_row (outbox, entry);
+}
+
+bool
+outbox_is_unsent (Outbox *outbox, OutboxKind kind, u64 object_db_id)
+{
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    bool is_unsent = entry->state == OUTBOX_WAITING || entry->state == OUTBOX_REFUSED;
+    if (is_unsent && is_entry_of (entry, kind, object_db_id))
+      return true;
+  }
+  return false;
+}
+
+static void
+remove_object (Outbox *outbox, OutboxKind kind, u64 object_db_id, const void *object)
+{
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    if (is_entry_of (entry, kind, object_db_id)) {
+      entry->removed_object = object;
+      settle_row (outbox, entry);
+    }
+  }
+}
+
+static void
+restore_object (Outbox *outbox, OutboxKind, u64 object_db_id, const void *object)
+{
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    if (entry->removed_object == object) {
+      entry->removed_object = NULL;
+      entry->object_db_id = object_db_id;
+      settle_row (outbox, entry);
+    }
+  }
+}
+
+typedef void ObjectOperation (Outbox *outbox, OutboxKind kind, u64 object_db_id,
+                              const void *object);
+
+static void
+visit_clause (Outbox *outbox, Clause *clause, ObjectOperation *operation)
+{
+  operation (outbox, OUTBOX_CLAUSE, clause->db_id, clause);
+  for (u32 i = 0; i < clause->messages_count; ++i) {
+    operation (outbox, OUTBOX_MESSAGE, clause->messages[i]->db_id, clause->messages[i]);
+  }
+  for (u32 i = 0; i < clause->revisions_count; ++i) {
+    ClauseRevision *revision = clause->revisions[i];
+    operation (outbox, OUTBOX_REVISION, revision->db_id, revision);
+    for (u32 j = 0; j < revision->decisions_count; ++j) {
+      operation (outbox, OUTBOX_DECISION, revision->decisions[j]->db_id, revision->decisions[j]);
+    }
+  }
+}
+
+static void
+visit_procedure (Outbox *outbox, Procedure *procedure, ObjectOperation *operation)
+{
+  // Nearly always there is nothing to look for.
+  if (!outbox->count)
+    return;
+  operation (outbox, OUTBOX_PROCEDURE, procedure->db_id, procedure);
+  for (u32 i = 0; i < procedure->clauses_count; ++i)
+    visit_clause (outbox, procedure->clauses[i], operation);
+}
+
+void
+outbox_remove_procedure (Outbox *outbox, Procedure *procedure)
+{
+  visit_procedure (outbox, procedure, remove_object);
+}
+
+void
+outbox_remove_clause (Outbox *outbox, Clause *clause)
+{
+  visit_clause (outbox, clause, remove_object);
+}
+
+void
+outbox_restore_procedure (Outbox *outbox, Procedure *procedure)
+{
+  visit_procedure (outbox, procedure, restore_object);
+}
+
+void
+outbox_restore_clause (Outbox *outbox, Clause *clause)
+{
+  visit_clause (outbox, clause, restore_object);
+}
+
+void
+outbox_forget_removed (Outbox *outbox)
+{
+  for (u32 i = outbox->count; i > 0; --i) {
+    if (outbox->entries[i - 1].removed_object)
+      forget_entry (outbox, i - 1);
+  }
+}
+
+// ---- Sending ----
+
+OutboxEntry *
+outbox_get_next (Outbox *outbox)
+{
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    if (entry->state == OUTBOX_WAITING && !entry->removed_object)
+      return entry;
+  }
+  return NULL;
+}
+
+void
+outbox_note_sent (Outbox *, OutboxEntry *entry, u64 position, u64 request_id)
+{
+  assert (entry->state == OUTBOX_WAITING);
+  entry->state = OUTBOX_SENT;
+  entry->position = position;
+  entry->request_id = request_id;
+}
+
+// Entries up to `position` go from one state to another, with their rows.
+static void
+advance_entries (Outbox *outbox, u64 position, bool takes_taken, OutboxState state)
+{
+  bool is_changed = false;
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    bool is_due = entry->state == OUTBOX_SENT || (takes_taken && entry->state == OUTBOX_TAKEN);
+    if (is_due && entry->position <= position) {
+      entry->state = state;
+      is_changed = is_changed || entry->db_id;
+    }
+  }
+  if (is_changed)
+    settle_rows (outbox);
+}
+
+void
+outbox_note_taken (Outbox *outbox, u64 position)
+{
+  advance_entries (outbox, position, false, OUTBOX_TAKEN);
+}
+
+void
+outbox_note_confirmed (Outbox *outbox, u64 position)
+{
+  advance_entries (outbox, position, true, OUTBOX_DONE);
+}
+
+bool
+outbox_note_refused (Outbox *outbox, u64 request_id)
+{
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    bool is_out = entry->state != OUTBOX_WAITING && entry->state != OUTBOX_REFUSED;
+    if (is_out && entry->request_id == request_id) {
+      entry->state = OUTBOX_REFUSED;
+      settle_row (outbox, entry);
+      return true;
+    }
+  }
+  return false;
+}
+
+void
+outbox_end_session (Outbox *outbox)
+{
+  for (u32 i = outbox->count; i > 0; --i) {
+    OutboxEntry *entry = &outbox->entries[i - 1];
+    if (entry->state == OUTBOX_DONE) {
+      forget_entry (outbox, i - 1);
+    } else {
+      entry->state = OUTBOX_WAITING;
+    }
+  }
+  if (outbox->count)
+    settle_rows (outbox);
+}
+
+void
+outbox_drop (Outbox *outbox, OutboxEntry *entry)
+{
+  u32 index = (u32) (entry - outbox->entries);
+  assert (index < outbox->count);
+  if (entry->db_id)
+    delete_row (outbox, entry);
+  forget_entry (outbox, index);
+}

@@ -1,0 +1,101 @@
+// The outbox: which objects of an account were committed and are not known to have left for the
+// other side. Its table names rows of the other tables, never texts; the table is made when a row is
+// needed and dropped when none is left, so at rest the store has its nine tables.
+//
+// An entry is written in the transaction of the object that it names. While a session runs, entries
+// go from one state to the next; which of them have a row follows from their state. Positions are
+// counted by the session, in any unit that only grows: what is sent later has a higher one.
+//
+// Ownership: an `Outbox` owns its entries and borrows the store. Pointers to entries are good until
+// the next call that adds or forgets entries.
+// Threads: the interface thread only.
+#pragma once
+
+#include "db.h"
+
+enum OutboxKind {
+  OUTBOX_PROCEDURE,
+  OUTBOX_CLAUSE,
+  OUTBOX_REVISION,
+  OUTBOX_MESSAGE,  // a line about a clause
+  OUTBOX_DECISION,
+  OUTBOX_KINDS_COUNT,
+};
+
+// As stored in the column `kind`.
+extern const char *OUTBOX_KIND_STRINGS[OUTBOX_KINDS_COUNT];
+
+enum OutboxState {
+  OUTBOX_WAITING,  // has a row; to be sent
+  OUTBOX_SENT,     // has a row; given to the session, which has not told yet what became of it
+  OUTBOX_REFUSED,  // has a row; came back with an error, and is sent again in the next session
+  OUTBOX_TAKEN,    // no row; the socket took it, and the server was not heard of since
+  OUTBOX_DONE,     // no row; kept until the session ends, for an error that may still come back
+};
+
+struct OutboxEntry {
+  u64 db_id;     // its row; 0 for none
+  u64 sequence;  // the order of sending, within the account
+  OutboxKind kind;
+  u64 object_db_id;  // row of the object
+  OutboxState state;
+  u64 position;    // where it stands in the session; of use when sent, taken or done
+  u64 request_id;  // of the stanza that carried it last; 0 before the first
+  // The object's record while its deletion can be undone: the entry has no row meanwhile. Else NULL.
+  const void *removed_object;
+};
+
+struct Outbox {
+  sqlite3 *db;        // borrowed
+  u64 account_db_id;  // whose objects these are
+  u64 last_sequence;
+  u32 max;
+  u32 count;
+  OutboxEntry *entries;  // by sequence
+};
+
+// The entries of the account's rows, all waiting. A table without any row is dropped.
+Outbox outbox_load (sqlite3 *db, u64 account_db_id);
+// Entries only: the rows stay.
+void dealloc_outbox (Outbox *outbox);
+
+// ---- Objects ----
+
+// In the transaction that stores the object. Where this object is waiting already,
+// that is enough; one that was refused is to be sent again now.
+void outbox_add (Outbox *outbox, OutboxKind kind, u64 object_db_id);
+// Whether this object has not gone out: its entry is waiting or was refused.
+bool outbox_is_unsent (Outbox *outbox, OutboxKind kind, u64 object_db_id);
+
+// In the transaction that deletes these: the entries of the record and of all below lose their rows.
+void outbox_remove_procedure (Outbox *outbox, Procedure *procedure);
+void outbox_remove_clause (Outbox *outbox, Clause *clause);
+// In the transaction that stores the same records again, once they have their new rows: puts back
+// what was removed, as the session left it meanwhile.
+void outbox_restore_procedure (Outbox *outbox, Procedure *procedure);
+void outbox_restore_clause (Outbox *outbox, Clause *clause);
+// No deletion before this can be undone any more. Called before the removed records are freed.
+void outbox_forget_removed (Outbox *outbox);
+
+// ---- Sending ----
+
+// The entry that is to be sent next; NULL when none waits.
+OutboxEntry *outbox_get_next (Outbox *outbox);
+// The stanza with this id was given to the session; `position` is where it ends.
+void outbox_note_sent (Outbox *outbox, OutboxEntry *entry, u64 position, u64 request_id);
+// Without acknowledgements: the socket took everything up to `position`. The rows go.
+void outbox_note_taken (Outbox *outbox, u64 position);
+// What stands up to `position` has reached the server: it acknowledged that, or bytes came from it
+// after the socket had taken that much. The rows go.
+void outbox_note_confirmed (Outbox *outbox, u64 position);
+// The stanza with this id came back with an error. False when it carried none of these.
+bool outbox_note_refused (Outbox *outbox, u64 request_id);
+// The session is over: what was sent and not confirmed is waiting again, and has a row.
+void outbox_end_session (Outbox *outbox);
+// The object is gone from the store without its entry, as when another program deleted it.
+void outbox_drop (Outbox *outbox, OutboxEntry *entry);
+
+// ---- Table ----
+
+// Drops the table when it has no row of any account. Returns whether there is no table now.
+bool outbox_drop_empty_table (sqlite3 *db);
