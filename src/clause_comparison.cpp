@@ -16,8 +16,8 @@ clause_comparison_init (ClauseComparison *self, GtkTextView *text_view, GtkWidge
 void
 clause_comparison_finalize (ClauseComparison *self)
 {
-  // The marks themselves are the buffer's.
-  g_slist_free (self->return_marks);
+  if (self->return_marks)
+    g_hash_table_destroy (self->return_marks);
   self->return_marks = NULL;
 }
 
@@ -67,7 +67,7 @@ append_diff_word (DiffKind kind, u32 index, void *data)
   if (word == "\n") {
     // A line break that came or went would not be seen.
     GtkTextMark *mark = gtk_text_buffer_create_mark (display->text_buffer, NULL, &end, TRUE);
-    comparison->return_marks = g_slist_prepend (comparison->return_marks, mark);
+    g_hash_table_add (comparison->return_marks, mark);
     word = to_string ("\u23ce\n");
   }
   GtkTextTag *tag = kind == DIFF_ADDED ? comparison->added_tag : comparison->deleted_tag;
@@ -95,6 +95,7 @@ clause_comparison_show (ClauseComparison *self, String older, String newer)
 {
   clause_comparison_end (self);
   self->is_shown = true;
+  self->return_marks = g_hash_table_new (NULL, NULL);
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   self->added_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#085", NULL);
   self->deleted_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#c55", NULL);
@@ -121,10 +122,13 @@ clause_comparison_end (ClauseComparison *self)
   gtk_text_tag_table_remove (tags, self->deleted_tag);
   self->added_tag = NULL;
   self->deleted_tag = NULL;
-  for (GSList *link = self->return_marks; link; link = link->next) {
-    gtk_text_buffer_delete_mark (text_buffer, GTK_TEXT_MARK (link->data));
+  GHashTableIter iter;
+  gpointer mark;
+  g_hash_table_iter_init (&iter, self->return_marks);
+  while (g_hash_table_iter_next (&iter, &mark, NULL)) {
+    gtk_text_buffer_delete_mark (text_buffer, GTK_TEXT_MARK (mark));
   }
-  g_slist_free (self->return_marks);
+  g_hash_table_destroy (self->return_marks);
   self->return_marks = NULL;
   clause_comparison_hide_tools (self);
   gtk_text_view_set_bottom_margin (self->text_view, 0);
@@ -165,44 +169,59 @@ clause_comparison_hide_tools (ClauseComparison *self)
 
 // ---- Deciding ----
 
-// Takes the return symbols between the marks out again, so that their line breaks are alone.
-static void
-clause_comparison_remove_return_symbols (ClauseComparison *self, GtkTextMark *start,
-                                         GtkTextMark *end)
+// The mark that makes a return symbol of the character at `iter`; NULL when that is text.
+static GtkTextMark *
+clause_comparison_find_return_mark (ClauseComparison *self, GtkTextIter *iter)
 {
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  GSList *link = self->return_marks;
-  while (link) {
-    GSList *next = link->next;
-    GtkTextMark *mark = GTK_TEXT_MARK (link->data);
-    GtkTextIter symbol_start;
-    GtkTextIter range_start;
-    GtkTextIter range_end;
-    gtk_text_buffer_get_iter_at_mark (text_buffer, &symbol_start, mark);
-    gtk_text_buffer_get_iter_at_mark (text_buffer, &range_start, start);
-    gtk_text_buffer_get_iter_at_mark (text_buffer, &range_end, end);
-    if (gtk_text_iter_in_range (&symbol_start, &range_start, &range_end)) {
-      GtkTextIter symbol_end = symbol_start;
-      gtk_text_iter_forward_char (&symbol_end);
-      gtk_text_buffer_delete (text_buffer, &symbol_start, &symbol_end);
-      gtk_text_buffer_delete_mark (text_buffer, mark);
-      self->return_marks = g_slist_delete_link (self->return_marks, link);
-    }
-    link = next;
+  GtkTextMark *found = NULL;
+  GSList *marks = gtk_text_iter_get_marks (iter);
+  for (GSList *link = marks; link && !found; link = link->next) {
+    if (g_hash_table_contains (self->return_marks, link->data))
+      found = GTK_TEXT_MARK (link->data);
   }
+  g_slist_free (marks);
+  return found;
 }
 
-// Makes ordinary text of a tagged run.
+// Takes the return symbols of a run out again, so that its line breaks are alone. The iterators stay
+// good.
 static void
-clause_comparison_keep_run (ClauseComparison *self, GtkTextIter *run_start, GtkTextIter *run_end)
+clause_comparison_remove_return_symbols (ClauseComparison *self, GtkTextIter *start,
+                                         GtkTextIter *end)
 {
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  gtk_text_buffer_remove_all_tags (text_buffer, run_start, run_end);
-  GtkTextMark *start = gtk_text_buffer_create_mark (text_buffer, NULL, run_start, TRUE);
-  GtkTextMark *end = gtk_text_buffer_create_mark (text_buffer, NULL, run_end, TRUE);
+  int start_offset = gtk_text_iter_get_offset (start);
+  int end_offset = gtk_text_iter_get_offset (end);
+  // From the end on, so that what is still to be seen stays at its place.
+  GtkTextIter iter = *end;
+  for (int offset = end_offset; offset > start_offset; offset--) {
+    gtk_text_iter_backward_char (&iter);
+    GtkTextMark *mark = clause_comparison_find_return_mark (self, &iter);
+    if (!mark)
+      continue;
+    GtkTextIter symbol_end = iter;
+    gtk_text_iter_forward_char (&symbol_end);
+    gtk_text_buffer_delete (text_buffer, &iter, &symbol_end);
+    g_hash_table_remove (self->return_marks, mark);
+    gtk_text_buffer_delete_mark (text_buffer, mark);
+    end_offset--;
+  }
+  gtk_text_buffer_get_iter_at_offset (text_buffer, start, start_offset);
+  gtk_text_buffer_get_iter_at_offset (text_buffer, end, end_offset);
+}
+
+// Makes ordinary text of a run, or takes the run out. Either way none of its marks is left, which
+// would come to stand at the text behind the run. `start` is where the run was.
+static void
+clause_comparison_decide_run (ClauseComparison *self, GtkTextIter *start, GtkTextIter *end,
+                              bool is_kept)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   clause_comparison_remove_return_symbols (self, start, end);
-  gtk_text_buffer_delete_mark (text_buffer, start);
-  gtk_text_buffer_delete_mark (text_buffer, end);
+  if (is_kept)
+    gtk_text_buffer_remove_all_tags (text_buffer, start, end);
+  else
+    gtk_text_buffer_delete (text_buffer, start, end);
 }
 
 void
@@ -211,11 +230,7 @@ clause_comparison_decide (ClauseComparison *self, bool is_kept)
   GtkTextIter start = self->run_start;
   GtkTextIter end = self->run_end;
   clause_comparison_hide_tools (self);
-  if (is_kept) {
-    clause_comparison_keep_run (self, &start, &end);
-  } else {
-    gtk_text_buffer_delete (gtk_text_view_get_buffer (self->text_view), &start, &end);
-  }
+  clause_comparison_decide_run (self, &start, &end, is_kept);
   gtk_text_view_set_editable (self->text_view, !clause_comparison_has_changes (self));
 }
 
@@ -231,13 +246,8 @@ clause_comparison_keep_all (ClauseComparison *self)
     GtkTextIter end = start;
     if (!gtk_text_iter_forward_to_tag_toggle (&end, NULL))
       break;
-    int offset = gtk_text_iter_get_offset (&start);
-    if (gtk_text_iter_has_tag (&start, self->deleted_tag)) {
-      gtk_text_buffer_delete (text_buffer, &start, &end);
-    } else {
-      clause_comparison_keep_run (self, &start, &end);
-    }
-    gtk_text_buffer_get_iter_at_offset (text_buffer, &start, offset);
+    bool is_kept = !gtk_text_iter_has_tag (&start, self->deleted_tag);
+    clause_comparison_decide_run (self, &start, &end, is_kept);
   }
   gtk_text_view_set_editable (self->text_view, TRUE);
 }

@@ -21,7 +21,9 @@ struct ClauseComparison {
   bool is_shown;            // from `clause_comparison_show` to `clause_comparison_end`
   GtkTextTag *added_tag;    // both of the buffer's table while shown
   GtkTextTag *deleted_tag;  // both NULL otherwise
-  GSList *return_marks;     // in front of each return symbol that stands for a line break
+  // A mark in front of each return symbol that is shown and is no part of the text. The marks are the
+  // buffer's; NULL unless shown.
+  GHashTable *return_marks;
   // The tagged run that the tools act on, good until the text changes.
   bool has_run;
   GtkTextIter run_start;

@@ -2,6 +2,11 @@
 
 #include "clause_view.h"
 
+#include <stdlib.h>
+
+#include <random>
+#include <vector>
+
 #include "db.h"
 #include "fake_session.h"
 #include "morvane.h"
@@ -621,6 +626,50 @@ TEST (clause_view_comparison, kept_line_break_loses_its_return_symbol)
   EXPECT_EQ (show_runs (comparison.clause), "[-a -]a\nb");
 }
 
+TEST (clause_view_comparison, dropped_line_break_takes_its_return_symbol_with_it)
+{
+  Comparison comparison ({"Price: 5000\nEUR net", "Price: 5000 EUR net"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  ASSERT_EQ (show_runs (comparison.clause), "Price: [-5000\u23ce\n-][+5000 +]EUR net");
+  choose (comparison.clause, KEEP_ALL);
+  EXPECT_EQ (show_runs (comparison.clause), "Price: 5000 EUR net");
+}
+
+// Marks that stay behind would make return symbols of the next comparison's text.
+static int
+count_marks (Clause *clause)
+{
+  int count = 0;
+  GtkTextIter iter;
+  gtk_text_buffer_get_start_iter (get_buffer (clause), &iter);
+  do {
+    GSList *marks = gtk_text_iter_get_marks (&iter);
+    count += (int) g_slist_length (marks);
+    g_slist_free (marks);
+  } while (gtk_text_iter_forward_char (&iter));
+  GSList *marks = gtk_text_iter_get_marks (&iter);
+  count += (int) g_slist_length (marks);
+  g_slist_free (marks);
+  return count;
+}
+
+TEST (clause_view_comparison, left_and_begun_again_starts_afresh)
+{
+  Comparison comparison ({"a\nb\nc", "\u23cea b c"});
+  int usual = count_marks (comparison.clause);
+  for (int i = 0; i < 3; i++) {
+    choose (comparison.clause, WITH_PREVIOUS);
+    EXPECT_EQ (count_marks (comparison.clause), usual + 2);
+    choose (comparison.clause, LEAVE);
+    EXPECT_EQ (count_marks (comparison.clause), usual);
+    EXPECT_TRUE (is_over (comparison.clause));
+  }
+  choose (comparison.clause, WITH_PREVIOUS);
+  ASSERT_EQ (show_runs (comparison.clause), "[-a\u23ce\nb\u23ce\n-][+\u23cea b +]c");
+  choose (comparison.clause, KEEP_ALL);
+  EXPECT_EQ (show_runs (comparison.clause), "\u23cea b c");
+}
+
 TEST (clause_view_comparison, return_symbol_of_a_text_itself_stays)
 {
   Comparison comparison ({"a b", "\u23ce\n\u23ce b"});
@@ -710,4 +759,224 @@ TEST (clause_view_comparison, window_may_close_during_it)
   choose (comparison.clause, WITH_PREVIOUS);
   close_window (&comparison.test);
   EXPECT_EQ (comparison.drafts (), "");
+}
+
+// ---- Whatever is decided, in whatever order ----
+
+// One stretch of a comparison, as the reference makes it: words that both texts have, that went, or
+// that came.
+struct Stretch {
+  char kind;  // '=', '-' or '+'
+  std::vector<std::string> words;
+};
+
+typedef std::vector<Stretch> Stretches;
+
+// Each line break begins a word, and so does what follows a blank or a line break; blanks belong to
+// the word ahead of them. A text that begins with a line break has an empty word first.
+static std::vector<std::string>
+split (const std::string &text)
+{
+  std::vector<std::string> words (1);
+  for (size_t i = 0; i < text.size (); i++) {
+    bool follows_blank = i && (text[i - 1] == ' ' || text[i - 1] == '\n');
+    if (text[i] == '\n' || (text[i] != ' ' && follows_blank))
+      words.push_back ("");
+    words.back () += text[i];
+  }
+  return words;
+}
+
+// The words of both texts in the order of their display: of what changed at one place, the words that
+// went come first, as many as leave the longest common subsequence.
+static Stretches
+compare (const std::string &older, const std::string &newer)
+{
+  std::vector<std::string> a = split (older);
+  std::vector<std::string> b = split (newer);
+  std::vector<std::vector<int>> common (a.size () + 1, std::vector<int> (b.size () + 1));
+  for (size_t i = a.size (); i-- > 0;) {
+    for (size_t j = b.size (); j-- > 0;) {
+      common[i][j] =
+        a[i] == b[j] ? common[i + 1][j + 1] + 1 : std::max (common[i + 1][j], common[i][j + 1]);
+    }
+  }
+  Stretches stretches;
+  size_t i = 0;
+  size_t j = 0;
+  while (i < a.size () || j < b.size ()) {
+    int left = common[i][j];
+    char kind = '=';
+    if (i < a.size () && common[i + 1][j] == left)
+      kind = '-';
+    else if (j < b.size () && common[i][j + 1] == left)
+      kind = '+';
+    if (stretches.empty () || stretches.back ().kind != kind)
+      stretches.push_back ({kind, {}});
+    stretches.back ().words.push_back (kind == '+' ? b[j] : a[i]);
+    i += kind != '+';
+    j += kind != '-';
+  }
+  return stretches;
+}
+
+// A stretch as text, or as it is shown: a line break that came or went has a return symbol.
+static std::string
+join (const Stretch &stretch, bool is_shown)
+{
+  std::string text;
+  for (const std::string &word : stretch.words) {
+    text += is_shown && stretch.kind != '=' && word == "\n" ? "\u23ce" : "";
+    text += word;
+  }
+  return text;
+}
+
+// What the text view must show: '=' marks what is decided, too.
+static std::string
+show_stretches (const Stretches &stretches)
+{
+  std::string text;
+  for (const Stretch &stretch : stretches) {
+    std::string shown = join (stretch, true);
+    std::string sign (1, stretch.kind);
+    text += stretch.kind == '=' || shown.empty () ? shown : "[" + sign + shown + sign + "]";
+  }
+  return text;
+}
+
+struct Walk {
+  Comparison comparison;
+  std::mt19937 source;
+  bool with_keys_only;
+
+  explicit Walk (u32 seed) : comparison ({"a", "b"}), source (seed), with_keys_only (false)
+  {
+  }
+
+  size_t draw (size_t count)
+  {
+    return source () % count;
+  }
+
+  std::string draw_text ()
+  {
+    static const char *plain[] = {"a",           "b ",    "a ", "c ",  "\u00e9 ", "\u65e5\u672c ",
+                                  "\n",          "\n",    "\n", "\n ", "\u23ce",  "\u23ce\n",
+                                  "\U0001f600 ", "word  "};
+    // Right to left, without a width, and joined to what is ahead: no pointer finds these safely.
+    static const char *odd[] = {"\u05e9\u05dc ", "\u200b ", "\u0301", "\u0627 "};
+    std::string text;
+    for (size_t count = 1 + draw (9); count; count--)
+      text += with_keys_only && !draw (3) ? odd[draw (4)] : plain[draw (14)];
+    return text;
+  }
+};
+
+// Both revisions of the walk's clause get these texts, and are compared.
+static void
+begin_round (Walk *walk, const std::string &older, const std::string &newer)
+{
+  Clause *clause = walk->comparison.clause;
+  const std::string *texts[] = {&older, &newer};
+  for (u32 i = 0; i < 2; i++) {
+    dealloc_string (clause->revisions[i]->text);
+    clause->revisions[i]->text = alloc_string (to_string (texts[i]->c_str ()));
+  }
+  activate_row (clause, 1);
+  choose (clause, WITH_PREVIOUS);
+}
+
+// Presses a tool of the change at `offset` with the keyboard alone.
+static void
+decide_by_key (Walk *walk, int offset, char sign)
+{
+  Clause *clause = walk->comparison.clause;
+  move_cursor (clause, offset);
+  ASSERT_TRUE (are_tools_shown (clause));
+  for (int count = sign == '+' ? 1 : 2; count; count--)
+    press_key (&walk->comparison.test, GDK_KEY_Tab);
+  press_key (&walk->comparison.test, GDK_KEY_space);
+}
+
+// Decides on one stretch, in the window and in the reference.
+static void
+decide_stretch (Walk *walk, Stretches *stretches, size_t index, char sign)
+{
+  std::string ahead;
+  for (size_t i = 0; i < index; i++)
+    ahead += join ((*stretches)[i], true);
+  int offset = (int) g_utf8_strlen (ahead.c_str (), -1);
+  if (walk->with_keys_only || walk->draw (2))
+    decide_by_key (walk, offset, sign);
+  else
+    decide (walk->comparison.clause, offset, sign);
+  Stretch &stretch = (*stretches)[index];
+  stretch.kind = '=';
+  if (sign == '-')
+    stretch.words.clear ();
+}
+
+static std::vector<size_t>
+list_changes (const Stretches &stretches)
+{
+  std::vector<size_t> changes;
+  for (size_t i = 0; i < stretches.size (); i++) {
+    if (stretches[i].kind != '=' && !join (stretches[i], true).empty ())
+      changes.push_back (i);
+  }
+  return changes;
+}
+
+enum Side {
+  NEWER,
+  OLDER,
+  EITHER,
+};
+
+// Decides on everything that is left, change by change in any order, and at some point perhaps all at
+// once.
+static void
+decide_round (Walk *walk, Stretches *stretches, Side side)
+{
+  for (;;) {
+    std::vector<size_t> changes = list_changes (*stretches);
+    if (changes.empty ())
+      return;
+    size_t index = changes[walk->draw (changes.size ())];
+    char sign = walk->draw (2) ? '+' : '-';
+    if (side != EITHER)
+      sign = ((*stretches)[index].kind == '+') == (side == NEWER) ? '+' : '-';
+    decide_stretch (walk, stretches, index, sign);
+    ASSERT_EQ (show_runs (walk->comparison.clause), show_stretches (*stretches));
+  }
+}
+
+// How many rounds the walks take: MORVANE_ROUNDS for a long one.
+static int
+get_rounds_count (int usual)
+{
+  const char *rounds = getenv ("MORVANE_ROUNDS");
+  return rounds ? atoi (rounds) : usual;
+}
+
+TEST (clause_view_comparison_law, result_is_common_words_and_kept_runs)
+{
+  Walk walk (20240229);
+  for (int round = 0; round < get_rounds_count (60) && !testing::Test::HasFailure (); round++) {
+    walk.with_keys_only = round % 3 == 2;
+    std::string older = walk.draw_text ();
+    std::string newer = walk.draw_text ();
+    SCOPED_TRACE ("round " + std::to_string (round) + ": '" + older + "' and '" + newer + "'");
+    Side side = (Side) walk.draw (3);
+    Stretches stretches = compare (older, newer);
+    begin_round (&walk, older, newer);
+    ASSERT_EQ (show_runs (walk.comparison.clause), show_stretches (stretches));
+    decide_round (&walk, &stretches, side);
+    std::string text = get_text (walk.comparison.clause->view, "text_view");
+    std::string expected;
+    for (const Stretch &stretch : stretches)
+      expected += join (stretch, false);
+    EXPECT_EQ (text, side == NEWER ? newer : side == OLDER ? older : expected);
+  }
 }
