@@ -404,6 +404,17 @@ app_window_load_account (AppWindow *self)
   app_window_end_loading (self);
 }
 
+Negotiation *
+app_window_get_negotiation (AppWindow *self)
+{
+  self->negotiation.db = self->db;
+  self->negotiation.account_db_id = self->account_db_id;
+  self->negotiation.own = self->account.bare_jid;
+  self->negotiation.own_name = self->account.username;
+  self->negotiation.procedures = &self->procedures;
+  return &self->negotiation;
+}
+
 void
 app_window_add_contact (AppWindow *self, Contact *contact)
 {
@@ -449,7 +460,7 @@ void
 app_window_add_procedure (AppWindow *self, Procedure *procedure)
 {
   String own = self->account.bare_jid;
-  String other = own == procedure->initiator ? procedure->contractor : procedure->initiator;
+  String other = procedure_get_other_party (procedure, own);
   GtkWidget *view = procedure_view_new_empty (procedure);
   GtkWidget *list_item = procedure_list_item_new (procedure, other);
   procedure->view = MORVANE_PROCEDURE_VIEW (view);
@@ -464,9 +475,6 @@ app_window_add_procedure (AppWindow *self, Procedure *procedure)
 void
 app_window_remove_procedure (AppWindow *self, Procedure *procedure)
 {
-  s64 index = procedures_stack_get_index (&self->procedures, procedure);
-  if (index >= 0)
-    procedures_stack_remove_procedure (&self->procedures, (u32) index);
   GtkWidget *view = GTK_WIDGET (procedure->view);
   if (gtk_stack_get_visible_child (self->main_page_stack) == view) {
     // A stack that loses the page it shows would be left blank.
@@ -474,18 +482,13 @@ app_window_remove_procedure (AppWindow *self, Procedure *procedure)
   }
   gtk_widget_destroy (GTK_WIDGET (procedure->list_item));
   gtk_widget_destroy (view);
-  db_delete_procedure (self->db, procedure);
-  dealloc_procedure (procedure);
+  negotiation_delete (app_window_get_negotiation (self), procedure);
 }
 
 void
 app_window_create_new_procedure (AppWindow *self, String title, String contractor)
 {
-  String own = self->account.bare_jid;
-  s64 time = procedures_stack_get_free_time (&self->procedures, own, get_posix_time ());
-  Procedure *procedure = alloc_procedure (0, self->account_db_id, time, title, own, contractor);
-  db_insert_procedure (self->db, procedure);
-  procedures_stack_add_procedure (&self->procedures, procedure);
+  Procedure *procedure = negotiation_begin (app_window_get_negotiation (self), title, contractor);
   app_window_add_procedure (self, procedure);
   gtk_list_box_select_row (self->procedures_list_box, procedure->list_item);
   gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (procedure->view));
@@ -828,18 +831,9 @@ app_window_get_vcard_message (gpointer data)
 static void
 app_window_apply_procedure (AppWindow *self, XMPPProcedure *message)
 {
-  String own = self->account.bare_jid;
-  String title = alloc_procedure_title (message->title);
-  if (db_can_hold_procedure (self->account_db_id, message->time, message->initiator, own, title)) {
-    Procedure *procedure =
-      alloc_procedure (0, self->account_db_id, message->time, title, message->initiator, own);
-    db_insert_procedure (self->db, procedure);
-    procedures_stack_add_procedure (&self->procedures, procedure);
+  Procedure *procedure = negotiation_receive_procedure (app_window_get_negotiation (self), message);
+  if (procedure)
     app_window_add_procedure (self, procedure);
-  } else {
-    console_put ("Warning: Received a procedure whose title is too long to be kept.\n");
-  }
-  dealloc_string (title);
 }
 
 gboolean
@@ -852,40 +846,14 @@ app_window_get_xmpp_procedure (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-// What an event is about, found by who made it and when. `missing` names the event in the warning
-// that says which of the two is not known here; the clause is none then.
-static Clause *
-app_window_find_clause (AppWindow *self, String procedure_initiator, s64 procedure_time,
-                        String clause_initiator, s64 clause_time, const char *event)
-{
-  Procedure *procedure =
-    get_procedure_by_initiator_and_time (&self->procedures, procedure_initiator, procedure_time);
-  if (!procedure) {
-    console_log ("Warning: A %s came, but we don't have the procedure to attach it to.\n", event);
-    return NULL;
-  }
-  Clause *clause = get_clause_by_initiator_and_time (procedure, clause_initiator, clause_time);
-  if (!clause) {
-    console_log ("Warning: A %s came, but we don't have the clause to attach it to.\n", event);
-  }
-  return clause;
-}
-
 static void
 app_window_apply_clause (AppWindow *self, XMPPClause *message)
 {
-  Procedure *procedure =
-    get_procedure_by_initiator_and_time (&self->procedures, message->procedure_initiator,
-                                         message->procedure_time);
-  if (!procedure) {
-    console_log ("Warning: A clause came, but we don't have the procedure to attach it to.\n");
-    return;
-  }
-  // The position does not travel.
+  Procedure *procedure;
   Clause *clause =
-    alloc_clause (0, procedure->db_id, message->clause_time, message->clause_initiator, 1);
-  db_insert_clause (self->db, clause);
-  procedure_add_clause (procedure, clause);
+    negotiation_receive_clause (app_window_get_negotiation (self), message, &procedure);
+  if (!clause)
+    return;
   procedure_view_add_clause (procedure->view, clause);
   clause_view_enable_chat (clause->view);
 }
@@ -903,16 +871,11 @@ app_window_get_xmpp_clause (gpointer data)
 static void
 app_window_apply_clause_revision (AppWindow *self, XMPPClauseRevision *message)
 {
-  Clause *clause =
-    app_window_find_clause (self, message->procedure_initiator, message->procedure_time,
-                            message->clause_initiator, message->clause_time, "clause revision");
-  if (!clause)
-    return;
+  Clause *clause;
   ClauseRevision *revision =
-    alloc_clause_revision (0, clause->db_id, message->revision_time, message->revision_author,
-                           REVISION_COMMITTED, message->text);
-  db_insert_clause_revision (self->db, revision);
-  clause_add_revision (clause, revision);
+    negotiation_receive_revision (app_window_get_negotiation (self), message, &clause);
+  if (!revision)
+    return;
   clause_view_add_revision (clause->view, revision);
   clause_view_show_revision (clause->view, revision, self->account.bare_jid);
 }
@@ -933,17 +896,11 @@ app_window_apply_clause_message (AppWindow *self, XMPPClauseMessage *xmpp_messag
 {
   CONSOLE_DUMP (xmpp_message);
   CONSOLE_DUMP (self);
-  Clause *clause =
-    app_window_find_clause (self, xmpp_message->procedure_initiator, xmpp_message->procedure_time,
-                            xmpp_message->clause_initiator, xmpp_message->clause_time,
-                            "clause message");
-  if (!clause)
-    return;
-  ClauseMessage *message = alloc_clause_message (0, clause->db_id, xmpp_message->message_time,
-                                                 xmpp_message->message_author, xmpp_message->text);
-  db_insert_clause_message (self->db, message);
-  clause_add_message (clause, message);
-  clause_chat_page_add_message (clause->chat_page, message);
+  Clause *clause;
+  ClauseMessage *message =
+    negotiation_receive_message (app_window_get_negotiation (self), xmpp_message, &clause);
+  if (message)
+    clause_chat_page_add_message (clause->chat_page, message);
 }
 
 gboolean
@@ -961,32 +918,12 @@ static void
 app_window_apply_clause_revision_decision (AppWindow *self,
                                            XMPPClauseRevisionDecisionSignal *signal)
 {
-  Clause *clause = app_window_find_clause (self, signal->procedure_initiator,
-                                           signal->procedure_time, signal->clause_initiator,
-                                           signal->clause_time, "clause revision decision");
-  if (!clause)
-    return;
-  ClauseRevision *revision =
-    get_clause_revision_by_author_and_time (clause, signal->revision_author, signal->revision_time);
-  if (!revision) {
-    console_log ("Warning: A clause revision decision came, but we don't have the revision to "
-                 "attach it to.\n");
-    return;
-  }
-  // Stamped with the time of receipt, unlike revisions and messages.
+  Clause *clause;
+  ClauseRevision *revision;
   ClauseRevisionDecision *decision =
-    get_revision_decision_by_author (revision, signal->decision_author);
-  if (decision) {
-    decision->time = get_posix_time ();
-    decision->status = signal->status;
-    db_update_clause_revision_decision_time_and_status (self->db, decision);
-  } else {
-    decision = alloc_clause_revision_decision (0, revision->db_id, get_posix_time (),
-                                               signal->decision_author, signal->status);
-    db_insert_clause_revision_decision (self->db, decision);
-    clause_revision_add_decision (revision, decision);
-  }
-  clause_view_set_others_revision_decision (clause->view, revision, decision);
+    negotiation_receive_decision (app_window_get_negotiation (self), signal, &clause, &revision);
+  if (decision)
+    clause_view_set_others_revision_decision (clause->view, revision, decision);
 }
 
 gboolean

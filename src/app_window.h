@@ -15,6 +15,7 @@
 #include <gtk/gtk.h>
 #include <sqlite3.h>
 
+#include "negotiation.h"
 #include "xmpp_connection.h"
 
 typedef struct _App App;
@@ -40,6 +41,7 @@ struct _AppWindow {
   GtkWidget *prev_main_page;
   ContactStack contacts;
   ProceduresStack procedures;
+  Negotiation negotiation;  // over the above; `app_window_get_negotiation` is the way to it
   // Template children.
   GtkPaned *console_paned;
   GtkTextView *console;
@@ -90,6 +92,8 @@ void app_window_goto_prev_main_page (AppWindow *window);
 
 // After a login: finds or makes the account's row, loads it, fills the lists, shows the main page.
 void app_window_load_account (AppWindow *window);
+// The negotiations of the account that is loaded, for the acts of `negotiation.h`.
+Negotiation *app_window_get_negotiation (AppWindow *window);
 void app_window_add_contact (AppWindow *window, Contact *contact);
 void app_window_create_new_contact (AppWindow *window, String bare_jid, String status);
 void app_window_set_contact_status (AppWindow *window, Contact *contact, String status);

@@ -2,7 +2,6 @@
 
 #include "app_window.h"
 #include "chat_text.h"
-#include "db.h"
 #include "morvane.h"
 #include "procedure_view.h"
 
@@ -25,12 +24,9 @@ static void
 clause_chat_page_send (ClauseChatPage *self, String text)
 {
   AppWindow *window = MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
-  // The lines of this chat are signed with the user name, unlike revisions and decisions.
-  ClauseMessage *message = alloc_clause_message (0, self->clause->db_id, get_posix_time (),
-                                                 window->account.username, text);
-  db_insert_clause_message (window->db, message);
+  ClauseMessage *message =
+    negotiation_say (app_window_get_negotiation (window), self->clause, text);
   clause_chat_page_add_message (self, message);
-  clause_add_message (self->clause, message);
   xmpp_send_clause_message (window, self->procedure, self->clause, message);
 }
 

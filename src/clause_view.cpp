@@ -6,7 +6,6 @@
 #include "clause_chat_page.h"
 #include "clause_comparison.h"
 #include "clause_revision_list_item.h"
-#include "db.h"
 #include "morvane.h"
 #include "procedure_view.h"
 
@@ -121,12 +120,10 @@ clause_view_get_window (ClauseView *self)
   return MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
 }
 
-// The party that is not `own`.
-static String
-clause_view_get_other_party (ClauseView *self, String own)
+static Negotiation *
+clause_view_get_negotiation (ClauseView *self)
 {
-  Procedure *procedure = self->procedure;
-  return own == procedure->contractor ? procedure->initiator : procedure->contractor;
+  return app_window_get_negotiation (clause_view_get_window (self));
 }
 
 static void
@@ -181,19 +178,6 @@ clause_view_add_draft_row (ClauseView *self)
     return;
   self->has_draft_row = true;
   clause_view_append_row (self, clause_revision_list_item_new_draft ());
-}
-
-// Frees the clause's draft, and takes it from the store.
-static void
-clause_view_discard_draft (ClauseView *self)
-{
-  ClauseRevision *draft = self->clause->draft;
-  if (!draft)
-    return;
-  if (draft->db_id)
-    db_delete_clause_revision (clause_view_get_window (self)->db, draft);
-  dealloc_clause_revision (draft);
-  self->clause->draft = NULL;
 }
 
 // ---- Handlers: the text ----
@@ -489,48 +473,36 @@ static void
 clause_view_commit_button_handle (GtkButton *, ClauseView *self)
 {
   assert (self->is_draft);
-  AppWindow *window = clause_view_get_window (self);
-  Clause *clause = self->clause;
-  String own = window->account.bare_jid;
   clause_view_remove_draft_from_revisions_select_list (self);
-  clause_view_discard_draft (self);
-  if (!clause->db_id)
-    db_insert_clause (window->db, clause);
-
   [[maybe_unused]] GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   assert (gtk_text_buffer_get_char_count (text_buffer));
   String text = clause_view_alloc_text (self);
-  s64 time = clause_get_free_revision_time (clause, own, get_posix_time ());
   ClauseRevision *revision =
-    alloc_clause_revision (0, clause->db_id, time, own, REVISION_COMMITTED, text);
+    negotiation_commit (clause_view_get_negotiation (self), self->clause, text);
   dealloc_string (text);
   // It is the revision now, and no draft to be kept.
   self->is_text_changed = false;
 
   clause_view_add_revision (self, revision);
-  clause_add_revision (clause, revision);
-  db_insert_clause_revision (window->db, revision);
-  clause_view_show_revision (self, revision, own);
+  clause_view_show_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
   clause_view_send_revision (self, revision);
 }
 
-// Takes an own clause that nobody else knows out of the world, this view with it.
+// Deletes an own clause that nobody else knows, and this view with it.
 static void
 clause_view_remove_clause (ClauseView *self)
 {
+  Negotiation *negotiation = clause_view_get_negotiation (self);
+  Procedure *procedure = self->procedure;
   Clause *clause = self->clause;
   // A text that is destroyed still loses the focus.
   clause_view_disconnect_text_changed (self);
   g_signal_handlers_disconnect_by_func (self->text_view, (gpointer) clause_view_focus_out_handle,
                                         self);
-  s64 index = procedure_get_clause_index_reversed (self->procedure, clause);
-  if (index >= 0)
-    procedure_remove_clause (self->procedure, (u32) index);
-  db_delete_clause (clause_view_get_window (self)->db, clause);
   if (clause->chat_page)
     gtk_widget_destroy (GTK_WIDGET (clause->chat_page));
   gtk_widget_destroy (GTK_WIDGET (self));
-  dealloc_clause (clause);
+  negotiation_delete_clause (negotiation, procedure, clause);
 }
 
 static void
@@ -549,13 +521,13 @@ clause_view_cancel_button_handle (GtkButton *, ClauseView *self)
     ClauseRevision *target = self->base_revision;
     if (!target)
       target = clause->revisions[clause->revisions_count - 1];
-    clause_view_discard_draft (self);
+    negotiation_discard_draft (clause_view_get_negotiation (self), clause);
     clause_view_show_revision (self, target, own);
   } else {
     // The other party's clause, whose first revision is still to come.
     if (self->has_draft_row)
       clause_view_remove_draft_from_revisions_select_list (self);
-    clause_view_discard_draft (self);
+    negotiation_discard_draft (clause_view_get_negotiation (self), clause);
     clause_view_set_text (self, {});
     clause_view_set_draft_mode (self);
   }
@@ -844,7 +816,7 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
   clause_view_show_revision_status (self, revision);
   clause_view_show_own_decision (self, revision, own);
 
-  String other = clause_view_get_other_party (self, own);
+  String other = procedure_get_other_party (self->procedure, own);
   ClauseRevisionDecision *decision = get_revision_decision_by_author (revision, other);
   if (decision) {
     clause_view_show_others_decision (self, decision->status);
@@ -892,32 +864,13 @@ clause_view_begin_draft (ClauseView *self)
   clause_view_set_draft_mode (self);
 }
 
-static void
-clause_view_store_draft (ClauseView *self, String text)
-{
-  AppWindow *window = clause_view_get_window (self);
-  Clause *clause = self->clause;
-  if (clause->draft) {
-    clause->draft->time = get_posix_time ();
-    dealloc_string (clause->draft->text);
-    clause->draft->text = alloc_string (text);
-    db_update_clause_revision_text (window->db, clause->draft);
-  } else {
-    if (!clause->db_id)
-      db_insert_clause (window->db, clause);
-    clause->draft = alloc_clause_revision (0, clause->db_id, get_posix_time (),
-                                           window->account.bare_jid, REVISION_DRAFT, text);
-    db_insert_clause_revision (window->db, clause->draft);
-  }
-}
-
 void
 clause_view_save_draft (ClauseView *self)
 {
   if (!self->is_text_changed)
     return;
   String text = clause_view_alloc_text (self);
-  clause_view_store_draft (self, text);
+  negotiation_save_draft (clause_view_get_negotiation (self), self->clause, text);
   dealloc_string (text);
   self->is_text_changed = false;
   // Without its row it could not be reached once something else is shown.
@@ -990,7 +943,7 @@ clause_view_set_others_revision_decision (ClauseView *self, ClauseRevision *revi
   if (self->is_draft || revision != self->revision)
     return;
   String own = clause_view_get_window (self)->account.bare_jid;
-  if (decision->author != clause_view_get_other_party (self, own))
+  if (decision->author != procedure_get_other_party (self->procedure, own))
     return;
   clause_view_show_others_decision (self, decision->status);
 }
@@ -999,20 +952,10 @@ void
 clause_view_make_new_decision (ClauseView *self, String author, DecisionStatus status)
 {
   assert (self->revision);
-  AppWindow *window = clause_view_get_window (self);
-  ClauseRevision *revision = self->revision;
-  ClauseRevisionDecision *decision = get_revision_decision_by_author (revision, author);
-  if (decision) {
-    decision->time = get_posix_time ();
-    decision->status = status;
-    db_update_clause_revision_decision_time_and_status (window->db, decision);
-  } else {
-    decision =
-      alloc_clause_revision_decision (0, revision->db_id, get_posix_time (), author, status);
-    db_insert_clause_revision_decision (window->db, decision);
-    clause_revision_add_decision (revision, decision);
-  }
-  xmpp_send_clause_revision_decision (window, self->procedure, self->clause, revision, decision);
+  ClauseRevisionDecision *decision =
+    negotiation_decide (clause_view_get_negotiation (self), self->revision, author, status);
+  xmpp_send_clause_revision_decision (clause_view_get_window (self), self->procedure, self->clause,
+                                      self->revision, decision);
 }
 
 // ---- Comparison ----

@@ -373,6 +373,12 @@ get_procedure_by_initiator_and_time (ProceduresStack *stack, String initiator, s
   return NULL;
 }
 
+String
+procedure_get_other_party (Procedure *procedure, String party)
+{
+  return party == procedure->initiator ? procedure->contractor : procedure->initiator;
+}
+
 s64
 get_revision_index_reversed (Clause *clause, ClauseRevision *revision)
 {

@@ -160,6 +160,9 @@ ClauseRevision *get_clause_revision_by_author_and_time (Clause *clause, String a
 Clause *get_clause_by_initiator_and_time (Procedure *procedure, String initiator, s64 time);
 Procedure *get_procedure_by_initiator_and_time (ProceduresStack *stack, String initiator, s64 time);
 
+// The party that `party` negotiates with.
+String procedure_get_other_party (Procedure *procedure, String party);
+
 // The index of this very record, 0 the oldest, -1 when it is not there. The reversed ones look at
 // the newest first, which is what they are nearly always asked for.
 s64 get_revision_index_reversed (Clause *clause, ClauseRevision *revision);

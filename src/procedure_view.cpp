@@ -3,7 +3,6 @@
 #include "app_window.h"
 #include "clause_chat_page.h"
 #include "clause_view.h"
-#include "db.h"
 #include "morvane.h"
 
 // The first clauses of a page, which are mapped with it as any widget is.
@@ -239,13 +238,7 @@ static void
 procedure_view_add_clause_button_handle (GtkButton *, ProcedureView *self)
 {
   AppWindow *window = MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
-  Procedure *procedure = self->procedure;
-  String own = window->account.bare_jid;
-  s64 time = procedure_get_free_clause_time (procedure, own, get_posix_time ());
-  u64 position = (u64) procedure->clauses_count + 1;
-  Clause *clause = alloc_clause (0, procedure->db_id, time, own, position);
-  db_insert_clause (window->db, clause);
-  procedure_add_clause (procedure, clause);
+  Clause *clause = negotiation_add_clause (app_window_get_negotiation (window), self->procedure);
   procedure_view_add_clause (self, clause);
   clause_view_set_draft_mode (clause->view);
 }

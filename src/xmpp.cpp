@@ -444,12 +444,6 @@ parse_xmpp_vcard4 (AppWindow *window, u64 id, String from, XMLElement *vcard)
 
 // ---- Negotiation: sending ----
 
-static String
-get_other_party (Procedure *procedure, String author)
-{
-  return author == procedure->initiator ? procedure->contractor : procedure->initiator;
-}
-
 void
 xmpp_send_procedure (gnutls_session_t tls_session, Buffer buffer, u64 id, String from,
                      Procedure *procedure)
@@ -471,7 +465,7 @@ xmpp_send_clause (gnutls_session_t tls_session, Buffer buffer, u64 id, String fr
                   Procedure *procedure, Clause *clause)
 {
   assert (get_bare_jid_from_full_jid (from) == clause->initiator);
-  String to = get_other_party (procedure, clause->initiator);
+  String to = procedure_get_other_party (procedure, clause->initiator);
   Buffer request_p =
     buffer_append_format (buffer,
                           "<message type='chat' id='%lu' from='%.*s' to='%.*s'><body>"
@@ -489,7 +483,7 @@ xmpp_send_clause_revision (gnutls_session_t tls_session, Buffer buffer, u64 id, 
                            Procedure *procedure, Clause *clause, ClauseRevision *revision)
 {
   assert (get_bare_jid_from_full_jid (from) == revision->author);
-  String to = get_other_party (procedure, revision->author);
+  String to = procedure_get_other_party (procedure, revision->author);
   Buffer request_p =
     buffer_append_format (buffer,
                           "<message type='chat' id='%lu' from='%.*s' to='%.*s'><body>"
@@ -509,7 +503,7 @@ xmpp_send_clause_message (AppWindow *window, Procedure *procedure, Clause *claus
                           ClauseMessage *message)
 {
   u64 id = generate_xmpp_id (window);
-  String to = get_other_party (procedure, window->account.bare_jid);
+  String to = procedure_get_other_party (procedure, window->account.bare_jid);
   Buffer buffer_p = buffer_append_format (
     window->output_stream_buffer,
     "<message type='chat' id='%lu' from='%.*s' to='%.*s'><body>"
@@ -529,7 +523,7 @@ xmpp_send_clause_revision_decision (AppWindow *window, Procedure *procedure, Cla
                                     ClauseRevision *revision, ClauseRevisionDecision *decision)
 {
   u64 id = generate_xmpp_id (window);
-  String to = get_other_party (procedure, window->account.bare_jid);
+  String to = procedure_get_other_party (procedure, window->account.bare_jid);
   String request = make_format_string (
     window->output_stream_buffer,
     "<message type='chat' id='%lu' from='%.*s' to='%.*s'><body>"

@@ -724,6 +724,16 @@ TEST (procedures_stack_get_index, looks_at_the_oldest_first)
   dealloc_procedure_stack (stack);
 }
 
+TEST (procedure_get_other_party, is_the_one_that_is_not_named)
+{
+  Procedure *procedure = alloc_test_procedure (1);
+  EXPECT_EQ (text_of (procedure_get_other_party (procedure, to_string ("a@example.org"))),
+             "b@example.org");
+  EXPECT_EQ (text_of (procedure_get_other_party (procedure, to_string ("b@example.org"))),
+             "a@example.org");
+  dealloc_procedure (procedure);
+}
+
 // ---- Free seconds ----
 
 TEST (clause_get_free_revision_time, is_the_time_itself_when_it_is_free)

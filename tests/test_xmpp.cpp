@@ -660,15 +660,15 @@ TEST (parse_xmpp_vcard4, stops_at_text_between_the_properties)
 // ---- Negotiation: sending ----
 
 // A procedure of the two parties, with one of each thing.
-struct Negotiation {
+struct TestNegotiation {
   Procedure *procedure;
   Clause *clause;
   ClauseRevision *revision;
   ClauseRevisionDecision *decision;
   ClauseMessage *message;
 
-  Negotiation (const char *initiator, const char *contractor, const char *author,
-               const std::string &text = "a < b")
+  TestNegotiation (const char *initiator, const char *contractor, const char *author,
+                   const std::string &text = "a < b")
   {
     procedure =
       alloc_procedure (1, 1, 100, string_of (text), to_string (initiator), to_string (contractor));
@@ -678,7 +678,7 @@ struct Negotiation {
     decision = alloc_clause_revision_decision (1, 1, 400, to_string (author), DECISION_AGREE);
     message = alloc_clause_message (1, 1, 500, to_string (author), string_of (text));
   }
-  ~Negotiation ()
+  ~TestNegotiation ()
   {
     dealloc_procedure (procedure);
     dealloc_clause (clause);
@@ -700,24 +700,24 @@ envelope (u64 id, const std::string &element)
          "</body></message>";
 }
 
-typedef void (*Sender) (Session *session, Negotiation *negotiation);
+typedef void (*Sender) (Session *session, TestNegotiation *negotiation);
 
 static void
-send_procedure (Session *session, Negotiation *n)
+send_procedure (Session *session, TestNegotiation *n)
 {
   xmpp_send_procedure (session->window->connection.tls_session,
                        session->window->output_stream_buffer, 7, to_string (FULL), n->procedure);
 }
 
 static void
-send_clause (Session *session, Negotiation *n)
+send_clause (Session *session, TestNegotiation *n)
 {
   xmpp_send_clause (session->window->connection.tls_session, session->window->output_stream_buffer,
                     7, to_string (FULL), n->procedure, n->clause);
 }
 
 static void
-send_revision (Session *session, Negotiation *n)
+send_revision (Session *session, TestNegotiation *n)
 {
   xmpp_send_clause_revision (session->window->connection.tls_session,
                              session->window->output_stream_buffer, 7, to_string (FULL),
@@ -725,13 +725,13 @@ send_revision (Session *session, Negotiation *n)
 }
 
 static void
-send_clause_message (Session *session, Negotiation *n)
+send_clause_message (Session *session, TestNegotiation *n)
 {
   EXPECT_EQ (xmpp_send_clause_message (session->window, n->procedure, n->clause, n->message), 1u);
 }
 
 static void
-send_decision (Session *session, Negotiation *n)
+send_decision (Session *session, TestNegotiation *n)
 {
   EXPECT_EQ (xmpp_send_clause_revision_decision (session->window, n->procedure, n->clause,
                                                  n->revision, n->decision),
@@ -743,7 +743,7 @@ sent_by (Sender sender, const char *initiator, const char *contractor,
          DecisionStatus status = DECISION_AGREE)
 {
   Session session;
-  Negotiation negotiation (initiator, contractor, OWN);
+  TestNegotiation negotiation (initiator, contractor, OWN);
   negotiation.decision->status = status;
   sender (&session, &negotiation);
   return session.end ();
@@ -806,7 +806,7 @@ TEST (xmpp_send_clause_revision_decision, sends_the_word_to_the_other_party)
 TEST (xmpp_send_clause_revision, sends_an_empty_text_as_an_element_without_content)
 {
   Session session;
-  Negotiation negotiation (OWN, PEER, OWN, "");
+  TestNegotiation negotiation (OWN, PEER, OWN, "");
   send_revision (&session, &negotiation);
   EXPECT_EQ (session.end (),
              envelope (7,
@@ -818,7 +818,7 @@ static void
 send_for (Sender sender, const char *author)
 {
   Session session;
-  Negotiation negotiation (author, PEER, author);
+  TestNegotiation negotiation (author, PEER, author);
   sender (&session, &negotiation);
 }
 
@@ -843,43 +843,43 @@ TEST (xmpp_send_clause_revision, stops_when_it_speaks_for_someone_else)
 // ---- Stanzas that do not fit ----
 
 static void
-send_subscribe (Session *session, Negotiation *)
+send_subscribe (Session *session, TestNegotiation *)
 {
   xmpp_presence_subscribe (session->window, to_string (PEER));
 }
 
 static void
-send_subscribed (Session *session, Negotiation *)
+send_subscribed (Session *session, TestNegotiation *)
 {
   xmpp_presence_subscribed (session->window, to_string (PEER));
 }
 
 static void
-send_roster_query (Session *session, Negotiation *)
+send_roster_query (Session *session, TestNegotiation *)
 {
   xmpp_iq_get_roster (session->window);
 }
 
 static void
-send_disco (Session *session, Negotiation *)
+send_disco (Session *session, TestNegotiation *)
 {
   xmpp_iq_get_disco1_vcard4 (session->window, to_string (PEER));
 }
 
 static void
-send_vcard_query (Session *session, Negotiation *)
+send_vcard_query (Session *session, TestNegotiation *)
 {
   xmpp_iq_get_vcard4 (session->window, to_string (PEER));
 }
 
 static void
-send_vcard (Session *session, Negotiation *)
+send_vcard (Session *session, TestNegotiation *)
 {
   xmpp_iq_set_vcard4 (session->window, FULL_VCARD);
 }
 
 static void
-send_chat (Session *session, Negotiation *)
+send_chat (Session *session, TestNegotiation *)
 {
   xmpp_send_message (session->window, to_string (PEER), to_string ("a < b"));
 }
@@ -906,7 +906,7 @@ static std::string
 send_in_room (Sender sender, size_t size)
 {
   Session session ("", size);
-  Negotiation negotiation (OWN, PEER, OWN);
+  TestNegotiation negotiation (OWN, PEER, OWN);
   sender (&session, &negotiation);
   return session.end ();
 }
@@ -1309,7 +1309,7 @@ TEST (negotiation, comes_back_as_it_was_sent)
     testing::internal::CaptureStdout ();
     for (Sender sender : {send_procedure, send_revision, send_clause_message}) {
       Session session;
-      Negotiation negotiation (OWN, PEER, OWN, text);
+      TestNegotiation negotiation (OWN, PEER, OWN, text);
       sender (&session, &negotiation);
       Parsed parsed (session.end ());
       XMLElement *element = get_body_element (parsed);

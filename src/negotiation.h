@@ -1,0 +1,58 @@
+// What a party does in a negotiation and what arrives from the other one: each is one call, which
+// changes the model and the store. Views show the result, and send afterwards what is to be sent.
+//
+// Ownership: a `Negotiation` borrows all that it names. A record that comes back belongs to the
+// model; texts and received records stay the caller's.
+// Threads: the interface thread only.
+#pragma once
+
+#include "db.h"
+#include "xmpp.h"
+
+// One account's negotiations.
+struct Negotiation {
+  sqlite3 *db;                  // borrowed
+  u64 account_db_id;            // row of the account
+  String own;                   // view; the account's bare JID
+  String own_name;              // view; its user name, which signs the lines of a clause's chat
+  ProceduresStack *procedures;  // borrowed; all of the account
+};
+
+// ---- What the user does ----
+
+// A procedure with `contractor`. `title` has no apostrophe.
+Procedure *negotiation_begin (Negotiation *negotiation, String title, String contractor);
+// Takes the procedure, with all that it holds, out of model and store, and frees it. Its widgets
+// must be gone.
+void negotiation_delete (Negotiation *negotiation, Procedure *procedure);
+// A clause at the end, without a revision.
+Clause *negotiation_add_clause (Negotiation *negotiation, Procedure *procedure);
+// The same as `negotiation_delete` for a clause that was never sent.
+void negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, Clause *clause);
+// Makes `text` the clause's draft, in place of the one that it may have.
+void negotiation_save_draft (Negotiation *negotiation, Clause *clause, String text);
+// Takes the draft out of model and store and frees it; does nothing where there is none.
+void negotiation_discard_draft (Negotiation *negotiation, Clause *clause);
+// Makes `text` the clause's next revision, in place of its draft.
+ClauseRevision *negotiation_commit (Negotiation *negotiation, Clause *clause, String text);
+// What `author` thinks of the revision from now on.
+ClauseRevisionDecision *negotiation_decide (Negotiation *negotiation, ClauseRevision *revision,
+                                            String author, DecisionStatus status);
+// A line of the clause's chat.
+ClauseMessage *negotiation_say (Negotiation *negotiation, Clause *clause, String text);
+
+// ---- What arrives ----
+
+// Each returns what it has made or changed, or NULL after a console line that says why the record
+// was dropped. The `_out` parameters are only filled with a result.
+Procedure *negotiation_receive_procedure (Negotiation *negotiation, XMPPProcedure *record);
+Clause *negotiation_receive_clause (Negotiation *negotiation, XMPPClause *record,
+                                    Procedure **procedure_out);
+ClauseRevision *negotiation_receive_revision (Negotiation *negotiation, XMPPClauseRevision *record,
+                                              Clause **clause_out);
+ClauseMessage *negotiation_receive_message (Negotiation *negotiation, XMPPClauseMessage *record,
+                                            Clause **clause_out);
+ClauseRevisionDecision *negotiation_receive_decision (Negotiation *negotiation,
+                                                      XMPPClauseRevisionDecisionSignal *record,
+                                                      Clause **clause_out,
+                                                      ClauseRevision **revision_out);

@@ -1,0 +1,400 @@
+// The acts of a negotiation, on model and store, without a display. What was stored is read back with
+// SQL through a connection of the test's own, and what a restart would show by loading the account.
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <time.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "negotiation.h"
+
+static const char OWN[] = "alice@alpha.test";
+static const char OTHER[] = "bob@beta.test";
+
+// The clock of this test program.
+static s64 now = 5000;
+
+time_t
+time (time_t *time_out) noexcept
+{
+  if (time_out)
+    *time_out = now;
+  return now;
+}
+
+static int
+collect_row (void *argument, int columns_count, char **values, char **)
+{
+  std::string *rows = (std::string *) argument;
+  for (int i = 0; i < columns_count; i++) {
+    *rows += (i ? "|" : "") + std::string (values[i] ? values[i] : "NULL");
+  }
+  *rows += "\n";
+  return 0;
+}
+
+// An account that is loaded from a store in a directory of its own.
+struct Account {
+  std::filesystem::path directory;
+  std::string path;
+  ContactStack contacts;
+  ProceduresStack procedures;
+  Negotiation negotiation;
+
+  Account ()
+  {
+    now = 5000;
+    std::string pattern =
+      (std::filesystem::temp_directory_path () / "morvane-negotiation-XXXXXX").string ();
+    directory = mkdtemp (pattern.data ());
+    path = (directory / "store.db").string ();
+    negotiation = {};
+    negotiation.own = to_string (OWN);
+    negotiation.own_name = to_string ("alice");
+    negotiation.procedures = &procedures;
+    negotiation.db = db_connect (path.c_str ());
+    db_insert_account (negotiation.db, negotiation.own);
+    load ();
+  }
+
+  ~Account ()
+  {
+    unload ();
+    db_close (negotiation.db);
+    std::filesystem::remove_all (directory);
+  }
+
+  void load ()
+  {
+    negotiation.account_db_id = db_get_account_db_id (negotiation.db, negotiation.own);
+    db_load_account (negotiation.db, negotiation.account_db_id, &contacts, &procedures);
+  }
+
+  void unload ()
+  {
+    dealloc_contact_stack (contacts);
+    dealloc_procedure_stack (procedures);
+  }
+
+  // What the next login would find in memory.
+  void restart ()
+  {
+    unload ();
+    load ();
+  }
+
+  // The rows of a statement that is not the store's own: columns joined by "|", rows by line feeds.
+  std::string rows (const char *sql)
+  {
+    sqlite3 *other = NULL;
+    std::string rows;
+    EXPECT_EQ (sqlite3_open (path.c_str (), &other), SQLITE_OK);
+    EXPECT_EQ (sqlite3_exec (other, sql, collect_row, &rows, NULL), SQLITE_OK) << sql;
+    sqlite3_close (other);
+    return rows;
+  }
+};
+
+static const char REVISIONS_SQL[] =
+  "SELECT clause_db_id, time, author, status, text FROM clause_revisions ORDER BY db_id";
+static const char DECISIONS_SQL[] =
+  "SELECT clause_revision_db_id, time, author, status FROM clause_revision_decisions ORDER BY db_id";
+
+static Procedure *
+begin (Account *account)
+{
+  return negotiation_begin (&account->negotiation, to_string ("Planks"), to_string (OTHER));
+}
+
+static ClauseRevision *
+commit (Account *account, Clause *clause, const char *text)
+{
+  return negotiation_commit (&account->negotiation, clause, to_string (text));
+}
+
+// An object as the wire names it.
+struct Name {
+  const char *author;
+  s64 time;
+};
+
+// The records borrow everything, and are never freed as those of the session are.
+static Procedure *
+receive_procedure (Account *account, Name procedure, const char *title)
+{
+  XMPPProcedure record = {};
+  record.title = to_string (title);
+  record.initiator = to_string (procedure.author);
+  record.time = procedure.time;
+  return negotiation_receive_procedure (&account->negotiation, &record);
+}
+
+static Clause *
+receive_clause (Account *account, Name procedure, Name clause)
+{
+  XMPPClause record = {};
+  record.procedure_initiator = to_string (procedure.author);
+  record.procedure_time = procedure.time;
+  record.clause_initiator = to_string (clause.author);
+  record.clause_time = clause.time;
+  Procedure *target = NULL;
+  Clause *result = negotiation_receive_clause (&account->negotiation, &record, &target);
+  EXPECT_EQ (result != NULL, target != NULL);
+  return result;
+}
+
+static ClauseRevision *
+receive_revision (Account *account, Name procedure, Name clause, Name revision, const char *text)
+{
+  XMPPClauseRevision record = {};
+  record.procedure_initiator = to_string (procedure.author);
+  record.procedure_time = procedure.time;
+  record.clause_initiator = to_string (clause.author);
+  record.clause_time = clause.time;
+  record.revision_author = to_string (revision.author);
+  record.revision_time = revision.time;
+  record.text = to_string (text);
+  Clause *target = NULL;
+  ClauseRevision *result = negotiation_receive_revision (&account->negotiation, &record, &target);
+  EXPECT_EQ (result != NULL, target != NULL);
+  return result;
+}
+
+static ClauseMessage *
+receive_message (Account *account, Name procedure, Name clause, Name line, const char *text)
+{
+  XMPPClauseMessage record = {};
+  record.procedure_initiator = to_string (procedure.author);
+  record.procedure_time = procedure.time;
+  record.clause_initiator = to_string (clause.author);
+  record.clause_time = clause.time;
+  record.message_author = to_string (line.author);
+  record.message_time = line.time;
+  record.text = to_string (text);
+  Clause *target = NULL;
+  ClauseMessage *result = negotiation_receive_message (&account->negotiation, &record, &target);
+  EXPECT_EQ (result != NULL, target != NULL);
+  return result;
+}
+
+static ClauseRevisionDecision *
+receive_decision (Account *account, Name procedure, Name clause, Name revision, const char *author,
+                  DecisionStatus status)
+{
+  XMPPClauseRevisionDecisionSignal record = {};
+  record.procedure_initiator = to_string (procedure.author);
+  record.procedure_time = procedure.time;
+  record.clause_initiator = to_string (clause.author);
+  record.clause_time = clause.time;
+  record.revision_author = to_string (revision.author);
+  record.revision_time = revision.time;
+  record.decision_author = to_string (author);
+  record.decision_time = 1;
+  record.status = status;
+  Clause *target = NULL;
+  ClauseRevision *target_revision = NULL;
+  ClauseRevisionDecision *result =
+    negotiation_receive_decision (&account->negotiation, &record, &target, &target_revision);
+  EXPECT_EQ (result != NULL, target_revision != NULL);
+  return result;
+}
+
+// ---- What the user does ----
+
+TEST (negotiation_begin, takes_the_next_free_second)
+{
+  Account account;
+  EXPECT_EQ (begin (&account)->time, 5000);
+  EXPECT_EQ (begin (&account)->time, 5001);
+  EXPECT_EQ (account.rows ("SELECT time, initiator, contractor, title FROM procedures"),
+             "5000|alice@alpha.test|bob@beta.test|Planks\n"
+             "5001|alice@alpha.test|bob@beta.test|Planks\n");
+}
+
+TEST (negotiation_add_clause, counts_positions_on)
+{
+  Account account;
+  Procedure *procedure = begin (&account);
+  EXPECT_EQ (negotiation_add_clause (&account.negotiation, procedure)->position, 1u);
+  EXPECT_EQ (negotiation_add_clause (&account.negotiation, procedure)->position, 2u);
+  EXPECT_EQ (account.rows ("SELECT procedure_db_id, time, initiator, position FROM clauses"),
+             "1|5000|alice@alpha.test|1\n1|5001|alice@alpha.test|2\n");
+}
+
+TEST (negotiation_commit, puts_the_revision_in_the_drafts_place)
+{
+  Account account;
+  Clause *clause = negotiation_add_clause (&account.negotiation, begin (&account));
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Ten"));
+  now++;
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Ten crates"));
+  EXPECT_EQ (account.rows (REVISIONS_SQL), "1|5001|alice@alpha.test|DRAFT|Ten crates\n");
+  ClauseRevision *revision = commit (&account, clause, "It's ten crates");
+  EXPECT_EQ (clause->draft, nullptr);
+  ASSERT_EQ (clause->revisions_count, 1u);
+  EXPECT_EQ (clause->revisions[0], revision);
+  EXPECT_EQ (account.rows (REVISIONS_SQL), "1|5001|alice@alpha.test|COMMITTED|It's ten crates\n");
+}
+
+TEST (negotiation_discard_draft, leaves_a_clause_without_one_alone)
+{
+  Account account;
+  Clause *clause = negotiation_add_clause (&account.negotiation, begin (&account));
+  negotiation_discard_draft (&account.negotiation, clause);
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Ten"));
+  negotiation_discard_draft (&account.negotiation, clause);
+  EXPECT_EQ (clause->draft, nullptr);
+  EXPECT_EQ (account.rows (REVISIONS_SQL), "");
+  EXPECT_EQ (account.rows ("SELECT db_id FROM clauses"), "1\n");
+}
+
+TEST (negotiation_decide, keeps_one_decision_of_each_party)
+{
+  Account account;
+  Clause *clause = negotiation_add_clause (&account.negotiation, begin (&account));
+  ClauseRevision *revision = commit (&account, clause, "Ten crates");
+  Negotiation *negotiation = &account.negotiation;
+  negotiation_decide (negotiation, revision, to_string (OWN), DECISION_AGREE);
+  now++;
+  negotiation_decide (negotiation, revision, to_string (OWN), DECISION_DISAGREE);
+  EXPECT_EQ (revision->decisions_count, 1u);
+  EXPECT_EQ (account.rows (DECISIONS_SQL), "1|5001|alice@alpha.test|DISAGREE\n");
+}
+
+TEST (negotiation_say, signs_with_the_user_name)
+{
+  Account account;
+  Clause *clause = negotiation_add_clause (&account.negotiation, begin (&account));
+  ClauseMessage *message = negotiation_say (&account.negotiation, clause, to_string ("Why ten?"));
+  ASSERT_EQ (clause->messages_count, 1u);
+  EXPECT_EQ (clause->messages[0], message);
+  EXPECT_EQ (account.rows ("SELECT clause_db_id, time, author, text FROM clause_messages"),
+             "1|5000|alice|Why ten?\n");
+}
+
+TEST (negotiation_delete, takes_all_of_the_procedure_and_nothing_else)
+{
+  Account account;
+  Procedure *kept = begin (&account);
+  commit (&account, negotiation_add_clause (&account.negotiation, kept), "Kept");
+  Procedure *procedure = begin (&account);
+  Clause *clause = negotiation_add_clause (&account.negotiation, procedure);
+  ClauseRevision *revision = commit (&account, clause, "Ten crates");
+  negotiation_decide (&account.negotiation, revision, to_string (OWN), DECISION_AGREE);
+  negotiation_say (&account.negotiation, clause, to_string ("Why ten?"));
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Nine crates"));
+  negotiation_delete (&account.negotiation, procedure);
+  ASSERT_EQ (account.procedures.count, 1u);
+  EXPECT_EQ (account.procedures.procedures[0], kept);
+  EXPECT_EQ (account.rows ("SELECT db_id FROM procedures"), "1\n");
+  EXPECT_EQ (account.rows ("SELECT db_id FROM clauses"), "1\n");
+  EXPECT_EQ (account.rows (REVISIONS_SQL), "1|5000|alice@alpha.test|COMMITTED|Kept\n");
+  EXPECT_EQ (account.rows (DECISIONS_SQL), "");
+  EXPECT_EQ (account.rows ("SELECT db_id FROM clause_messages"), "");
+}
+
+TEST (negotiation_delete_clause, takes_the_clause_and_its_draft)
+{
+  Account account;
+  Procedure *procedure = begin (&account);
+  Clause *kept = negotiation_add_clause (&account.negotiation, procedure);
+  Clause *clause = negotiation_add_clause (&account.negotiation, procedure);
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Nine crates"));
+  negotiation_delete_clause (&account.negotiation, procedure, clause);
+  ASSERT_EQ (procedure->clauses_count, 1u);
+  EXPECT_EQ (procedure->clauses[0], kept);
+  EXPECT_EQ (account.rows ("SELECT db_id FROM clauses"), "1\n");
+  EXPECT_EQ (account.rows (REVISIONS_SQL), "");
+}
+
+// ---- What arrives ----
+
+static const Name PROCEDURE = {OTHER, 700};
+static const Name CLAUSE = {OTHER, 800};
+static const Name REVISION = {OTHER, 900};
+
+TEST (negotiation_receive_procedure, makes_the_account_the_contractor)
+{
+  Account account;
+  ASSERT_NE (receive_procedure (&account, PROCEDURE, "Bob's planks"), nullptr);
+  EXPECT_EQ (account.rows ("SELECT account_db_id, time, initiator, contractor, title "
+                           "FROM procedures"),
+             "1|700|bob@beta.test|alice@alpha.test|Bob\u2019s planks\n");
+}
+
+TEST (negotiation_receive_procedure, drops_a_title_that_is_too_long)
+{
+  Account account;
+  EXPECT_EQ (receive_procedure (&account, PROCEDURE, std::string (4000, 'x').c_str ()), nullptr);
+  EXPECT_EQ (account.procedures.count, 0u);
+  EXPECT_EQ (account.rows ("SELECT * FROM procedures"), "");
+}
+
+TEST (negotiation_receive, takes_a_whole_procedure)
+{
+  Account account;
+  Procedure *procedure = receive_procedure (&account, PROCEDURE, "Planks");
+  Clause *clause = receive_clause (&account, PROCEDURE, CLAUSE);
+  ASSERT_EQ (procedure->clauses_count, 1u);
+  EXPECT_EQ (procedure->clauses[0], clause);
+  EXPECT_EQ (clause->position, 1u);
+  ClauseRevision *revision = receive_revision (&account, PROCEDURE, CLAUSE, REVISION, "Ten");
+  ASSERT_EQ (clause->revisions_count, 1u);
+  EXPECT_EQ (clause->revisions[0], revision);
+  ASSERT_NE (receive_message (&account, PROCEDURE, CLAUSE, {"bob", 950}, "Well?"), nullptr);
+  ASSERT_NE (receive_decision (&account, PROCEDURE, CLAUSE, REVISION, OTHER, DECISION_AGREE),
+             nullptr);
+  EXPECT_EQ (account.rows (REVISIONS_SQL), "1|900|bob@beta.test|COMMITTED|Ten\n");
+  EXPECT_EQ (account.rows (DECISIONS_SQL), "1|5000|bob@beta.test|AGREE\n");
+  EXPECT_EQ (account.rows ("SELECT clause_db_id, time, author, text FROM clause_messages"),
+             "1|950|bob|Well?\n");
+}
+
+TEST (negotiation_receive_decision, updates_the_one_that_is_there)
+{
+  Account account;
+  receive_procedure (&account, PROCEDURE, "Planks");
+  receive_clause (&account, PROCEDURE, CLAUSE);
+  receive_revision (&account, PROCEDURE, CLAUSE, REVISION, "Ten");
+  ClauseRevisionDecision *decision =
+    receive_decision (&account, PROCEDURE, CLAUSE, REVISION, OTHER, DECISION_AGREE);
+  now++;
+  EXPECT_EQ (receive_decision (&account, PROCEDURE, CLAUSE, REVISION, OTHER, DECISION_DISAGREE),
+             decision);
+  EXPECT_EQ (account.rows (DECISIONS_SQL), "1|5001|bob@beta.test|DISAGREE\n");
+}
+
+TEST (negotiation_receive, drops_what_has_no_place)
+{
+  Account account;
+  receive_procedure (&account, PROCEDURE, "Planks");
+  receive_clause (&account, PROCEDURE, CLAUSE);
+  Name strange = {OTHER, 1};
+  testing::internal::CaptureStdout ();
+  EXPECT_EQ (receive_clause (&account, strange, CLAUSE), nullptr);
+  EXPECT_EQ (receive_revision (&account, strange, CLAUSE, REVISION, "Ten"), nullptr);
+  EXPECT_EQ (receive_revision (&account, PROCEDURE, strange, REVISION, "Ten"), nullptr);
+  EXPECT_EQ (receive_message (&account, strange, CLAUSE, {"bob", 1}, "Well?"), nullptr);
+  EXPECT_EQ (receive_message (&account, PROCEDURE, strange, {"bob", 1}, "Well?"), nullptr);
+  EXPECT_EQ (receive_decision (&account, strange, CLAUSE, REVISION, OTHER, DECISION_AGREE),
+             nullptr);
+  EXPECT_EQ (receive_decision (&account, PROCEDURE, strange, REVISION, OTHER, DECISION_AGREE),
+             nullptr);
+  EXPECT_EQ (receive_decision (&account, PROCEDURE, CLAUSE, REVISION, OTHER, DECISION_AGREE),
+             nullptr);
+  fflush (stdout);
+  EXPECT_EQ (
+    testing::internal::GetCapturedStdout (),
+    "Warning: A clause came, but we don't have the procedure to attach it to.\n"
+    "Warning: A clause revision came, but we don't have the procedure to attach it to.\n"
+    "Warning: A clause revision came, but we don't have the clause to attach it to.\n"
+    "Warning: A clause message came, but we don't have the procedure to attach it to.\n"
+    "Warning: A clause message came, but we don't have the clause to attach it to.\n"
+    "Warning: A clause revision decision came, but we don't have the procedure to attach it to.\n"
+    "Warning: A clause revision decision came, but we don't have the clause to attach it to.\n"
+    "Warning: A clause revision decision came, but we don't have the revision to attach it to.\n");
+  EXPECT_EQ (account.rows (REVISIONS_SQL) + account.rows (DECISIONS_SQL), "");
+}
