@@ -2,6 +2,8 @@
 // the same state, and what the tree parser takes, it counts as that does.
 #include "fuzz.h"
 
+#include "xml_scanner.h"
+
 const char *const DESIGNED_STOPS[] = {NULL};
 
 void

@@ -7,6 +7,7 @@
 #include "login_page.h"
 #include "morvane.h"
 #include "registration_page.h"
+#include "xml_scanner.h"
 
 u64 fuzz_records_count;
 

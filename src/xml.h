@@ -1,6 +1,5 @@
 // The program's own XML reader: a tokenizer, a tree parser that builds its nodes inside a caller's
-// arena, the scanner that finds where one stanza ends and the next begins, and the escaping pair
-// through which every text of a user enters and leaves a stanza.
+// arena, and the escaping pair through which every text of a user enters and leaves a stanza.
 //
 // Of XML it knows what servers and peers send: tags, attributes with quoted values, the "<?" ...
 // "?>" declaration and text between tags; no comments, no CDATA, no namespaces ("stream:stream" is
@@ -9,7 +8,7 @@
 // Ownership: tokens, elements and attributes are views over the parsed text, and the nodes lie in
 // the arena; text and arena must outlive the tree, and nothing of it is freed one by one. Only the
 // `alloc_` functions return heap memory.
-// Threads: any thread; nothing here keeps state between calls, except in records of the caller.
+// Threads: any thread; nothing here keeps state between calls.
 #pragma once
 
 #include "buffers.h"
@@ -55,21 +54,6 @@ struct XMLElement {
   XMLElement *next;              // next sibling, or none
   XMLAttribute *last_attribute;  // a hint for appending, read by the append functions only
   XMLElement *last_child;        // likewise
-};
-
-// Follows a stream of bytes and tells where stanzas end. Zeroed, it is at the start of a stream.
-// The first two fields are the result; the rest belongs to the functions below.
-struct XMLScanner {
-  u64 stanzas_count;  // top-level elements completed since the start, and closings never opened
-  u64 boundary;       // bytes fed up to the last one after which nothing was left open
-  u64 bytes_count;    // bytes fed since the start
-  u64 depth;          // elements open now
-  u32 name_matched;   // leading bytes of the tag's name that agree with "stream:stream"
-  u8 place;           // where in the text the next byte stands
-  u8 tag_kind;        // opening, closing or declaration
-  u8 name_state;      // how far the tag's name has been read
-  u8 quote;           // the quote character that closes the value
-  u8 previous;        // the byte before, inside a tag and outside of its values
 };
 
 // ---- Tokenizer ----
@@ -133,12 +117,3 @@ bool is_xml_text_unescapable (String text);
 // U+FFFF), and so are spaces at the front, which the tree parser does not keep. Heap,
 // `dealloc_string`.
 String alloc_sendable_text (String text);
-
-// ---- Stanza boundaries ----
-
-// Takes the next bytes of the stream, however it was cut. Each byte is looked at once.
-void xml_scanner_feed (XMLScanner *scanner, String bytes);
-// True while no tag, quoted value or element of a stanza is left open. The declaration and a
-// "stream:stream" outside of all stanzas are no such elements, but while only a part of their tag
-// is there, that tag is open. Text outside of all elements does not count.
-bool xml_scanner_is_complete (const XMLScanner *scanner);

@@ -11,6 +11,7 @@
 #include "network.h"
 #include "registration_page.h"
 #include "sasl.h"
+#include "xml_scanner.h"
 
 XMPPThreadMessage *
 alloc_thread_message (AppWindow *window, const char *text, u8 flag)
