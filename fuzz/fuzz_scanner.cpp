@@ -1,6 +1,8 @@
 // Stanza boundaries: the first byte chooses how the rest is cut. However it is cut, the scanner is in
-// the same state, and what the tree parser takes, it counts as that does.
+// the same state, and the stanzas that expat finds, it finds.
 #include "fuzz.h"
+
+#include "../tests/expat_stanzas.h"
 
 #include "xml_scanner.h"
 
@@ -15,9 +17,9 @@ static bool
 is_same_state (XMLScanner a, XMLScanner b)
 {
   return a.stanzas_count == b.stanzas_count && a.boundary == b.boundary &&
-         a.bytes_count == b.bytes_count && a.depth == b.depth && a.name_matched == b.name_matched &&
-         a.place == b.place && a.tag_kind == b.tag_kind && a.name_state == b.name_state &&
-         a.quote == b.quote && a.previous == b.previous;
+         a.bytes_count == b.bytes_count && a.depth == b.depth && a.matched == b.matched &&
+         a.place == b.place && a.is_closing == b.is_closing && a.quote == b.quote &&
+         a.previous == b.previous;
 }
 
 // Fed in pieces whose sizes follow from `seed`.
@@ -32,56 +34,21 @@ scan_in_pieces (String text, u32 seed)
   return scanner;
 }
 
-struct Counted {
-  u64 stanzas_count;  // ended
-  bool is_open;       // something other than the stream was left open
-};
-
-static bool
-is_stream (XMLElement *element)
-{
-  return element->name == "stream:stream";
-}
-
-// Counts the stanzas of a level where only the stream is open; `unclosed` is the innermost open
-// element.
-static Counted
-count_stanzas (XMLElement *node, XMLElement *unclosed)
-{
-  Counted counted = {};
-  for (; node; node = node->next) {
-    bool is_unclosed = false;
-    for (XMLElement *element = unclosed; element; element = element->parent)
-      is_unclosed = is_unclosed || element == node;
-    if (node->text.size || node->is_doctype || (node->is_void && is_stream (node)))
-      continue;
-    if (is_stream (node)) {
-      Counted inside = count_stanzas (node->children, unclosed);
-      counted.stanzas_count += inside.stanzas_count;
-      counted.is_open = counted.is_open || inside.is_open;
-    } else {
-      counted.is_open = counted.is_open || is_unclosed;
-    }
-    counted.stanzas_count += !is_unclosed;
-  }
-  return counted;
-}
-
+// What the scanner finds, one stanza after the other, begins with what expat has found when it comes
+// to the place that it refuses, if there is one.
 static void
-check_against_parser (XMLScanner scanner, String text)
+check_against_expat (String text)
 {
-  Buffer memory = alloc (text.size * 200 + 1024);
-  XMLElement *unclosed;
-  XMLElement *unopened;
-  XMLElement *tree = parse_xml_tree (memory, text, &unclosed, &unopened);
-  if (tree || unopened) {
-    Counted counted = count_stanzas (tree, unclosed);
-    for (; unopened; unopened = unopened->next)
-      ++counted.stanzas_count;
-    CHECK (scanner.stanzas_count == counted.stanzas_count);
-    CHECK (xml_scanner_is_complete (&scanner) == !counted.is_open);
+  ExpatStanzas read = read_stanzas_by_expat (std::string ((char *) text.data, text.size));
+  XMLScanner scanner = {};
+  String rest = text;
+  for (size_t index = 0; index < read.stanzas.size (); ++index) {
+    rest = xml_scanner_feed_stanza (&scanner, rest);
+    CHECK (scanner.stanzas_count == index + 1);
+    CHECK (text.size - rest.size == read.stanzas[index].end);
+    CHECK (xml_scanner_is_complete (&scanner));
+    CHECK (scanner.boundary == read.stanzas[index].end);
   }
-  dealloc (memory);
 }
 
 void
@@ -103,5 +70,5 @@ fuzz_run (String input)
   xml_scanner_feed (&front, {input.data, whole.boundary});
   CHECK (xml_scanner_is_complete (&front));
   CHECK (front.stanzas_count == whole.stanzas_count);
-  check_against_parser (whole, input);
+  check_against_expat (input);
 }
