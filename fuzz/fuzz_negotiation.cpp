@@ -46,6 +46,7 @@ static const char *const ATTRIBUTES[] = {
 static const char *const VALUES[] = {
   "anna@alpha.test:1700000000",
   "ben@beta.test:1700000001",
+  "ben:1700000001",
   "ben@beta.test:0",
   "ben@beta.test:",
   ":1700000000",
@@ -117,7 +118,7 @@ append_pairs (Buffer buffer, String *input)
     buffer = buffer_append_cstr (buffer, ATTRIBUTES[index]);
     buffer = buffer_append_cstr (buffer, "='");
     u8 choice = take_byte (input);
-    const char *value = choice < 0xC0 ? VALUES[choice % 3] : VALUES[choice % COUNT (VALUES)];
+    const char *value = choice < 0xC0 ? VALUES[choice % 4] : VALUES[choice % COUNT (VALUES)];
     buffer = buffer_append_cstr (buffer, value);
     buffer = buffer_append_cstr (buffer, "'");
   }

@@ -46,12 +46,16 @@ get_window ()
 
 // ---- Dispatch ----
 
+// Who sent the message that is being dispatched.
+static String message_from;
+
 static void
 dispatch (AppWindow *window, XMLElement *tree, bool is_last_open)
 {
   for (XMLElement *element = tree; element; element = element->next) {
     if (is_last_open && !element->next)
       break;
+    message_from = get_xml_attribute (element, "from");
     if (element->name == "message")
       parse_xmpp_message (window, element);
     else if (element->name == "presence")
@@ -94,6 +98,17 @@ check_pair (String author, s64 time)
 {
   CHECK (is_storable_jid (author));
   CHECK (time >= 0 && time <= 999999999999);
+}
+
+// Nobody speaks for someone else: `author` is the sender's account, or just the user name of it.
+static void
+check_sender (String author, bool may_name_user)
+{
+  CHECK (author.size <= message_from.size);
+  String rest = string_advance (message_from, author.size);
+  CHECK (memcmp (author.data, message_from.data, author.size) == 0);
+  bool is_user = may_name_user && rest.size && rest.data[0] == '@';
+  CHECK (!rest.size || rest.data[0] == '/' || is_user);
 }
 
 gboolean
@@ -183,6 +198,7 @@ app_window_get_xmpp_clause (gpointer data)
   XMPPClause *message = (XMPPClause *) accept_hand_over (data);
   check_pair (message->procedure_initiator, message->procedure_time);
   check_pair (message->clause_initiator, message->clause_time);
+  check_sender (message->clause_initiator, false);
   ++fuzz_records_count;
   dealloc_xmpp_clause (message);
   return G_SOURCE_REMOVE;
@@ -196,6 +212,7 @@ app_window_get_xmpp_clause_revision (gpointer data)
   check_pair (message->procedure_initiator, message->procedure_time);
   check_pair (message->clause_initiator, message->clause_time);
   check_pair (message->revision_author, message->revision_time);
+  check_sender (message->revision_author, false);
   ++fuzz_records_count;
   dealloc_xmpp_clause_revision (message);
   return G_SOURCE_REMOVE;
@@ -209,6 +226,7 @@ app_window_get_xmpp_clause_message (gpointer data)
   check_pair (message->procedure_initiator, message->procedure_time);
   check_pair (message->clause_initiator, message->clause_time);
   check_pair (message->message_author, message->message_time);
+  check_sender (message->message_author, true);
   ++fuzz_records_count;
   dealloc_xmpp_clause_message (message);
   return G_SOURCE_REMOVE;
@@ -224,6 +242,7 @@ app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
   check_pair (signal->clause_initiator, signal->clause_time);
   check_pair (signal->revision_author, signal->revision_time);
   check_pair (signal->decision_author, signal->decision_time);
+  check_sender (signal->decision_author, false);
   ++fuzz_records_count;
   dealloc_xmpp_clause_revision_decision_signal (signal);
   return G_SOURCE_REMOVE;

@@ -575,6 +575,60 @@ DEFINE_PAIR_READER (revision, revision, revision_divider, revision_author, revis
 DEFINE_PAIR_READER (message, message_attrib, message_divider, message_author, message_time)
 DEFINE_PAIR_READER (decision, decision, decision_divider, decision_author, decision_time)
 
+// Which pairs each kind of element has, its author's last. A procedure is not among them: anyone may
+// pass one on.
+struct ElementPairs {
+  const char *element_name;
+  const char *pair_names[4];
+  bool may_name_user;  // the author may be a user name without its host
+};
+static const ElementPairs ELEMENT_PAIRS[] = {
+  {"x-clause", {"procedure", "clause"}, false},
+  {"x-revision", {"procedure", "clause", "revision"}, false},
+  {"x-clause-message", {"procedure", "clause", "message"}, true},
+  {"x-clause-decision", {"procedure", "clause", "revision", "decision"}, false},
+};
+
+static const ElementPairs *
+find_element_pairs (String element_name)
+{
+  for (const ElementPairs &pairs : ELEMENT_PAIRS) {
+    if (element_name == pairs.element_name)
+      return &pairs;
+  }
+  return NULL;
+}
+
+// The author of a pair; empty when the pair is one that stops its reader.
+static String
+find_pair_author (String pair)
+{
+  String divider = find_char (pair, ':');
+  if (divider.size < 2 || !string_has_only_digits (string_advance (divider, 1)))
+    return {};
+  return {pair.data, pair.size - divider.size};
+}
+
+bool
+is_negotiation_author_sender (XMLElement *element, String from)
+{
+  const ElementPairs *pairs = find_element_pairs (element->name);
+  if (!pairs)
+    return true;
+  String author = {};
+  for (u32 i = 0; i < G_N_ELEMENTS (pairs->pair_names) && pairs->pair_names[i]; ++i) {
+    author = find_pair_author (get_xml_attribute (element, pairs->pair_names[i]));
+    if (!author.size)
+      return true;
+  }
+  String sender = get_bare_jid_from_full_jid (from);
+  if (author == sender)
+    return true;
+  String host = find_char (sender, '@');
+  String user = {sender.data, sender.size - host.size};
+  return pairs->may_name_user && host.size && author == user;
+}
+
 // Whether what a pair names can be kept; a warning when not. A time of more than 12 digits is no
 // second that anyone lives to see.
 static bool

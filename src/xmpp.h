@@ -205,6 +205,14 @@ u64 xmpp_send_clause_revision_decision (AppWindow *window, Procedure *procedure,
                                         ClauseRevision *revision, ClauseRevisionDecision *decision);
 
 // ---- Negotiation: receiving ----
+// Elements name their authors themselves, so what a message may say is settled before its parser.
+
+// Whether the author of a negotiation element is who sent it, `from` being a full or bare JID: the
+// last pair names exactly the bare JID, or, of a clause message, the user name. True for an element
+// that names no author to be compared: a procedure, an unknown one, and one with a malformed pair,
+// which stops its parser whoever sent it.
+bool is_negotiation_author_sender (XMLElement *element, String from);
+
 // Each takes one element of a message's body and posts one record, or drops the element with one
 // line that begins with "Warning: ". A malformed pair stops the program. `from` is not consulted.
 

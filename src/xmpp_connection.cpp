@@ -717,6 +717,9 @@ parse_xmpp_body_child (AppWindow *window, XMLElement *child, String from)
 {
   if (!child->name.size) {
     post_message_signal (window, from, child->text);
+  } else if (!is_negotiation_author_sender (child, from)) {
+    console_log ("Warning: Received a negotiation element from '%.*s' in someone else's name.\n",
+                 STRING_ARGS (from));
   } else if (child->name == "x-revision") {
     parse_xmpp_clause_revision (window, child, from);
   } else if (child->name == "x-clause-message") {

@@ -925,6 +925,68 @@ INSTANTIATE_TEST_SUITE_P (senders, stanza_room, testing::ValuesIn (FIT_ROWS));
 
 // ---- Negotiation: receiving ----
 
+struct AuthorRow {
+  const char *element;
+  const char *from;
+  bool is_sender;
+};
+
+#define OF_CLAUSE "procedure='p@q:1' clause='c@d:2'"
+
+static const AuthorRow AUTHOR_ROWS[] = {
+  {"<x-clause procedure='p@q:1' clause='b@c:2'/>", "b@c", true},
+  {"<x-clause procedure='p@q:1' clause='b@c:2'/>", "b@c/desk", true},
+  {"<x-clause procedure='p@q:1' clause='b@c:2'/>", "b@c/", true},
+  // The author is the last pair's, not that of the procedure.
+  {"<x-clause procedure='p@q:1' clause='b@c:2'/>", "p@q/desk", false},
+  {"<x-revision " OF_CLAUSE " revision='b@c:3'/>", "b@c/desk", true},
+  {"<x-revision " OF_CLAUSE " revision='b@c:3'/>", "c@d/desk", false},
+  {"<x-revision " OF_CLAUSE " revision='b@c:3'/>", "p@q", false},
+  {"<x-clause-decision " OF_CLAUSE " revision='r@s:3' decision='b@c:4'/>", "b@c/desk", true},
+  {"<x-clause-decision " OF_CLAUSE " revision='r@s:3' decision='b@c:4'/>", "r@s/desk", false},
+  {"<x-clause-decision decision='b@c:4' revision='r@s:3' " OF_CLAUSE "/>", "b@c/desk", true},
+  {"<x-clause-message " OF_CLAUSE " message='b@c:3'/>", "b@c/desk", true},
+  {"<x-clause-message " OF_CLAUSE " message='b:3'/>", "b@c/desk", true},
+  {"<x-clause-message " OF_CLAUSE " message='b:3'/>", "b@elsewhere", true},
+  {"<x-clause-message " OF_CLAUSE " message='b:3'/>", "bb@c", false},
+  {"<x-clause-message " OF_CLAUSE " message='bb:3'/>", "b@c", false},
+  {"<x-clause-message " OF_CLAUSE " message='c:3'/>", "b@c/c", false},
+  {"<x-clause-message " OF_CLAUSE " message='b@:3'/>", "b@c", false},
+  {"<x-clause-message " OF_CLAUSE " message='c:3'/>", "c", true},
+  {"<x-clause-message " OF_CLAUSE " message='c:3'/>", "c/@", true},
+  // Only the lines of a clause's chat are signed with a user name.
+  {"<x-revision " OF_CLAUSE " revision='b:3'/>", "b@c/desk", false},
+  {"<x-clause procedure='p@q:1' clause='b:2'/>", "b@c/desk", false},
+  {"<x-clause-decision " OF_CLAUSE " revision='r@s:3' decision='b:4'/>", "b@c/desk", false},
+  // Byte by byte: neither case nor resource nor a longer host.
+  {"<x-revision " OF_CLAUSE " revision='B@c:3'/>", "b@c/desk", false},
+  {"<x-revision " OF_CLAUSE " revision='b@c/desk:3'/>", "b@c/desk", false},
+  {"<x-revision " OF_CLAUSE " revision='b@c.d:3'/>", "b@c", false},
+  {"<x-revision " OF_CLAUSE " revision='b@c:3'/>", "b@c.d", false},
+  {"<x-revision " OF_CLAUSE " revision='b@c:3' revision='m@n:3'/>", "m@n", false},
+  {"<x-revision " OF_CLAUSE " revision='b@c:3' revision='m@n:3'/>", "b@c", true},
+  // A malformed pair is left to the parser, which stops at it.
+  {"<x-revision " OF_CLAUSE " revision='m@n'/>", "b@c", true},
+  {"<x-revision " OF_CLAUSE " revision='m@n:'/>", "b@c", true},
+  {"<x-revision " OF_CLAUSE " revision=':3'/>", "b@c", true},
+  {"<x-revision " OF_CLAUSE " revision='m@n:3x'/>", "b@c", true},
+  {"<x-revision " OF_CLAUSE "/>", "b@c", true},
+  {"<x-revision clause='c@d:2' revision='m@n:3'/>", "b@c", true},
+  {"<x-clause procedure='p@q' clause='m@n:2'/>", "b@c", true},
+  // Of these nobody is asked.
+  {"<x-procedure procedure='p@q:1'>T</x-procedure>", "b@c", true},
+  {"<x-other " OF_CLAUSE "/>", "b@c", true},
+};
+
+TEST (is_negotiation_author_sender, compares_the_last_pair_with_the_bare_sender)
+{
+  for (const AuthorRow &row : AUTHOR_ROWS) {
+    Parsed parsed (row.element);
+    EXPECT_EQ (is_negotiation_author_sender (parsed.element, to_string (row.from)), row.is_sender)
+      << row.element << " from " << row.from;
+  }
+}
+
 TEST (parse_xmpp_procedure, posts_its_record)
 {
   EXPECT_EQ (parse (parse_xmpp_procedure,

@@ -1089,6 +1089,37 @@ static const DispatchRow DISPATCH_ROWS[] = {
    "revision_author: \"b@c\" (String)\ndecision_author: \"b@c\" (String)\n"
    "decision b@c:5 AGREE\n"},
 
+  // What a message says in the name of its sender is taken, all else is not.
+  {parse_xmpp_message,
+   "<message from='mallory@c/x'><body><x-clause procedure='b@c:1' clause='b@c:2'/>chat</body>"
+   "</message>",
+   "Warning: Received a negotiation element from 'mallory@c/x' in someone else's name.\n"
+   "message mallory@c/x 'chat'\n"},
+  {parse_xmpp_message,
+   "<message from='mallory@c/x'><body><x-revision procedure='b@c:1' clause='b@c:2' "
+   "revision='b@c:3'>T</x-revision></body></message>",
+   "Warning: Received a negotiation element from 'mallory@c/x' in someone else's name.\n"},
+  {parse_xmpp_message,
+   "<message from='mallory@c/x'><body><x-clause-message procedure='b@c:1' clause='b@c:2' "
+   "message='b@c:3'>T</x-clause-message></body></message>",
+   "Warning: Received a negotiation element from 'mallory@c/x' in someone else's name.\n"},
+  {parse_xmpp_message,
+   "<message from='mallory@c/x'><body><x-clause-decision procedure='b@c:1' clause='b@c:2' "
+   "revision='b@c:3' decision='b@c:4'>AGREE</x-clause-decision></body></message>",
+   "Warning: Received a negotiation element from 'mallory@c/x' in someone else's name.\n"},
+  {parse_xmpp_message,
+   "<message from='mallory@c'><body><x-procedure procedure='b@c:1'>T</x-procedure></body>"
+   "</message>",
+   "procedure_initiator: \"b@c\" (String)\nprocedure b@c:1 T\n"},
+  {parse_xmpp_message,
+   "<message from='b@c/x'><body><x-clause-message procedure='m@c:1' clause='m@c:2' message='b:3'>T"
+   "</x-clause-message></body></message>",
+   "procedure_initiator: \"m@c\" (String)\nclause_initiator: \"m@c\" (String)\n"
+   "message_author: \"b\" (String)\nclause message b:3 T\n"},
+  // An element that nobody knows stays without a word.
+  {parse_xmpp_message,
+   "<message from='m@c'><body><x-other procedure='b@c:1' clause='b@c:2'/></body></message>", ""},
+
   {parse_xmpp_iq, "<iq type='error' id='18446744073709551615'><error/></iq>",
    "iq error 18446744073709551615\n"},
   {parse_xmpp_iq, "<iq type='error'/>", ""},
@@ -1128,6 +1159,32 @@ TEST (parse_xmpp_iq, stops_at_what_no_server_sends)
                 stop_at ("xml->next == NULL"));
   EXPECT_DEATH (dispatch (parse_xmpp_iq, "<iq type='result' id='1'>text</iq>"),
                 stop_at ("name.size"));
+}
+
+// Whoever sent it: an author who is not the sender changes nothing about a malformed pair.
+TEST (parse_xmpp_message, stops_at_a_malformed_pair_in_anyones_name)
+{
+  struct MalformedRow {
+    const char *procedure;
+    const char *revision;
+    const char *expression;
+  };
+  const MalformedRow rows[] = {
+    {"b@c", "b@c:3", "procedure_divider.size"},
+    {"b@c:x", "b@c:3", "string_has_only_digits (procedure_time)"},
+    {"b@c:1", "", "revision_divider.size"},
+    {"b@c:1", ":3", "revision_divider.size != revision.size"},
+    {"b@c:1", "b@c:", "revision_divider.size != 1"},
+    {"b@c:1", "b@c:3x", "string_has_only_digits (revision_time)"},
+  };
+  for (const MalformedRow &row : rows) {
+    for (const char *from : {"b@c/x", "mallory@c/x"}) {
+      std::string text =
+        std::string ("<message from='") + from + "'><body><x-revision procedure='" + row.procedure +
+        "' clause='b@c:2' revision='" + row.revision + "'>T</x-revision></body></message>";
+      EXPECT_DEATH (dispatch (parse_xmpp_message, text), stop_in ("xmpp", row.expression)) << text;
+    }
+  }
 }
 
 TEST (parse_xmpp_message, holds_the_window_with_each_record)

@@ -355,14 +355,14 @@ def try_shown(trial, victim, evil, peer):
     markup, text = cases.MARKUP, cases.MARKUP.decode() + " " + cases.SQL.decode()
     content = cases.escape(markup + b" " + cases.SQL)
     title = text.replace("'", "\u2019")
-    author = b"&lt;b&gt;<i>bert</i>&amp;%s"
+    author = b"&lt;b&gt;<i>bert<i>&amp;%s"
     times = [peer.fresh() for _ in range(4)]
     pairs = [(kind, b"%s:%d" % (author, time), b"'") for kind, time in
              zip((b"procedure", b"clause", b"revision", b"message"), times)]
-    one = peer.message(
+    one = cases.Message([(b"from", author, b"'")], [
         cases.Element("x-procedure", pairs[:1], content), cases.Element("x-clause", pairs[:2], b""),
         cases.Element("x-revision", pairs[:3], content),
-        cases.Element("x-clause-message", pairs[:2] + pairs[3:], content))
+        cases.Element("x-clause-message", pairs[:2] + pairs[3:], content)])
     difference = victim.judge(cases.Case("shown", "markup", [one]), evil.send, HEAD)
     party = victim.party
     party.open_procedure(title)
@@ -706,7 +706,7 @@ def try_server(trial, evil, tally):
         ("chat lines with every sender and text", ["messages"]),
         ("iqs: roster pushes, answers and vCards that nobody asked for", ["iqs"]),
         ("negotiation in the name of the other party, of a third, from a stranger: "
-         "taken as it stands, nothing else touched", ["impostors"]),
+         "dropped, but for new procedures", ["impostors"]),
     )
     for row, groups in rows:
         tally.check(trial, "from a hostile server: " + row, groups,

@@ -211,6 +211,20 @@ def read_element(element, lines):
     return (element.name, pairs, resolved)
 
 
+def speaks_for_another(element, sender):
+    """Whether an element names an author who is not the sender of its message. Procedures are not
+    asked, and a malformed pair is the parser's to stop at."""
+    if element.name == "x-procedure":
+        return False
+    pairs = [get_attribute(element.attributes, name.encode()) for name in PAIRS[element.name]]
+    if not all(re.fullmatch(rb"[^:]+:[0-9]+", pair) for pair in pairs):
+        return False
+    names = [bare(sender)]
+    if element.name == "x-clause-message" and b"@" in bare(sender):
+        names.append(bare(sender).split(b"@")[0])
+    return pairs[-1].split(b":")[0] not in names
+
+
 def read_message(message, lines):
     """The records that a message gives."""
     sender = get_attribute(message.attributes, b"from")
@@ -231,7 +245,11 @@ def read_message(message, lines):
             else:
                 records.append(("chat", sender, resolved))
         elif isinstance(piece, Element) and piece.name in PAIRS:
-            records.append(read_element(piece, lines))
+            if speaks_for_another(piece, sender):
+                lines.append(b"Warning: Received a negotiation element from '%s' in someone else's "
+                             b"name." % sender)
+            else:
+                records.append(read_element(piece, lines))
     return [record for record in records if record]
 
 
@@ -496,6 +514,8 @@ def attribute_cases(peer):
                 attributes[index] = (pair.encode(), value, quote)
                 yield pair_case(peer, name, pair, what,
                                 [other for other in attributes if other[1] is not None])
+                if pair == names[-1] and re.fullmatch(rb"[^:]+:[0-9]+", value or b""):
+                    yield own_words_case(peer, name, what, attributes)
             good = peer.attributes(name)
             for what, value in (("broken", b"nothing"), ("unknown", b"mallory@x:1")):
                 other = (pair.encode(), value, b"'")
@@ -525,6 +545,15 @@ def pair_case(peer, name, pair, what, attributes):
     """A case of one element with these attributes."""
     return Case("attributes", "%s: %s: %s" % (name, pair, what),
                 [peer.message(Element(name, attributes, peer.element(name).content))])
+
+
+def own_words_case(peer, name, what, attributes):
+    """A case of one element that is sent by the author whom its last pair names. No server passes
+    such an address on."""
+    _, value, quote = attributes[-1]
+    return Case("attributes", "%s: sent by its author: %s" % (name, what), [Message(
+        [(b"from", value.split(b":")[0], quote)],
+        [Element(name, attributes, peer.element(name).content)])])
 
 
 def texts():
@@ -780,8 +809,7 @@ def iq_cases(peer):
 
 
 def impostor_cases(peer):
-    """Negotiation in the name of others. The wire has no test of who may speak for whom, so what
-    arrives is taken as it stands."""
+    """Negotiation in the name of others."""
     own = bare(peer.own)
     for name, names in PAIRS.items():
         for who, author in (("the other party", own), ("a third", b"mallory@x")):
