@@ -600,6 +600,11 @@ app_window_is_worker_interrupted (AppWindow *self)
   return interrupted;
 }
 
+void
+app_window_note_acknowledged (AppWindow *)
+{
+}
+
 bool
 app_window_is_account_open_elsewhere (AppWindow *self, String bare_jid)
 {

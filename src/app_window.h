@@ -16,6 +16,7 @@
 #include <sqlite3.h>
 
 #include "negotiation.h"
+#include "stream_management.h"
 #include "xmpp_connection.h"
 
 typedef struct _App App;
@@ -35,6 +36,7 @@ struct _AppWindow {
   Buffer input_stream_buffer;
   Buffer output_stream_buffer;
   pthread_t network_thread;  // never joined
+  StreamManagement stream_management;
   u64 last_xmpp_id;
   u64 get_vcard_id;      // pending request for another account's vCard; 0 for none
   u64 get_own_vcard_id;  // pending request for the own vCard; 0 for none
@@ -130,6 +132,9 @@ bool app_window_is_open (AppWindow *window);
 // The number of workers that had to be left behind by a window that closed, because they did not
 // come back in time; while there are any, the TLS library must not be de-initialised.
 u32 app_window_count_stray_workers ();
+
+// The server has acknowledged stanzas.
+void app_window_note_acknowledged (AppWindow *window);
 
 // ---- Network events ----
 // Idle handlers, one for each record: apply it to model, store and views, and free it. All return

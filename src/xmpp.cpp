@@ -7,6 +7,7 @@
 #include "app_window.h"
 #include "morvane.h"
 #include "network.h"
+#include "stream_management.h"
 
 // ---- Records for the interface ----
 
@@ -200,7 +201,7 @@ static void
 send_request (gnutls_session_t tls_session, String request)
 {
   CONSOLE_DUMP (request);
-  send_all_tls_data (tls_session, request);
+  send_stanza (tls_session, request);
 }
 
 // Sends what was written since `start`.

@@ -294,13 +294,14 @@ xmpp_request_starttls (SocketDescriptor socket, Buffer buffer)
   assert (!xml_element->next);
 }
 
-void
+bool
 xmpp_begin_stream (gnutls_session_t tls_session, Buffer buffer, String host)
 {
   String response = exchange_tls_data (tls_session, buffer, make_stream_header (buffer, host));
   XMLElement *xml_element = parse_answer (buffer, response);
   assert (xml_element);
   print_xml_tree (xml_element, 0);
+  return is_stream_management_offered (xml_element);
 }
 
 // ---- Logging in ----
@@ -390,7 +391,7 @@ xmpp_send_presence (gnutls_session_t tls_session, Buffer buffer, String full_jid
     make_format_string (buffer, "<presence from='%.*s'><priority>1</priority></presence>",
                         STRING_ARGS (full_jid));
   CONSOLE_DUMP (request);
-  send_all_tls_data (tls_session, request);
+  send_stanza (tls_session, request);
 }
 
 void
@@ -493,15 +494,23 @@ dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
   for (XMLElement *element = tree; element; element = element->next) {
     if (is_last_open && !element->next)
       break;
-    if (element->name == "message") {
-      parse_xmpp_message (window, element);
-    } else if (element->name == "presence") {
-      parse_xmpp_presence (window, element);
-    } else if (element->name == "iq") {
-      parse_xmpp_iq (window, element);
-    } else {
+    if (stream_management_take (&window->stream_management, element))
+      continue;
+    bool is_message = element->name == "message";
+    bool is_presence = element->name == "presence";
+    if (!is_message && !is_presence && element->name != "iq") {
       console_put ("Warning: Received unknown XML data.\n");
+      continue;
     }
+    stream_management_enter_stanza (&window->stream_management);
+    if (is_message) {
+      parse_xmpp_message (window, element);
+    } else if (is_presence) {
+      parse_xmpp_presence (window, element);
+    } else {
+      parse_xmpp_iq (window, element);
+    }
+    stream_management_leave_stanza (&window->stream_management);
     app_window_worker_keep_pace (window);
   }
 }
@@ -534,6 +543,8 @@ run_session (AppWindow *window)
   for (;;) {
     ReceivedData received = recv_stanzas (tls_session, buffer);
     String data = received.data;
+    if (data.size)
+      stream_management_note_heard (&window->stream_management);
     // To a window that closes nothing is said any more, however much comes.
     if (data.size && app_window_is_worker_interrupted (window))
       continue;
@@ -564,9 +575,10 @@ start_xmpp_connection_thread (void *argument)
                               window->account.password) != XMPP_OK) {
     return end_worker (window, login_page_handle_login_failure, "Unable to authorize");
   }
-  xmpp_begin_stream (tls_session, buffer, window->account.hostname);
+  bool is_offered = xmpp_begin_stream (tls_session, buffer, window->account.hostname);
   adopt_full_jid (window, xmpp_iq_set_bind_resource (tls_session, buffer, generate_xmpp_id (window),
                                                      window->account.resource));
+  stream_management_begin (&window->stream_management, window, tls_session, is_offered);
   xmpp_iq_get_roster (window);
   xmpp_send_presence (tls_session, buffer, window->account.full_jid);
   hand_over (login_page_handle_login_success, g_object_ref (window));
@@ -885,6 +897,7 @@ interrupt_xmpp_connection (AppWindow *window)
 void
 xmpp_close_connection (AppWindow *window)
 {
+  stream_management_end (&window->stream_management);
   dealloc_xmpp_account (window->account);
   window->account = {};
   Connection *connection = &window->connection;

@@ -72,7 +72,8 @@ int start_xmpp_connection (Buffer buffer, String host, const char *port,
 int xmpp_begin_unencypted_stream (SocketDescriptor socket, Buffer buffer, String host);
 // Any answer but "proceed" stops the program.
 void xmpp_request_starttls (SocketDescriptor socket, Buffer buffer);
-void xmpp_begin_stream (gnutls_session_t tls_session, Buffer buffer, String host);
+// Whether the server offers stream management (XEP-0198) on this stream.
+bool xmpp_begin_stream (gnutls_session_t tls_session, Buffer buffer, String host);
 
 // ---- Logging in ----
 

@@ -1130,6 +1130,10 @@ script_login (const std::string &bare_jid, const LoginOptions &options)
   if (!options.offers_starttls) {
     return script;
   }
+  std::string features = login_bind_features ();
+  if (options.offers_stream_management) {
+    features.insert (features.rfind ("</"), "<sm xmlns='urn:xmpp:sm:3'><optional/></sm>");
+  }
   script.push_back (server_expect (login_auth_request (user, options.password)));
   if (!options.accepts_password) {
     add_answer (&script, options,
@@ -1143,8 +1147,7 @@ script_login (const std::string &bare_jid, const LoginOptions &options)
   add_answer (&script, options, {"<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>"},
               options.auth_answer);
   script.push_back (server_expect (login_stream_request (host)));
-  add_answer (&script, options,
-              get_stream_answer (options, login_stream_header (host), login_bind_features ()),
+  add_answer (&script, options, get_stream_answer (options, login_stream_header (host), features),
               options.second_stream_answer);
   script.push_back (server_expect (login_bind_request (options.resource)));
   const std::string &bound = options.bound_resource;
@@ -1153,6 +1156,10 @@ script_login (const std::string &bare_jid, const LoginOptions &options)
               {"<iq type='result' id='1'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><jid>" +
                full_jid + "</jid></bind></iq>"},
               options.bind_answer);
+  if (options.offers_stream_management) {
+    script.push_back (server_expect ("<enable xmlns='urn:xmpp:sm:3'/>"));
+    add_answer (&script, options, {"<enabled xmlns='urn:xmpp:sm:3'/>"}, options.enable_answer);
+  }
   add_session_start (&script, full_jid, options);
   return script;
 }

@@ -141,11 +141,12 @@ struct LoginOptions {
 
   bool has_declaration = true;  // the clear answer begins with <?xml version='1.0'?>
   bool offers_starttls = true;
-  bool has_separate_features = false;  // header and features in a piece each, as ejabberd does
-  bool accepts_password = true;        // else the script ends with the failure and the end
-  bool has_roster_answer = true;       // the roster's result
-  bool has_presence_answer = true;     // the program's own presence, sent back
-  bool with_tickets = false;           // TLS 1.3 session tickets
+  bool has_separate_features = false;     // header and features in a piece each, as ejabberd does
+  bool accepts_password = true;           // else the script ends with the failure and the end
+  bool has_roster_answer = true;          // the roster's result
+  bool has_presence_answer = true;        // the program's own presence, sent back
+  bool with_tickets = false;              // TLS 1.3 session tickets
+  bool offers_stream_management = false;  // and expects that it is enabled, and agrees
 
   size_t cut_size = 0;      // cuts every answer into pieces of so many bytes; 0 for whole
   int pause_ms = 0;         // between pieces
@@ -157,6 +158,7 @@ struct LoginOptions {
   Pieces auth_answer;
   Pieces second_stream_answer;
   Pieces bind_answer;
+  Pieces enable_answer;
   Pieces roster_answer;
   Pieces presence_answer;
 

@@ -1,0 +1,79 @@
+// What a session has sent and received, counted in stanzas, and what both sides tell each other about
+// it: XEP-0198 (stream management, urn:xmpp:sm:3) without resumption. Stanzas are messages, presences
+// and iqs; the elements of stream management itself are none.
+//
+// A server that offers it acknowledges what it has taken over, and so do we: a received stanza is
+// acknowledged when the interface has stored what it brought. Without it the server's word is missing,
+// and the nearest to it is that bytes came after the socket had taken what was sent.
+//
+// Ownership: the record is a field of its window, and belongs to the session that it was begun for.
+// Threads: any, but for the functions that name one. The session thread begins it; it ends on the
+// interface thread, after the session thread has left.
+#pragma once
+
+#include <glib.h>
+#include <gnutls/gnutls.h>
+
+#include "xml.h"
+
+typedef struct _AppWindow AppWindow;
+
+struct StreamManagement {
+  AppWindow *window;             // borrowed; NULL when there is no session
+  gnutls_session_t tls_session;  // borrowed
+  StreamManagement *next;        // of all that have begun
+  u64 session_number;            // tells a late record of an earlier session from this one's
+  bool is_enabled;               // asked for, and not refused
+  bool is_counting;              // the server has agreed: received stanzas count
+  bool is_broken;                // a stanza could not be sent whole; nothing more goes out
+  // All of these count stanzas since the session began.
+  u64 sent_count;
+  u64 taken_count;         // of those, the ones that the socket has taken whole
+  u64 heard_count;         // what the socket had taken when bytes last came from the server
+  u64 acknowledged_count;  // what the server has acknowledged
+  u64 received_count;      // since the server agreed
+  u64 applied_count;       // of those, the ones that the interface has applied
+  // Interface thread.
+  u64 told_count;       // what we have acknowledged last
+  bool is_asking;       // `<r/>` goes out as soon as the interface has nothing else to do
+  guint tell_source;    // a timer that will acknowledge; 0 for none
+  guint answer_source;  // a timer for an answer that is due; 0 for none
+  u32 answer_time_max;  // milliseconds that the server has for an answer
+};
+
+// ---- Session ----
+
+// Begins to count: everything that is sent on `tls_session` with `send_stanza` from now on. With
+// `is_offered`, asks the server to count too; its answer comes among the stanzas. Session thread.
+void stream_management_begin (StreamManagement *counts, AppWindow *window,
+                              gnutls_session_t tls_session, bool is_offered);
+// Does nothing when it was not begun. Interface thread.
+void stream_management_end (StreamManagement *counts);
+// Whether these features of a stream, or what they stand in, offer stream management.
+bool is_stream_management_offered (XMLElement *features);
+
+// ---- Sending ----
+
+// Sends one whole stanza, and counts it where its session is counted. Returns the bytes sent.
+u64 send_stanza (gnutls_session_t tls_session, String stanza);
+
+// ---- Receiving ----
+
+// Bytes came from the server. Session thread.
+void stream_management_note_heard (StreamManagement *counts);
+// Takes a top-level element that belongs to stream management, where that is enabled; false for any
+// other. Session thread.
+bool stream_management_take (StreamManagement *counts, XMLElement *element);
+// Before and after one received stanza is parsed and handed over; the second also stands for one that
+// was skipped. Should the program stop between the two, by an assertion, the stanza is acknowledged
+// first, after what came before it was applied: it would come again at every login. Session thread.
+void stream_management_enter_stanza (StreamManagement *counts);
+void stream_management_leave_stanza (StreamManagement *counts);
+
+// ---- Acknowledging ----
+
+// Acknowledges at once what has been applied and was not acknowledged yet. Interface thread.
+void stream_management_tell (StreamManagement *counts);
+// What is known to have reached the server: acknowledged, or without stream management what the
+// socket had taken when the server was last heard of.
+u64 stream_management_get_confirmed_count (StreamManagement *counts);

@@ -1,0 +1,396 @@
+// Stream management (XEP-0198): a real main window against a scripted server that counts for itself.
+// What the window acknowledges is compared with the rows in its store, what it asks for with the
+// stanzas that the server has got.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <sqlite3.h>
+
+#include "login_page.h"
+#include "morvane.h"
+#include "network.h"
+#include "scripted_server.h"
+#include "widget_test.h"
+
+static const char JID[] = "alice@alpha.test";
+static const char ASK[] = "<r xmlns='urn:xmpp:sm:3'/>";
+
+static gnutls_certificate_credentials_t tls_credentials;
+
+class Process : public testing::Environment {
+  void SetUp () override
+  {
+    tls_credentials = init_tls_global ();
+  }
+  void TearDown () override
+  {
+    deinit_tls_global (tls_credentials);
+  }
+};
+
+[[maybe_unused]] static testing::Environment *process =
+  testing::AddGlobalTestEnvironment (new Process ());
+
+// ---- A window and its server ----
+
+static bool
+is_idle (void *data)
+{
+  return !app_window_is_worker_running ((AppWindow *) data);
+}
+
+static bool
+is_logged_in (void *data)
+{
+  return ((AppWindow *) data)->account_db_id != 0;
+}
+
+static bool
+is_server_done (void *data)
+{
+  return scripted_server_is_done ((ScriptedServer *) data);
+}
+
+struct Session {
+  TestWindow test;
+  AppWindow *window = test.window;
+  ScriptedServer *server = NULL;
+
+  Session ()
+  {
+    window->tls_credentials = tls_credentials;
+    _console_text_buffer = test.console;
+  }
+  ~Session ()
+  {
+    close_window (&test);
+    EXPECT_TRUE (pump_until (is_idle, window));
+    if (server)
+      scripted_server_stop (server);
+    pump ();
+    _console_text_buffer = NULL;
+  }
+  Session (const Session &) = delete;
+  Session &operator= (const Session &) = delete;
+
+  // Logs in to a server that goes on with `more` after the login.
+  void begin (const ServerScript &more, const LoginOptions &options)
+  {
+    ServerScript script = script_login (JID, options);
+    script_append (&script, more);
+    server = scripted_server_start (script);
+    type (window->login_page, "bare_jid_entry", JID);
+    type (window->login_page, "password_entry", "pw");
+    press (window->login_page, "login_button");
+    EXPECT_TRUE (pump_until (is_logged_in, window));
+  }
+
+  ServerReport finish ()
+  {
+    EXPECT_TRUE (pump_until (is_server_done, server));
+    ServerReport report = scripted_server_finish (server);
+    server = NULL;
+    EXPECT_EQ (report.failure, "") << report.transcript;
+    return report;
+  }
+
+  std::string console ()
+  {
+    pump ();
+    char *text = gtk_text_buffer_get_all_text (test.console);
+    std::string result = text;
+    g_free (text);
+    return result;
+  }
+};
+
+static LoginOptions
+managed ()
+{
+  LoginOptions options;
+  options.offers_stream_management = true;
+  return options;
+}
+
+static std::string
+answer (u64 count)
+{
+  return "<a xmlns='urn:xmpp:sm:3' h='" + std::to_string (count) + "'/>";
+}
+
+static std::string
+message (const std::string &body)
+{
+  return "<message from='bob@beta.test/desk' to='alice@alpha.test'><body>" + body +
+         "</body></message>";
+}
+
+static std::string
+procedure (int time)
+{
+  return message ("<x-procedure procedure='bob@beta.test:" + std::to_string (time) +
+                  "'>Lease</x-procedure>");
+}
+
+static size_t
+count_of (const std::string &text, const std::string &part)
+{
+  size_t count = 0;
+  for (size_t at = text.find (part); at != std::string::npos; at = text.find (part, at + 1))
+    ++count;
+  return count;
+}
+
+// What a server counts of what it got: the roster request, the presence and so on.
+static u64
+count_stanzas (const std::string &text)
+{
+  return count_of (text, "<iq ") + count_of (text, "<presence ") + count_of (text, "<message ");
+}
+
+// ---- Enabling ----
+
+TEST (stream_management, is_enabled_between_binding_and_roster)
+{
+  Session session;
+  session.begin ({server_expect_until (ASK)}, managed ());
+  ServerReport report = session.finish ();
+  size_t bind = report.received.find ("<bind ");
+  size_t enable = report.received.find ("<enable xmlns='urn:xmpp:sm:3'/>");
+  size_t roster = report.received.find ("jabber:iq:roster");
+  EXPECT_LT (bind, enable);
+  EXPECT_LT (enable, roster);
+}
+
+TEST (stream_management, a_server_that_does_not_offer_it_hears_nothing_of_it)
+{
+  Session session;
+  // Its names are unknown there, like any other.
+  session.begin ({server_send (std::string (ASK) + answer (1) + "<enabled xmlns='urn:xmpp:sm:3'/>" +
+                               procedure (100)),
+                  server_close_notify (), server_expect ("</stream:stream>")},
+                 {});
+  ServerReport report = session.finish ();
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (report.received.find ("urn:xmpp:sm"), std::string::npos);
+  EXPECT_EQ (count_of (session.console (), "Warning: Received unknown XML data.\n"), 3u);
+  EXPECT_EQ (query (&session.test, "SELECT count(*) FROM procedures"), "1\n");
+}
+
+TEST (stream_management, may_be_refused)
+{
+  LoginOptions options = managed ();
+  options.enable_answer = {"<failed xmlns='urn:xmpp:sm:3'><unexpected-request "
+                           "xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></failed>"};
+  Session session;
+  session.begin ({server_send (std::string (ASK) + procedure (100)), server_close_notify (),
+                  server_expect ("</stream:stream>")},
+                 options);
+  session.finish ();
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (count_of (session.console (), "Warning: Received unknown XML data.\n"), 1u);
+  EXPECT_EQ (count_of (session.console (),
+                       "Warning: The server offers stream management and refuses it.\n"),
+             1u);
+}
+
+TEST (stream_management, the_word_of_the_server_may_come_among_stanzas)
+{
+  LoginOptions options = managed ();
+  options.enable_answer = {""};
+  Session session;
+  // The roster and the presence came before it, and one procedure: none of them counts.
+  session.begin ({server_send (procedure (100) + "<enabled xmlns='urn:xmpp:sm:3'/>" +
+                               procedure (101) + ASK),
+                  server_expect_until (answer (1))},
+                 options);
+  session.finish ();
+}
+
+// ---- What is received ----
+
+// A look into the store from the server's thread.
+struct Look {
+  std::string path;
+  std::string rows;
+};
+
+static int
+add_value (void *argument, int, char **values, char **)
+{
+  *(std::string *) argument += values[0];
+  return 0;
+}
+
+static void
+look_into_store (void *data)
+{
+  Look *look = (Look *) data;
+  sqlite3 *db = NULL;
+  sqlite3_open (look->path.c_str (), &db);
+  sqlite3_exec (db, "SELECT count(*) FROM procedures", add_value, &look->rows, NULL);
+  sqlite3_close (db);
+}
+
+TEST (stream_management, a_stanza_is_acknowledged_when_the_store_has_it)
+{
+  Session session;
+  Look look = {session.test.directory + "/.morvane.db", ""};
+  const int COUNT = 40;
+  std::string burst;
+  for (int i = 0; i < COUNT; ++i)
+    burst += procedure (100 + i);
+  // The roster's result and the presence come first.
+  session.begin ({server_send (burst), server_expect_until (answer (2 + COUNT)),
+                  server_run (look_into_store, &look)},
+                 managed ());
+  session.finish ();
+  EXPECT_EQ (look.rows, std::to_string (COUNT));
+}
+
+TEST (stream_management, no_acknowledgement_runs_ahead_of_the_store)
+{
+  // The server asks after each stanza, and looks at each answer.
+  Session session;
+  const int COUNT = 10;
+  Look looks[COUNT];
+  ServerScript more;
+  for (int i = 0; i < COUNT; ++i) {
+    looks[i].path = session.test.directory + "/.morvane.db";
+    more.push_back (server_send (procedure (100 + i)));
+    more.push_back (server_send (std::string (ASK)));
+    more.push_back (server_expect_until (answer (3 + i)));
+    more.push_back (server_run (look_into_store, &looks[i]));
+  }
+  session.begin (more, managed ());
+  session.finish ();
+  for (int i = 0; i < COUNT; ++i)
+    EXPECT_EQ (looks[i].rows, std::to_string (i + 1));
+}
+
+TEST (stream_management, refused_and_useless_stanzas_count_too)
+{
+  Session session;
+  session.begin ({server_send (message ("<x-procedure procedure='bob@beta.test:1'></x-procedure>") +
+                               "<message from='bob@beta.test'/>" + "<presence type='odd'/>" +
+                               "<iq type='result' id='77'/>" + procedure (100) + "<unknown/>" +
+                               ASK),
+                  server_expect_until (answer (7))},
+                 managed ());
+  session.finish ();
+}
+
+TEST (stream_management, an_answer_is_due_even_when_nothing_is_new)
+{
+  Session session;
+  session.begin ({server_send (std::string (ASK)), server_expect_until (answer (2)),
+                  server_send (std::string (ASK)), server_expect_until (answer (2))},
+                 managed ());
+  session.finish ();
+}
+
+// ---- What is sent ----
+
+struct Counted {
+  StreamManagement *counts;
+  u64 count;
+};
+
+static bool
+is_confirmed (void *data)
+{
+  Counted *counted = (Counted *) data;
+  return stream_management_get_confirmed_count (counted->counts) == counted->count;
+}
+
+TEST (stream_management, asks_after_a_burst_and_takes_the_answer)
+{
+  Session session;
+  session.begin ({server_expect_until (ASK), server_send (answer (2)), server_wait (),
+                  server_expect_until (ASK), server_send (answer (5)), server_wait ()},
+                 managed ());
+  Counted counted = {&session.window->stream_management, 2};
+  EXPECT_TRUE (pump_until (is_confirmed, &counted));
+  scripted_server_signal (session.server);
+  for (const char *text : {"one", "two", "three"})
+    xmpp_send_message (session.window, to_string ("bob@beta.test"), to_string (text));
+  counted.count = 5;
+  EXPECT_TRUE (pump_until (is_confirmed, &counted));
+  scripted_server_signal (session.server);
+  ServerReport report = session.finish ();
+  size_t enabled = report.received.find ("<enable ");
+  EXPECT_EQ (count_stanzas (report.received.substr (enabled)), 5u);
+  EXPECT_EQ (count_of (report.received, ASK), 2u);
+}
+
+TEST (stream_management, the_count_goes_on_past_its_32_bits)
+{
+  Session session;
+  session.begin ({server_wait (), server_send (answer (3)), server_wait ()}, managed ());
+  StreamManagement *counts = &session.window->stream_management;
+  counts->acknowledged_count = 0xFFFFFFFE;
+  counts->sent_count = 0x100000005;
+  scripted_server_signal (session.server);
+  Counted counted = {counts, 0x100000003};
+  EXPECT_TRUE (pump_until (is_confirmed, &counted));
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+TEST (stream_management, an_impossible_acknowledgement_is_one_line)
+{
+  Session session;
+  session.begin ({server_send (answer (3) + "<a xmlns='urn:xmpp:sm:3'/>" +
+                               "<a xmlns='urn:xmpp:sm:3' h='2x'/>" + answer (1)),
+                  server_wait ()},
+                 managed ());
+  Counted counted = {&session.window->stream_management, 1};
+  EXPECT_TRUE (pump_until (is_confirmed, &counted));
+  std::string console = session.console ();
+  EXPECT_EQ (count_of (console, "Warning: Received an acknowledgement of more than was sent.\n"),
+             1u);
+  EXPECT_EQ (count_of (console, "Warning: Received an acknowledgement without a number.\n"), 2u);
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+TEST (stream_management, a_server_that_does_not_answer_is_lost)
+{
+  LoginOptions options = managed ();
+  options.enable_answer = {""};
+  Session session;
+  session.begin ({server_wait (), server_send ("<enabled xmlns='urn:xmpp:sm:3'/>"),
+                  server_expect_until (ASK)},
+                 options);
+  session.window->stream_management.answer_time_max = 1;
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (count_of (session.console (), "Warning: The server doesn't answer.\n"), 1u);
+  session.finish ();
+}
+
+static bool
+has_own_presence (void *data)
+{
+  return ((Session *) data)->console ().find ("Received <presence from=") != std::string::npos;
+}
+
+TEST (stream_management, without_it_bytes_from_the_server_confirm_what_the_socket_took)
+{
+  Session session;
+  session.begin ({server_wait (), server_expect_until ("three</body></message>"),
+                  server_send (procedure (100)), server_wait ()},
+                 {});
+  EXPECT_TRUE (pump_until (has_own_presence, &session));
+  for (const char *text : {"one", "two", "three"})
+    xmpp_send_message (session.window, to_string ("bob@beta.test"), to_string (text));
+  // Nothing has come since: of the five stanzas these three are in doubt.
+  Counted counted = {&session.window->stream_management, 5};
+  EXPECT_EQ (stream_management_get_confirmed_count (counted.counts), 2u);
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_confirmed, &counted));
+  scripted_server_signal (session.server);
+  session.finish ();
+}
