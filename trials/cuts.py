@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Roads that break amid a negotiation, and what both parties hold after the next login.
 
-    trials/cuts.py --binary PROGRAM [--short] [--seed NUMBER] [--run NUMBER] [--cuts NUMBER]
+    trials/cuts.py --binary PROGRAM [--short] [--seed NUMBER] [--plan NUMBER] [--run NUMBER]
+                   [--cuts NUMBER]
 
 Two programs in real windows negotiate over Prosody, through a proxy that breaks the road of one of
 them at a byte (cuts_proxy.py): ends it, resets it on one side or on both, swallows what is sent, or
@@ -19,6 +20,7 @@ import random
 import select
 import signal
 import sys
+import tempfile
 import threading
 import time
 
@@ -33,13 +35,36 @@ ANSWER_MAX = 60          # seconds until a window that does not answer is taken 
 ARRIVAL_MAX = 30         # seconds until what is sent has arrived
 ROUNDS = 4               # judgements in a run
 CUTS_MAX = 4             # before a judgement
-UP_MAX, DOWN_MAX = 20000, 8000   # bytes that pass until a cut, at most
+LOGIN_BYTES = 6000       # until a cut, at most: a login has 3,000, and what waits comes then
+BURST_BYTES = {UP: 5000, DOWN: 2500}
 LONG_SIZE = 40000        # letters of a long text
 TOLD_MAX = 12            # lines of a difference
 
 # How a road breaks: what is done to the party's road, and whether its program can know.
 CUTS = ["end", "reset", "reset_program", "reset_server", "swallow", "stall", "kill", "restart"]
 SILENT = {"swallow", "reset_server", "stall"}
+KILL_DELAY = 0.04        # seconds from the byte to the kill, at most
+
+
+class Plan:
+    """What is tried: whose road is cut while who acts, and whether losses are faults."""
+
+    def __init__(self, name, is_managed, kinds, cuts, actors="any", is_counted=False):
+        self.name = name
+        self.is_managed = is_managed
+        self.kinds = kinds
+        self.cuts = cuts            # in the long form
+        self.actors = actors        # "victim": the other is there and idle; "other": the other acts
+        self.is_counted = is_counted  # one cut a run, and what is lost is no fault
+
+
+PLANS = [
+    Plan("with stream management", True, CUTS, 500),
+    Plan("without stream management, on the sender's side", False, CUTS, 150, "victim"),
+    Plan("without stream management, on the receiver's side", False, CUTS, 100, "other", True),
+    Plan("with stream management, the server killed", True, ["kill_server"], 60, "both", True),
+    Plan("without stream management, the server killed", False, ["kill_server"], 60, "both", True),
+]
 
 
 class Gone(Exception):
@@ -75,7 +100,7 @@ class Player(driver.Party):
         with open(self.console_path, "ab") as console, open(self.errors_path, "ab") as errors:
             process = driver.start_process(
                 [driver.Options.binary], cwd=self.directory, env=environment,
-                stdin=driver.subprocess.PIPE, stdout=console, stderr=errors, pass_fds=[write_end])
+                stdin=driver.subprocess.PIPE, stdout=console, stderr=errors, pass_fds=[write_end], bufsize=0)
         os.close(write_end)
         self.answers, self.unread = read_end, b""
         return process
@@ -108,9 +133,10 @@ class Player(driver.Party):
 
     def act(self, *commands):
         """Does the commands without anything in between; returns the answers."""
+        data = ("\n".join(commands) + "\n\n").encode()
         try:
-            self.process.stdin.write(("\n".join(commands) + "\n\n").encode())
-            self.process.stdin.flush()
+            while data:
+                data = data[self.process.stdin.write(data):]
         except BrokenPipeError:
             raise Gone(self.name) from None
         began = time.monotonic()
@@ -170,11 +196,11 @@ class Player(driver.Party):
 
 
 class Cuts:
-    """Runs with one server, with or without stream management."""
+    """The runs of one plan."""
 
-    def __init__(self, trial, is_managed):
+    def __init__(self, trial, plan):
         self.trial = trial
-        self.is_managed = is_managed
+        self.plan = plan
         self.desktop = driver.Desktop.current
         self.counts = collections.Counter()
         self.faults = []
@@ -196,26 +222,22 @@ class Cuts:
 
     def run(self, seed, run, cuts_max):
         """One negotiation with several judgements; returns how many cuts it had."""
-        self.source = random.Random("%d %d %d" % (seed, run, self.is_managed))
+        self.source = random.Random("%d %d %s" % (seed, run, self.plan.name))
         options = ["--port", str(SERVER_PORT)]
-        self.server = driver.Server(options=options + ["--stream-management"] * self.is_managed)
+        self.server = driver.Server(options=options + ["--stream-management"] * self.plan.is_managed)
         self.server.start()
         self.proxy = Proxy(("127.0.0.1", 5222), ("127.0.0.1", SERVER_PORT))
         self.players = [Player(self, "anna", driver.ANNA), Player(self, "bert", driver.BERT)]
         self.number = 0
         self.done = []
+        self.twice = 0
         before = self.counts["cuts"]
         self.runs += 1
-        print("run %d of seed %d, %s stream management" % (
-            run, seed, "with" if self.is_managed else "without"), flush=True)
+        print("run %d of seed %d, %s" % (run, seed, self.plan.name), flush=True)
         try:
             self.begin_run()
             self.undisturbed += 1
-            for _ in range(ROUNDS):
-                for _ in range(self.source.randrange(1, CUTS_MAX + 1)):
-                    if self.counts["cuts"] - before < cuts_max:
-                        self.cut()
-                self.judge()
+            self.count_losses() if self.plan.is_counted else self.cut_and_judge(before + cuts_max)
         except Fault as fault:
             self.faults.append("run %d: %s" % (run, fault))
             print("FAULT in run %d: %s" % (run, fault), flush=True)
@@ -227,6 +249,8 @@ class Cuts:
         for player in self.players:
             player.start()
             self.come_back(player)
+        if self.source.random() < 0.5:
+            self.befriend()
         for player in self.players:
             self.do(player, "begin")
             self.do(player, "add")
@@ -244,6 +268,35 @@ class Cuts:
             self.faults.append("on standard error: " + complaints[0])
         self.proxy.stop()
         self.server.stop()
+
+    def befriend(self):
+        """Each sees from then on when the other comes and goes, which travels beside the rest."""
+        one, other = self.players
+        one.act("press 0 New procedure", "write 0 Contractor|" + other.jid, "press 0 Add contractor")
+        for player in self.players:
+            player.wait(lambda player=player: player.holds(
+                "contacts", "bare_jid", self.other(player).jid), "the other is a contact")
+
+    def cut_and_judge(self, cuts_end):
+        for _ in range(ROUNDS):
+            for _ in range(self.source.randrange(1, CUTS_MAX + 1)):
+                if self.counts["cuts"] < cuts_end:
+                    self.cut()
+            self.judge()
+
+    def count_losses(self):
+        """One cut, and how much of what was done around it never arrives."""
+        before = self.count_objects()
+        self.cut()
+        missing = self.judge(False)
+        self.counts["objects"] += self.count_objects() - before
+        self.counts["lost"] += missing
+        self.counts["cuts that lost"] += missing > 0
+
+    def count_objects(self):
+        """Different objects in both stores."""
+        held = [cuts_judge.read(player.store_path, player.jid) for player in self.players]
+        return sum(len(set(held[0][kind]) | set(held[1][kind])) for kind in held[0])
 
     # ---- Actions ----
 
@@ -304,19 +357,19 @@ class Cuts:
     def cut(self):
         """One cut of one party's road: while it logs in, or while one or both act."""
         victim = self.players[self.counts["cuts"] % 2]
-        kind = self.source.choice(CUTS)
-        actors = self.source.choice([[victim], [victim, self.other(victim)], [self.other(victim)]])
-        direction = self.source.choice([UP, DOWN])
-        # Early points are hit more often than late ones.
-        point = int((UP_MAX if direction == UP else DOWN_MAX) * self.source.random() ** 2)
+        other = self.other(victim)
+        kind = self.source.choice(self.plan.kinds)
+        actors = {"victim": [victim], "other": [other], "both": [victim, other]}.get(
+            self.plan.actors) or self.source.choice([[victim], [victim, other], [other]])
+        direction, point = self.draw_point(victim, actors)
         away = [player.name for player in self.players if not player.is_online]
         self.counts["cuts"] += 1
         self.counts[kind] += 1
         # The other comes back undisturbed, or stays away for once.
-        other = self.other(victim)
-        if not other.is_online and self.source.random() < 0.7:
+        if not other.is_online and (self.plan.actors != "any" or self.source.random() < 0.7):
             self.come_back(other)
         self.hit = threading.Event()
+        self.delay = self.source.choice([0, 0, KILL_DELAY * self.source.random()])
         self.proxy.arm(victim.name, direction, point, lambda: self.strike(victim, kind))
         if not victim.is_online:
             self.come_back(victim, kind)
@@ -329,14 +382,24 @@ class Cuts:
         self.burst(actors)
         self.suffer(victim, kind)
 
+    def draw_point(self, victim, actors):
+        """Where bytes will pass: a login, and a burst of the one who acts and of who hears it."""
+        if not victim.is_online:
+            return self.source.choice([UP, DOWN]), self.source.randrange(LOGIN_BYTES)
+        chances = {True: 0.9 if len(actors) == 1 else 0.5, False: 0.1}
+        direction = UP if self.source.random() < chances[victim in actors] else DOWN
+        return direction, self.source.randrange(BURST_BYTES[direction])
+
     def strike(self, victim, kind):
         """The cut itself, on the proxy's thread."""
         self.hit.set()
         if kind == "kill":
             if victim.process is not None:
-                victim.process.kill()
+                threading.Timer(self.delay, victim.process.kill).start()
         elif kind == "restart":
             self.server.process.terminate()
+        elif kind == "kill_server":
+            self.server.process.kill()
         elif kind == "stall":
             self.proxy.stall(victim.name, (UP,))
         else:
@@ -344,7 +407,7 @@ class Cuts:
 
     def suffer(self, victim, kind):
         """What the cut leaves behind."""
-        if kind == "restart":
+        if kind in ("restart", "kill_server"):
             driver.stop_process(self.server.process)
             self.server.start()
             for player in self.players:
@@ -387,7 +450,8 @@ class Cuts:
     def come_back(self, player, kind=None):
         """A login, in a new program where the old one is no use. Under a cut it may fail."""
         self.proxy.owner = player.name
-        if player.process is not None and player.act("count Login")[0] == "0":
+        # A dead session is of no use, and a login that a cut holds up is given up.
+        if player.process is not None and self.is_stuck(player):
             self.leave(player)
         if player.process is None:
             player.start()
@@ -395,6 +459,13 @@ class Cuts:
             player.is_online = self.log_in(player, kind)
         except Gone:
             self.collect(player, "during a login")
+
+    def is_stuck(self, player):
+        try:
+            return player.act("ready 0 Login")[0] != "ok"
+        except Gone:
+            self.collect(player, "during a login")
+            return False
 
     def log_in(self, player, kind):
         """Whether the login succeeded; without a cut it must."""
@@ -418,8 +489,9 @@ class Cuts:
 
     # ---- Judging ----
 
-    def judge(self):
-        """Both log in undisturbed; what each begins then arrives behind all that was on its way."""
+    def judge(self, is_loss_fault=True):
+        """Both log in undisturbed; what each begins then arrives behind all that was on its way.
+        Returns how many objects are missing, where that is no fault."""
         self.proxy.disarm()
         for player in self.players:
             if not player.is_online:
@@ -438,25 +510,37 @@ class Cuts:
             player.open(title)
             self.done.append((player, "procedures", "title", title))
         self.counts["judgements"] += 1
+        self.count_twice()
         lines = cuts_judge.compare([(player.store_path, player.jid) for player in self.players])
         for player, table, column, text in self.done:
             if not player.holds(table, column, text):
                 lines.append("%s has lost what the window had shown: %s" % (player.name, text[:80]))
+        lost = [line for line in lines if " has not: " in line and not is_loss_fault]
+        lines = [line for line in lines if line not in lost]
         for line in lines[:TOLD_MAX]:
             self.tell("DIFFERENCE: " + line)
         if lines:
             raise Fault("%d differences: %s" % (len(lines), lines[0]))
+        return len(lost)
+
+    def count_twice(self):
+        """Procedures that are there twice at their contractor's, the most of a run counted."""
+        twice = sum(player.rows("SELECT count(*) - count(DISTINCT time) FROM procedures"
+                                " WHERE contractor = ?", player.jid)[0][0] for player in self.players)
+        self.counts["twice"] += twice - self.twice
+        self.twice = twice
 
 
 def add_arguments(parser):
     parser.add_argument("--seed", type=int, default=11, help="what everything is drawn with")
+    parser.add_argument("--plan", type=int, help="only this plan, from 0")
     parser.add_argument("--run", type=int, help="only this run")
     parser.add_argument("--cuts", type=int, help="how many, by default by the form")
 
 
-def try_out(trial, is_managed, cuts_max):
+def try_out(trial, plan, cuts_max):
     """Runs until there were so many cuts; tells the rows."""
-    cuts = Cuts(trial, is_managed)
+    cuts = Cuts(trial, plan)
     arguments = trial.arguments
     if arguments.run is not None:
         cuts.run(arguments.seed, arguments.run, 1000)
@@ -465,37 +549,45 @@ def try_out(trial, is_managed, cuts_max):
         while run == 0 or cuts.counts["cuts"] < cuts_max:
             cuts.run(arguments.seed, run, cuts_max - cuts.counts["cuts"])
             run += 1
-    name = "with" if is_managed else "without"
-    trial.check("judgements before the first cut, %s stream management: both hold the same" % name,
-                "%d of %d" % (cuts.runs, cuts.runs), "%d of %d" % (cuts.undisturbed, cuts.runs))
-    if not cuts.counts["cuts"]:
+    counts = cuts.counts
+    if not counts["cuts"]:
+        trial.check("%s: both hold the same without a cut" % plan.name,
+                    "%d of %d" % (cuts.runs, cuts.runs), "%d of %d" % (cuts.undisturbed, cuts.runs))
         return
-    trial.check("%d cuts %s stream management, several to a run: judgements with a fault" % (
-        cuts.counts["cuts"], name), 0, len(cuts.faults))
+    trial.check("%s: faults after %d cuts in %d negotiations" % (
+        plan.name, counts["cuts"], cuts.runs), 0, len(cuts.faults))
     for fault in cuts.faults:
         print("  " + fault)
-    trial.figure("%s: judgements; logins" % name, "%d; %d" % (
-        cuts.counts["judgements"], cuts.counts["logins"]))
-    trial.figure("%s: cuts" % name, ", ".join(
-        "%s %d" % (kind, cuts.counts[kind]) for kind in CUTS))
-    trial.figure("%s: programs that a cut stopped by design" % name, ", ".join(
-        "%s %d" % (key, count) for key, count in sorted(cuts.counts.items())
+    trial.figure("%s: judgements; logins; procedures that came twice" % plan.name, "%d; %d; %d" % (
+        counts["judgements"], counts["logins"], counts["twice"]))
+    trial.figure("%s: cuts" % plan.name, ", ".join(
+        "%s %d" % (kind.replace("_", " of the "), counts[kind]) for kind in plan.kinds))
+    if plan.is_counted:
+        trial.figure("%s: lost" % plan.name, "%d of %d objects, in %d of %d cuts" % (
+            counts["lost"], counts["objects"], counts["cuts that lost"], counts["cuts"]))
+    trial.figure("%s: logins that the cut ended in a designed stop" % plan.name, ", ".join(
+        "%d x %s" % (count, key.split(": ", 1)[1]) for key, count in sorted(counts.items())
         if key.startswith("stop")) or "none")
-    trial.figure("%s: longest time until a window answered" % name, "%.1f s" % cuts.slowest)
+    trial.figure("%s: longest time until a window answered" % plan.name, "%.1f s" % cuts.slowest)
 
 
 def main():
     trial = Trial("cuts", __doc__, add_arguments)
+    arguments = trial.arguments
     driver.Options.binary = trial.binary
     driver.enter_world()
     cuts_judge.try_out(trial)
+    # A kill loses what the system keeps of a file no more than a disk does, and memory is faster.
+    if os.access("/dev/shm", os.W_OK):
+        tempfile.tempdir = "/dev/shm"
     desktop = driver.Desktop()
     began = time.monotonic()
-    wanted = trial.arguments.cuts
-    if wanted is None:
-        wanted = 0 if trial.short else 500
-    for is_managed in (True, False):
-        try_out(trial, is_managed, wanted if is_managed else 0)
+    for plan in PLANS if arguments.plan is None else [PLANS[arguments.plan]]:
+        wanted = arguments.cuts
+        if wanted is None:
+            wanted = 0 if trial.short else plan.cuts
+        if wanted or not plan.is_counted:
+            try_out(trial, plan, wanted)
     trial.figure("time", "%d s" % (time.monotonic() - began))
     desktop.stop()
     sys.exit(trial.end())

@@ -159,10 +159,8 @@ def judge_change(at, statement):
         paths = [os.path.join(directory, name) for name in ("a", "b")]
         for number, path in enumerate(paths):
             connection = sqlite3.connect(path)
-            connection.executescript(SCHEMA)
-            if number == at:
-                connection.execute(statement)
-            connection.commit()
+            connection.executescript("PRAGMA synchronous = OFF; BEGIN;" + SCHEMA +
+                                     (statement if number == at else "") + "; COMMIT")
             connection.close()
         return compare(list(zip(paths, ("a@h", "b@h"))))
 
