@@ -919,6 +919,12 @@ clause_view_enable_chat (ClauseView *self)
   gtk_widget_set_sensitive (GTK_WIDGET (self->chat_button), TRUE);
 }
 
+void
+clause_view_focus_text (ClauseView *self)
+{
+  gtk_widget_grab_focus (GTK_WIDGET (self->text_view));
+}
+
 // ---- Decisions ----
 
 // The word "contractor" stands for the other party, also when that is the initiator.

@@ -36,6 +36,7 @@ void clause_view_set_text (ClauseView *self, String text);
 // views when the page is opened.
 void clause_view_measure (ClauseView *self);
 void clause_view_enable_chat (ClauseView *self);
+void clause_view_focus_text (ClauseView *self);
 
 // ---- Decisions ----
 

@@ -5,6 +5,7 @@
 #include "app_window.h"
 #include "db.h"
 #include "morvane.h"
+#include "procedure_view.h"
 
 struct _ProcedureCreationPage {
   GtkBox parent_instance;
@@ -144,8 +145,12 @@ procedure_creation_page_begin_button_handle (GtkButton *, ProcedureCreationPage 
   const char *refusal = procedure_creation_page_get_refusal (self, title, contractor);
   gtk_label_set_text (self->status_label, refusal ? refusal : "");
   if (!refusal) {
-    app_window_create_new_procedure (procedure_creation_page_get_window (self), title,
-                                     to_string (contractor));
+    AppWindow *window = procedure_creation_page_get_window (self);
+    app_window_create_new_procedure (window, title, to_string (contractor));
+    // The page that is shown now is the new procedure's.
+    GtkWidget *page = gtk_stack_get_visible_child (window->main_page_stack);
+    if (MORVANE_IS_PROCEDURE_VIEW (page))
+      procedure_view_focus_add_clause_button (MORVANE_PROCEDURE_VIEW (page));
   }
   g_free (contractor);
   dealloc_string (title);

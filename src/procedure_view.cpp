@@ -23,6 +23,8 @@ struct ClausesBox {
   int ahead_width;  // that the clauses are laid out ahead for, in pixels
   u32 ahead_count;  // how many, from the first on, have been
   bool is_laying_out_ahead;
+  double page_value;  // where the page stood last, and how high it was then, in pixels
+  double page_upper;
 };
 
 struct ClausesBoxClass {
@@ -114,6 +116,60 @@ clauses_box_map_near (ClausesBox *self)
   g_list_free (children);
 }
 
+// A page that became less high moves by itself when it stood at its end. That is no place that
+// anybody chose.
+static void
+clauses_box_page_moved_handle (ClausesBox *self, GtkAdjustment *page)
+{
+  if (gtk_adjustment_get_upper (page) == self->page_upper)
+    self->page_value = gtk_adjustment_get_value (page);
+  clauses_box_map_near (self);
+}
+
+// The clause whose place in sight is kept when the clauses above it change: the one with the focus
+// or, when that is out of sight, the first that begins in sight, or else the one that fills the
+// page. None without a page.
+static GtkWidget *
+clauses_box_find_anchor (ClausesBox *self, GList *children, GtkAdjustment *page)
+{
+  if (!page)
+    return NULL;
+  double start = self->page_value;
+  double end = start + gtk_adjustment_get_page_size (page);
+  GtkWidget *focus = gtk_container_get_focus_child (GTK_CONTAINER (self));
+  GtkWidget *found = NULL;
+  bool begins_in_sight = false;
+  for (GList *link = children; link; link = link->next) {
+    GtkWidget *child = GTK_WIDGET (link->data);
+    GtkAllocation place;
+    gtk_widget_get_allocation (child, &place);
+    if (!has_place (child) || place.y >= end || place.y + place.height <= start)
+      continue;
+    if (child == focus)
+      return child;
+    if (!found || (!begins_in_sight && place.y >= start)) {
+      found = child;
+      begins_in_sight = place.y >= start;
+    }
+  }
+  return found;
+}
+
+// Moves the page by as much as the anchor has moved.
+static void
+clauses_box_keep_in_sight (ClausesBox *self, GtkWidget *anchor, int y, GtkAdjustment *page)
+{
+  double value = self->page_value;
+  if (anchor) {
+    GtkAllocation place;
+    gtk_widget_get_allocation (anchor, &place);
+    value += place.y - y;
+  }
+  self->page_upper = gtk_adjustment_get_upper (page);
+  gtk_adjustment_set_value (page, value);
+  self->page_value = gtk_adjustment_get_value (page);
+}
+
 static void
 clauses_box_add (GtkContainer *container, GtkWidget *child)
 {
@@ -181,7 +237,12 @@ clauses_box_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
 {
   ClausesBox *self = (ClausesBox *) widget;
   gtk_widget_set_allocation (widget, allocation);
+  GtkAdjustment *page = procedure_view_get_page (widget);
   GList *children = gtk_container_get_children (GTK_CONTAINER (self));
+  GtkWidget *anchor = clauses_box_find_anchor (self, children, page);
+  GtkAllocation anchor_place = {};
+  if (anchor)
+    gtk_widget_get_allocation (anchor, &anchor_place);
   GtkRequestedSize *heights = clauses_box_alloc_heights (self, children, *allocation);
   GtkAllocation place = *allocation;
   GtkRequestedSize *height = heights;
@@ -197,6 +258,8 @@ clauses_box_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
   }
   g_free (heights);
   g_list_free (children);
+  if (page)
+    clauses_box_keep_in_sight (self, anchor, anchor_place.y, page);
   clauses_box_map_near (self);
   clauses_box_begin_laying_out_ahead (self, allocation->width);
 }
@@ -233,6 +296,29 @@ struct _ProcedureView {
 
 G_DEFINE_TYPE (ProcedureView, procedure_view, GTK_TYPE_BOX)
 
+// Behind the layout, which has to be over before the page is moved.
+static gboolean
+procedure_view_scroll_to_clause (gpointer clause_view)
+{
+  GtkAdjustment *page = procedure_view_get_page (GTK_WIDGET (clause_view));
+  GtkAllocation place;
+  gtk_widget_get_allocation (GTK_WIDGET (clause_view), &place);
+  if (page)
+    gtk_adjustment_clamp_page (page, place.y, place.y + place.height);
+  return G_SOURCE_REMOVE;
+}
+
+// A new clause has its place now: it comes into sight with its buttons.
+static void
+procedure_view_new_clause_size_allocate_handle (GtkWidget *clause_view, GdkRectangle *, gpointer)
+{
+  g_signal_handlers_disconnect_by_func (clause_view,
+                                        (gpointer) procedure_view_new_clause_size_allocate_handle,
+                                        NULL);
+  gdk_threads_add_idle_full (G_PRIORITY_DEFAULT_IDLE, procedure_view_scroll_to_clause,
+                             g_object_ref (clause_view), g_object_unref);
+}
+
 // Nothing is sent: the other party learns of a clause with its first committed revision.
 static void
 procedure_view_add_clause_button_handle (GtkButton *, ProcedureView *self)
@@ -241,6 +327,9 @@ procedure_view_add_clause_button_handle (GtkButton *, ProcedureView *self)
   Clause *clause = negotiation_add_clause (app_window_get_negotiation (window), self->procedure);
   procedure_view_add_clause (self, clause);
   clause_view_set_draft_mode (clause->view);
+  clause_view_focus_text (clause->view);
+  g_signal_connect_after (clause->view, "size-allocate",
+                          G_CALLBACK (procedure_view_new_clause_size_allocate_handle), NULL);
 }
 
 // The view is gone when the window has removed its procedure.
@@ -284,13 +373,30 @@ procedure_view_set_focus_child_handle (GtkContainer *viewport, GtkWidget *child,
   gtk_adjustment_clamp_page (vadjustment, y, y + gtk_widget_get_allocated_height (focus));
 }
 
+// `delete_button` stands above the clauses and is the last that the focus comes to. Whoever begins a
+// procedure and presses Return once too often must not delete it.
+static void
+procedure_view_order_focus (ProcedureView *self)
+{
+  GtkWidget *header = gtk_widget_get_parent (GTK_WIDGET (self->delete_button));
+  GList *chain = gtk_container_get_children (GTK_CONTAINER (self->main_box));
+  chain = g_list_append (g_list_remove (chain, header), header);
+  // Deprecated for what GTK 4 has in its place; GTK 3 has nothing else.
+  G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+  gtk_container_set_focus_chain (GTK_CONTAINER (self->main_box), chain);
+  G_GNUC_END_IGNORE_DEPRECATIONS
+  g_list_free (chain);
+}
+
 static void
 procedure_view_init (ProcedureView *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
+  procedure_view_order_focus (self);
   ClausesBox *clauses_box = (ClausesBox *) self->clauses_box;
   g_signal_connect_object (procedure_view_get_page (GTK_WIDGET (clauses_box)), "value-changed",
-                           G_CALLBACK (clauses_box_map_near), clauses_box, G_CONNECT_SWAPPED);
+                           G_CALLBACK (clauses_box_page_moved_handle), clauses_box,
+                           G_CONNECT_SWAPPED);
   GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (clauses_box), GTK_TYPE_VIEWPORT);
   gtk_container_set_focus_vadjustment (GTK_CONTAINER (viewport), NULL);
   g_signal_connect (viewport, "set-focus-child", G_CALLBACK (procedure_view_set_focus_child_handle),
@@ -355,6 +461,12 @@ procedure_view_add_clause (ProcedureView *self, Clause *clause)
   gtk_widget_show (chat_page);
   gtk_container_add (GTK_CONTAINER (self->clauses_box), view);
   gtk_container_add (GTK_CONTAINER (self->stack), chat_page);
+}
+
+void
+procedure_view_focus_add_clause_button (ProcedureView *self)
+{
+  gtk_widget_grab_focus (GTK_WIDGET (self->add_clause_button));
 }
 
 // ---- Pages ----

@@ -334,6 +334,30 @@ TEST (procedure_creation_page_begin_button, is_pressed_by_enter_in_the_contracto
   EXPECT_TRUE (pump_until (has_procedure, &test));
 }
 
+static bool
+has_clause (void *data)
+{
+  return ((Procedure *) data)->clauses_count == 1;
+}
+
+// Return, pressed once too often, must not delete what was begun with it.
+TEST (procedure_creation_page_begin_button, leads_to_the_first_clause_and_not_to_deleting)
+{
+  TestWindow test;
+  log_in (&test);
+  fill (&test, "Rent", "bob@beta.test");
+  gtk_widget_grab_focus (find_widget (test.window->procedure_creation_page, "contractor_entry"));
+  pump ();
+  press_key (&test, GDK_KEY_Return);
+  ASSERT_TRUE (pump_until (has_procedure, &test));
+  Procedure *procedure = test.window->procedures.procedures[0];
+  EXPECT_EQ (gtk_window_get_focus (GTK_WINDOW (test.window)),
+             find_widget (procedure->view, "add_clause_button"));
+  press_key (&test, GDK_KEY_Return);
+  EXPECT_TRUE (pump_until (has_clause, procedure));
+  EXPECT_EQ (query (&test, "SELECT title FROM procedures"), "Rent\n");
+}
+
 // ---- A page ----
 
 TEST (procedure_creation_page_new, makes_a_page_of_its_own_that_is_empty)

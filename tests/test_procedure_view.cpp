@@ -250,6 +250,9 @@ TEST (procedure_view_new, lays_out_a_clause_that_comes_after_another_was_removed
   press (procedure->clauses[40]->view, "cancel_button");
   ASSERT_EQ (procedure->clauses_count, 40u);
   pump ();
+  // The page followed the new clause to its end, where the next one would be in sight.
+  gtk_adjustment_set_value (procedure_view_get_page (GTK_WIDGET (procedure->clauses[0]->view)), 0);
+  pump ();
   show_new_clause (&test, procedure);
   EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
   EXPECT_FALSE (is_mapped (procedure->clauses[40]));
@@ -433,6 +436,87 @@ TEST_P (RevisionMeanwhile, leaves_the_page_where_it_is)
 }
 
 INSTANTIATE_TEST_SUITE_P (typed, RevisionMeanwhile, testing::Bool ());
+
+// ---- Lines under a reader's eyes ----
+
+// Where a clause stands within what is in sight, in pixels.
+static int
+get_place_in_sight (Clause *clause)
+{
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (clause->view), GTK_TYPE_VIEWPORT);
+  int y = 0;
+  gtk_widget_translate_coordinates (GTK_WIDGET (clause->view), viewport, 0, 0, NULL, &y);
+  return y;
+}
+
+// Moves the page to where the clause begins.
+static void
+read_clause (Clause *clause)
+{
+  GtkAllocation place;
+  gtk_widget_get_allocation (GTK_WIDGET (clause->view), &place);
+  gtk_adjustment_set_value (get_page (clause), place.y - 10);
+  pump ();
+}
+
+struct ReaderCase {
+  const char *name;
+  bool is_at_end;  // of the page, where a page that becomes less high moves by itself
+  int focused;     // a clause whose text has the focus, by its index; -1 for none
+  int read;        // the clause that is read
+  int words;       // of the text that the changed clause gets
+};
+
+class Reader : public testing::TestWithParam<ReaderCase> {};
+
+static int expected_place;
+
+TEST_P (Reader, keeps_the_lines_when_a_clause_above_changes)
+{
+  TestWindow test;
+  ReaderCase reader = GetParam ();
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  Clause *read = procedure->clauses[reader.read];
+  read_clause (read);
+  if (reader.focused >= 0)
+    gtk_widget_grab_focus (find_widget (procedure->clauses[reader.focused]->view, "text_view"));
+  GtkAdjustment *page = get_page (read);
+  if (reader.is_at_end)
+    gtk_adjustment_set_value (page, gtk_adjustment_get_upper (page));
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  pump ();
+  expected_place = get_place_in_sight (read);
+
+  Clause *changed = procedure->clauses[reader.read - 2];
+  int before = gtk_widget_get_allocated_height (GTK_WIDGET (changed->view));
+  std::string text = "Planks";
+  for (int i = 0; i < reader.words; i++)
+    text += " and of elm";
+  add_revision (&test, changed, text.c_str ());
+  clause_view_add_revision (changed->view, changed->revisions[1]);
+  clause_view_show_revision (changed->view, changed->revisions[1], test.window->account.bare_jid);
+  static int height_before;
+  height_before = before;
+  EXPECT_TRUE (pump_until (
+    [] (void *data) {
+      return gtk_widget_get_allocated_height (GTK_WIDGET (((Clause *) data)->view)) !=
+             height_before;
+    },
+    changed));
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  pump ();
+  EXPECT_EQ (get_place_in_sight (read), expected_place);
+}
+
+INSTANTIATE_TEST_SUITE_P (
+  procedure_view, Reader,
+  testing::Values (ReaderCase{"grows", false, -1, 20, 900}, ReaderCase{"shrinks", false, -1, 20, 2},
+                   ReaderCase{"grows_beside_the_focus", false, 20, 20, 900},
+                   ReaderCase{"grows_with_the_focus_elsewhere", false, 2, 20, 900},
+                   ReaderCase{"shrinks_at_the_end", true, -1, 39, 2},
+                   ReaderCase{"grows_at_the_end", true, -1, 39, 900}),
+  [] (const testing::TestParamInfo<ReaderCase> &reader) { return reader.param.name; });
 
 TEST (procedure_view_new, shows_the_button_that_gets_the_focus)
 {
@@ -620,6 +704,74 @@ TEST (procedure_view_add_clause, links_the_clause_to_its_view_and_its_chat_page)
              find_widget (procedure->view, "clauses_box"));
   EXPECT_EQ (gtk_widget_get_parent (GTK_WIDGET (clause->chat_page)),
              find_widget (procedure->view, "stack"));
+}
+
+// ---- The focus ----
+
+TEST (procedure_view_add_clause_button, lets_the_user_type_with_commit_in_sight)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  press (procedure->view, "add_clause_button");
+  static Clause *clause;
+  clause = procedure->clauses[40];
+  EXPECT_TRUE (gtk_widget_is_focus (find_widget (clause->view, "text_view")));
+  EXPECT_TRUE (pump_until (
+    [] (void *) {
+      for (const char *name : {"commit_button", "cancel_button"}) {
+        GtkWidget *button = find_widget (clause->view, name);
+        GtkWidget *viewport = gtk_widget_get_ancestor (button, GTK_TYPE_VIEWPORT);
+        int y = -1;
+        gtk_widget_translate_coordinates (button, viewport, 0, 0, NULL, &y);
+        int height = gtk_widget_get_allocated_height (button);
+        if (!gtk_widget_get_mapped (button) || height <= 1 || y < 0 ||
+            y + height > gtk_widget_get_allocated_height (viewport)) {
+          return false;
+        }
+      }
+      return true;
+    },
+    NULL));
+}
+
+// Everything that the Tab key comes to, from where the focus is until it leaves the page.
+static std::string
+walk_focus (TestWindow *test, Procedure *procedure)
+{
+  std::string walk;
+  for (int tabs = 0; tabs < 40; tabs++) {
+    GtkWidget *focus = gtk_window_get_focus (GTK_WINDOW (test->window));
+    if (!focus || !gtk_widget_is_ancestor (focus, GTK_WIDGET (procedure->view)))
+      break;
+    walk += std::string (gtk_buildable_get_name (GTK_BUILDABLE (focus))) + " ";
+    gtk_widget_child_focus (GTK_WIDGET (test->window), GTK_DIR_TAB_FORWARD);
+  }
+  return walk;
+}
+
+TEST (procedure_view_init, makes_delete_button_the_last_stop_of_the_focus)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  add_revision (&test, add_clause (&test, procedure), "text");
+  // The page takes the focus over from what is shown before.
+  gtk_widget_grab_focus (find_widget (test.window->procedure_creation_page, "title_entry"));
+  show (&test, procedure);
+  EXPECT_EQ (walk_focus (&test, procedure),
+             "chat_button revision_select_menu_button text_view agree_button disagree_button "
+             "add_clause_button delete_button ");
+}
+
+TEST (procedure_view_init, never_begins_at_delete_button)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  gtk_widget_grab_focus (find_widget (test.window->procedure_creation_page, "title_entry"));
+  show (&test, procedure);
+  EXPECT_EQ (walk_focus (&test, procedure), "add_clause_button delete_button ");
 }
 
 // ---- Pages ----
