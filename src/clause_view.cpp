@@ -431,10 +431,20 @@ clause_view_revision_select_list_popup_menu_handle (GtkWidget *, ClauseView *sel
   return TRUE;
 }
 
+// A comparison can look like any text, so it gives way to the revision that is decided on.
+static void
+clause_view_leave_diff_for_decision (ClauseView *self)
+{
+  if (self->comparison.is_shown)
+    clause_view_show_revision (self, self->revision,
+                               clause_view_get_window (self)->account.bare_jid);
+}
+
 static void
 clause_view_agree_button_handle (GtkButton *, ClauseView *self)
 {
   assert (self->revision);
+  clause_view_leave_diff_for_decision (self);
   clause_view_make_new_decision (self, clause_view_get_window (self)->account.bare_jid,
                                  DECISION_AGREE);
   clause_view_set_decision_buttons_sensitive (self, FALSE, TRUE);
@@ -444,6 +454,7 @@ static void
 clause_view_disagree_button_handle (GtkButton *, ClauseView *self)
 {
   assert (self->revision);
+  clause_view_leave_diff_for_decision (self);
   clause_view_make_new_decision (self, clause_view_get_window (self)->account.bare_jid,
                                  DECISION_DISAGREE);
   clause_view_set_decision_buttons_sensitive (self, TRUE, FALSE);
@@ -776,12 +787,40 @@ clause_view_show_others_decision (ClauseView *self, DecisionStatus status)
   }
 }
 
+// Belongs to the caller (`g_free`). Seconds stay seconds where no calendar goes that far.
+static char *
+alloc_local_time (s64 time)
+{
+  GDateTime *date_time = g_date_time_new_from_unix_local (time);
+  if (!date_time)
+    return g_strdup_printf ("%ld", time);
+  char *text = g_date_time_format (date_time, "%F %T");
+  g_date_time_unref (date_time);
+  return text;
+}
+
 static void
 clause_view_show_revision_status (ClauseView *self, ClauseRevision *revision)
 {
   char *status = alloc_format_cstr ("%.*s:%ld", STRING_ARGS (revision->author), revision->time);
   gtk_label_set_text (self->revision_status_label, status);
   dealloc_cstr (status);
+}
+
+// Says which revision the decision buttons decide on, as the text beside them may be a comparison.
+static void
+clause_view_show_decided_revision (ClauseView *self, ClauseRevision *revision)
+{
+  char *time = alloc_local_time (revision->time);
+  char *name = g_strdup_printf ("the revision of %.*s, %s", STRING_ARGS (revision->author), time);
+  char *agree = g_strconcat ("Agree with ", name, NULL);
+  char *disagree = g_strconcat ("Disagree with ", name, NULL);
+  gtk_widget_set_tooltip_text (GTK_WIDGET (self->agree_button), agree);
+  gtk_widget_set_tooltip_text (GTK_WIDGET (self->disagree_button), disagree);
+  g_free (disagree);
+  g_free (agree);
+  g_free (name);
+  g_free (time);
 }
 
 // The page stays where it is: the user may be reading elsewhere.
@@ -814,6 +853,7 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
   clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
   clause_view_set_text (self, revision->text);
   clause_view_show_revision_status (self, revision);
+  clause_view_show_decided_revision (self, revision);
   clause_view_show_own_decision (self, revision, own);
 
   String other = procedure_get_other_party (self->procedure, own);
@@ -844,6 +884,8 @@ clause_view_set_draft_mode (ClauseView *self)
   gtk_label_set_text (self->revision_status_label, "draft");
   gtk_label_set_text (self->decision_status_label, " ");
   clause_view_set_decision_buttons_sensitive (self, FALSE, FALSE);
+  gtk_widget_set_tooltip_text (GTK_WIDGET (self->agree_button), "Agree");
+  gtk_widget_set_tooltip_text (GTK_WIDGET (self->disagree_button), "Disagree");
   clause_view_set_edit_buttons_sensitive (self, gtk_text_buffer_get_char_count (text_buffer) != 0,
                                           TRUE);
 }

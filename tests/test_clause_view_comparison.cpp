@@ -3,6 +3,7 @@
 #include "clause_view.h"
 
 #include <stdlib.h>
+#include <time.h>
 
 #include <random>
 #include <vector>
@@ -689,6 +690,98 @@ TEST (clause_view_comparison, committed_result_holds_no_trace_of_it)
   EXPECT_EQ (query (&comparison.test, "SELECT status, text FROM clause_revisions"
                                       " ORDER BY db_id DESC LIMIT 1"),
              "COMMITTED|a\nb c\n");
+}
+
+// ---- Deciding on a revision meanwhile ----
+
+static std::string
+get_tooltip (Clause *clause, const char *name)
+{
+  char *tooltip = gtk_widget_get_tooltip_text (find_widget (clause->view, name));
+  std::string text = tooltip ? tooltip : "";
+  g_free (tooltip);
+  return text;
+}
+
+static std::string
+format_local_time (time_t time)
+{
+  struct tm broken_down;
+  char text[100];
+  localtime_r (&time, &broken_down);
+  strftime (text, sizeof (text), "%Y-%m-%d %H:%M:%S", &broken_down);
+  return text;
+}
+
+TEST (clause_view_comparison, agree_decides_on_the_revision_that_it_shows_first)
+{
+  Comparison comparison ({"900 EUR", "950 EUR"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 4, '-');
+  decide (comparison.clause, 0, '+');
+  ASSERT_EQ (show_runs (comparison.clause), "900 EUR");
+  EXPECT_TRUE (is_sensitive (comparison.clause->view, "agree_button"));
+  take_sent (&comparison.test);
+  press (comparison.clause->view, "agree_button");
+  EXPECT_EQ (show_runs (comparison.clause), "950 EUR");
+  EXPECT_TRUE (is_over (comparison.clause));
+  EXPECT_FALSE (is_sensitive (comparison.clause->view, "agree_button"));
+  EXPECT_TRUE (is_sensitive (comparison.clause->view, "disagree_button"));
+  EXPECT_EQ (query (&comparison.test,
+                    "SELECT r.text, d.author, d.status FROM clause_revision_decisions d"
+                    " JOIN clause_revisions r ON r.db_id = d.clause_revision_db_id"),
+             "950 EUR|" ALICE "|AGREE\n");
+  EXPECT_NE (take_sent (&comparison.test).find ("AGREE"), std::string::npos);
+}
+
+TEST (clause_view_comparison, disagree_decides_on_the_revision_that_it_shows_first)
+{
+  Comparison comparison ({"900 EUR", "950 EUR"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  decide (comparison.clause, 0, '+');
+  press (comparison.clause->view, "disagree_button");
+  EXPECT_EQ (show_runs (comparison.clause), "950 EUR");
+  EXPECT_TRUE (is_over (comparison.clause));
+  EXPECT_TRUE (is_sensitive (comparison.clause->view, "agree_button"));
+  EXPECT_FALSE (is_sensitive (comparison.clause->view, "disagree_button"));
+  EXPECT_EQ (query (&comparison.test,
+                    "SELECT r.text, d.author, d.status FROM clause_revision_decisions d"
+                    " JOIN clause_revisions r ON r.db_id = d.clause_revision_db_id"),
+             "950 EUR|" ALICE "|DISAGREE\n");
+}
+
+TEST (clause_view_comparison, decision_buttons_name_their_revision_throughout)
+{
+  const char *zone = getenv ("TZ");
+  std::string zone_before = zone ? zone : "";
+  setenv ("TZ", "XYZ-05:30", 1);
+  tzset ();
+  {
+    Comparison comparison ({"a b", "a c"});
+    std::string name = " with the revision of " BOB ", " + format_local_time (3001);
+    for (int i = 0; i < 2; i++) {
+      EXPECT_EQ (get_tooltip (comparison.clause, "agree_button"), "Agree" + name);
+      EXPECT_EQ (get_tooltip (comparison.clause, "disagree_button"), "Disagree" + name);
+      choose (comparison.clause, i ? LEAVE : WITH_PREVIOUS);
+    }
+    activate_row (comparison.clause, 0);
+    EXPECT_EQ (get_tooltip (comparison.clause, "agree_button"),
+               "Agree with the revision of " ALICE ", " + format_local_time (3000));
+    type (comparison.clause->view, "text_view", "typed");
+    EXPECT_EQ (get_tooltip (comparison.clause, "agree_button"), "Agree");
+    EXPECT_EQ (get_tooltip (comparison.clause, "disagree_button"), "Disagree");
+  }
+  zone ? setenv ("TZ", zone_before.c_str (), 1) : unsetenv ("TZ");
+  tzset ();
+}
+
+TEST (clause_view_comparison, decision_buttons_name_a_revision_beyond_the_calendar)
+{
+  Comparison comparison ({"a"});
+  deliver_revision (comparison.test.window, {ALICE, 1000}, {ALICE, 2000}, {BOB, 999999999999},
+                    "late");
+  EXPECT_EQ (get_tooltip (comparison.clause, "agree_button"),
+             "Agree with the revision of " BOB ", 999999999999");
 }
 
 // ---- How it ends ----
