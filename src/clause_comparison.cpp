@@ -100,6 +100,10 @@ clause_comparison_show (ClauseComparison *self, String older, String newer)
   self->added_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#085", NULL);
   self->deleted_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#c55", NULL);
   clause_comparison_fill (self, older, newer);
+  // Not behind the last word, where the filling has moved the cursor.
+  GtkTextIter start;
+  gtk_text_buffer_get_start_iter (text_buffer, &start);
+  gtk_text_buffer_place_cursor (text_buffer, &start);
   gtk_text_view_set_editable (self->text_view, !clause_comparison_has_changes (self));
   // Room for the tools below the last line. Hidden, they themselves have no height; all of their
   // buttons have the same.

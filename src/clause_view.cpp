@@ -23,6 +23,9 @@ struct RevisionsPopoverClass {
 
 G_DEFINE_TYPE (RevisionsPopover, revisions_popover, GTK_TYPE_POPOVER)
 
+// How long the user is told why something cannot be compared.
+static const guint REFUSAL_SECONDS = 5;
+
 // Of a text in a new window, in pixels.
 static const int LIKELY_TEXT_WIDTH = 400;
 
@@ -53,11 +56,18 @@ struct _ClauseView {
   GtkButton *diff_add_button;
   GtkButton *diff_del_button;
   ClauseComparison comparison;
+  bool was_draft_shown;  // when the comparison began
+  guint refusal_source;  // ends the showing of a refusal; 0 while none is shown
+  char *status_before;   // in whose place a refusal is shown; owned, NULL while none is
 };
 
 G_DEFINE_TYPE (ClauseView, clause_view, GTK_TYPE_BOX)
 
 static void clause_view_text_changed_handle (GtkTextBuffer *text_buffer, ClauseView *self);
+static void clause_view_cursor_position_handle (GtkTextBuffer *text_buffer, GParamSpec *property,
+                                                ClauseView *self);
+static void clause_view_cursor_moved_handle (GtkTextBuffer *text_buffer, GParamSpec *property,
+                                             ClauseView *self);
 static void clause_view_compare (ClauseView *self, ClauseRevision *revision,
                                  ClauseRevision *other_revision);
 static void clause_view_leave_diff (ClauseView *self);
@@ -141,6 +151,44 @@ clause_view_set_edit_buttons_sensitive (ClauseView *self, gboolean commit, gbool
 }
 
 static void
+clause_view_drop_refusal (ClauseView *self)
+{
+  if (self->refusal_source)
+    g_source_remove (self->refusal_source);
+  self->refusal_source = 0;
+  g_clear_pointer (&self->status_before, g_free);
+}
+
+// All that the label says comes from here, so that no refusal outlasts what it was said about.
+static void
+clause_view_set_status (ClauseView *self, const char *status)
+{
+  clause_view_drop_refusal (self);
+  gtk_label_set_text (self->revision_status_label, status);
+}
+
+static gboolean
+clause_view_end_refusal (gpointer data)
+{
+  ClauseView *self = MORVANE_CLAUSE_VIEW (data);
+  self->refusal_source = 0;
+  gtk_label_set_text (self->revision_status_label, self->status_before);
+  clause_view_drop_refusal (self);
+  return G_SOURCE_REMOVE;
+}
+
+// Tells the user for a few seconds, in the place of the revision's name, why nothing happened.
+static void
+clause_view_show_refusal (ClauseView *self, const char *refusal)
+{
+  char *status = g_strdup (self->status_before ? self->status_before
+                                               : gtk_label_get_text (self->revision_status_label));
+  clause_view_set_status (self, refusal);
+  self->status_before = status;
+  self->refusal_source = g_timeout_add_seconds (REFUSAL_SECONDS, clause_view_end_refusal, self);
+}
+
+static void
 clause_view_connect_text_changed (ClauseView *self)
 {
   g_signal_connect (gtk_text_view_get_buffer (self->text_view), "changed",
@@ -152,6 +200,27 @@ clause_view_disconnect_text_changed (ClauseView *self)
 {
   g_signal_handlers_disconnect_by_func (gtk_text_view_get_buffer (self->text_view),
                                         (gpointer) clause_view_text_changed_handle, self);
+}
+
+// What follows the user's typing and cursor looks away while the program edits the text.
+static void
+clause_view_look_away (ClauseView *self)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  clause_view_disconnect_text_changed (self);
+  g_signal_handlers_block_by_func (text_buffer, (gpointer) clause_view_cursor_moved_handle, self);
+  g_signal_handlers_block_by_func (text_buffer, (gpointer) clause_view_cursor_position_handle,
+                                   self);
+}
+
+static void
+clause_view_look_back (ClauseView *self)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  clause_view_connect_text_changed (self);
+  g_signal_handlers_unblock_by_func (text_buffer, (gpointer) clause_view_cursor_moved_handle, self);
+  g_signal_handlers_unblock_by_func (text_buffer, (gpointer) clause_view_cursor_position_handle,
+                                     self);
 }
 
 // The text as it can be kept and sent. Belongs to the caller (`dealloc_string`).
@@ -367,7 +436,7 @@ clause_view_revision_select_list_box_row_activate_handle (GtkListBox *, GtkListB
 static ClauseRevision *
 clause_view_get_shown_revision (ClauseView *self)
 {
-  if (self->is_draft)
+  if (self->is_draft || self->was_draft_shown)
     return self->clause->draft;
   return self->revision ? self->revision : self->base_revision;
 }
@@ -565,7 +634,9 @@ clause_view_diff_del_button_handle (GtkButton *, ClauseView *self)
 static void
 clause_view_finalize (GObject *object)
 {
-  clause_comparison_finalize (&MORVANE_CLAUSE_VIEW (object)->comparison);
+  ClauseView *self = MORVANE_CLAUSE_VIEW (object);
+  clause_view_drop_refusal (self);
+  clause_comparison_finalize (&self->comparison);
   G_OBJECT_CLASS (clause_view_parent_class)->finalize (object);
 }
 
@@ -803,7 +874,7 @@ static void
 clause_view_show_revision_status (ClauseView *self, ClauseRevision *revision)
 {
   char *status = alloc_format_cstr ("%.*s:%ld", STRING_ARGS (revision->author), revision->time);
-  gtk_label_set_text (self->revision_status_label, status);
+  clause_view_set_status (self, status);
   dealloc_cstr (status);
 }
 
@@ -825,11 +896,11 @@ clause_view_show_decided_revision (ClauseView *self, ClauseRevision *revision)
 
 // The page stays where it is: the user may be reading elsewhere.
 static void
-clause_view_take_focus_from_text (ClauseView *self)
+clause_view_focus_in_place (ClauseView *self, GtkWidget *widget)
 {
   GtkAdjustment *page = procedure_view_get_page (GTK_WIDGET (self));
   double place = page ? gtk_adjustment_get_value (page) : 0;
-  gtk_widget_grab_focus (GTK_WIDGET (self->revision_select_menu_button));
+  gtk_widget_grab_focus (widget);
   if (page)
     gtk_adjustment_set_value (page, place);
 }
@@ -840,7 +911,7 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
   // What the user typed is not lost when something else is shown in its place, and what they type
   // on without looking must not change that into a new draft in place of theirs.
   if (self->is_text_changed && gtk_widget_is_focus (GTK_WIDGET (self->text_view)))
-    clause_view_take_focus_from_text (self);
+    clause_view_focus_in_place (self, GTK_WIDGET (self->revision_select_menu_button));
   clause_view_save_draft (self);
   clause_comparison_end (&self->comparison);
   GtkListBoxRow *row = clause_view_find_row (self, revision);
@@ -850,6 +921,7 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
   self->base_revision = revision;
   self->is_text_changed = false;
   self->is_draft = false;
+  self->was_draft_shown = false;
   clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
   clause_view_set_text (self, revision->text);
   clause_view_show_revision_status (self, revision);
@@ -881,7 +953,8 @@ clause_view_set_draft_mode (ClauseView *self)
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   clause_comparison_end (&self->comparison);
   self->is_draft = true;
-  gtk_label_set_text (self->revision_status_label, "draft");
+  self->was_draft_shown = false;
+  clause_view_set_status (self, "draft");
   gtk_label_set_text (self->decision_status_label, " ");
   clause_view_set_decision_buttons_sensitive (self, FALSE, FALSE);
   gtk_widget_set_tooltip_text (GTK_WIDGET (self->agree_button), "Agree");
@@ -936,13 +1009,10 @@ void
 clause_view_set_text (ClauseView *self, String text)
 {
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  // It is not the user who moves the cursor.
-  g_signal_handlers_block_by_func (text_buffer, (gpointer) clause_view_cursor_moved_handle, self);
-  clause_view_disconnect_text_changed (self);
+  clause_view_look_away (self);
   gtk_text_buffer_set_text (text_buffer, text.size ? (const char *) text.data : "",
                             (gint) text.size);
-  clause_view_connect_text_changed (self);
-  g_signal_handlers_unblock_by_func (text_buffer, (gpointer) clause_view_cursor_moved_handle, self);
+  clause_view_look_back (self);
 }
 
 void
@@ -1011,28 +1081,32 @@ clause_view_make_new_decision (ClauseView *self, String author, DecisionStatus s
 void
 clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *newer)
 {
+  // Of comparisons in a row, the first says what was shown before.
+  if (self->is_draft)
+    self->was_draft_shown = true;
   self->is_text_changed = false;
   self->is_draft = false;
   clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
   char *status = alloc_format_cstr ("%.*s:%ld > %.*s:%ld", STRING_ARGS (older->author), older->time,
                                     STRING_ARGS (newer->author), newer->time);
-  gtk_label_set_text (self->revision_status_label, status);
+  clause_view_set_status (self, status);
   dealloc_cstr (status);
 
-  clause_view_disconnect_text_changed (self);
+  clause_view_look_away (self);
   clause_comparison_show (&self->comparison, older->text, newer->text);
-  clause_view_connect_text_changed (self);
+  clause_view_look_back (self);
 }
 
 // Back to what was shown before the comparison.
 static void
 clause_view_leave_diff (ClauseView *self)
 {
-  if (self->base_revision) {
+  bool is_draft_next = self->was_draft_shown || !self->base_revision;
+  if (is_draft_next && self->clause->draft) {
+    clause_view_show_draft (self);
+  } else if (self->base_revision) {
     clause_view_show_revision (self, self->base_revision,
                                clause_view_get_window (self)->account.bare_jid);
-  } else if (self->clause->draft) {
-    clause_view_show_draft (self);
   }
 }
 
@@ -1053,9 +1127,9 @@ clause_view_decide_change (ClauseView *self, bool is_kept)
 {
   if (!self->comparison.has_run)
     return;
-  clause_view_disconnect_text_changed (self);
+  clause_view_look_away (self);
   clause_comparison_decide (&self->comparison, is_kept);
-  clause_view_connect_text_changed (self);
+  clause_view_look_back (self);
   gtk_widget_grab_focus (GTK_WIDGET (self->text_view));
   if (!is_kept && !clause_comparison_has_changes (&self->comparison))
     clause_view_use_as_draft (self);
@@ -1064,9 +1138,9 @@ clause_view_decide_change (ClauseView *self, bool is_kept)
 static void
 clause_view_keep_all_changes (ClauseView *self)
 {
-  clause_view_disconnect_text_changed (self);
+  clause_view_look_away (self);
   clause_comparison_keep_all (&self->comparison);
-  clause_view_connect_text_changed (self);
+  clause_view_look_back (self);
 }
 
 // Compares two of the clause's revisions, the draft being the newest. Refused, with a text in the
@@ -1078,7 +1152,7 @@ clause_view_compare (ClauseView *self, ClauseRevision *revision, ClauseRevision 
   const char *refusal = get_comparison_refusal (revision, other_revision);
   if (refusal) {
     console_log ("Info: %s\n", refusal);
-    gtk_label_set_text (self->revision_status_label, refusal);
+    clause_view_show_refusal (self, refusal);
     return;
   }
   Clause *clause = self->clause;
@@ -1089,4 +1163,6 @@ clause_view_compare (ClauseView *self, ClauseRevision *revision, ClauseRevision 
   clause_view_set_text (self, {});
   clause_view_show_diff (self, is_newer ? other_revision : revision,
                          is_newer ? revision : other_revision);
+  // Where Escape leaves it again.
+  clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
 }

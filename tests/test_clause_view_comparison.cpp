@@ -369,6 +369,66 @@ expect_refusal (Comparison *comparison, int row, const std::string &text)
   EXPECT_TRUE (is_over (comparison->clause));
 }
 
+// What ends the showing of a refusal; NULL while none is shown.
+static GSource *
+find_refusal_source (Clause *clause)
+{
+  return g_main_context_find_source_by_user_data (NULL, clause->view);
+}
+
+TEST (clause_view_comparison, refusal_gives_way_after_a_while)
+{
+  Comparison comparison ({"a", "b"});
+  expect_refusal (&comparison, 1, "A revision can't be compared with itself.");
+  expect_refusal (&comparison, 1, "A revision can't be compared with itself.");
+  GSource *source = find_refusal_source (comparison.clause);
+  ASSERT_TRUE (source);
+  s64 left = g_source_get_ready_time (source) - g_get_monotonic_time ();
+  EXPECT_GT (left, 0);
+  EXPECT_LE (left, 10 * G_USEC_PER_SEC);
+  g_source_set_ready_time (source, 0);
+  pump ();
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), BOB ":3001");
+  EXPECT_FALSE (find_refusal_source (comparison.clause));
+}
+
+TEST (clause_view_comparison, refusal_in_a_comparison_gives_way_to_its_names)
+{
+  Comparison comparison ({"a", "b"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  compare_row (&comparison.test, comparison.clause, 1);
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"),
+             "A revision can't be compared with itself.");
+  EXPECT_EQ (show_runs (comparison.clause), "[-a-][+b+]");
+  g_source_set_ready_time (find_refusal_source (comparison.clause), 0);
+  pump ();
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"),
+             ALICE ":3000 > " BOB ":3001");
+}
+
+TEST (clause_view_comparison, refusal_ends_when_something_else_is_shown)
+{
+  Comparison comparison ({"a", "b"}, "c");
+  const std::string shown[] = {ALICE ":3000", BOB ":3001", "draft"};
+  for (int i = 0; i < 3; i++) {
+    compare_row (&comparison.test, comparison.clause, i ? i - 1 : 1);
+    ASSERT_TRUE (find_refusal_source (comparison.clause));
+    activate_row (comparison.clause, i);
+    EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), shown[i]);
+    EXPECT_FALSE (find_refusal_source (comparison.clause));
+  }
+}
+
+TEST (clause_view_comparison, refusal_may_end_with_the_window)
+{
+  Comparison comparison ({"a", "b"});
+  compare_row (&comparison.test, comparison.clause, 1);
+  GSource *source = g_source_ref (find_refusal_source (comparison.clause));
+  close_window (&comparison.test);
+  EXPECT_TRUE (g_source_is_destroyed (source));
+  g_source_unref (source);
+}
+
 TEST (clause_view_comparison, with_itself_is_refused)
 {
   Comparison comparison ({"a", "b"});
@@ -789,12 +849,71 @@ TEST (clause_view_comparison, decision_buttons_name_a_revision_beyond_the_calend
 TEST (clause_view_comparison, escape_in_the_text_leaves_it)
 {
   Comparison comparison ({"a b", "a c"});
-  choose (comparison.clause, WITH_PREVIOUS);
+  for (int i = 0; i < 2; i++) {
+    gtk_widget_grab_focus (find_widget (comparison.clause->view, "disagree_button"));
+    if (i)
+      compare_row (&comparison.test, comparison.clause, 0);
+    else
+      choose (comparison.clause, WITH_PREVIOUS);
+    ASSERT_EQ (show_runs (comparison.clause), "a [-b-][+c+]");
+    EXPECT_TRUE (gtk_widget_is_focus (GTK_WIDGET (get_text_view (comparison.clause))));
+    press_key (&comparison.test, GDK_KEY_Escape);
+    EXPECT_EQ (show_runs (comparison.clause), "a c");
+    EXPECT_TRUE (is_over (comparison.clause));
+    EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), BOB ":3001");
+  }
+}
+
+TEST (clause_view_comparison, escape_without_it_changes_nothing)
+{
+  Comparison comparison ({"a b", "a c"}, "stored");
   gtk_widget_grab_focus (GTK_WIDGET (get_text_view (comparison.clause)));
+  type (comparison.clause->view, "text_view", "typed");
   press_key (&comparison.test, GDK_KEY_Escape);
-  EXPECT_EQ (show_runs (comparison.clause), "a c");
+  EXPECT_EQ (show_runs (comparison.clause), "typed");
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), "draft");
+  EXPECT_TRUE (is_sensitive (comparison.clause->view, "commit_button"));
+}
+
+TEST (clause_view_comparison, escape_returns_to_the_draft)
+{
+  Comparison comparison ({"a b", "a c"}, "a d");
+  activate_row (comparison.clause, 2);
+  compare_row (&comparison.test, comparison.clause, 0);
+  ASSERT_EQ (show_runs (comparison.clause), "a [-b-][+d+]");
+  press_key (&comparison.test, GDK_KEY_Escape);
+  EXPECT_EQ (show_runs (comparison.clause), "a d");
   EXPECT_TRUE (is_over (comparison.clause));
-  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), BOB ":3001");
+  EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), "draft");
+  EXPECT_TRUE (is_sensitive (comparison.clause->view, "commit_button"));
+  EXPECT_FALSE (is_sensitive (comparison.clause->view, "agree_button"));
+  EXPECT_EQ (comparison.drafts (), "a d\n");
+}
+
+TEST (clause_view_comparison, leaving_returns_to_the_revision_though_there_is_a_draft)
+{
+  Comparison comparison ({"a b", "a c"}, "a d");
+  activate_row (comparison.clause, 0);
+  compare_row (&comparison.test, comparison.clause, 2);
+  ASSERT_EQ (show_runs (comparison.clause), "a [-b-][+d+]");
+  choose (comparison.clause, LEAVE);
+  EXPECT_EQ (show_runs (comparison.clause), "a b");
+}
+
+TEST (clause_view_comparison, next_one_still_means_the_draft)
+{
+  Comparison comparison ({"a b", "a c"}, "a d");
+  activate_row (comparison.clause, 2);
+  compare_row (&comparison.test, comparison.clause, 0);
+  compare_row (&comparison.test, comparison.clause, 1);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-c-][+d+]");
+  choose (comparison.clause, LEAVE);
+  EXPECT_EQ (show_runs (comparison.clause), "a d");
+  activate_row (comparison.clause, 0);
+  compare_row (&comparison.test, comparison.clause, 1);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-b-][+c+]");
+  choose (comparison.clause, LEAVE);
+  EXPECT_EQ (show_runs (comparison.clause), "a b");
 }
 
 TEST (clause_view_comparison, menu_leaves_it)
