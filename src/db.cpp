@@ -92,6 +92,18 @@ db_exec_quiet (sqlite3 *db, const char *sql, DBRowCallback *callback, void *argu
   assert (!error);
 }
 
+void
+db_begin (sqlite3 *db)
+{
+  db_exec_quiet (db, "BEGIN;", NULL, NULL);
+}
+
+void
+db_commit (sqlite3 *db)
+{
+  db_exec_quiet (db, "COMMIT;", NULL, NULL);
+}
+
 Buffer
 buffer_append_dbtext (Buffer buffer, String text)
 {

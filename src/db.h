@@ -26,10 +26,15 @@ void db_close (sqlite3 *db);
 
 // ---- Statements ----
 
-// Runs the statements of `sql` with `callback` (or NULL), each its own transaction. `db_exec` dumps
-// the text to the console first, `db_exec_quiet` only when it fails.
+// Runs the statements of `sql` with `callback` (or NULL), each its own transaction outside of
+// `db_begin` and `db_commit`. `db_exec` dumps the text to the console first, `db_exec_quiet` only when
+// it fails.
 void db_exec (sqlite3 *db, const char *sql, DBRowCallback *callback, void *argument);
 void db_exec_quiet (sqlite3 *db, const char *sql, DBRowCallback *callback, void *argument);
+// What is written between the two is stored whole or, where the program ends in between, not at all.
+// They are not dumped, and do not nest.
+void db_begin (sqlite3 *db);
+void db_commit (sqlite3 *db);
 // Appends `text` with every apostrophe doubled and nothing else changed. Stops where the room ends;
 // a doubled apostrophe is written whole or not at all.
 Buffer buffer_append_dbtext (Buffer buffer, String text);

@@ -12,7 +12,9 @@ negotiation_begin (Negotiation *negotiation, String title, String contractor)
   s64 time = procedures_stack_get_free_time (negotiation->procedures, own, get_posix_time ());
   Procedure *procedure =
     alloc_procedure (0, negotiation->account_db_id, time, title, own, contractor);
+  db_begin (negotiation->db);
   db_insert_procedure (negotiation->db, procedure);
+  db_commit (negotiation->db);
   procedures_stack_add_procedure (negotiation->procedures, procedure);
   return procedure;
 }
@@ -23,7 +25,9 @@ negotiation_delete (Negotiation *negotiation, Procedure *procedure)
   s64 index = procedures_stack_get_index (negotiation->procedures, procedure);
   if (index >= 0)
     procedures_stack_remove_procedure (negotiation->procedures, (u32) index);
+  db_begin (negotiation->db);
   db_delete_procedure (negotiation->db, procedure);
+  db_commit (negotiation->db);
   dealloc_procedure (procedure);
 }
 
@@ -45,7 +49,9 @@ negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, Claus
   s64 index = procedure_get_clause_index_reversed (procedure, clause);
   if (index >= 0)
     procedure_remove_clause (procedure, (u32) index);
+  db_begin (negotiation->db);
   db_delete_clause (negotiation->db, clause);
+  db_commit (negotiation->db);
   dealloc_clause (clause);
 }
 
@@ -60,15 +66,18 @@ negotiation_save_draft (Negotiation *negotiation, Clause *clause, String text)
     db_update_clause_revision_text (negotiation->db, draft);
     return;
   }
+  db_begin (negotiation->db);
   if (!clause->db_id)
     db_insert_clause (negotiation->db, clause);
   clause->draft = alloc_clause_revision (0, clause->db_id, get_posix_time (), negotiation->own,
                                          REVISION_DRAFT, text);
   db_insert_clause_revision (negotiation->db, clause->draft);
+  db_commit (negotiation->db);
 }
 
-void
-negotiation_discard_draft (Negotiation *negotiation, Clause *clause)
+// In a transaction of the caller's.
+static void
+negotiation_remove_draft (Negotiation *negotiation, Clause *clause)
 {
   ClauseRevision *draft = clause->draft;
   if (!draft)
@@ -79,10 +88,19 @@ negotiation_discard_draft (Negotiation *negotiation, Clause *clause)
   clause->draft = NULL;
 }
 
+void
+negotiation_discard_draft (Negotiation *negotiation, Clause *clause)
+{
+  db_begin (negotiation->db);
+  negotiation_remove_draft (negotiation, clause);
+  db_commit (negotiation->db);
+}
+
 ClauseRevision *
 negotiation_commit (Negotiation *negotiation, Clause *clause, String text)
 {
-  negotiation_discard_draft (negotiation, clause);
+  db_begin (negotiation->db);
+  negotiation_remove_draft (negotiation, clause);
   if (!clause->db_id)
     db_insert_clause (negotiation->db, clause);
   String own = negotiation->own;
@@ -91,12 +109,14 @@ negotiation_commit (Negotiation *negotiation, Clause *clause, String text)
     alloc_clause_revision (0, clause->db_id, time, own, REVISION_COMMITTED, text);
   clause_add_revision (clause, revision);
   db_insert_clause_revision (negotiation->db, revision);
+  db_commit (negotiation->db);
   return revision;
 }
 
-ClauseRevisionDecision *
-negotiation_decide (Negotiation *negotiation, ClauseRevision *revision, String author,
-                    DecisionStatus status)
+// A decision of either party. In a transaction of the caller's.
+static ClauseRevisionDecision *
+negotiation_set_decision (Negotiation *negotiation, ClauseRevision *revision, String author,
+                          DecisionStatus status)
 {
   ClauseRevisionDecision *decision = get_revision_decision_by_author (revision, author);
   if (decision) {
@@ -112,13 +132,26 @@ negotiation_decide (Negotiation *negotiation, ClauseRevision *revision, String a
   return decision;
 }
 
+ClauseRevisionDecision *
+negotiation_decide (Negotiation *negotiation, ClauseRevision *revision, String author,
+                    DecisionStatus status)
+{
+  db_begin (negotiation->db);
+  ClauseRevisionDecision *decision =
+    negotiation_set_decision (negotiation, revision, author, status);
+  db_commit (negotiation->db);
+  return decision;
+}
+
 ClauseMessage *
 negotiation_say (Negotiation *negotiation, Clause *clause, String text)
 {
   // The lines of this chat are signed with the user name, unlike revisions and decisions.
   ClauseMessage *message =
     alloc_clause_message (0, clause->db_id, get_posix_time (), negotiation->own_name, text);
+  db_begin (negotiation->db);
   db_insert_clause_message (negotiation->db, message);
+  db_commit (negotiation->db);
   clause_add_message (clause, message);
   return message;
 }
@@ -239,5 +272,5 @@ negotiation_receive_decision (Negotiation *negotiation, XMPPClauseRevisionDecisi
   *clause_out = clause;
   *revision_out = revision;
   // Stamped with the time of receipt, unlike revisions and messages.
-  return negotiation_decide (negotiation, revision, record->decision_author, record->status);
+  return negotiation_set_decision (negotiation, revision, record->decision_author, record->status);
 }

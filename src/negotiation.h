@@ -1,5 +1,6 @@
 // What a party does in a negotiation and what arrives from the other one: each is one call, which
-// changes the model and the store. Views show the result, and send afterwards what is to be sent.
+// changes the model and the store. What one call stores is there whole or, where the program ends
+// within it, not at all. Views show the result, and send afterwards what is to be sent.
 //
 // Ownership: a `Negotiation` borrows all that it names. A record that comes back belongs to the
 // model; texts and received records stay the caller's.

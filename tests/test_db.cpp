@@ -589,6 +589,36 @@ TEST (db_get_account_db_id_callback, stops_at_rows_of_another_shape)
   EXPECT_DEATH (_db_get_account_db_id (&db_id, 1, nothing, names), stop_at ("value"));
 }
 
+TEST (db_begin, stores_nothing_until_the_commit)
+{
+  Store store;
+  testing::internal::CaptureStdout ();
+  db_begin (store.db);
+  db_exec_quiet (store.db, "INSERT INTO accounts VALUES (1, 'a@x'), (2, 'b@x');", NULL, NULL);
+  EXPECT_EQ (store.rows ("SELECT * FROM accounts"), Texts ());
+  db_commit (store.db);
+  fflush (stdout);
+  EXPECT_EQ (testing::internal::GetCapturedStdout (), "");
+  EXPECT_EQ (store.rows ("SELECT * FROM accounts"), (Texts{"1|a@x", "2|b@x"}));
+}
+
+TEST (db_begin, stops_within_another)
+{
+  Store store;
+  EXPECT_DEATH (
+    {
+      db_begin (store.db);
+      db_begin (store.db);
+    },
+    stop_at ("!error"));
+}
+
+TEST (db_commit, stops_without_a_beginning)
+{
+  Store store;
+  EXPECT_DEATH (db_commit (store.db), stop_at ("!error"));
+}
+
 // ---- Loading ----
 
 struct Loaded {

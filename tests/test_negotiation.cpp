@@ -239,6 +239,62 @@ TEST (negotiation_commit, puts_the_revision_in_the_drafts_place)
   EXPECT_EQ (account.rows (REVISIONS_SQL), "1|5001|alice@alpha.test|COMMITTED|It's ten crates\n");
 }
 
+// Whatever the program does next, it stops at the first statement that this refuses.
+static void
+refuse (Account *account, const char *what)
+{
+  account->rows ((std::string ("CREATE TRIGGER refuse BEFORE ") + what +
+                  " BEGIN SELECT RAISE (ABORT, 'no'); END")
+                   .c_str ());
+}
+
+static std::string
+list_all_rows (Account *account)
+{
+  return account->rows ("SELECT * FROM procedures") + account->rows ("SELECT * FROM clauses") +
+         account->rows ("SELECT * FROM clause_messages") + account->rows (REVISIONS_SQL) +
+         account->rows (DECISIONS_SQL);
+}
+
+TEST (negotiation_commit, leaves_the_draft_when_it_is_interrupted)
+{
+  Account account;
+  Clause *clause = negotiation_add_clause (&account.negotiation, begin (&account));
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Ten crates"));
+  std::string before = list_all_rows (&account);
+  refuse (&account, "INSERT ON clause_revisions");
+  EXPECT_DEATH (commit (&account, clause, "Ten crates"), "src/db.*!error");
+  EXPECT_EQ (list_all_rows (&account), before);
+}
+
+TEST (negotiation_commit, stores_a_new_clause_with_its_revision_or_not_at_all)
+{
+  Account account;
+  Procedure *procedure = begin (&account);
+  Clause *clause = alloc_clause (0, procedure->db_id, 1, to_string (OWN), 1);
+  procedure_add_clause (procedure, clause);
+  refuse (&account, "INSERT ON clause_revisions");
+  EXPECT_DEATH (commit (&account, clause, "Ten crates"), "src/db.*!error");
+  EXPECT_DEATH (negotiation_save_draft (&account.negotiation, clause, to_string ("Ten")),
+                "src/db.*!error");
+  EXPECT_EQ (account.rows ("SELECT * FROM clauses"), "");
+}
+
+TEST (negotiation_commit, dumps_what_it_writes_and_no_transaction)
+{
+  Account account;
+  Clause *clause = negotiation_add_clause (&account.negotiation, begin (&account));
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Ten"));
+  testing::internal::CaptureStdout ();
+  commit (&account, clause, "Ten");
+  fflush (stdout);
+  EXPECT_EQ (
+    testing::internal::GetCapturedStdout (),
+    "sql: \"DELETE FROM clause_revisions WHERE db_id = 1;\" (char *)\n"
+    "sql: \"INSERT INTO clause_revisions (clause_db_id, time, author, status, text) VALUES "
+    "(1, 5000, 'alice@alpha.test', 'COMMITTED', 'Ten');\" (char *)\n");
+}
+
 TEST (negotiation_discard_draft, leaves_a_clause_without_one_alone)
 {
   Account account;
@@ -294,6 +350,34 @@ TEST (negotiation_delete, takes_all_of_the_procedure_and_nothing_else)
   EXPECT_EQ (account.rows (REVISIONS_SQL), "1|5000|alice@alpha.test|COMMITTED|Kept\n");
   EXPECT_EQ (account.rows (DECISIONS_SQL), "");
   EXPECT_EQ (account.rows ("SELECT db_id FROM clause_messages"), "");
+}
+
+TEST (negotiation_delete, takes_nothing_when_it_is_interrupted)
+{
+  Account account;
+  Procedure *procedure = begin (&account);
+  Clause *clause = negotiation_add_clause (&account.negotiation, procedure);
+  ClauseRevision *revision = commit (&account, clause, "Ten crates");
+  negotiation_decide (&account.negotiation, revision, to_string (OWN), DECISION_AGREE);
+  negotiation_say (&account.negotiation, clause, to_string ("Why ten?"));
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Nine crates"));
+  std::string before = list_all_rows (&account);
+  refuse (&account, "DELETE ON procedures");
+  EXPECT_DEATH (negotiation_delete (&account.negotiation, procedure), "src/db.*!error");
+  EXPECT_EQ (list_all_rows (&account), before);
+}
+
+TEST (negotiation_delete_clause, takes_nothing_when_it_is_interrupted)
+{
+  Account account;
+  Procedure *procedure = begin (&account);
+  Clause *clause = negotiation_add_clause (&account.negotiation, procedure);
+  negotiation_save_draft (&account.negotiation, clause, to_string ("Nine crates"));
+  std::string before = list_all_rows (&account);
+  refuse (&account, "DELETE ON clauses");
+  EXPECT_DEATH (negotiation_delete_clause (&account.negotiation, procedure, clause),
+                "src/db.*!error");
+  EXPECT_EQ (list_all_rows (&account), before);
 }
 
 TEST (negotiation_delete_clause, takes_the_clause_and_its_draft)
