@@ -1,8 +1,6 @@
 #include "app_window.h"
 
 #include <assert.h>
-#include <errno.h>
-#include <time.h>
 
 #include "app.h"
 #include "clause_chat_page.h"
@@ -43,42 +41,6 @@ app_window_save_drafts (AppWindow *self)
   }
 }
 
-static struct timespec
-get_deadline (u32 milliseconds)
-{
-  struct timespec deadline;
-  clock_gettime (CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += milliseconds / 1000;
-  deadline.tv_nsec += milliseconds % 1000 * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec++;
-    deadline.tv_nsec -= 1000000000L;
-  }
-  return deadline;
-}
-
-static bool
-app_window_wait_for_worker (AppWindow *self, struct timespec deadline)
-{
-  pthread_mutex_lock (&self->worker_mutex);
-  int error = 0;
-  while (!self->worker_left && error != ETIMEDOUT) {
-    error = pthread_cond_timedwait (&self->worker_cond, &self->worker_mutex, &deadline);
-  }
-  bool left = self->worker_left;
-  pthread_mutex_unlock (&self->worker_mutex);
-  return left;
-}
-
-static void
-app_window_mark_worker_interrupted (AppWindow *self)
-{
-  pthread_mutex_lock (&self->worker_mutex);
-  self->worker_interrupted = true;
-  pthread_cond_broadcast (&self->worker_cond);
-  pthread_mutex_unlock (&self->worker_mutex);
-}
-
 // Ends the session, lets the worker leave and releases the connection; without the worker's leave
 // it stays the worker's, and is released when that comes back.
 static void
@@ -87,15 +49,16 @@ app_window_end_session (AppWindow *self)
   struct timespec deadline = get_deadline (WORKER_WAIT);
   bool is_logged_in = self->account_db_id != 0;
   if (self->worker_active)
-    app_window_mark_worker_interrupted (self);
+    worker_interrupt (self->worker);
   // Neither to a server that has ended the session itself, nor to one that takes no more.
   if (is_logged_in && self->worker_active && os_is_writable (self->connection.socket))
     xmpp_send_end_stream (self->connection.tls_session, self->output_stream_buffer);
   if (self->worker_active) {
-    bool left = is_logged_in && app_window_wait_for_worker (self, get_deadline (STREAM_END_WAIT));
+    bool left =
+      is_logged_in && worker_wait_until_left (self->worker, get_deadline (STREAM_END_WAIT));
     if (!left)
       interrupt_xmpp_connection (self);
-    if (!app_window_wait_for_worker (self, deadline)) {
+    if (!worker_wait_until_left (self->worker, deadline)) {
       self->worker_stray = true;
       stray_workers_count++;
       return;
@@ -130,8 +93,8 @@ app_window_finalize (GObject *object)
   dealloc (self->input_stream_buffer);
   dealloc (self->output_stream_buffer);
   dealloc_string (self->worker_bare_jid);
-  pthread_cond_destroy (&self->worker_cond);
-  pthread_mutex_destroy (&self->worker_mutex);
+  if (self->worker)
+    worker_unref (self->worker);
   G_OBJECT_CLASS (app_window_parent_class)->finalize (object);
 }
 
@@ -247,13 +210,6 @@ app_window_init (AppWindow *self)
   self->get_vcard_id = 0;
   self->get_own_vcard_id = 0;
   self->prev_main_page = NULL;
-
-  pthread_condattr_t attributes;
-  pthread_condattr_init (&attributes);
-  pthread_condattr_setclock (&attributes, CLOCK_MONOTONIC);
-  pthread_cond_init (&self->worker_cond, &attributes);
-  pthread_condattr_destroy (&attributes);
-  pthread_mutex_init (&self->worker_mutex, NULL);
 }
 
 static void
@@ -503,16 +459,12 @@ app_window_start_worker (AppWindow *self, void *(*entry) (void *) )
 {
   assert (!self->worker_active);
   self->worker_active = true;
-  self->worker_left = false;
-  self->worker_interrupted = false;
   dealloc_string (self->worker_bare_jid);
   self->worker_bare_jid = alloc_string (self->account.bare_jid);
-  g_object_ref (self);
-  int error = pthread_create (&self->network_thread, NULL, entry, self);
-  assert (!error);
-  // Nobody joins it, so its stack must go by itself.
-  if (!error)
-    pthread_detach (self->network_thread);
+  if (self->worker)
+    worker_unref (self->worker);
+  self->worker = worker_new ();
+  worker_start (self->worker, entry, g_object_ref (self));
 }
 
 bool
@@ -524,48 +476,15 @@ app_window_is_worker_running (AppWindow *self)
 void
 app_window_worker_leave (AppWindow *self)
 {
-  pthread_mutex_lock (&self->worker_mutex);
-  self->worker_left = true;
-  pthread_cond_signal (&self->worker_cond);
-  pthread_mutex_unlock (&self->worker_mutex);
-}
-
-// How many stanzas the worker may be ahead of the interface. GLib hands out all idle sources that wait
-// before it looks for events again, so what waits there is what the user waits for.
-static const u32 WORKER_LEAD_MAX = 2;
-
-// How long the worker waits for the interface, in milliseconds. Longer, and an interface that waits
-// for a server to take what it sends, while that server waits for us to take what it sends, would
-// wait for ever.
-static const u32 WORKER_PACE_WAIT = 1000;
-
-gboolean
-app_window_note_applied (gpointer data)
-{
-  AppWindow *self = (AppWindow *) accept_hand_over (data);
-  pthread_mutex_lock (&self->worker_mutex);
-  self->worker_lead--;
-  pthread_cond_broadcast (&self->worker_cond);
-  pthread_mutex_unlock (&self->worker_mutex);
-  g_object_unref (self);
-  return G_SOURCE_REMOVE;
+  if (self->worker)
+    worker_leave (self->worker);
 }
 
 void
 app_window_worker_keep_pace (AppWindow *self)
 {
-  pthread_mutex_lock (&self->worker_mutex);
-  self->worker_lead++;
-  pthread_mutex_unlock (&self->worker_mutex);
-  hand_over (app_window_note_applied, g_object_ref (self));
-  struct timespec deadline = get_deadline (WORKER_PACE_WAIT);
-  bool is_in_time = true;
-  pthread_mutex_lock (&self->worker_mutex);
-  while (self->worker_lead > WORKER_LEAD_MAX && !self->worker_interrupted && is_in_time) {
-    is_in_time =
-      pthread_cond_timedwait (&self->worker_cond, &self->worker_mutex, &deadline) != ETIMEDOUT;
-  }
-  pthread_mutex_unlock (&self->worker_mutex);
+  if (self->worker)
+    worker_keep_pace (self->worker);
 }
 
 gboolean
@@ -587,17 +506,14 @@ app_window_interrupt_worker (AppWindow *self)
 {
   if (!self->worker_active)
     return;
-  app_window_mark_worker_interrupted (self);
+  worker_interrupt (self->worker);
   interrupt_xmpp_connection (self);
 }
 
 bool
 app_window_is_worker_interrupted (AppWindow *self)
 {
-  pthread_mutex_lock (&self->worker_mutex);
-  bool interrupted = self->worker_interrupted;
-  pthread_mutex_unlock (&self->worker_mutex);
-  return interrupted;
+  return self->worker && worker_is_interrupted (self->worker);
 }
 
 void

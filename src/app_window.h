@@ -10,13 +10,12 @@
 // how the worker's job ended.
 #pragma once
 
-#include <pthread.h>
-
 #include <gtk/gtk.h>
 #include <sqlite3.h>
 
 #include "negotiation.h"
 #include "stream_management.h"
+#include "worker.h"
 #include "xmpp_connection.h"
 
 typedef struct _App App;
@@ -35,7 +34,6 @@ struct _AppWindow {
   Connection connection;
   Buffer input_stream_buffer;
   Buffer output_stream_buffer;
-  pthread_t network_thread;  // never joined
   StreamManagement stream_management;
   u64 last_xmpp_id;
   u64 get_vcard_id;      // pending request for another account's vCard; 0 for none
@@ -60,17 +58,13 @@ struct _AppWindow {
   GtkListBox *contacts_list_box;
   GtkListBox *procedures_list_box;
   // The worker, and the end of the window.
-  pthread_mutex_t worker_mutex;  // guards the three below
-  pthread_cond_t worker_cond;    // told when one of them changes
-  bool worker_left;              // it no longer uses account, connection or buffer
-  bool worker_interrupted;       // it is to leave, and nobody waits for its outcome
-  u32 worker_lead;               // stanzas that it has handed over and that are not applied yet
-  bool worker_active;            // started, and its outcome not yet handled; interface thread only
-  bool worker_stray;             // the window closed without waiting longer for it
-  String worker_bare_jid;        // owned; the account that the last worker was started for
-  bool closed;                   // the user closed the window; interface thread only
-  bool loading;                  // the account is being loaded, and the window has to stay
-  bool close_wanted;             // the user closed the window meanwhile
+  Worker *worker;          // the last one that was started; none before the first
+  bool worker_active;      // started, and its outcome not yet handled; interface thread only
+  bool worker_stray;       // the window closed without waiting longer for it
+  String worker_bare_jid;  // owned; the account that the last worker was started for
+  bool closed;             // the user closed the window; interface thread only
+  bool loading;            // the account is being loaded, and the window has to stay
+  bool close_wanted;       // the user closed the window meanwhile
 };
 
 G_DECLARE_FINAL_TYPE (AppWindow, app_window, MORVANE, APP_WINDOW, GtkApplicationWindow)
@@ -114,12 +108,9 @@ void app_window_start_worker (AppWindow *window, void *(*entry) (void *) );
 bool app_window_is_worker_running (AppWindow *window);
 // The worker's farewell: it has made its last use of account, connection and buffer. Worker thread.
 void app_window_worker_leave (AppWindow *window);
-// Called by the worker behind the records of each stanza: waits until the interface has applied all
-// but the last few, a second at most, or until the worker is interrupted. A server that sends faster
-// than the store keeps up is so slowed down, and the user is heard in between.
+// Called by the worker after the records of each stanza: `worker_keep_pace`, where the window has a
+// worker.
 void app_window_worker_keep_pace (AppWindow *window);
-// Idle handler, posted by it behind the records of a stanza.
-gboolean app_window_note_applied (gpointer data);
 // Idle handler, posted by the worker behind its outcome: drops the worker's reference.
 gboolean app_window_release_worker (gpointer data);
 // Ends a running worker's wait for the server; its outcome, a failure, still comes.

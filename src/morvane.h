@@ -23,7 +23,7 @@ extern GtkTextBuffer *_console_text_buffer;
 // Schedules `handler` with `record` on the interface thread. The record then belongs to the
 // handler, which begins with `accept_hand_over`, frees the record as its last act and runs once.
 // Handlers run in the order of scheduling, and all that wait may run before the user is looked at:
-// who hands over much keeps pace (`app_window_worker_keep_pace`).
+// who hands over much keeps pace (`worker_keep_pace`).
 void hand_over (GSourceFunc handler, void *record);
 void *accept_hand_over (void *record);  // returns `record`
 

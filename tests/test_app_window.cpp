@@ -868,30 +868,6 @@ run_stubborn_worker (void *data)
   return NULL;
 }
 
-static void *
-run_worker_ahead (void *data)
-{
-  for (int stanza = 0; stanza < 3; ++stanza)
-    app_window_worker_keep_pace ((AppWindow *) data);
-  return NULL;
-}
-
-// The interface may be waiting for the server, which waits for the worker.
-TEST (app_window_worker_keep_pace, goes_on_without_an_interface_that_does_not_come)
-{
-  TestWindow test;
-  log_in (&test);
-  pthread_t worker;
-  ASSERT_EQ (pthread_create (&worker, NULL, run_worker_ahead, test.window), 0);
-  struct timespec deadline;
-  clock_gettime (CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += 30;
-  ASSERT_EQ (pthread_timedjoin_np (worker, NULL, &deadline), 0);
-  EXPECT_EQ (test.window->worker_lead, 3u);
-  pump ();
-  EXPECT_EQ (test.window->worker_lead, 0u);
-}
-
 static void
 start_worker (TestWindow *test, void *(*entry) (void *) )
 {

@@ -95,7 +95,7 @@ static std::vector<Caught> caught_records;
 extern "C" guint
 gdk_threads_add_idle (GSourceFunc handler, gpointer record)
 {
-  if (handler == _console_put_gdk_thread || handler == app_window_note_applied) {
+  if (handler == _console_put_gdk_thread || handler == worker_note_applied) {
     handler (record);
     return 1;
   }
@@ -257,8 +257,7 @@ struct BareWindow {
       g_type_register_static_simple (G_TYPE_OBJECT, "BareWindow", sizeof (GObjectClass), NULL,
                                      sizeof (AppWindow), NULL, (GTypeFlags) 0);
     window = (AppWindow *) g_object_new (type, NULL);
-    pthread_mutex_init (&window->worker_mutex, NULL);
-    pthread_cond_init (&window->worker_cond, NULL);
+    window->worker = worker_new ();
     window->tls_credentials = tls_credentials;
     window->input_stream_buffer = alloc (input_size);
     window->output_stream_buffer = alloc (64 * 1024);
@@ -270,8 +269,7 @@ struct BareWindow {
     xmpp_close_connection (window);
     dealloc (window->input_stream_buffer);
     dealloc (window->output_stream_buffer);
-    pthread_cond_destroy (&window->worker_cond);
-    pthread_mutex_destroy (&window->worker_mutex);
+    worker_unref (window->worker);
     EXPECT_EQ (((GObject *) window)->ref_count, 1u);
     g_object_unref (window);
   }
@@ -1386,7 +1384,7 @@ run_worker (void *(*entry) (void *), const ServerScript &script, const ServerOpt
   std::thread worker ([entry, &bare] { EXPECT_EQ (entry (bare.window), nullptr); });
   worker.join ();
   ran.console = testing::internal::GetCapturedStdout ();
-  EXPECT_TRUE (bare.window->worker_left);
+  EXPECT_TRUE (worker_has_left (bare.window->worker));
   ran.full_jid = text_of (bare.window->account.full_jid);
   xmpp_close_connection (bare.window);
   ran.posted = take_posted ();

@@ -230,7 +230,7 @@ take_outcome (void *record)
 extern "C" guint
 gdk_threads_add_idle (GSourceFunc handler, gpointer record)
 {
-  if (handler == _console_put_gdk_thread || handler == app_window_note_applied) {
+  if (handler == _console_put_gdk_thread || handler == worker_note_applied) {
     handler (record);
   } else if (handler == login_page_handle_login_success) {
     g_object_unref (record);
@@ -261,8 +261,7 @@ make_window (gnutls_certificate_credentials_t credentials, const char *jid)
   GType type = g_type_register_static_simple (G_TYPE_OBJECT, "BareWindow", sizeof (GObjectClass),
                                               NULL, sizeof (AppWindow), NULL, (GTypeFlags) 0);
   AppWindow *window = (AppWindow *) g_object_new (type, NULL);
-  pthread_mutex_init (&window->worker_mutex, NULL);
-  pthread_cond_init (&window->worker_cond, NULL);
+  window->worker = worker_new ();
   window->tls_credentials = credentials;
   window->input_stream_buffer = alloc (STREAM_BUFFER_SIZE);
   window->output_stream_buffer = alloc (STREAM_BUFFER_SIZE);

@@ -1,0 +1,180 @@
+#include "worker.h"
+
+#include <assert.h>
+#include <errno.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include "morvane.h"
+
+// ---- Life ----
+
+Worker *
+worker_new ()
+{
+  Worker *worker = (Worker *) calloc (1, sizeof (Worker));
+  pthread_condattr_t attributes;
+  pthread_condattr_init (&attributes);
+  pthread_condattr_setclock (&attributes, CLOCK_MONOTONIC);
+  pthread_cond_init (&worker->cond, &attributes);
+  pthread_condattr_destroy (&attributes);
+  pthread_mutex_init (&worker->mutex, NULL);
+  worker->references_count = 1;
+  return worker;
+}
+
+Worker *
+worker_ref (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  worker->references_count++;
+  pthread_mutex_unlock (&worker->mutex);
+  return worker;
+}
+
+void
+worker_unref (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  bool is_last = --worker->references_count == 0;
+  pthread_mutex_unlock (&worker->mutex);
+  if (is_last) {
+    pthread_cond_destroy (&worker->cond);
+    pthread_mutex_destroy (&worker->mutex);
+    free (worker);
+  }
+}
+
+static void
+drop_thread_reference (void *data)
+{
+  worker_unref ((Worker *) data);
+}
+
+static void *
+run_worker (void *data)
+{
+  Worker *worker = (Worker *) data;
+  // Also where the entry ends its thread by itself.
+  pthread_cleanup_push (drop_thread_reference, worker);
+  worker->entry (worker->argument);
+  pthread_cleanup_pop (1);
+  return NULL;
+}
+
+void
+worker_start (Worker *worker, void *(*entry) (void *), void *argument)
+{
+  assert (!worker->entry);
+  worker->entry = entry;
+  worker->argument = argument;
+  int error = pthread_create (&worker->thread, NULL, run_worker, worker_ref (worker));
+  assert (!error);
+  // Nobody joins it, so its stack must go by itself.
+  if (!error)
+    pthread_detach (worker->thread);
+}
+
+// ---- The end ----
+
+void
+worker_interrupt (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  worker->is_interrupted = true;
+  pthread_cond_broadcast (&worker->cond);
+  pthread_mutex_unlock (&worker->mutex);
+}
+
+bool
+worker_is_interrupted (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  bool is_interrupted = worker->is_interrupted;
+  pthread_mutex_unlock (&worker->mutex);
+  return is_interrupted;
+}
+
+void
+worker_leave (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  worker->has_left = true;
+  pthread_cond_broadcast (&worker->cond);
+  pthread_mutex_unlock (&worker->mutex);
+}
+
+bool
+worker_has_left (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  bool has_left = worker->has_left;
+  pthread_mutex_unlock (&worker->mutex);
+  return has_left;
+}
+
+bool
+worker_wait_until_left (Worker *worker, struct timespec deadline)
+{
+  pthread_mutex_lock (&worker->mutex);
+  int error = 0;
+  while (!worker->has_left && error != ETIMEDOUT) {
+    error = pthread_cond_timedwait (&worker->cond, &worker->mutex, &deadline);
+  }
+  bool has_left = worker->has_left;
+  pthread_mutex_unlock (&worker->mutex);
+  return has_left;
+}
+
+struct timespec
+get_deadline (u32 milliseconds)
+{
+  struct timespec deadline;
+  clock_gettime (CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += milliseconds / 1000;
+  deadline.tv_nsec += milliseconds % 1000 * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec++;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  return deadline;
+}
+
+// ---- Pace ----
+
+// How many stanzas the worker may be ahead of the interface. GLib hands out all idle sources that wait
+// before it looks for events again, so what waits there is what the user waits for.
+static const u32 LEAD_MAX = 2;
+
+// How long the worker waits for the interface, in milliseconds. Longer, and an interface that waits
+// for a server to take what it sends, while that server waits for us to take what it sends, would
+// wait for ever.
+static const u32 PACE_WAIT = 1000;
+
+void
+worker_keep_pace (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  worker->lead++;
+  pthread_mutex_unlock (&worker->mutex);
+  hand_over (worker_note_applied, worker_ref (worker));
+  struct timespec deadline = get_deadline (PACE_WAIT);
+  bool is_in_time = true;
+  pthread_mutex_lock (&worker->mutex);
+  while (worker->lead > LEAD_MAX && !worker->is_interrupted && is_in_time) {
+    is_in_time = pthread_cond_timedwait (&worker->cond, &worker->mutex, &deadline) != ETIMEDOUT;
+  }
+  pthread_mutex_unlock (&worker->mutex);
+}
+
+gboolean
+worker_note_applied (gpointer data)
+{
+  Worker *worker = (Worker *) accept_hand_over (data);
+  pthread_mutex_lock (&worker->mutex);
+  worker->lead--;
+  pthread_cond_broadcast (&worker->cond);
+  pthread_mutex_unlock (&worker->mutex);
+  worker_unref (worker);
+  return G_SOURCE_REMOVE;
+}
