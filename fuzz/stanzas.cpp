@@ -6,6 +6,7 @@
 
 #include "login_page.h"
 #include "morvane.h"
+#include "receive.h"
 #include "registration_page.h"
 #include "xml_scanner.h"
 
@@ -75,17 +76,14 @@ run_stanzas (String text)
 
   // Text and arena share one block, as they do in a session.
   Buffer block = alloc (text.size * 200 + 1024);
-  String received = {block.data, text.size};
   Buffer memory = buffer_append_string (block, text);
-  XMLElement *tree = parse_xml_tree (memory, received, NULL, NULL);
-  if (!tree && is_open && scanner.boundary) {
-    received.size = scanner.boundary;
-    tree = parse_xml_tree (memory, received, NULL, NULL);
-    is_open = false;
-  }
-  if (tree) {
-    print_xml_tree (tree, 0);
-    dispatch (window, tree, is_open);
+  Received received = make_received ({block.data, text.size}, is_open, memory);
+  XMLElement *tree;
+  while (received_next_tree (&received, &tree)) {
+    if (tree) {
+      print_xml_tree (tree, 0);
+      dispatch (window, tree, received.is_last_open);
+    }
   }
   dealloc (block);
   CHECK (window_references_count == 0);

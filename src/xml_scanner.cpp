@@ -22,11 +22,16 @@ static const u32 XML_NAME_DIFFERS = UINT32_MAX;
 static const char COMMENT_BEGIN[] = "--";
 static const char CHARACTER_DATA_BEGIN[] = "[CDATA[";
 
-// White space of XML, in bytes.
-static bool
+bool
 is_xml_space (u8 c)
 {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+bool
+is_xml_name_char (u8 c)
+{
+  return c != '>' && c != '/' && !is_xml_space (c);
 }
 
 static void
@@ -65,7 +70,7 @@ xml_scanner_step_tag (XMLScanner *scanner, u8 c)
 static void
 xml_scanner_step_name (XMLScanner *scanner, u8 c)
 {
-  if (c == '>' || c == '/' || is_xml_space (c)) {
+  if (!is_xml_name_char (c)) {
     xml_scanner_step_tag (scanner, c);
     return;
   }

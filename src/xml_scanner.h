@@ -25,6 +25,10 @@ struct XMLScanner {
   u8 previous;        // the byte before, inside a tag and outside of its values
 };
 
+// White space of XML: space, tab, line feed and carriage return.
+bool is_xml_space (u8 c);
+// Whether a tag's name that has begun goes on with `c`.
+bool is_xml_name_char (u8 c);
 // Takes the next bytes of the stream. Each byte is looked at once.
 void xml_scanner_feed (XMLScanner *scanner, String bytes);
 // The same, but no further than to the byte that ends a stanza. Returns what was not taken, a view

@@ -9,6 +9,7 @@
 #include "login_page.h"
 #include "morvane.h"
 #include "network.h"
+#include "receive.h"
 #include "registration_page.h"
 #include "sasl.h"
 #include "xml_scanner.h"
@@ -87,17 +88,6 @@ dealloc_xmpp_account (XMPPAccount account)
 
 // ---- Exchanges ----
 
-// How long an answer that has begun may pause before what is there is judged, in milliseconds.
-static const int ANSWER_PAUSE_MAX = 3000;
-
-// A server may send an answer in several pieces; this tells when what was received since `scanner`
-// was zeroed holds a whole one. The header of a stream alone is none: its features follow.
-static bool
-is_answer_complete (const XMLScanner *scanner)
-{
-  return scanner->stanzas_count && xml_scanner_is_complete (scanner);
-}
-
 // The worker's last act: it leaves the connection to the interface, then says how things ended.
 static void *
 end_worker (AppWindow *window, GSourceFunc outcome_handler, const char *outcome)
@@ -128,35 +118,7 @@ leave_if_interrupted ()
 static String
 recv_clear_answer (SocketDescriptor socket, Buffer buffer)
 {
-  XMLScanner scanner = {};
-  String answer = {buffer.data, 0};
-  do {
-    String data = os_recv (socket, buffer_advance (buffer, answer.size));
-    if (!data.size)
-      break;
-    answer.size += data.size;
-    xml_scanner_feed (&scanner, data);
-  } while (!is_answer_complete (&scanner) && answer.size < buffer.size / 2 &&
-           os_wait_readable (socket, ANSWER_PAUSE_MAX));
-  leave_if_interrupted ();
-  return answer;
-}
-
-static String
-recv_tls_answer (gnutls_session_t tls_session, Buffer buffer)
-{
-  SocketDescriptor socket = gnutls_transport_get_int (tls_session);
-  XMLScanner scanner = {};
-  String answer = {buffer.data, 0};
-  do {
-    String data = recv_tls_data (tls_session, buffer_advance (buffer, answer.size));
-    if (!data.size)
-      break;
-    answer.size += data.size;
-    xml_scanner_feed (&scanner, data);
-  } while (
-    !is_answer_complete (&scanner) && answer.size < buffer.size / 2 &&
-    (gnutls_record_check_pending (tls_session) || os_wait_readable (socket, ANSWER_PAUSE_MAX)));
+  String answer = receive_clear_answer (socket, buffer);
   leave_if_interrupted ();
   return answer;
 }
@@ -175,7 +137,8 @@ exchange_tls_data (gnutls_session_t tls_session, Buffer buffer, String request)
 {
   CONSOLE_DUMP (request);
   send_all_tls_data (tls_session, request);
-  String response = recv_tls_answer (tls_session, buffer);
+  String response = receive_tls_answer (tls_session, buffer);
+  leave_if_interrupted ();
   CONSOLE_DUMP (response);
   assert (response.size);
   return response;
@@ -362,8 +325,65 @@ read_bind_result (XMLElement *xml_element, [[maybe_unused]] u64 id)
   return xml_element->text;
 }
 
+// Whether `text` begins with an opening tag of this name.
+static bool
+begins_with_tag (String text, const char *name)
+{
+  String name_end = string_advance (text, 1 + to_string (name).size);
+  String begin = {text.data, text.size - name_end.size};
+  return name_end.size && begin.data[0] == '<' && string_advance (begin, 1) == name &&
+         !is_xml_name_char (name_end.data[0]);
+}
+
+static bool
+begins_with_stanza (String text)
+{
+  return begins_with_tag (text, "message") || begins_with_tag (text, "presence") ||
+         begins_with_tag (text, "iq");
+}
+
+// Whether what came behind the bind answer may wait for the session: messages and presences, which
+// the server passes on from the moment that the resource is bound (RFC 6120, 7.1), white space, and
+// the beginning of a stanza.
+static bool
+can_wait_for_session (String rest)
+{
+  XMLScanner scanner = {};
+  for (;;) {
+    while (rest.size && is_xml_space (rest.data[0])) {
+      rest = string_advance (rest, 1);
+    }
+    u64 count = scanner.stanzas_count;
+    String next = xml_scanner_feed_stanza (&scanner, rest);
+    if (scanner.stanzas_count == count)
+      return !rest.size || rest.data[0] == '<';
+    if (!begins_with_tag (rest, "message") && !begins_with_tag (rest, "presence"))
+      return false;
+    rest = next;
+  }
+}
+
+// Sends the request and receives the answer over it, and what came behind that.
+static String
+exchange_bind_data (gnutls_session_t tls_session, Buffer buffer, String request, String *rest_out)
+{
+  CONSOLE_DUMP (request);
+  send_all_tls_data (tls_session, request);
+  String response = receive_tls_stanza (tls_session, buffer, rest_out);
+  leave_if_interrupted ();
+  // Shown and judged as a part of the answer.
+  if (!can_wait_for_session (*rest_out)) {
+    response.size += rest_out->size;
+    *rest_out = {};
+  }
+  CONSOLE_DUMP (response);
+  assert (response.size);
+  return response;
+}
+
 String
-xmpp_iq_set_bind_resource (gnutls_session_t tls_session, Buffer buffer, u64 id, String resource)
+xmpp_iq_set_bind_resource (gnutls_session_t tls_session, Buffer buffer, u64 id, String resource,
+                           String *rest_out)
 {
   Buffer request_p = buffer_append_format (buffer, "<iq type='set' id='%lu'>", id);
   if (resource.size) {
@@ -377,8 +397,9 @@ xmpp_iq_set_bind_resource (gnutls_session_t tls_session, Buffer buffer, u64 id, 
   assert (request_p.size);
 
   String request = {buffer.data, buffer.size - request_p.size};
-  String response = exchange_tls_data (tls_session, buffer, request);
-  XMLElement *xml_element = parse_answer (buffer, response);
+  String response = exchange_bind_data (tls_session, buffer, request, rest_out);
+  Buffer memory = buffer_advance (buffer, response.size + rest_out->size);
+  XMLElement *xml_element = parse_xml_tree (memory, response, NULL, NULL);
   assert (xml_element);
   print_xml_tree (xml_element, 0);
   return read_bind_result (xml_element, id);
@@ -445,31 +466,6 @@ xmpp_iq_set_register (gnutls_session_t tls_session, Buffer buffer, u64 id, Strin
 
 // ---- Workers ----
 
-// What the receive loops hand to one parse.
-struct ReceivedData {
-  String data;
-  bool is_open;  // the stream ended, or the room did, inside of a stanza
-  u64 boundary;  // the bytes of whole stanzas at the front
-};
-
-// Receives until no stanza is left open: servers cut long ones into records blindly, and coalesce
-// short ones. Empty at the end of the stream.
-static ReceivedData
-recv_stanzas (gnutls_session_t tls_session, Buffer buffer)
-{
-  XMLScanner scanner = {};
-  String data = {buffer.data, 0};
-  do {
-    String record = recv_tls_data (tls_session, buffer_advance (buffer, data.size));
-    if (!record.size)
-      break;
-    data.size += record.size;
-    xml_scanner_feed (&scanner, record);
-    // The other half is for the tree.
-  } while (!xml_scanner_is_complete (&scanner) && data.size < buffer.size / 2);
-  return {data, !xml_scanner_is_complete (&scanner), scanner.boundary};
-}
-
 // Takes the address that the server bound; it may have chosen another resource.
 static void
 adopt_full_jid (AppWindow *window, String full_jid)
@@ -516,32 +512,32 @@ dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
 }
 
 static void
-handle_received_data (AppWindow *window, Buffer buffer, ReceivedData received)
+handle_received (AppWindow *window, Received received)
 {
-  Buffer memory = buffer_advance (buffer, received.data.size);
-  XMLElement *tree = parse_xml_tree (memory, received.data, NULL, NULL);
-  bool is_last_open = received.is_open;
-  if (!tree && received.is_open && received.boundary) {
-    // Cut inside of a tag, which makes nothing of the whole; the stanzas before it are whole.
-    String whole = {received.data.data, received.boundary};
-    tree = parse_xml_tree (memory, whole, NULL, NULL);
-    is_last_open = false;
+  // What was passed over counts for the server, as does what is refused.
+  for (u32 i = 0; i < received.skipped_count; i++) {
+    stream_management_leave_stanza (&window->stream_management);
   }
-  if (!tree) {
-    console_log ("Warning: Received non-XML data.\n");
-    return;
+  XMLElement *tree;
+  while (received_next_tree (&received, &tree)) {
+    if (tree) {
+      print_xml_tree (tree, 0);
+      dispatch_stanzas (window, tree, received.is_last_open);
+    } else if (!received.is_open && begins_with_stanza (received.text)) {
+      stream_management_leave_stanza (&window->stream_management);
+    }
   }
-  print_xml_tree (tree, 0);
-  dispatch_stanzas (window, tree, is_last_open);
 }
 
+// Receives until the stream ends. `kept` came ahead of the session.
 static void
-run_session (AppWindow *window)
+run_session (AppWindow *window, String kept)
 {
   gnutls_session_t tls_session = window->connection.tls_session;
-  Buffer buffer = window->input_stream_buffer;
+  Receiver receiver;
+  receiver_begin (&receiver, tls_session, window->input_stream_buffer, kept);
   for (;;) {
-    ReceivedData received = recv_stanzas (tls_session, buffer);
+    Received received = receive_stanzas (&receiver);
     String data = received.data;
     if (data.size)
       stream_management_note_heard (&window->stream_management);
@@ -551,11 +547,11 @@ run_session (AppWindow *window)
     CONSOLE_DUMP (data);
     if (!data.size)
       break;
-    handle_received_data (window, buffer, received);
+    handle_received (window, received);
   }
   // A window that closes has said its farewell already.
   if (!app_window_is_worker_interrupted (window))
-    xmpp_send_end_stream (tls_session, buffer);
+    xmpp_send_end_stream (tls_session, window->input_stream_buffer);
   console_put ("Disconnected.\n");
 }
 
@@ -576,13 +572,18 @@ start_xmpp_connection_thread (void *argument)
     return end_worker (window, login_page_handle_login_failure, "Unable to authorize");
   }
   bool is_offered = xmpp_begin_stream (tls_session, buffer, window->account.hostname);
-  adopt_full_jid (window, xmpp_iq_set_bind_resource (tls_session, buffer, generate_xmpp_id (window),
-                                                     window->account.resource));
+  String rest;
+  String full_jid = xmpp_iq_set_bind_resource (tls_session, buffer, generate_xmpp_id (window),
+                                               window->account.resource, &rest);
+  adopt_full_jid (window, full_jid);
+  // The requests that follow are written over it.
+  String kept = alloc_string (rest);
   stream_management_begin (&window->stream_management, window, tls_session, is_offered);
   xmpp_iq_get_roster (window);
   xmpp_send_presence (tls_session, buffer, window->account.full_jid);
   hand_over (login_page_handle_login_success, g_object_ref (window));
-  run_session (window);
+  run_session (window, kept);
+  dealloc_string (kept);
   return end_worker (window, NULL, NULL);
 }
 
@@ -651,11 +652,12 @@ static const char SOCKET_CLOSED_TEXT[] =
 static void *
 await_register_answer (AppWindow *window, u64 set_register_iq_id)
 {
-  gnutls_session_t tls_session = window->connection.tls_session;
   Buffer buffer = window->input_stream_buffer;
   const char *stream_error_text = NULL;
+  Receiver receiver;
+  receiver_begin (&receiver, window->connection.tls_session, buffer, {});
   for (;;) {
-    ReceivedData received = recv_stanzas (tls_session, buffer);
+    Received received = receive_stanzas (&receiver);
     leave_if_interrupted ();
     String data = received.data;
     CONSOLE_DUMP (data);
@@ -663,8 +665,7 @@ await_register_answer (AppWindow *window, u64 set_register_iq_id)
       return end_worker (window, registration_page_handle_failure, SOCKET_CLOSED_TEXT);
     }
     XMLElement *unopened_elements = NULL;
-    XMLElement *xml =
-      parse_xml_tree (buffer_advance (buffer, data.size), data, NULL, &unopened_elements);
+    XMLElement *xml = parse_xml_tree (received.memory, data, NULL, &unopened_elements);
     print_xml_tree (xml, 0);
     if (unopened_elements) {
       assert (unopened_elements->name == "stream:stream");

@@ -80,9 +80,11 @@ bool xmpp_begin_stream (gnutls_session_t tls_session, Buffer buffer, String host
 XMPPError xmpp_send_auth_request (gnutls_session_t tls_session, Buffer buffer, String user,
                                   String password);
 // The full JID that the server bound: a view into `buffer`, good until the next exchange. Any answer
-// but one bind result stops the program. An empty `resource` lets the server choose.
+// but one bind result stops the program. An empty `resource` lets the server choose. `rest_out`
+// receives a view of what came behind the answer and belongs to the session: messages and presences,
+// the last of them perhaps not whole. Anything else there stops the program.
 String xmpp_iq_set_bind_resource (gnutls_session_t tls_session, Buffer buffer, u64 id,
-                                  String resource);
+                                  String resource, String *rest_out);
 void xmpp_send_presence (gnutls_session_t tls_session, Buffer buffer, String full_jid);
 void xmpp_send_end_stream (gnutls_session_t tls_session, Buffer buffer);
 

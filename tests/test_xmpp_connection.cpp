@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -705,7 +706,11 @@ send_auth (TLSPeer *peer, Buffer buffer)
 static std::string
 bind_resource (TLSPeer *peer, Buffer buffer)
 {
-  return text_of (xmpp_iq_set_bind_resource (peer->session, buffer, 3, to_string ("morvane")));
+  String rest;
+  String full_jid =
+    xmpp_iq_set_bind_resource (peer->session, buffer, 3, to_string ("morvane"), &rest);
+  EXPECT_EQ (rest.size, 0u);
+  return text_of (full_jid);
 }
 
 static std::string
@@ -847,7 +852,8 @@ TEST (xmpp_iq_set_bind_resource, lets_the_server_choose)
   std::string empty_request =
     "<iq type='set' id='3'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'/></iq>";
   TLSPeer peer ({{empty_request, {bind_answer ("<jid>alice@alpha.test/xyz</jid>")}}});
-  EXPECT_EQ (text_of (xmpp_iq_set_bind_resource (peer.session, peer.buffer (), 3, {})),
+  String rest;
+  EXPECT_EQ (text_of (xmpp_iq_set_bind_resource (peer.session, peer.buffer (), 3, {}, &rest)),
              "alice@alpha.test/xyz");
 }
 
@@ -1636,6 +1642,207 @@ TEST (session, loses_only_the_stanza_that_the_end_of_the_stream_cut)
     EXPECT_EQ (run_pieces ({first + second.substr (0, size)}, &console), "message b@c '1'\n")
       << size;
     EXPECT_TRUE (contains (console, second.substr (0, size))) << size;
+  }
+}
+
+// Records of 16,384 bytes, so that the end of one falls where a stranger wants it. The stranger's own
+// name stands in none of the messages that would be forged.
+TEST (session, lets_no_stranger_speak_as_another)
+{
+  const std::string forged = "<message from='anna@alpha.test/a'><body>I agree</body></message>";
+  for (std::string name : {"_x", "\u00e9", ":x", "x_", "x.y"}) {
+    std::string head = "<message from='eve@c'><" + name + ">t</" + name + ">";
+    head += std::string (16384 - head.size (), ' ');
+    EXPECT_EQ (run_pieces ({head, forged + "</message>", forged + "</message>"}),
+               "message anna@alpha.test/a 'I agree'\n")
+      << name;
+  }
+}
+
+// The tail of a stanza that outgrows half of the buffer is no stanza of its own.
+TEST (session, skips_a_stanza_that_outgrows_half_of_the_buffer_to_its_end)
+{
+  const std::string forged = "<message from='anna@alpha.test/a'><body>I agree</body></message>";
+  const std::string last = "<message from='b@c'><body>2</body></message>";
+  for (size_t lead : {0, 1, 300, 5000}) {
+    std::string stanza =
+      "<message from='eve@c'><body>" + std::string (40000 + lead, 'x') + "</body>";
+    stanza.resize ((stanza.size () / 8192 + 1) * 8192, ' ');
+    stanza += forged + "<p/>" + forged + std::string (20000, ' ') + "</message>";
+    Pieces pieces = cut_every (stanza + last + last, 8192);
+    Ran ran = run_worker (start_xmpp_connection_thread, script_session (pieces), {}, 64 * 1024);
+    EXPECT_EQ (ran.posted,
+               std::string (SESSION_BEGIN) + "message b@c '2'\nmessage b@c '2'\nrelease\n")
+      << lead;
+    EXPECT_EQ (count_of (ran.console, "Warning: Received a stanza that is too long.\n"), 1u);
+  }
+}
+
+TEST (session, ends_when_the_stream_ends_inside_of_a_stanza_that_is_skipped)
+{
+  Pieces pieces = cut_every ("<message from='eve@c'><body>" + std::string (60000, 'x'), 8192);
+  Ran ran = run_worker (start_xmpp_connection_thread, script_session (pieces), {}, 64 * 1024);
+  EXPECT_EQ (ran.posted, std::string (SESSION_BEGIN) + "release\n");
+  EXPECT_TRUE (contains (ran.console, "Disconnected.\n"));
+}
+
+// Records that end inside of a stanza, one after the other, for longer than the buffer is.
+TEST (session, loses_nothing_when_half_of_the_buffer_is_full)
+{
+  std::string stanzas;
+  std::string expected = SESSION_BEGIN;
+  for (int i = 0; stanzas.size () < 150000; ++i) {
+    stanzas += "<message from='b@c'><body>" + std::to_string (i) + "</body></message>";
+    expected += "message b@c '" + std::to_string (i) + "'\n";
+  }
+  Ran ran = run_worker (start_xmpp_connection_thread, script_session (cut_every (stanzas, 8191)),
+                        {}, 1024 * 1024);
+  EXPECT_EQ (ran.posted, expected + "release\n");
+  // Little room for trees, and so a tree for few stanzas.
+  ran = run_worker (start_xmpp_connection_thread, script_session (cut_every (stanzas, 1000)), {},
+                    32 * 1024);
+  EXPECT_EQ (ran.posted, expected + "release\n");
+}
+
+static std::string
+make_procedures (int count, std::string *expected)
+{
+  std::string stanzas;
+  for (int i = 1; i <= count; ++i) {
+    std::string pair = "b@c:" + std::to_string (i);
+    stanzas += "<message from='b@c'><body><x-procedure procedure='" + pair +
+               "'>Title</x-procedure></body></message>";
+    *expected += "procedure " + pair + " Title\n";
+  }
+  return stanzas;
+}
+
+TEST (session, takes_the_neighbours_of_a_refused_stanza)
+{
+  for (std::string refused : {"<a_b/>", "<message from='eve@c'><_x>t</_x></message>", "<a\n/>",
+                              "\n", "<presence from='eve@c'><a x='1'y.z='2'/></presence>"}) {
+    std::string expected;
+    std::string procedures = make_procedures (20, &expected);
+    for (size_t place : {(size_t) 0, procedures.size () / 20, procedures.size ()}) {
+      std::string console;
+      std::string data = procedures;
+      EXPECT_EQ (run_pieces ({data.insert (place, refused)}, &console), expected) << refused;
+      bool is_stanza = refused != "\n";
+      EXPECT_EQ (count_of (console, "Warning: Received non-XML data.\n"), (size_t) is_stanza)
+        << refused;
+    }
+  }
+}
+
+TEST (session, warns_of_each_refused_stanza)
+{
+  std::string console;
+  EXPECT_EQ (run_pieces ({"<a_b/><iq type='error' id='7'/><c_d></c_d><e_f/>"}, &console),
+             "iq error 7\n");
+  EXPECT_EQ (count_of (console, "Warning: Received non-XML data.\n"), 3u);
+  EXPECT_EQ (count_of (console, "data: \"<a_b/>"), 1u);
+}
+
+TEST (session, says_once_what_is_wrong_with_the_only_stanza)
+{
+  std::string console;
+  EXPECT_EQ (run_pieces ({" <a_b/> "}, &console), "");
+  size_t begin = console.find ("data: \" <a_b/> \" (String)\n");
+  ASSERT_NE (begin, std::string::npos);
+  EXPECT_TRUE (console.substr (begin).starts_with ("data: \" <a_b/> \" (String)\n"
+                                                   "->>>>>XML_TOKEN_UNKNOWN\n"
+                                                   "Warning: Unknown XML token '_'.\n"
+                                                   "Warning: Received non-XML data.\n"
+                                                   "data: \"\" (String)\n"))
+    << console.substr (begin);
+}
+
+// Stanzas that are taken and stanzas that are refused, in any order and cut in any way: what comes out
+// is what each gives by itself.
+TEST (session, gives_what_each_stanza_gives_by_itself)
+{
+  std::mt19937 random (3);
+  const std::string refused[] = {"<a_b/>", "<message from='eve@c'><_x><message/></_x></message>",
+                                 "<message from='e@c'\n><body/></message>", "<é></é>"};
+  for (int round = 0; round < 12; ++round) {
+    std::string stanzas;
+    std::string expected;
+    size_t refused_count = 0;
+    for (int i = 0; i < 60; ++i) {
+      if (random () % 4 == 0) {
+        stanzas += refused[random () % 4];
+        ++refused_count;
+      } else {
+        stanzas += "<message from='b@c'><body>" + std::to_string (i) + "</body></message>";
+        expected += "message b@c '" + std::to_string (i) + "'\n";
+      }
+    }
+    std::string console;
+    EXPECT_EQ (run_pieces (cut_every (stanzas, 1 + random () % 2000), &console), expected);
+    EXPECT_EQ (count_of (console, "Warning: Received non-XML data.\n"), refused_count);
+  }
+}
+
+// ---- What shares a record with the answer to the bind ----
+
+static Ran
+run_bind (const Pieces &answer, const Pieces &pieces = {})
+{
+  LoginOptions options;
+  options.bind_answer = answer;
+  return run_login (script_session (pieces, options));
+}
+
+static std::string
+make_bind_answer ()
+{
+  return "<iq type='result' id='1'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'>"
+         "<jid>alice@alpha.test/morvane</jid></bind></iq>";
+}
+
+TEST (login, keeps_the_stanzas_that_follow_the_bind_answer)
+{
+  const std::string first = "<message from='b@c'><body>1</body></message>";
+  const std::string second = "<presence from='b@c' to='alice@alpha.test'/>";
+  const std::string third = "<message from='b@c'><body>3</body></message>";
+  const std::string expected = "login success\nmessage b@c '1'\navailable b@c\n";
+  for (std::string space : {"", " ", "\n"}) {
+    Ran ran = run_bind ({make_bind_answer () + space + first + space + second}, {third});
+    EXPECT_TRUE (ran.posted.starts_with (expected)) << ran.posted;
+    EXPECT_TRUE (contains (ran.posted, "message b@c '3'\n")) << ran.posted;
+    EXPECT_TRUE (contains (ran.console, dump_of ("response", make_bind_answer ())));
+  }
+}
+
+TEST (login, goes_on_with_a_stanza_that_the_record_of_the_bind_answer_cut)
+{
+  const std::string first = "<message from='b@c'><body>1</body></message>";
+  for (size_t size = 1; size < first.size (); size += 4) {
+    Pieces cut = cut_at (make_bind_answer () + first + first, make_bind_answer ().size () + size);
+    Ran ran = run_bind (cut);
+    EXPECT_EQ (count_of (ran.posted, "message b@c '1'\n"), 2u) << size;
+    EXPECT_TRUE (ran.posted.starts_with ("login success\n")) << ran.posted;
+  }
+}
+
+TEST (login, is_not_stopped_by_a_stanza_that_is_refused)
+{
+  Ran ran = run_bind ({make_bind_answer () + "<message from='eve@c'><_x/></message>"
+                                             "<message from='b@c'><body>1</body></message>"});
+  EXPECT_TRUE (contains (ran.posted, "message b@c '1'\n")) << ran.posted;
+  EXPECT_EQ (count_of (ran.console, "Warning: Received non-XML data.\n"), 1u);
+}
+
+TEST (login, stops_at_anything_else_that_follows_the_bind_answer)
+{
+  const std::string message = "<message from='b@c'><body>1</body></message>";
+  for (std::string rest :
+       {"<iq/>", "<a/>", "text", "<messages/>", "<presence-x/>", "< message/>"}) {
+    for (std::string between : {std::string (), message}) {
+      EXPECT_DEATH (run_bind ({make_bind_answer () + between + rest}),
+                    stop_at ("!xml_element->next"))
+        << rest;
+    }
   }
 }
 
