@@ -250,6 +250,12 @@ app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
 // What the workers need, which no input starts.
 
 void
+app_window_note_acknowledged (AppWindow *)
+{
+  CHECK (!"called");
+}
+
+void
 app_window_worker_leave (AppWindow *)
 {
   CHECK (!"called");
