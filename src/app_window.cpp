@@ -8,6 +8,7 @@
 #include "contact_chat_page.h"
 #include "contact_list_item.h"
 #include "db.h"
+#include "delivery.h"
 #include "login_page.h"
 #include "morvane.h"
 #include "procedure_creation_page.h"
@@ -61,9 +62,11 @@ app_window_end_session (AppWindow *self)
     if (!worker_wait_until_left (self->worker, deadline)) {
       self->worker_stray = true;
       stray_workers_count++;
+      delivery_end (self);
       return;
     }
   }
+  delivery_end (self);
   xmpp_close_connection (self);
 }
 
@@ -357,6 +360,7 @@ app_window_load_account (AppWindow *self)
     pause_long_work ();
   }
   gtk_stack_set_visible_child (self->stack, GTK_WIDGET (self->main_page));
+  delivery_begin (self);
   app_window_end_loading (self);
 }
 
@@ -368,6 +372,7 @@ app_window_get_negotiation (AppWindow *self)
   self->negotiation.own = self->account.bare_jid;
   self->negotiation.own_name = self->account.username;
   self->negotiation.procedures = &self->procedures;
+  self->negotiation.outbox = &self->outbox;
   return &self->negotiation;
 }
 
@@ -448,8 +453,7 @@ app_window_create_new_procedure (AppWindow *self, String title, String contracto
   app_window_add_procedure (self, procedure);
   gtk_list_box_select_row (self->procedures_list_box, procedure->list_item);
   gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (procedure->view));
-  xmpp_send_procedure (self->connection.tls_session, self->output_stream_buffer,
-                       generate_xmpp_id (self), self->account.full_jid, procedure);
+  delivery_send (self);
 }
 
 // ---- The worker ----
@@ -492,6 +496,7 @@ app_window_release_worker (gpointer data)
 {
   AppWindow *self = (AppWindow *) accept_hand_over (data);
   self->worker_active = false;
+  delivery_end_session (self);
   if (self->worker_stray) {
     self->worker_stray = false;
     stray_workers_count--;
@@ -517,8 +522,9 @@ app_window_is_worker_interrupted (AppWindow *self)
 }
 
 void
-app_window_note_acknowledged (AppWindow *)
+app_window_note_acknowledged (AppWindow *self)
 {
+  delivery_update (self);
 }
 
 bool

@@ -14,6 +14,7 @@
 #include <sqlite3.h>
 
 #include "negotiation.h"
+#include "outbox.h"
 #include "stream_management.h"
 #include "worker.h"
 #include "xmpp_connection.h"
@@ -35,6 +36,9 @@ struct _AppWindow {
   Buffer input_stream_buffer;
   Buffer output_stream_buffer;
   StreamManagement stream_management;
+  Outbox outbox;              // of the account; zeroed before
+  bool is_delivering;         // what waits in the outbox is sent
+  guint outbox_table_source;  // a timer that lets the empty table go; 0 for none
   u64 last_xmpp_id;
   u64 get_vcard_id;      // pending request for another account's vCard; 0 for none
   u64 get_own_vcard_id;  // pending request for the own vCard; 0 for none

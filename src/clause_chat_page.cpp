@@ -2,6 +2,7 @@
 
 #include "app_window.h"
 #include "chat_text.h"
+#include "delivery.h"
 #include "morvane.h"
 #include "procedure_view.h"
 
@@ -27,7 +28,7 @@ clause_chat_page_send (ClauseChatPage *self, String text)
   ClauseMessage *message =
     negotiation_say (app_window_get_negotiation (window), self->clause, text);
   clause_chat_page_add_message (self, message);
-  xmpp_send_clause_message (window, self->procedure, self->clause, message);
+  delivery_send (window);
 }
 
 static void

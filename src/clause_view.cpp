@@ -6,6 +6,7 @@
 #include "clause_chat_page.h"
 #include "clause_comparison.h"
 #include "clause_revision_list_item.h"
+#include "delivery.h"
 #include "morvane.h"
 #include "procedure_view.h"
 
@@ -529,26 +530,6 @@ clause_view_disagree_button_handle (GtkButton *, ClauseView *self)
   clause_view_set_decision_buttons_sensitive (self, TRUE, FALSE);
 }
 
-// Sends what was committed. A clause reaches the other party with its first revision only.
-static void
-clause_view_send_revision (ClauseView *self, ClauseRevision *revision)
-{
-  AppWindow *window = clause_view_get_window (self);
-  gnutls_session_t tls_session = window->connection.tls_session;
-  Buffer buffer = window->output_stream_buffer;
-  String from = window->account.full_jid;
-  if (self->clause->revisions_count == 1) {
-    clause_view_enable_chat (self);
-    // The other party knows its own clauses.
-    if (self->clause->initiator == window->account.bare_jid) {
-      xmpp_send_clause (tls_session, buffer, generate_xmpp_id (window), from, self->procedure,
-                        self->clause);
-    }
-  }
-  xmpp_send_clause_revision (tls_session, buffer, generate_xmpp_id (window), from, self->procedure,
-                             self->clause, revision);
-}
-
 static void
 clause_view_commit_button_handle (GtkButton *, ClauseView *self)
 {
@@ -565,7 +546,9 @@ clause_view_commit_button_handle (GtkButton *, ClauseView *self)
 
   clause_view_add_revision (self, revision);
   clause_view_show_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
-  clause_view_send_revision (self, revision);
+  if (self->clause->revisions_count == 1)
+    clause_view_enable_chat (self);
+  delivery_send (clause_view_get_window (self));
 }
 
 // Deletes an own clause that nobody else knows, and this view with it.
@@ -1070,10 +1053,8 @@ void
 clause_view_make_new_decision (ClauseView *self, String author, DecisionStatus status)
 {
   assert (self->revision);
-  ClauseRevisionDecision *decision =
-    negotiation_decide (clause_view_get_negotiation (self), self->revision, author, status);
-  xmpp_send_clause_revision_decision (clause_view_get_window (self), self->procedure, self->clause,
-                                      self->revision, decision);
+  negotiation_decide (clause_view_get_negotiation (self), self->revision, author, status);
+  delivery_send (clause_view_get_window (self));
 }
 
 // ---- Comparison ----

@@ -5,6 +5,14 @@
 
 // ---- What the user does ----
 
+// In the transaction that stores the object.
+static void
+negotiation_owe (Negotiation *negotiation, OutboxKind kind, u64 object_db_id)
+{
+  if (negotiation->outbox)
+    outbox_add (negotiation->outbox, kind, object_db_id);
+}
+
 Procedure *
 negotiation_begin (Negotiation *negotiation, String title, String contractor)
 {
@@ -14,6 +22,7 @@ negotiation_begin (Negotiation *negotiation, String title, String contractor)
     alloc_procedure (0, negotiation->account_db_id, time, title, own, contractor);
   db_begin (negotiation->db);
   db_insert_procedure (negotiation->db, procedure);
+  negotiation_owe (negotiation, OUTBOX_PROCEDURE, procedure->db_id);
   db_commit (negotiation->db);
   procedures_stack_add_procedure (negotiation->procedures, procedure);
   return procedure;
@@ -26,6 +35,10 @@ negotiation_delete (Negotiation *negotiation, Procedure *procedure)
   if (index >= 0)
     procedures_stack_remove_procedure (negotiation->procedures, (u32) index);
   db_begin (negotiation->db);
+  if (negotiation->outbox) {
+    outbox_remove_procedure (negotiation->outbox, procedure);
+    outbox_forget_removed (negotiation->outbox);
+  }
   db_delete_procedure (negotiation->db, procedure);
   db_commit (negotiation->db);
   dealloc_procedure (procedure);
@@ -109,6 +122,10 @@ negotiation_commit (Negotiation *negotiation, Clause *clause, String text)
     alloc_clause_revision (0, clause->db_id, time, own, REVISION_COMMITTED, text);
   clause_add_revision (clause, revision);
   db_insert_clause_revision (negotiation->db, revision);
+  // The other party knows its own clauses, and this one's after the first revision.
+  if (clause->revisions_count == 1 && clause->initiator == own)
+    negotiation_owe (negotiation, OUTBOX_CLAUSE, clause->db_id);
+  negotiation_owe (negotiation, OUTBOX_REVISION, revision->db_id);
   db_commit (negotiation->db);
   return revision;
 }
@@ -129,6 +146,8 @@ negotiation_set_decision (Negotiation *negotiation, ClauseRevision *revision, St
     db_insert_clause_revision_decision (negotiation->db, decision);
     clause_revision_add_decision (revision, decision);
   }
+  if (author == negotiation->own)
+    negotiation_owe (negotiation, OUTBOX_DECISION, decision->db_id);
   return decision;
 }
 
@@ -151,6 +170,7 @@ negotiation_say (Negotiation *negotiation, Clause *clause, String text)
     alloc_clause_message (0, clause->db_id, get_posix_time (), negotiation->own_name, text);
   db_begin (negotiation->db);
   db_insert_clause_message (negotiation->db, message);
+  negotiation_owe (negotiation, OUTBOX_MESSAGE, message->db_id);
   db_commit (negotiation->db);
   clause_add_message (clause, message);
   return message;

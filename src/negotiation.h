@@ -8,6 +8,7 @@
 #pragma once
 
 #include "db.h"
+#include "outbox.h"
 #include "xmpp.h"
 
 // One account's negotiations.
@@ -17,6 +18,7 @@ struct Negotiation {
   String own;                   // view; the account's bare JID
   String own_name;              // view; its user name, which signs the lines of a clause's chat
   ProceduresStack *procedures;  // borrowed; all of the account
+  Outbox *outbox;               // borrowed; what the other party still has to get
 };
 
 // ---- What the user does ----

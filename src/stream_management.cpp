@@ -386,3 +386,41 @@ stream_management_get_confirmed_count (StreamManagement *counts)
   pthread_mutex_unlock (&counts_mutex);
   return count;
 }
+
+// ---- Looking ----
+
+u64
+stream_management_get_sent_count (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  u64 count = counts->sent_count;
+  pthread_mutex_unlock (&counts_mutex);
+  return count;
+}
+
+u64
+stream_management_get_taken_count (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  u64 count = counts->taken_count;
+  pthread_mutex_unlock (&counts_mutex);
+  return count;
+}
+
+bool
+stream_management_is_enabled (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  bool is_enabled = counts->is_enabled;
+  pthread_mutex_unlock (&counts_mutex);
+  return is_enabled;
+}
+
+bool
+stream_management_is_broken (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  bool is_broken = counts->is_broken;
+  pthread_mutex_unlock (&counts_mutex);
+  return is_broken;
+}

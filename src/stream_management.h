@@ -77,3 +77,13 @@ void stream_management_tell (StreamManagement *counts);
 // What is known to have reached the server: acknowledged, or without stream management what the
 // socket had taken when the server was last heard of.
 u64 stream_management_get_confirmed_count (StreamManagement *counts);
+
+// ---- Looking ----
+
+// What was sent, and what of that the socket has taken whole.
+u64 stream_management_get_sent_count (StreamManagement *counts);
+u64 stream_management_get_taken_count (StreamManagement *counts);
+// Whether the server acknowledges, as far as is known: asked for, and not refused.
+bool stream_management_is_enabled (StreamManagement *counts);
+// Whether a stanza could not be sent whole.
+bool stream_management_is_broken (StreamManagement *counts);

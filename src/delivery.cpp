@@ -1,0 +1,225 @@
+// Delivery: from the outbox to the session, and back when the session dies.
+#include "delivery.h"
+
+#include "app_window.h"
+#include "morvane.h"
+
+// How long the outbox's table has to be empty before it goes, in milliseconds.
+static const u32 EMPTY_TABLE_TIME = 1000;
+
+// ---- Table ----
+
+static gboolean
+delivery_table_is_unused (gpointer data)
+{
+  AppWindow *window = (AppWindow *) data;
+  window->outbox_table_source = 0;
+  outbox_drop_empty_table (window->db);
+  return G_SOURCE_REMOVE;
+}
+
+static bool
+has_rows (Outbox *outbox)
+{
+  for (u32 i = 0; i < outbox->count; ++i) {
+    if (outbox->entries[i].db_id)
+      return true;
+  }
+  return false;
+}
+
+// Lets the table go a second after its last row.
+static void
+watch_table (AppWindow *window)
+{
+  if (window->outbox_table_source)
+    g_source_remove (window->outbox_table_source);
+  window->outbox_table_source = 0;
+  if (!has_rows (&window->outbox)) {
+    window->outbox_table_source =
+      g_timeout_add (EMPTY_TABLE_TIME, delivery_table_is_unused, window);
+  }
+}
+
+// ---- Finding objects ----
+
+// An object with all that it stands in; fields that its kind has no use for stay NULL.
+struct Parcel {
+  Procedure *procedure;
+  Clause *clause;
+  ClauseRevision *revision;
+  ClauseMessage *message;
+  ClauseRevisionDecision *decision;
+};
+
+static bool
+find_in_clause (Clause *clause, OutboxEntry *entry, Parcel *parcel)
+{
+  u64 db_id = entry->object_db_id;
+  parcel->clause = clause;
+  if (entry->kind == OUTBOX_CLAUSE)
+    return clause->db_id == db_id;
+  for (u32 i = 0; entry->kind == OUTBOX_MESSAGE && i < clause->messages_count; ++i) {
+    parcel->message = clause->messages[i];
+    if (parcel->message->db_id == db_id)
+      return true;
+  }
+  for (u32 i = 0; i < clause->revisions_count; ++i) {
+    ClauseRevision *revision = clause->revisions[i];
+    parcel->revision = revision;
+    if (entry->kind == OUTBOX_REVISION && revision->db_id == db_id)
+      return true;
+    for (u32 j = 0; entry->kind == OUTBOX_DECISION && j < revision->decisions_count; ++j) {
+      parcel->decision = revision->decisions[j];
+      if (parcel->decision->db_id == db_id)
+        return true;
+    }
+  }
+  return false;
+}
+
+static bool
+find_parcel (ProceduresStack *procedures, OutboxEntry *entry, Parcel *parcel)
+{
+  for (u32 i = 0; i < procedures->count; ++i) {
+    Procedure *procedure = procedures->procedures[i];
+    *parcel = {};
+    parcel->procedure = procedure;
+    if (entry->kind == OUTBOX_PROCEDURE && procedure->db_id == entry->object_db_id)
+      return true;
+    for (u32 j = 0; entry->kind != OUTBOX_PROCEDURE && j < procedure->clauses_count; ++j) {
+      *parcel = {};
+      parcel->procedure = procedure;
+      if (find_in_clause (procedure->clauses[j], entry, parcel))
+        return true;
+    }
+  }
+  return false;
+}
+
+// A row that another program has given to somebody else's object names nothing of ours.
+static bool
+is_own_parcel (OutboxKind kind, const Parcel *parcel, String own, String own_name)
+{
+  switch (kind) {
+  case OUTBOX_PROCEDURE:
+    return parcel->procedure->initiator == own;
+  case OUTBOX_CLAUSE:
+    return parcel->clause->initiator == own;
+  case OUTBOX_REVISION:
+    return parcel->revision->author == own;
+  case OUTBOX_MESSAGE:
+    return parcel->message->author == own_name;
+  default:
+    return parcel->decision->author == own;
+  }
+}
+
+// ---- Sending ----
+
+// Returns the id of the request.
+static u64
+send_parcel (AppWindow *window, OutboxKind kind, const Parcel *parcel)
+{
+  gnutls_session_t tls_session = window->connection.tls_session;
+  Buffer buffer = window->output_stream_buffer;
+  String from = window->account.full_jid;
+  if (kind == OUTBOX_MESSAGE) {
+    return xmpp_send_clause_message (window, parcel->procedure, parcel->clause, parcel->message);
+  }
+  if (kind == OUTBOX_DECISION) {
+    return xmpp_send_clause_revision_decision (window, parcel->procedure, parcel->clause,
+                                               parcel->revision, parcel->decision);
+  }
+  u64 id = generate_xmpp_id (window);
+  if (kind == OUTBOX_PROCEDURE) {
+    xmpp_send_procedure (tls_session, buffer, id, from, parcel->procedure);
+  } else if (kind == OUTBOX_CLAUSE) {
+    xmpp_send_clause (tls_session, buffer, id, from, parcel->procedure, parcel->clause);
+  } else {
+    xmpp_send_clause_revision (tls_session, buffer, id, from, parcel->procedure, parcel->clause,
+                               parcel->revision);
+  }
+  return id;
+}
+
+void
+delivery_send (AppWindow *window)
+{
+  Outbox *outbox = &window->outbox;
+  StreamManagement *counts = &window->stream_management;
+  while (window->is_delivering) {
+    OutboxEntry *entry = outbox_get_next (outbox);
+    if (!entry)
+      break;
+    Parcel parcel = {};
+    bool is_found = find_parcel (&window->procedures, entry, &parcel);
+    String own = window->account.bare_jid;
+    if (!is_found || !is_own_parcel (entry->kind, &parcel, own, window->account.username)) {
+      console_put ("Warning: The outbox names an object that isn't there.\n");
+      outbox_drop (outbox, entry);
+      continue;
+    }
+    u64 id = send_parcel (window, entry->kind, &parcel);
+    if (stream_management_is_broken (counts))
+      break;
+    outbox_note_sent (outbox, entry, stream_management_get_sent_count (counts), id);
+  }
+  delivery_update (window);
+}
+
+void
+delivery_update (AppWindow *window)
+{
+  Outbox *outbox = &window->outbox;
+  StreamManagement *counts = &window->stream_management;
+  if (!outbox->db)
+    return;
+  outbox_note_confirmed (outbox, stream_management_get_confirmed_count (counts));
+  if (!stream_management_is_enabled (counts))
+    outbox_note_taken (outbox, stream_management_get_taken_count (counts));
+  watch_table (window);
+}
+
+bool
+delivery_note_refused (AppWindow *window, u64 request_id)
+{
+  bool is_ours = window->outbox.db && outbox_note_refused (&window->outbox, request_id);
+  if (is_ours)
+    watch_table (window);
+  return is_ours;
+}
+
+// ---- Sessions ----
+
+void
+delivery_begin (AppWindow *window)
+{
+  window->outbox = outbox_load (window->db, window->account_db_id);
+  window->is_delivering = true;
+  delivery_send (window);
+}
+
+void
+delivery_end_session (AppWindow *window)
+{
+  if (!window->is_delivering)
+    return;
+  delivery_update (window);
+  window->is_delivering = false;
+  outbox_end_session (&window->outbox);
+  watch_table (window);
+}
+
+void
+delivery_end (AppWindow *window)
+{
+  if (!window->outbox.db)
+    return;
+  delivery_end_session (window);
+  if (window->outbox_table_source)
+    g_source_remove (window->outbox_table_source);
+  window->outbox_table_source = 0;
+  dealloc_outbox (&window->outbox);
+  outbox_drop_empty_table (window->db);
+}

@@ -1,0 +1,25 @@
+// What leaves: sends the outbox of a window's account in its order, and follows each object until the
+// server is known to have it. A commit stores the object with its entry and then calls
+// `delivery_send`; a login does the same for what earlier sessions left.
+//
+// Ownership: the outbox is a field of the window, from the loading of an account to its unloading.
+// Threads: the interface thread only.
+#pragma once
+
+#include "buffers.h"
+
+typedef struct _AppWindow AppWindow;
+
+// The account was loaded: loads its outbox and sends it.
+void delivery_begin (AppWindow *window);
+// Sends what waits, as far as the session takes it. Does nothing without a session.
+void delivery_send (AppWindow *window);
+// What the session has learnt about what was sent: entries go on, rows go.
+void delivery_update (AppWindow *window);
+// The message with this id came back with an error. Whether it carried one of these objects.
+bool delivery_note_refused (AppWindow *window, u64 request_id);
+// The session is over: what is in doubt is in the outbox again. Called after the worker's last use of
+// the session, and before the session is released; more than once does no harm.
+void delivery_end_session (AppWindow *window);
+// The account is unloaded.
+void delivery_end (AppWindow *window);

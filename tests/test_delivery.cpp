@@ -1,0 +1,307 @@
+// Delivery: a real main window commits in front of a scripted server that takes, withholds, breaks
+// off and comes back. What is owed is read from the store's rows, what was sent from the wire.
+#include <string>
+#include <vector>
+
+#include "clause_chat_page.h"
+#include "clause_view.h"
+#include "procedure_view.h"
+#include "session_test.h"
+
+static const char OWED[] = "SELECT kind FROM outbox ORDER BY sequence";
+static const char BOB[] = "bob@beta.test";
+
+static std::string
+owed (TestWindow *test)
+{
+  bool has_table =
+    query (test, "SELECT count(*) FROM sqlite_master WHERE name = 'outbox'") == "1\n";
+  return has_table ? query (test, OWED) : "no table";
+}
+
+static bool
+is_table_gone (void *data)
+{
+  return owed (&((Session *) data)->test) == "no table";
+}
+
+static bool
+is_table_empty (void *data)
+{
+  std::string rows = owed (&((Session *) data)->test);
+  return rows.empty () || rows == "no table";
+}
+
+static Procedure *
+begin_procedure (Session *session)
+{
+  app_window_create_new_procedure (session->window, to_string ("Lease"), to_string (BOB));
+  return session->window->procedures.procedures[session->window->procedures.count - 1];
+}
+
+static Clause *
+commit_clause (Procedure *procedure, const char *text)
+{
+  press (procedure->view, "add_clause_button");
+  Clause *clause = procedure->clauses[procedure->clauses_count - 1];
+  type (clause->view, "text_view", text);
+  press (clause->view, "commit_button");
+  return clause;
+}
+
+// One object of each kind.
+static Procedure *
+do_everything (Session *session)
+{
+  Procedure *procedure = begin_procedure (session);
+  Clause *clause = commit_clause (procedure, "First");
+  press (clause->view, "agree_button");
+  type (clause->chat_page, "chat_entry", "why?");
+  press (clause->chat_page, "send_button");
+  return procedure;
+}
+
+// The elements of the five kinds in the order in which they went out.
+static std::string
+list_sent (const std::string &received)
+{
+  std::string sent;
+  for (size_t at = received.find ("<x-"); at != std::string::npos;
+       at = received.find ("<x-", at + 1)) {
+    sent += received.substr (at + 1, received.find (' ', at) - at);
+  }
+  return sent;
+}
+
+static LoginOptions
+managed ()
+{
+  LoginOptions options;
+  options.offers_stream_management = true;
+  return options;
+}
+
+// The store of a closed window in a new one, as after a restart.
+static void
+restart_from (Session *next, Session *last)
+{
+  last->close ();
+  sqlite3_backup *backup = sqlite3_backup_init (next->test.db, "main", last->test.db, "main");
+  EXPECT_EQ (sqlite3_backup_step (backup, -1), SQLITE_DONE);
+  EXPECT_EQ (sqlite3_backup_finish (backup), SQLITE_OK);
+}
+
+static const char ALL_SENT[] =
+  "x-procedure x-clause x-revision x-clause-decision x-clause-message ";
+static const char ALL_OWED[] = "procedure\nclause\nrevision\ndecision\nmessage\n";
+
+// ---- Without stream management ----
+
+TEST (delivery, what_the_socket_took_is_no_longer_owed_and_the_table_goes)
+{
+  Session session;
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait ()},
+                 {});
+  do_everything (&session);
+  EXPECT_TRUE (is_table_empty (&session));
+  EXPECT_TRUE (pump_until (is_table_gone, &session));
+  scripted_server_signal (session.server);
+  EXPECT_EQ (list_sent (session.finish ().received), ALL_SENT);
+}
+
+TEST (delivery, what_is_committed_without_a_session_goes_out_at_the_next_login)
+{
+  Session first;
+  first.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  Procedure *procedure = do_everything (&first);
+  press (procedure->view, "add_clause_button");
+  type (procedure->clauses[1]->view, "text_view", "A draft, which is nobody's business");
+  EXPECT_EQ (owed (&first.test), ALL_OWED);
+  first.finish ();
+
+  Session second;
+  restart_from (&second, &first);
+  EXPECT_EQ (owed (&second.test), ALL_OWED);
+  second.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait ()}, {});
+  EXPECT_TRUE (pump_until (is_table_gone, &second));
+  scripted_server_signal (second.server);
+  EXPECT_EQ (list_sent (second.finish ().received), ALL_SENT);
+}
+
+TEST (delivery, old_things_go_before_new_ones)
+{
+  Session first;
+  first.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  Procedure *procedure = begin_procedure (&first);
+  commit_clause (procedure, "First");
+  first.finish ();
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_expect_until (">Second</x-revision></body></message>")}, {});
+  procedure = second.window->procedures.procedures[0];
+  type (procedure->clauses[0]->view, "text_view", "Second");
+  press (procedure->clauses[0]->view, "commit_button");
+  EXPECT_EQ (list_sent (second.finish ().received), "x-procedure x-clause x-revision x-revision ");
+}
+
+TEST (delivery, what_was_taken_and_not_answered_is_owed_again)
+{
+  Session session;
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_reset ()},
+                 {});
+  do_everything (&session);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (owed (&session.test), ALL_OWED);
+  session.finish ();
+}
+
+TEST (delivery, a_word_of_the_server_settles_what_was_taken_before_it)
+{
+  Session session;
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait (),
+                  server_send ("<presence from='bob@beta.test' to='alice@alpha.test'/>"),
+                  server_wait (), server_reset ()},
+                 {});
+  do_everything (&session);
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until ([] (void *data) { return ((AppWindow *) data)->contacts.count == 1; },
+                           session.window));
+  Clause *clause = session.window->procedures.procedures[0]->clauses[0];
+  type (clause->view, "text_view", "Second");
+  press (clause->view, "commit_button");
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (owed (&session.test), "revision\n");
+  session.finish ();
+}
+
+TEST (delivery, the_end_of_the_servers_stream_settles_too)
+{
+  Session session;
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait (),
+                  server_send ("</stream:stream>"), server_close_notify (),
+                  server_expect ("</stream:stream>")},
+                 {});
+  do_everything (&session);
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_TRUE (is_table_empty (&session));
+  session.finish ();
+}
+
+TEST (delivery, a_closed_window_leaves_what_is_in_doubt)
+{
+  Session session;
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait ()},
+                 {});
+  do_everything (&session);
+  EXPECT_TRUE (scripted_server_wait_steps (session.server, script_login (JID).size () + 1));
+  session.close ();
+  EXPECT_EQ (owed (&session.test), ALL_OWED);
+  scripted_server_stop (session.server);
+  session.server = NULL;
+}
+
+// ---- With stream management ----
+
+TEST (delivery, an_acknowledged_object_is_no_longer_owed)
+{
+  Session session;
+  // Roster, presence and the five.
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait (),
+                  server_send ("<a xmlns='urn:xmpp:sm:3' h='4'/>"), server_wait (),
+                  server_send ("<a xmlns='urn:xmpp:sm:3' h='7'/>"), server_wait ()},
+                 managed ());
+  do_everything (&session);
+  EXPECT_EQ (owed (&session.test), ALL_OWED);
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (
+    pump_until ([] (
+                  void *
+                    data) { return owed ((TestWindow *) data) == "revision\ndecision\nmessage\n"; },
+                &session.test));
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_table_gone, &session));
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+TEST (delivery, what_was_not_acknowledged_is_sent_again)
+{
+  Session first;
+  first.begin ({server_expect_until ("</x-clause-message></body></message>"),
+                server_send ("<a xmlns='urn:xmpp:sm:3' h='4'/>"), server_close_notify (),
+                server_expect_until ("</stream:stream>")},
+               managed ());
+  do_everything (&first);
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  first.finish ();
+  EXPECT_EQ (owed (&first.test), "revision\ndecision\nmessage\n");
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_expect_until ("</x-clause-message></body></message>"),
+                 server_send ("<a xmlns='urn:xmpp:sm:3' h='5'/>"), server_wait ()},
+                managed ());
+  EXPECT_TRUE (pump_until (is_table_gone, &second));
+  scripted_server_signal (second.server);
+  EXPECT_EQ (list_sent (second.finish ().received),
+             "x-revision x-clause-decision x-clause-message ");
+}
+
+// ---- Neighbours ----
+
+TEST (delivery, a_deleted_procedure_is_not_sent)
+{
+  Session first;
+  first.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  do_everything (&first);
+  begin_procedure (&first);
+  app_window_remove_procedure (first.window, first.window->procedures.procedures[0]);
+  EXPECT_EQ (owed (&first.test), "procedure\n");
+  first.finish ();
+}
+
+TEST (delivery, another_accounts_rows_stay_and_unknown_ones_go)
+{
+  Session first;
+  first.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  begin_procedure (&first);
+  first.finish ();
+  query (&first.test, "UPDATE outbox SET object_db_id = 77");
+  query (&first.test,
+         "INSERT INTO outbox (account_db_id, sequence, kind, object_db_id) VALUES (99, 1, "
+         "'clause', 5)");
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_wait ()}, {});
+  EXPECT_EQ (owed (&second.test), "clause\n");
+  EXPECT_EQ (count_of (second.console (),
+                       "Warning: The outbox names an object that isn't there.\n"),
+             1u);
+  scripted_server_signal (second.server);
+  EXPECT_EQ (list_sent (second.finish ().received), "");
+  EXPECT_EQ (owed (&second.test), "clause\n");
+}
+
+TEST (delivery, a_row_of_the_other_partys_object_is_not_sent)
+{
+  Session first;
+  first.begin ({server_send ("<message from='bob@beta.test/desk' to='alice@alpha.test'><body>"
+                             "<x-procedure procedure='bob@beta.test:100'>Bob's</x-procedure>"
+                             "</body></message>"),
+                server_close_notify (), server_expect ("</stream:stream>")},
+               {});
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  first.finish ();
+  begin_procedure (&first);
+  query (&first.test, "UPDATE outbox SET object_db_id = 1");
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_wait ()}, {});
+  scripted_server_signal (second.server);
+  EXPECT_EQ (list_sent (second.finish ().received), "");
+}
