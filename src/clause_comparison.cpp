@@ -3,14 +3,23 @@
 #include "buffers.h"
 #include "diff.h"
 
+// Of the words that a tooltip tells.
+static const int SHORT_WORDS_CHARS = 40;
+
+// Shown in front of a line break that came or went, which would not be seen by itself.
+static const gunichar RETURN_SYMBOL = 0x23ce;
+
 // ---- Making ----
 
 void
-clause_comparison_init (ClauseComparison *self, GtkTextView *text_view, GtkWidget *tools)
+clause_comparison_init (ClauseComparison *self, GtkTextView *text_view, GtkWidget *tools,
+                        GtkWidget *keep_button, GtkWidget *remove_button)
 {
   *self = {};
   self->text_view = text_view;
   self->tools = tools;
+  self->keep_button = keep_button;
+  self->remove_button = remove_button;
 }
 
 void
@@ -65,7 +74,6 @@ append_diff_word (DiffKind kind, u32 index, void *data)
     return;
   }
   if (word == "\n") {
-    // A line break that came or went would not be seen.
     GtkTextMark *mark = gtk_text_buffer_create_mark (display->text_buffer, NULL, &end, TRUE);
     g_hash_table_add (comparison->return_marks, mark);
     word = to_string ("\u23ce\n");
@@ -95,6 +103,7 @@ clause_comparison_show (ClauseComparison *self, String older, String newer)
 {
   clause_comparison_end (self);
   self->is_shown = true;
+  self->has_decisions = false;
   self->return_marks = g_hash_table_new (NULL, NULL);
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   self->added_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "background", "#085", NULL);
@@ -105,12 +114,9 @@ clause_comparison_show (ClauseComparison *self, String older, String newer)
   gtk_text_buffer_get_start_iter (text_buffer, &start);
   gtk_text_buffer_place_cursor (text_buffer, &start);
   gtk_text_view_set_editable (self->text_view, !clause_comparison_has_changes (self));
-  // Room for the tools below the last line. Hidden, they themselves have no height; all of their
-  // buttons have the same.
-  GList *buttons = gtk_container_get_children (GTK_CONTAINER (self->tools));
+  // Room for the tools below the last line; hidden, they themselves have no height.
   int tools_height;
-  gtk_widget_get_preferred_height (GTK_WIDGET (buttons->data), NULL, &tools_height);
-  g_list_free (buttons);
+  gtk_widget_get_preferred_height (self->keep_button, NULL, &tools_height);
   gtk_text_view_set_bottom_margin (self->text_view, tools_height);
 }
 
@@ -148,31 +154,6 @@ clause_comparison_has_changes (ClauseComparison *self)
          gtk_text_iter_forward_to_tag_toggle (&iter, NULL);
 }
 
-// ---- Tools ----
-
-void
-clause_comparison_show_tools (ClauseComparison *self, GtkTextIter start, GtkTextIter end,
-                              GdkRectangle location, int x)
-{
-  self->run_start = start;
-  self->run_end = end;
-  self->has_run = true;
-  int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (self->text_view));
-  int tools_width = gtk_widget_get_allocated_width (self->tools);
-  gtk_widget_set_margin_start (self->tools, MAX (0, x + 2 * border_width - tools_width / 2));
-  gtk_widget_set_margin_top (self->tools, location.y + location.height + border_width);
-  gtk_widget_show (self->tools);
-}
-
-void
-clause_comparison_hide_tools (ClauseComparison *self)
-{
-  self->has_run = false;
-  gtk_widget_hide (self->tools);
-}
-
-// ---- Deciding ----
-
 // The mark that makes a return symbol of the character at `iter`; NULL when that is text.
 static GtkTextMark *
 clause_comparison_find_return_mark (ClauseComparison *self, GtkTextIter *iter)
@@ -186,6 +167,190 @@ clause_comparison_find_return_mark (ClauseComparison *self, GtkTextIter *iter)
   g_slist_free (marks);
   return found;
 }
+
+char *
+clause_comparison_alloc_text (ClauseComparison *self)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  GString *text = g_string_new (NULL);
+  GtkTextIter iter;
+  gtk_text_buffer_get_start_iter (text_buffer, &iter);
+  for (; !gtk_text_iter_is_end (&iter); gtk_text_iter_forward_char (&iter)) {
+    if (!gtk_text_iter_has_tag (&iter, self->deleted_tag) &&
+        !clause_comparison_find_return_mark (self, &iter))
+      g_string_append_unichar (text, gtk_text_iter_get_char (&iter));
+  }
+  return g_string_free (text, FALSE);
+}
+
+// Where the tools stand, or else the cursor. `is_run_start_out` tells whether a run that begins right
+// there is still ahead of the user.
+static void
+clause_comparison_get_place (ClauseComparison *self, GtkTextIter *place_out, bool *is_ahead_out)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  if (self->has_run) {
+    *place_out = self->run_start;
+    *is_ahead_out = false;
+  } else {
+    GtkTextMark *cursor = gtk_text_buffer_get_insert (text_buffer);
+    gtk_text_buffer_get_iter_at_mark (text_buffer, place_out, cursor);
+    *is_ahead_out = gtk_text_iter_starts_tag (place_out, NULL);
+  }
+}
+
+// Moves on to the next place where a run begins; false when there is none.
+static bool
+forward_to_run_start (GtkTextIter *iter)
+{
+  while (gtk_text_iter_forward_to_tag_toggle (iter, NULL)) {
+    if (gtk_text_iter_starts_tag (iter, NULL))
+      return true;
+  }
+  return false;
+}
+
+static bool
+backward_to_run_start (GtkTextIter *iter)
+{
+  while (gtk_text_iter_backward_to_tag_toggle (iter, NULL)) {
+    if (gtk_text_iter_starts_tag (iter, NULL))
+      return true;
+  }
+  return false;
+}
+
+bool
+clause_comparison_find_next (ClauseComparison *self, GtkTextIter *start_out)
+{
+  bool is_ahead;
+  clause_comparison_get_place (self, start_out, &is_ahead);
+  if (is_ahead || forward_to_run_start (start_out))
+    return true;
+  gtk_text_buffer_get_start_iter (gtk_text_view_get_buffer (self->text_view), start_out);
+  return gtk_text_iter_starts_tag (start_out, NULL) || forward_to_run_start (start_out);
+}
+
+bool
+clause_comparison_find_previous (ClauseComparison *self, GtkTextIter *start_out)
+{
+  bool is_ahead;
+  clause_comparison_get_place (self, start_out, &is_ahead);
+  if (backward_to_run_start (start_out))
+    return true;
+  gtk_text_buffer_get_end_iter (gtk_text_view_get_buffer (self->text_view), start_out);
+  return backward_to_run_start (start_out);
+}
+
+// ---- Tools ----
+
+// The first words of a run, on one line, as a tooltip can hold them. Belongs to the caller (`g_free`).
+static char *
+alloc_short_words (GtkTextIter start, GtkTextIter end)
+{
+  GString *words = g_string_new (NULL);
+  gunichar previous = 0;
+  int count = 0;
+  for (; count < SHORT_WORDS_CHARS && !gtk_text_iter_equal (&start, &end); count++) {
+    gunichar c = gtk_text_iter_get_char (&start);
+    // A line break has its symbol ahead of it, or is told by one.
+    if (c != '\n')
+      g_string_append_unichar (words, c);
+    else if (previous != RETURN_SYMBOL)
+      g_string_append_unichar (words, RETURN_SYMBOL);
+    previous = c;
+    gtk_text_iter_forward_char (&start);
+  }
+  if (!gtk_text_iter_equal (&start, &end))
+    g_string_append (words, "\u2026");
+  return g_string_free (words, FALSE);
+}
+
+static void
+name_tool (GtkWidget *button, const char *action, const char *side, const char *words)
+{
+  char *name =
+    g_strdup_printf ("%s these words of the %s text: \u201c%s\u201d", action, side, words);
+  gtk_widget_set_tooltip_text (button, name);
+  atk_object_set_name (gtk_widget_get_accessible (button), name);
+  g_free (name);
+}
+
+static void
+clause_comparison_name_tools (ClauseComparison *self)
+{
+  const char *side = gtk_text_iter_has_tag (&self->run_start, self->added_tag) ? "newer" : "older";
+  char *words = alloc_short_words (self->run_start, self->run_end);
+  name_tool (self->keep_button, "Keep", side, words);
+  name_tool (self->remove_button, "Remove", side, words);
+  g_free (words);
+}
+
+// The margin at the side where lines begin, for tools whose middle is `middle` pixels right of the
+// overlay's left edge.
+static int
+clause_comparison_get_tools_margin (ClauseComparison *self, int middle)
+{
+  int tools_width = gtk_widget_get_allocated_width (self->tools);
+  int left = middle - tools_width / 2;
+  if (gtk_widget_get_direction (self->tools) != GTK_TEXT_DIR_RTL)
+    return MAX (0, left);
+  int width = gtk_widget_get_allocated_width (gtk_widget_get_parent (self->tools));
+  return MAX (0, width - left - tools_width);
+}
+
+void
+clause_comparison_show_tools (ClauseComparison *self, GtkTextIter start, GtkTextIter end,
+                              GdkRectangle location, int x)
+{
+  bool is_same_run = self->has_run && gtk_text_iter_equal (&self->run_start, &start);
+  self->run_start = start;
+  self->run_end = end;
+  self->has_run = true;
+  if (!is_same_run)
+    clause_comparison_name_tools (self);
+  int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (self->text_view));
+  gtk_widget_set_margin_start (self->tools,
+                               clause_comparison_get_tools_margin (self, x + 2 * border_width));
+  gtk_widget_set_margin_top (self->tools, location.y + location.height + border_width);
+  gtk_widget_show (self->tools);
+}
+
+void
+clause_comparison_hide_tools (ClauseComparison *self)
+{
+  self->has_run = false;
+  gtk_widget_hide (self->tools);
+}
+
+bool
+clause_comparison_has_focus_in_tools (ClauseComparison *self)
+{
+  return gtk_widget_is_focus (self->keep_button) || gtk_widget_is_focus (self->remove_button);
+}
+
+// A page that is scrolled shows a part of its widgets only.
+static bool
+is_in_sight_at (GtkWidget *widget, int x_root, int y_root)
+{
+  GdkWindow *gdk_window = gtk_widget_get_window (widget);
+  int x;
+  int y;
+  gdk_window_get_origin (gdk_window, &x, &y);
+  cairo_region_t *region = gdk_window_get_visible_region (gdk_window);
+  bool is_inside = cairo_region_contains_point (region, x_root - x, y_root - y);
+  cairo_region_destroy (region);
+  return is_inside;
+}
+
+bool
+clause_comparison_is_at (ClauseComparison *self, int x_root, int y_root)
+{
+  return is_in_sight_at (GTK_WIDGET (self->text_view), x_root, y_root) ||
+         is_in_sight_at (self->tools, x_root, y_root);
+}
+
+// ---- Deciding ----
 
 // Takes the return symbols of a run out again, so that its line breaks are alone. The iterators stay
 // good.
@@ -233,25 +398,27 @@ clause_comparison_decide (ClauseComparison *self, bool is_kept)
 {
   GtkTextIter start = self->run_start;
   GtkTextIter end = self->run_end;
+  self->has_decisions = true;
   clause_comparison_hide_tools (self);
   clause_comparison_decide_run (self, &start, &end, is_kept);
   gtk_text_view_set_editable (self->text_view, !clause_comparison_has_changes (self));
 }
 
 void
-clause_comparison_keep_all (ClauseComparison *self)
+clause_comparison_take_all (ClauseComparison *self, bool is_newer)
 {
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  self->has_decisions = true;
   clause_comparison_hide_tools (self);
   GtkTextIter start;
-  gtk_text_buffer_get_start_iter (text_buffer, &start);
-  while (gtk_text_iter_starts_tag (&start, NULL) ||
-         gtk_text_iter_forward_to_tag_toggle (&start, NULL)) {
+  gtk_text_buffer_get_start_iter (gtk_text_view_get_buffer (self->text_view), &start);
+  bool is_found = gtk_text_iter_starts_tag (&start, NULL) || forward_to_run_start (&start);
+  while (is_found) {
     GtkTextIter end = start;
-    if (!gtk_text_iter_forward_to_tag_toggle (&end, NULL))
-      break;
-    bool is_kept = !gtk_text_iter_has_tag (&start, self->deleted_tag);
-    clause_comparison_decide_run (self, &start, &end, is_kept);
+    gtk_text_iter_forward_to_tag_toggle (&end, NULL);
+    bool is_added = gtk_text_iter_has_tag (&start, self->added_tag);
+    clause_comparison_decide_run (self, &start, &end, is_added == is_newer);
+    // What is behind a run that went may be a run again.
+    is_found = gtk_text_iter_starts_tag (&start, NULL) || forward_to_run_start (&start);
   }
   gtk_text_view_set_editable (self->text_view, TRUE);
 }

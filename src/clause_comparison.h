@@ -17,13 +17,16 @@
 
 struct ClauseComparison {
   GtkTextView *text_view;
-  GtkWidget *tools;         // stand over the text, at the run that is decided on next
+  GtkWidget *tools;        // stand over the text, at the run that is decided on next
+  GtkWidget *keep_button;  // both of the tools
+  GtkWidget *remove_button;
   bool is_shown;            // from `clause_comparison_show` to `clause_comparison_end`
   GtkTextTag *added_tag;    // both of the buffer's table while shown
   GtkTextTag *deleted_tag;  // both NULL otherwise
   // A mark in front of each return symbol that is shown and is no part of the text. The marks are the
   // buffer's; NULL unless shown.
   GHashTable *return_marks;
+  bool has_decisions;  // since it is shown
   // The tagged run that the tools act on, good until the text changes.
   bool has_run;
   GtkTextIter run_start;
@@ -32,7 +35,9 @@ struct ClauseComparison {
 
 // ---- Making ----
 
-void clause_comparison_init (ClauseComparison *self, GtkTextView *text_view, GtkWidget *tools);
+// `tools` stand in an overlay over the text view and hold the two buttons.
+void clause_comparison_init (ClauseComparison *self, GtkTextView *text_view, GtkWidget *tools,
+                             GtkWidget *keep_button, GtkWidget *remove_button);
 // Frees what is left when the buffer may be gone already.
 void clause_comparison_finalize (ClauseComparison *self);
 
@@ -48,14 +53,24 @@ void clause_comparison_show (ClauseComparison *self, String older, String newer)
 void clause_comparison_end (ClauseComparison *self);
 // Whether a run is still to be decided on.
 bool clause_comparison_has_changes (ClauseComparison *self);
+// The text as the decisions left it, without return symbols, and with the newer text's words where
+// nothing was decided yet. Belongs to the caller (`g_free`).
+char *clause_comparison_alloc_text (ClauseComparison *self);
+// Finds where the next run begins, or the previous one, seen from the run that the tools stand at or
+// else from the cursor. Behind the last run comes the first. False when there is none.
+bool clause_comparison_find_next (ClauseComparison *self, GtkTextIter *start_out);
+bool clause_comparison_find_previous (ClauseComparison *self, GtkTextIter *start_out);
 
 // ---- Tools ----
 
 // Places the tools for the run from `start` to `end`: just under the line that is at `location`, and
-// centred on `x` (both in buffer coordinates).
+// centred on `x` (both in buffer coordinates). Their buttons tell what they would do to the run.
 void clause_comparison_show_tools (ClauseComparison *self, GtkTextIter start, GtkTextIter end,
                                    GdkRectangle location, int x);
 void clause_comparison_hide_tools (ClauseComparison *self);
+bool clause_comparison_has_focus_in_tools (ClauseComparison *self);
+// Whether a place on the screen lies in what is in sight of text and tools.
+bool clause_comparison_is_at (ClauseComparison *self, int x_root, int y_root);
 
 // ---- Deciding ----
 
@@ -63,6 +78,6 @@ void clause_comparison_hide_tools (ClauseComparison *self);
 // another one goes. After the last one the text can be edited. There must be such a run. Edits the
 // buffer.
 void clause_comparison_decide (ClauseComparison *self, bool is_kept);
-// The changes that are left as the newer text has them: what it added stays, what it removed goes, and
-// the text can be edited. Edits the buffer.
-void clause_comparison_keep_all (ClauseComparison *self);
+// Decides on all changes that are left as one of the two texts has them, and lets the text be edited.
+// Edits the buffer.
+void clause_comparison_take_all (ClauseComparison *self, bool is_newer);

@@ -73,7 +73,9 @@ static void clause_view_compare (ClauseView *self, ClauseRevision *revision,
                                  ClauseRevision *other_revision);
 static void clause_view_leave_diff (ClauseView *self);
 static void clause_view_decide_change (ClauseView *self, bool is_kept);
-static void clause_view_keep_all_changes (ClauseView *self);
+static void clause_view_focus_in_place (ClauseView *self, GtkWidget *widget);
+static void clause_view_take_newer (ClauseView *self);
+static void clause_view_take_older (ClauseView *self);
 static void clause_view_use_as_draft (ClauseView *self);
 
 // ---- The popover of the revisions ----
@@ -292,6 +294,15 @@ clause_view_text_view_size_allocate_handle (GtkWidget *text_view, GdkRectangle *
                              g_object_ref (text_view), g_object_unref);
 }
 
+// A widget that is hidden loses the focus, and keys would go nowhere.
+static void
+clause_view_hide_diff_tools (ClauseView *self)
+{
+  if (clause_comparison_has_focus_in_tools (&self->comparison))
+    clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
+  clause_comparison_hide_tools (&self->comparison);
+}
+
 // Gives the tagged run at `iter` the comparison's tools, at `x` (buffer coordinates); elsewhere there
 // are none.
 static void
@@ -299,7 +310,7 @@ clause_view_show_diff_tools (ClauseView *self, GtkTextIter iter, int x)
 {
   GSList *tags = gtk_text_iter_get_tags (&iter);
   if (!tags) {
-    clause_comparison_hide_tools (&self->comparison);
+    clause_view_hide_diff_tools (self);
     return;
   }
   g_slist_free (tags);
@@ -336,6 +347,17 @@ clause_view_text_view_motion_notify_handle (GtkWidget *widget, GdkEventMotion *e
   return FALSE;
 }
 
+// From the text, the pointer may go on to the tools, and back.
+static gboolean
+clause_view_diff_leave_notify_handle (GtkWidget *, GdkEventCrossing *event, ClauseView *self)
+{
+  int x_root = (int) event->x_root;
+  int y_root = (int) event->y_root;
+  if (self->comparison.has_run && !clause_comparison_is_at (&self->comparison, x_root, y_root))
+    clause_view_hide_diff_tools (self);
+  return FALSE;
+}
+
 // The keyboard's way to a change: the tools follow the cursor too, and Tab leads to them.
 static void
 clause_view_cursor_position_handle (GtkTextBuffer *text_buffer, GParamSpec *, ClauseView *self)
@@ -349,9 +371,23 @@ clause_view_cursor_position_handle (GtkTextBuffer *text_buffer, GParamSpec *, Cl
   clause_view_show_diff_tools (self, iter, location.x);
 }
 
-// In a comparison, Escape leaves it and Tab goes to the tools, wherever these stand.
+// Moves cursor and tools to the next change or the previous one.
+static void
+clause_view_go_to_change (ClauseView *self, bool is_next)
+{
+  GtkTextIter start;
+  bool is_found = is_next ? clause_comparison_find_next (&self->comparison, &start)
+                          : clause_comparison_find_previous (&self->comparison, &start);
+  if (!is_found)
+    return;
+  gtk_widget_grab_focus (GTK_WIDGET (self->text_view));
+  gtk_text_buffer_place_cursor (gtk_text_view_get_buffer (self->text_view), &start);
+}
+
+// In a comparison, Escape leaves it, F8 goes from change to change, and Tab goes from the text to the
+// tools, wherever these stand.
 static gboolean
-clause_view_text_view_key_press_handle (GtkWidget *, GdkEventKey *event, ClauseView *self)
+clause_view_diff_key_press_handle (GtkWidget *widget, GdkEventKey *event, ClauseView *self)
 {
   if (!self->comparison.is_shown)
     return FALSE;
@@ -359,7 +395,12 @@ clause_view_text_view_key_press_handle (GtkWidget *, GdkEventKey *event, ClauseV
     clause_view_leave_diff (self);
     return TRUE;
   }
-  if (event->keyval == GDK_KEY_Tab && self->comparison.has_run) {
+  if (event->keyval == GDK_KEY_F8) {
+    clause_view_go_to_change (self, !(event->state & GDK_SHIFT_MASK));
+    return TRUE;
+  }
+  if (event->keyval == GDK_KEY_Tab && self->comparison.has_run &&
+      widget == GTK_WIDGET (self->text_view)) {
     gtk_widget_grab_focus (GTK_WIDGET (self->diff_add_button));
     return TRUE;
   }
@@ -402,8 +443,10 @@ clause_view_populate_popup_handle (GtkTextView *, GtkWidget *popup, ClauseView *
     return;
   if (self->comparison.is_shown) {
     bool has_changes = clause_comparison_has_changes (&self->comparison);
-    clause_view_append_menu_item (self, popup, "Keep all remaining changes", has_changes,
-                                  clause_view_keep_all_changes);
+    clause_view_append_menu_item (self, popup, "Take all of the newer text", has_changes,
+                                  clause_view_take_newer);
+    clause_view_append_menu_item (self, popup, "Take all of the older text", has_changes,
+                                  clause_view_take_older);
     clause_view_append_menu_item (self, popup, "Use this text as draft", !has_changes,
                                   clause_view_use_as_draft);
     clause_view_append_menu_item (self, popup, "Leave the comparison", true,
@@ -655,8 +698,8 @@ static void
 clause_view_init (ClauseView *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
-  clause_comparison_init (&self->comparison, self->text_view,
-                          GTK_WIDGET (self->diff_overlay_tools));
+  clause_comparison_init (&self->comparison, self->text_view, GTK_WIDGET (self->diff_overlay_tools),
+                          GTK_WIDGET (self->diff_add_button), GTK_WIDGET (self->diff_del_button));
   g_signal_connect (gtk_scrollable_get_hadjustment (GTK_SCROLLABLE (self->text_view)),
                     "value-changed", G_CALLBACK (clause_view_hadjustment_value_changed_handle),
                     NULL);
@@ -751,8 +794,6 @@ clause_view_connect_handlers (ClauseView *self)
                     G_CALLBACK (clause_view_text_view_size_allocate_handle), self);
   g_signal_connect (self->text_view, "motion-notify-event",
                     G_CALLBACK (clause_view_text_view_motion_notify_handle), self);
-  g_signal_connect (self->text_view, "key-press-event",
-                    G_CALLBACK (clause_view_text_view_key_press_handle), self);
   g_signal_connect (self->text_view, "populate-popup",
                     G_CALLBACK (clause_view_populate_popup_handle), self);
   g_signal_connect (gtk_text_view_get_buffer (self->text_view), "notify::cursor-position",
@@ -765,6 +806,15 @@ clause_view_connect_handlers (ClauseView *self)
                     G_CALLBACK (clause_view_revision_select_list_button_press_handle), self);
   g_signal_connect (self->revision_select_list, "popup-menu",
                     G_CALLBACK (clause_view_revision_select_list_popup_menu_handle), self);
+  GtkWidget *places[] = {GTK_WIDGET (self->text_view), GTK_WIDGET (self->diff_add_button),
+                         GTK_WIDGET (self->diff_del_button)};
+  for (u32 i = 0; i < G_N_ELEMENTS (places); i++) {
+    gtk_widget_add_events (places[i], GDK_LEAVE_NOTIFY_MASK);
+    g_signal_connect (places[i], "leave-notify-event",
+                      G_CALLBACK (clause_view_diff_leave_notify_handle), self);
+    g_signal_connect (places[i], "key-press-event", G_CALLBACK (clause_view_diff_key_press_handle),
+                      self);
+  }
   g_signal_connect (self->diff_add_button, "clicked",
                     G_CALLBACK (clause_view_diff_add_button_handle), self);
   g_signal_connect (self->diff_del_button, "clicked",
@@ -893,7 +943,8 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
 {
   // What the user typed is not lost when something else is shown in its place, and what they type
   // on without looking must not change that into a new draft in place of theirs.
-  if (self->is_text_changed && gtk_widget_is_focus (GTK_WIDGET (self->text_view)))
+  bool is_typing = self->is_text_changed && gtk_widget_is_focus (GTK_WIDGET (self->text_view));
+  if (is_typing || clause_comparison_has_focus_in_tools (&self->comparison))
     clause_view_focus_in_place (self, GTK_WIDGET (self->revision_select_menu_button));
   clause_view_save_draft (self);
   clause_comparison_end (&self->comparison);
@@ -1082,6 +1133,7 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
 static void
 clause_view_leave_diff (ClauseView *self)
 {
+  clause_view_hide_diff_tools (self);
   bool is_draft_next = self->was_draft_shown || !self->base_revision;
   if (is_draft_next && self->clause->draft) {
     clause_view_show_draft (self);
@@ -1111,17 +1163,29 @@ clause_view_decide_change (ClauseView *self, bool is_kept)
   clause_view_look_away (self);
   clause_comparison_decide (&self->comparison, is_kept);
   clause_view_look_back (self);
-  gtk_widget_grab_focus (GTK_WIDGET (self->text_view));
+  clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
   if (!is_kept && !clause_comparison_has_changes (&self->comparison))
     clause_view_use_as_draft (self);
 }
 
 static void
-clause_view_keep_all_changes (ClauseView *self)
+clause_view_take_all (ClauseView *self, bool is_newer)
 {
   clause_view_look_away (self);
-  clause_comparison_keep_all (&self->comparison);
+  clause_comparison_take_all (&self->comparison, is_newer);
   clause_view_look_back (self);
+}
+
+static void
+clause_view_take_newer (ClauseView *self)
+{
+  clause_view_take_all (self, true);
+}
+
+static void
+clause_view_take_older (ClauseView *self)
+{
+  clause_view_take_all (self, false);
 }
 
 // Compares two of the clause's revisions, the draft being the newest. Refused, with a text in the

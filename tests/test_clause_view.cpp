@@ -1678,8 +1678,8 @@ TEST_P (ClauseViewDiff, kept_whole_gives_the_newer_text)
   TestWindow test;
   Clause *clause = open_texts (&test, GetParam ().older, GetParam ().newer);
   use_text_menu (clause, "Compare with the previous revision", true);
-  if (use_text_menu (clause, "Keep all remaining changes", false) == "on")
-    use_text_menu (clause, "Keep all remaining changes", true);
+  if (use_text_menu (clause, "Take all of the newer text", false) == "on")
+    use_text_menu (clause, "Take all of the newer text", true);
   EXPECT_EQ (list_runs (clause), GetParam ().newer);
   EXPECT_FALSE (clause->draft);
   use_text_menu (clause, "Use this text as draft", true);
@@ -1853,7 +1853,7 @@ TEST (clause_view_show_diff, lets_nobody_type_while_a_change_is_undecided)
   Clause *clause = open_comparison (&test);
   GtkTextView *text_view = GTK_TEXT_VIEW (find_widget (clause->view, "text_view"));
   EXPECT_FALSE (gtk_text_view_get_editable (text_view));
-  use_text_menu (clause, "Keep all remaining changes", true);
+  use_text_menu (clause, "Take all of the newer text", true);
   EXPECT_TRUE (gtk_text_view_get_editable (text_view));
   type (clause->view, "text_view", "pay by noon, please");
   EXPECT_EQ (get_status (clause), "draft");
@@ -1896,7 +1896,7 @@ TEST (clause_view_populate_popup_handle, offers_what_the_state_allows)
   use_text_menu (clause, "Compare with the previous revision", true);
   EXPECT_EQ (list_runs (clause), "pay [-at ][+by ]noon");
   EXPECT_EQ (use_text_menu (clause, "Compare with the previous revision", false), "");
-  EXPECT_EQ (use_text_menu (clause, "Keep all remaining changes", false), "on");
+  EXPECT_EQ (use_text_menu (clause, "Take all of the newer text", false), "on");
   EXPECT_EQ (use_text_menu (clause, "Use this text as draft", false), "off");
   use_text_menu (clause, "Leave the comparison", true);
   EXPECT_EQ (get_status (clause), BOB ":4000");

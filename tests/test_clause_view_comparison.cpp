@@ -252,7 +252,8 @@ decide (Clause *clause, int offset, char sign)
 }
 
 static const char WITH_PREVIOUS[] = "Compare with the previous revision";
-static const char KEEP_ALL[] = "Keep all remaining changes";
+static const char TAKE_NEWER[] = "Take all of the newer text";
+static const char TAKE_OLDER[] = "Take all of the older text";
 static const char USE_AS_DRAFT[] = "Use this text as draft";
 static const char LEAVE[] = "Leave the comparison";
 
@@ -504,7 +505,8 @@ TEST (clause_view_comparison, text_is_not_editable_while_a_change_is_undecided)
   choose (comparison.clause, WITH_PREVIOUS);
   EXPECT_FALSE (gtk_text_view_get_editable (get_text_view (comparison.clause)));
   EXPECT_EQ (get_menu_state (comparison.clause, USE_AS_DRAFT), "off");
-  EXPECT_EQ (get_menu_state (comparison.clause, KEEP_ALL), "on");
+  EXPECT_EQ (get_menu_state (comparison.clause, TAKE_NEWER), "on");
+  EXPECT_EQ (get_menu_state (comparison.clause, TAKE_OLDER), "on");
 }
 
 TEST (clause_view_comparison, starts_no_draft)
@@ -587,6 +589,249 @@ TEST (clause_view_comparison, cursor_shows_no_tools_without_a_comparison)
   EXPECT_FALSE (are_tools_shown (comparison.clause));
 }
 
+static std::string
+get_tooltip (Clause *clause, const char *name)
+{
+  char *tooltip = gtk_widget_get_tooltip_text (find_widget (clause->view, name));
+  std::string text = tooltip ? tooltip : "";
+  g_free (tooltip);
+  return text;
+}
+
+static std::string
+get_accessible_name (Clause *clause, const char *name)
+{
+  const char *text =
+    atk_object_get_name (gtk_widget_get_accessible (find_widget (clause->view, name)));
+  return text ? text : "";
+}
+
+static void
+expect_tools (Clause *clause, const std::string &words)
+{
+  EXPECT_EQ (get_tooltip (clause, "diff_add_button"), "Keep these words of " + words);
+  EXPECT_EQ (get_tooltip (clause, "diff_del_button"), "Remove these words of " + words);
+  EXPECT_EQ (get_accessible_name (clause, "diff_add_button"), "Keep these words of " + words);
+  EXPECT_EQ (get_accessible_name (clause, "diff_del_button"), "Remove these words of " + words);
+}
+
+TEST (clause_view_comparison, tools_name_the_words_and_whose_they_are)
+{
+  std::string forty = "1234567890123456789012345678901234567\u00e990";
+  Comparison comparison ({"a b\nc " + forty, "a \n " + forty + "!"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  std::string runs = "a [-b\u23ce\nc " + forty + "-][+\n " + forty + "!+]";
+  ASSERT_EQ (show_runs (comparison.clause), runs);
+  hover (comparison.clause, 2);
+  expect_tools (comparison.clause,
+                "the older text: \u201cb\u23cec " + forty.substr (0, 35) + "\u2026\u201d");
+  hover (comparison.clause, 3);
+  expect_tools (comparison.clause,
+                "the older text: \u201cb\u23cec " + forty.substr (0, 35) + "\u2026\u201d");
+  move_cursor (comparison.clause, 50);
+  expect_tools (comparison.clause,
+                "the newer text: \u201c\u23ce " + forty.substr (0, 39) + "\u2026\u201d");
+}
+
+TEST (clause_view_comparison, tools_tell_forty_characters_whole)
+{
+  std::string forty = repeat ("\u00e9", 40);
+  Comparison comparison ({"x", forty});
+  choose (comparison.clause, WITH_PREVIOUS);
+  hover (comparison.clause, 1);
+  expect_tools (comparison.clause, "the newer text: \u201c" + forty + "\u201d");
+}
+
+static void
+leave (Clause *clause, const char *name, int x_root, int y_root)
+{
+  GtkWidget *widget = find_widget (clause->view, name);
+  GdkEvent *event = gdk_event_new (GDK_LEAVE_NOTIFY);
+  event->crossing.window = GDK_WINDOW (g_object_ref (gtk_widget_get_window (widget)));
+  event->crossing.x_root = x_root;
+  event->crossing.y_root = y_root;
+  gboolean is_handled = TRUE;
+  g_signal_emit_by_name (widget, "leave-notify-event", event, &is_handled);
+  gdk_event_free (event);
+  pump ();
+}
+
+// Where a widget lies on the screen.
+static GdkRectangle
+get_place (GtkWidget *widget)
+{
+  GdkRectangle place;
+  gtk_widget_get_allocation (widget, &place);
+  GtkWidget *toplevel = gtk_widget_get_toplevel (widget);
+  int x;
+  int y;
+  gtk_widget_translate_coordinates (widget, toplevel, 0, 0, &place.x, &place.y);
+  gdk_window_get_origin (gtk_widget_get_window (toplevel), &x, &y);
+  place.x += x;
+  place.y += y;
+  return place;
+}
+
+static bool
+are_tools_laid_out (void *data)
+{
+  GtkWidget *tools = find_widget (((Clause *) data)->view, "diff_overlay_tools");
+  GtkWidget *overlay = gtk_widget_get_parent (tools);
+  int width = gtk_widget_get_allocated_width (tools);
+  int left;
+  int top;
+  gtk_widget_translate_coordinates (tools, overlay, 0, 0, &left, &top);
+  if (gtk_widget_get_direction (tools) == GTK_TEXT_DIR_RTL)
+    left = gtk_widget_get_allocated_width (overlay) - left - width;
+  return width > 1 && left == gtk_widget_get_margin_start (tools) &&
+         top == gtk_widget_get_margin_top (tools);
+}
+
+// Shows the tools at a character of the text. When they are shown for the first time, they come to
+// their place with the second motion.
+static void
+place_tools (Clause *clause, int offset)
+{
+  for (int i = 0; i < 2; i++) {
+    hover (clause, offset);
+    ASSERT_TRUE (are_tools_shown (clause));
+    ASSERT_TRUE (pump_until (are_tools_laid_out, clause));
+  }
+}
+
+TEST (clause_view_comparison, tools_go_when_the_pointer_leaves_text_and_tools)
+{
+  Comparison comparison ({"common b\n1\n2\n3", "common c\n1\n2\n3"});
+  Clause *clause = comparison.clause;
+  choose (clause, WITH_PREVIOUS);
+  for (const char *name : {"text_view", "diff_add_button", "diff_del_button"}) {
+    place_tools (clause, 7);
+    GdkRectangle text = get_place (GTK_WIDGET (get_text_view (clause)));
+    GdkRectangle tools = get_place (find_widget (clause->view, "diff_overlay_tools"));
+    leave (clause, name, tools.x + 1, tools.y + 1);
+    EXPECT_TRUE (are_tools_shown (clause)) << name;
+    leave (clause, name, tools.x + tools.width - 1, tools.y + tools.height - 1);
+    EXPECT_TRUE (are_tools_shown (clause)) << name;
+    leave (clause, name, text.x + 1, text.y + text.height - 1);
+    EXPECT_TRUE (are_tools_shown (clause)) << name;
+    leave (clause, name, text.x - 1, text.y + 1);
+    EXPECT_FALSE (are_tools_shown (clause)) << name;
+    hover (clause, 7);
+    leave (clause, name, text.x + 1, text.y + text.height);
+    EXPECT_FALSE (are_tools_shown (clause)) << name;
+  }
+}
+
+TEST (clause_view_comparison, tools_go_when_the_pointer_leaves_the_part_in_sight)
+{
+  Comparison comparison ({"common b" + repeat ("\nx", 200), "common c" + repeat ("\nx", 200)});
+  Clause *clause = comparison.clause;
+  choose (clause, WITH_PREVIOUS);
+  place_tools (clause, 7);
+  GdkRectangle text = get_place (GTK_WIDGET (get_text_view (clause)));
+  GdkRectangle window = get_place (GTK_WIDGET (comparison.test.window));
+  ASSERT_GT (text.y + text.height, window.y + window.height);
+  leave (clause, "text_view", text.x + 1, text.y + 1);
+  EXPECT_TRUE (are_tools_shown (clause));
+  leave (clause, "text_view", text.x + 1, window.y + window.height + 1);
+  EXPECT_FALSE (are_tools_shown (clause));
+}
+
+TEST (clause_view_comparison, tools_that_go_give_the_focus_back_to_the_text)
+{
+  Comparison comparison ({"common b", "common c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  move_cursor (comparison.clause, 7);
+  press_key (&comparison.test, GDK_KEY_Tab);
+  leave (comparison.clause, "text_view", 0, 0);
+  EXPECT_FALSE (are_tools_shown (comparison.clause));
+  EXPECT_TRUE (gtk_widget_is_focus (GTK_WIDGET (get_text_view (comparison.clause))));
+}
+
+TEST (clause_view_comparison, tools_stand_under_their_change_whichever_way_the_window_reads)
+{
+  int shift[2];
+  for (int i = 0; i < 2; i++) {
+    gtk_widget_set_default_direction (i ? GTK_TEXT_DIR_RTL : GTK_TEXT_DIR_LTR);
+    std::string words = repeat ("common ", 4);
+    Comparison comparison ({words + "b", words + "c"});
+    Clause *clause = comparison.clause;
+    choose (clause, WITH_PREVIOUS);
+    place_tools (clause, 28);
+    GtkTextIter iter;
+    gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, 28);
+    GdkRectangle location;
+    gtk_text_view_get_iter_location (get_text_view (clause), &iter, &location);
+    int x;
+    gtk_text_view_buffer_to_window_coords (get_text_view (clause), GTK_TEXT_WINDOW_WIDGET,
+                                           location.x, location.y, &x, NULL);
+    GdkRectangle text = get_place (GTK_WIDGET (get_text_view (clause)));
+    GdkRectangle tools = get_place (find_widget (clause->view, "diff_overlay_tools"));
+    shift[i] = tools.x + tools.width / 2 - text.x - x;
+    EXPECT_LE (tools.x, text.x + x + 1);
+    EXPECT_GE (tools.x + tools.width, text.x + x + 1);
+  }
+  gtk_widget_set_default_direction (GTK_TEXT_DIR_LTR);
+  EXPECT_NEAR (shift[0], shift[1], 1);
+}
+
+// The offset of the cursor, and of the change that the tools would decide on.
+static int
+get_cursor (Clause *clause)
+{
+  GtkTextIter iter;
+  gtk_text_buffer_get_iter_at_mark (get_buffer (clause), &iter,
+                                    gtk_text_buffer_get_insert (get_buffer (clause)));
+  return gtk_text_iter_get_offset (&iter);
+}
+
+TEST (clause_view_comparison, f8_goes_from_change_to_change)
+{
+  Comparison comparison ({"b a b a b", "c a c a d"});
+  Clause *clause = comparison.clause;
+  choose (clause, WITH_PREVIOUS);
+  ASSERT_EQ (show_runs (clause), "[-b -][+c +]a [-b -][+c +]a [-b-][+d+]");
+  EXPECT_EQ (get_cursor (clause), 0);
+  EXPECT_FALSE (are_tools_shown (clause));
+  for (int offset : {0, 2, 6, 8, 12, 13, 0, 2}) {
+    press_key (&comparison.test, GDK_KEY_F8);
+    EXPECT_EQ (get_cursor (clause), offset);
+    EXPECT_TRUE (are_tools_shown (clause));
+  }
+  for (int offset : {0, 13, 12, 8}) {
+    press_key (&comparison.test, GDK_KEY_F8, GDK_SHIFT_MASK);
+    EXPECT_EQ (get_cursor (clause), offset);
+    EXPECT_TRUE (are_tools_shown (clause));
+  }
+  // From a tool, and from where a change was.
+  press_key (&comparison.test, GDK_KEY_Tab);
+  press_key (&comparison.test, GDK_KEY_F8);
+  EXPECT_EQ (get_cursor (clause), 12);
+  press_key (&comparison.test, GDK_KEY_Tab);
+  press_key (&comparison.test, GDK_KEY_Tab);
+  press_key (&comparison.test, GDK_KEY_space);
+  EXPECT_EQ (show_runs (clause), "[-b -][+c +]a [-b -][+c +]a [+d+]");
+  EXPECT_FALSE (are_tools_shown (clause));
+  press_key (&comparison.test, GDK_KEY_F8);
+  EXPECT_EQ (get_cursor (clause), 12);
+  EXPECT_TRUE (are_tools_shown (clause));
+  press (clause->view, "diff_add_button");
+  EXPECT_EQ (show_runs (clause), "[-b -][+c +]a [-b -][+c +]a d");
+  press_key (&comparison.test, GDK_KEY_F8, GDK_SHIFT_MASK);
+  EXPECT_EQ (get_cursor (clause), 8);
+}
+
+TEST (clause_view_comparison, f8_goes_nowhere_without_a_change)
+{
+  Comparison comparison ({"a b", "a b"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  for (GdkModifierType state : {(GdkModifierType) 0, GDK_SHIFT_MASK}) {
+    press_key (&comparison.test, GDK_KEY_F8, state);
+    EXPECT_EQ (get_cursor (comparison.clause), 0);
+    EXPECT_FALSE (are_tools_shown (comparison.clause));
+  }
+}
+
 // ---- Deciding ----
 
 TEST (clause_view_comparison, kept_run_stays_as_ordinary_text)
@@ -633,7 +878,8 @@ TEST (clause_view_comparison, last_keep_makes_the_text_editable_and_no_draft)
   EXPECT_EQ (comparison.drafts (), "");
   EXPECT_FALSE (is_sensitive (comparison.clause->view, "commit_button"));
   EXPECT_EQ (get_menu_state (comparison.clause, USE_AS_DRAFT), "on");
-  EXPECT_EQ (get_menu_state (comparison.clause, KEEP_ALL), "off");
+  EXPECT_EQ (get_menu_state (comparison.clause, TAKE_NEWER), "off");
+  EXPECT_EQ (get_menu_state (comparison.clause, TAKE_OLDER), "off");
 }
 
 TEST (clause_view_comparison, typing_after_the_last_keep_makes_a_draft)
@@ -659,23 +905,33 @@ TEST (clause_view_comparison, use_as_draft_stores_what_is_left)
   EXPECT_TRUE (is_over (comparison.clause));
 }
 
-TEST (clause_view_comparison, keep_all_is_the_newer_text)
+TEST (clause_view_comparison, take_newer_is_the_newer_text)
 {
   Comparison comparison ({"a b\nc d", "a x c\nd e"});
   choose (comparison.clause, WITH_PREVIOUS);
-  choose (comparison.clause, KEEP_ALL);
+  choose (comparison.clause, TAKE_NEWER);
   EXPECT_EQ (show_runs (comparison.clause), "a x c\nd e");
   EXPECT_TRUE (gtk_text_view_get_editable (get_text_view (comparison.clause)));
 }
 
-TEST (clause_view_comparison, keep_all_leaves_single_decisions_as_they_are)
+TEST (clause_view_comparison, take_older_is_the_older_text)
+{
+  Comparison comparison ({"a b\nc d", "a x c\nd e"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  choose (comparison.clause, TAKE_OLDER);
+  EXPECT_EQ (show_runs (comparison.clause), "a b\nc d");
+  EXPECT_TRUE (gtk_text_view_get_editable (get_text_view (comparison.clause)));
+  EXPECT_EQ (comparison.drafts (), "");
+}
+
+TEST (clause_view_comparison, take_newer_leaves_single_decisions_as_they_are)
 {
   Comparison comparison ({"a b c d", "a x c y"});
   choose (comparison.clause, WITH_PREVIOUS);
   ASSERT_EQ (show_runs (comparison.clause), "a [-b -][+x +]c [-d-][+y+]");
   decide (comparison.clause, 2, '+');
   decide (comparison.clause, 4, '-');
-  choose (comparison.clause, KEEP_ALL);
+  choose (comparison.clause, TAKE_NEWER);
   EXPECT_EQ (show_runs (comparison.clause), "a b c y");
 }
 
@@ -692,7 +948,7 @@ TEST (clause_view_comparison, dropped_line_break_takes_its_return_symbol_with_it
   Comparison comparison ({"Price: 5000\nEUR net", "Price: 5000 EUR net"});
   choose (comparison.clause, WITH_PREVIOUS);
   ASSERT_EQ (show_runs (comparison.clause), "Price: [-5000\u23ce\n-][+5000 +]EUR net");
-  choose (comparison.clause, KEEP_ALL);
+  choose (comparison.clause, TAKE_NEWER);
   EXPECT_EQ (show_runs (comparison.clause), "Price: 5000 EUR net");
 }
 
@@ -727,7 +983,7 @@ TEST (clause_view_comparison, left_and_begun_again_starts_afresh)
   }
   choose (comparison.clause, WITH_PREVIOUS);
   ASSERT_EQ (show_runs (comparison.clause), "[-a\u23ce\nb\u23ce\n-][+\u23cea b +]c");
-  choose (comparison.clause, KEEP_ALL);
+  choose (comparison.clause, TAKE_NEWER);
   EXPECT_EQ (show_runs (comparison.clause), "\u23cea b c");
 }
 
@@ -744,7 +1000,7 @@ TEST (clause_view_comparison, committed_result_holds_no_trace_of_it)
 {
   Comparison comparison ({"a b\nc", "a\nb c"});
   choose (comparison.clause, WITH_PREVIOUS);
-  choose (comparison.clause, KEEP_ALL);
+  choose (comparison.clause, TAKE_NEWER);
   choose (comparison.clause, USE_AS_DRAFT);
   press (comparison.clause->view, "commit_button");
   EXPECT_EQ (query (&comparison.test, "SELECT status, text FROM clause_revisions"
@@ -753,15 +1009,6 @@ TEST (clause_view_comparison, committed_result_holds_no_trace_of_it)
 }
 
 // ---- Deciding on a revision meanwhile ----
-
-static std::string
-get_tooltip (Clause *clause, const char *name)
-{
-  char *tooltip = gtk_widget_get_tooltip_text (find_widget (clause->view, name));
-  std::string text = tooltip ? tooltip : "";
-  g_free (tooltip);
-  return text;
-}
 
 static std::string
 format_local_time (time_t time)
@@ -862,6 +1109,30 @@ TEST (clause_view_comparison, escape_in_the_text_leaves_it)
     EXPECT_TRUE (is_over (comparison.clause));
     EXPECT_EQ (get_text (comparison.clause->view, "revision_status_label"), BOB ":3001");
   }
+}
+
+TEST (clause_view_comparison, escape_on_a_tool_leaves_it_to_the_text)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  press_key (&comparison.test, GDK_KEY_F8);
+  press_key (&comparison.test, GDK_KEY_Tab);
+  press_key (&comparison.test, GDK_KEY_Escape);
+  EXPECT_EQ (show_runs (comparison.clause), "a c");
+  EXPECT_TRUE (is_over (comparison.clause));
+  EXPECT_TRUE (gtk_widget_is_focus (GTK_WIDGET (get_text_view (comparison.clause))));
+}
+
+TEST (clause_view_comparison, received_revision_takes_the_focus_from_a_tool_that_goes)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  press_key (&comparison.test, GDK_KEY_F8);
+  press_key (&comparison.test, GDK_KEY_Tab);
+  deliver_revision (comparison.test.window, {ALICE, 1000}, {ALICE, 2000}, {BOB, 3500}, "new");
+  EXPECT_EQ (show_runs (comparison.clause), "new");
+  EXPECT_TRUE (
+    gtk_widget_is_focus (find_widget (comparison.clause->view, "revision_select_menu_button")));
 }
 
 TEST (clause_view_comparison, escape_without_it_changes_nothing)
@@ -1104,11 +1375,29 @@ static void
 decide_by_key (Walk *walk, int offset, char sign)
 {
   Clause *clause = walk->comparison.clause;
-  move_cursor (clause, offset);
+  if (walk->draw (2)) {
+    move_cursor (clause, offset);
+  } else {
+    // There are fewer changes than that.
+    GdkModifierType state = walk->draw (2) ? GDK_SHIFT_MASK : (GdkModifierType) 0;
+    int count = 0;
+    do
+      press_key (&walk->comparison.test, GDK_KEY_F8, state);
+    while (get_cursor (clause) != offset && ++count < 100);
+  }
+  ASSERT_EQ (get_cursor (clause), offset);
   ASSERT_TRUE (are_tools_shown (clause));
   for (int count = sign == '+' ? 1 : 2; count; count--)
     press_key (&walk->comparison.test, GDK_KEY_Tab);
   press_key (&walk->comparison.test, GDK_KEY_space);
+}
+
+static void
+note_decision (Stretch *stretch, bool is_kept)
+{
+  stretch->kind = '=';
+  if (!is_kept)
+    stretch->words.clear ();
 }
 
 // Decides on one stretch, in the window and in the reference.
@@ -1123,10 +1412,7 @@ decide_stretch (Walk *walk, Stretches *stretches, size_t index, char sign)
     decide_by_key (walk, offset, sign);
   else
     decide (walk->comparison.clause, offset, sign);
-  Stretch &stretch = (*stretches)[index];
-  stretch.kind = '=';
-  if (sign == '-')
-    stretch.words.clear ();
+  note_decision (&(*stretches)[index], sign == '+');
 }
 
 static std::vector<size_t>
@@ -1155,6 +1441,14 @@ decide_round (Walk *walk, Stretches *stretches, Side side)
     std::vector<size_t> changes = list_changes (*stretches);
     if (changes.empty ())
       return;
+    if (!walk->draw (6)) {
+      bool is_newer = side == EITHER ? walk->draw (2) : side == NEWER;
+      choose (walk->comparison.clause, is_newer ? TAKE_NEWER : TAKE_OLDER);
+      for (size_t index : changes)
+        note_decision (&(*stretches)[index], ((*stretches)[index].kind == '+') == is_newer);
+      ASSERT_EQ (show_runs (walk->comparison.clause), show_stretches (*stretches));
+      return;
+    }
     size_t index = changes[walk->draw (changes.size ())];
     char sign = walk->draw (2) ? '+' : '-';
     if (side != EITHER)

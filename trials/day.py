@@ -686,13 +686,12 @@ class Day:
         party = player.party
         changes = len(node.runs())
         party.give_keyboard(node)
-        name = "Keep this change" if is_kept else "Drop this change"
 
         def find():
             node.call("org.a11y.atspi.Text", "SetCaretOffset", "i", offset)
-            return party.find(name, driver.BUTTON_ROLES)
-        self.desktop.wait(find, "%s sees the tools of a change" % party.name)
-        party.press(name)
+            return party.find_tool(is_kept)
+        tool = self.desktop.wait(find, "%s sees the tools of a change" % party.name)
+        party.press(tool.name())
         self.desktop.wait(lambda: len(node.runs()) == changes - 1, "a change is decided on")
         self.counts["changes decided on"] += 1
 

@@ -839,9 +839,17 @@ class Window:
         self.desktop.wait(lambda: any(" > " in label for label in self.labels()),
                           "%s sees a comparison" % self.party.name)
 
+    def find_tool(self, is_kept):
+        """The tool that keeps the words of a change, or removes them; None while there is none."""
+        begin = "Keep these words" if is_kept else "Remove these words"
+        for node in self.find_all(None, BUTTON_ROLES):
+            if node.name().startswith(begin):
+                return node
+        return None
+
     def point_at_change(self, run, nth=0):
-        """Points at the change of the nth clause, which is compared; returns the tools, "Keep this
-        change" first, once they lie still just under the line."""
+        """Points at the change of the nth clause, which is compared; returns the tools, what keeps
+        the words first, once they lie still just under the line."""
         node = self.wait_for("Clause text", ENTRY_ROLES, nth)
         text = node.text()
         # Somewhere in the run where there is something to point at.
@@ -856,8 +864,9 @@ class Window:
             step[0] = 1 - step[0]
             self.desktop.xdotool("mousemove", x + step[0], middle)
             time.sleep(POLL)
-            tools = [self.find(name, BUTTON_ROLES)
-                     for name in ("Keep this change", "Drop this change")]
+            tools = [self.find_tool(True), self.find_tool(False)]
+            if not all(tools):
+                return None
             left, top = tools[0].extents()[:2]
             right = sum(tools[1].extents()[::2])
             is_centred = left <= x + 2 < right - 20 or left <= edge + 1

@@ -9,7 +9,6 @@ NEWER = "Twelve crates of apples a week paid\non Monday morning\n\nby the buyer 
 ADDED = "008855"
 DELETED = "cc5555"
 RETURN = "\u23ce"
-BUTTONS = driver.BUTTON_ROLES
 
 
 def drop_return(text):
@@ -68,8 +67,7 @@ class Comparison(driver.Case):
             x, y, width, height = node.character_place(offset)
             for step in (0, 1):
                 self.desktop.xdotool("mousemove", x + width // 2 + step, y + height // 2)
-        self.desktop.wait(lambda: party.find("Keep this change", BUTTONS) is None,
-                          "the tools are gone")
+        self.desktop.wait(lambda: party.find_tool(True) is None, "the tools are gone")
         self.desktop.xdotool("mousemove", 1, 1)
 
     def changes(self, party):
@@ -140,17 +138,22 @@ class Comparison(driver.Case):
         party.decide_change(run, is_kept)
 
     def decide_by_keyboard(self, party, run, is_kept):
-        """Moves the cursor onto the change, goes to the tools with Tab, and presses one."""
+        """Goes to the change, from there to the tools with Tab, and presses one."""
         node = self.node(party)
         self.desktop.key("ctrl+Home")
-        self.desktop.key(*(["Right"] * run[0]))
+        if is_kept:
+            self.desktop.key(*(["Right"] * run[0]))
+        elif node.caret() == run[0]:
+            self.desktop.key("F8", "shift+F8")
+        else:
+            self.desktop.key("F8")
         self.desktop.wait(lambda: node.caret() == run[0], "the cursor stands at the change")
-        # The tools come next after the text, "Keep this change" first.
-        for name in ("Keep this change", "Drop this change")[:1 if is_kept else 2]:
+        # The tools come next after the text, what keeps the words first.
+        for keeps in (True, False)[:1 if is_kept else 2]:
             self.desktop.key("Tab")
-            tool = party.wait_for(name, BUTTONS)
+            tool = self.desktop.wait(lambda: party.find_tool(keeps), "the tools are there")
             self.desktop.wait(lambda: tool.has(driver.STATE_FOCUSED),
-                              "Tab leads to \"%s\"" % name)
+                              "Tab leads to \"%s\"" % tool.name())
         self.desktop.key("space")
 
     def decide_all(self, party, decide, kept):
@@ -206,15 +209,15 @@ class Comparison(driver.Case):
         self.assertEqual(anna.drafts(), [text])
         self.finish(anna, bert, text)
 
-    def test_keep_all(self):
-        """\"Keep all remaining changes\" gives the newer text; typing goes on from there"""
+    def test_take_all(self):
+        """\"Take all of the newer text\" gives the newer text; typing goes on from there"""
         anna, bert = self.begun(OLDER, NEWER)
         anna.compare_with_previous()
         self.check_display(anna, OLDER, NEWER)
         _, changes = self.changes(anna)
         self.assertEqual(changes[0][2], DELETED)
         self.decide_by_mouse(anna, changes[0], False)
-        self.choose(anna, "Keep all remaining changes")
+        self.choose(anna, "Take all of the newer text")
         self.wait_runs(anna, 0)
         anna.wait_text("Clause text", NEWER)
         anna.focus("Clause text")
@@ -229,7 +232,7 @@ class Comparison(driver.Case):
         newer = "Press %s%s\nto sign\nthe end" % (RETURN, RETURN)
         anna, bert = self.begun(older, newer)
         anna.compare_with_previous()
-        self.choose(anna, "Keep all remaining changes")
+        self.choose(anna, "Take all of the newer text")
         anna.wait_text("Clause text", newer)
         self.choose(anna, "Use this text as draft")
         anna.wait_label("draft")
@@ -248,15 +251,17 @@ class Comparison(driver.Case):
         """Escape, the menu, a row and a revision that arrives leave it; nothing is changed by it"""
         anna, bert = self.begun(OLDER, NEWER)
         before = anna.everything()
-        for way in ("Escape", "menu", "row"):
+        for way in ("Escape", "Escape from the list", "menu", "row"):
             self.says(way)
-            anna.compare_with_previous()
+            if way == "Escape from the list":
+                self.compare_by_mouse(anna, 0)
+            else:
+                anna.compare_with_previous()
             self.wait_runs(anna)
-            anna.focus("Clause text")
             shown = self.node(anna).text()
             self.desktop.key("x", "BackSpace", "Delete", "Return")
             self.assertEqual(self.node(anna).text(), shown)
-            if way == "Escape":
+            if way.startswith("Escape"):
                 self.desktop.key("Escape")
             elif way == "menu":
                 self.choose(anna, "Leave the comparison")
@@ -275,6 +280,40 @@ class Comparison(driver.Case):
         self.desktop.type_text("!")
         self.finish(anna, bert, "Something else!")
 
+    def test_pointing(self):
+        """the tools go when the pointer leaves text and tools, whichever it leaves last"""
+        anna, _ = self.begun(OLDER, NEWER)
+        anna.compare_with_previous()
+        for number in (0, -1):
+            anna.point_at_change(self.wait_runs(anna)[number])
+            self.desktop.xdotool("mousemove", 1, 1)
+            self.desktop.wait(lambda: anna.find_tool(True) is None, "the tools are gone")
+            tool = anna.point_at_change(self.wait_runs(anna)[number])[1]
+            left, top, width, height = tool.extents()
+            for step in (0, 1):
+                self.desktop.xdotool("mousemove", left + width // 2 + step, top + height // 2)
+            anna.settled(tool)
+            self.assertIsNotNone(anna.find_tool(True))
+            self.desktop.xdotool("mousemove", 1, 1)
+            self.desktop.wait(lambda: anna.find_tool(True) is None, "the tools are gone")
+
+    def test_agreeing(self):
+        """a press on a decision button first shows the revision that it decides on"""
+        anna, bert = self.begun("900 EUR", "950 EUR")
+        anna.compare_with_previous()
+        self.decide_by_keyboard(anna, self.wait_runs(anna)[0], True)
+        self.decide_by_keyboard(anna, self.wait_runs(anna, 1)[0], False)
+        anna.wait_text("Clause text", "900 EUR")
+        self.says("what was left is a draft; from another comparison Anna agrees")
+        anna.choose_revision(0, 1)
+        anna.compare_with_previous()
+        self.decide_by_keyboard(anna, self.wait_runs(anna)[0], True)
+        self.wait_runs(anna, 1)
+        anna.decide("Agree", 0)
+        anna.wait_text("Clause text", "950 EUR")
+        self.assertEqual(self.node(anna).runs(), [])
+        bert.wait_label("contractor agrees")
+
     def test_refused(self):
         """with itself it is not compared, and says so; the draft is compared as the newest"""
         anna, bert = self.begun(OLDER, NEWER)
@@ -282,13 +321,17 @@ class Comparison(driver.Case):
         anna.open_menu(row, "Compare with the revision shown")
         anna.press_menu_item("Compare with the revision shown")
         anna.wait_label("A revision can't be compared with itself.")
+        self.says("a few seconds later the label names the revision again")
+        self.desktop.wait(
+            lambda: "A revision can't be compared with itself." not in anna.labels(),
+            "the refusal is gone")
         self.assertEqual(self.node(anna).runs(), [])
         self.says("what was typed is saved and compared")
         anna.write(0, NEWER + " and son")
         self.compare_by_keyboard(anna, 0, "shift+F10")
         self.assertEqual(anna.drafts(), [NEWER + " and son"])
         self.check_display(anna, OLDER, NEWER + " and son")
-        self.choose(anna, "Keep all remaining changes")
+        self.choose(anna, "Take all of the newer text")
         self.choose(anna, "Use this text as draft")
         self.finish(anna, bert, NEWER + " and son")
 
