@@ -163,7 +163,8 @@ delivery_send (AppWindow *window)
     u64 id = send_parcel (window, entry->kind, &parcel);
     if (stream_management_is_broken (counts))
       break;
-    outbox_note_sent (outbox, entry, stream_management_get_sent_count (counts), id);
+    u64 position = stream_management_get_sent_count (counts);
+    outbox_note_sent (outbox, entry, position, position, id);
   }
   delivery_update (window);
 }
@@ -175,9 +176,12 @@ delivery_update (AppWindow *window)
   StreamManagement *counts = &window->stream_management;
   if (!outbox->db)
     return;
-  outbox_note_confirmed (outbox, stream_management_get_confirmed_count (counts));
-  if (!stream_management_is_enabled (counts))
-    outbox_note_taken (outbox, stream_management_get_taken_count (counts));
+  if (stream_management_is_enabled (counts)) {
+    outbox_note_acknowledged (outbox, stream_management_get_acknowledged_count (counts));
+  } else {
+    outbox_note_taken (outbox, stream_management_get_taken_count (counts), g_get_monotonic_time ());
+    outbox_note_heard (outbox, stream_management_get_confirmed_time (counts));
+  }
   watch_table (window);
 }
 

@@ -327,25 +327,26 @@ outbox_get_next (Outbox *outbox)
 }
 
 void
-outbox_note_sent (Outbox *, OutboxEntry *entry, u64 position, u64 request_id)
+outbox_note_sent (Outbox *, OutboxEntry *entry, u64 acknowledge_position, u64 take_position,
+                  u64 request_id)
 {
   assert (entry->state == OUTBOX_WAITING);
   entry->state = OUTBOX_SENT;
-  entry->position = position;
+  entry->acknowledge_position = acknowledge_position;
+  entry->take_position = take_position;
   entry->request_id = request_id;
 }
 
-// Entries up to `position` go from one state to another, with their rows.
-static void
-advance_entries (Outbox *outbox, u64 position, bool takes_taken, OutboxState state)
+void
+outbox_note_taken (Outbox *outbox, u64 take_position, s64 time)
 {
   bool is_changed = false;
   for (u32 i = 0; i < outbox->count; ++i) {
     OutboxEntry *entry = &outbox->entries[i];
-    bool is_due = entry->state == OUTBOX_SENT || (takes_taken && entry->state == OUTBOX_TAKEN);
-    if (is_due && entry->position <= position) {
-      entry->state = state;
-      is_changed = is_changed || entry->db_id;
+    if (entry->state == OUTBOX_SENT && entry->take_position <= take_position) {
+      entry->state = OUTBOX_TAKEN;
+      entry->taken_time = time;
+      is_changed = true;
     }
   }
   if (is_changed)
@@ -353,15 +354,28 @@ advance_entries (Outbox *outbox, u64 position, bool takes_taken, OutboxState sta
 }
 
 void
-outbox_note_taken (Outbox *outbox, u64 position)
+outbox_note_heard (Outbox *outbox, s64 time)
 {
-  advance_entries (outbox, position, false, OUTBOX_TAKEN);
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    if (entry->state == OUTBOX_TAKEN && entry->taken_time <= time)
+      entry->state = OUTBOX_DONE;
+  }
 }
 
 void
-outbox_note_confirmed (Outbox *outbox, u64 position)
+outbox_note_acknowledged (Outbox *outbox, u64 acknowledge_position)
 {
-  advance_entries (outbox, position, true, OUTBOX_DONE);
+  bool is_changed = false;
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    if (entry->state == OUTBOX_SENT && entry->acknowledge_position <= acknowledge_position) {
+      entry->state = OUTBOX_DONE;
+      is_changed = true;
+    }
+  }
+  if (is_changed)
+    settle_rows (outbox);
 }
 
 bool

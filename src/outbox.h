@@ -4,7 +4,7 @@
 //
 // An entry is written in the transaction of the object that it names. While a session runs, entries
 // go from one state to the next; which of them have a row follows from their state. Positions are
-// counted by the session, in any unit that only grows: what is sent later has a higher one.
+// counted by the session and only grow: what is sent later has a higher one.
 //
 // Ownership: an `Outbox` owns its entries and borrows the store. Pointers to entries are good until
 // the next call that adds or forgets entries.
@@ -39,8 +39,10 @@ struct OutboxEntry {
   OutboxKind kind;
   u64 object_db_id;  // row of the object
   OutboxState state;
-  u64 position;    // where it stands in the session; of use when sent, taken or done
-  u64 request_id;  // of the stanza that carried it last; 0 before the first
+  u64 acknowledge_position;  // where it stands in what the server acknowledges
+  u64 take_position;         // where it stands in what the socket takes
+  s64 taken_time;            // when the socket was known to have taken it; monotonic, microseconds
+  u64 request_id;            // of the stanza that carried it last; 0 before the first
   // The object's record while its deletion can be undone: the entry has no row meanwhile. Else NULL.
   const void *removed_object;
 };
@@ -81,13 +83,16 @@ void outbox_forget_removed (Outbox *outbox);
 
 // The entry that is to be sent next; NULL when none waits.
 OutboxEntry *outbox_get_next (Outbox *outbox);
-// The stanza with this id was given to the session; `position` is where it ends.
-void outbox_note_sent (Outbox *outbox, OutboxEntry *entry, u64 position, u64 request_id);
-// Without acknowledgements: the socket took everything up to `position`. The rows go.
-void outbox_note_taken (Outbox *outbox, u64 position);
-// What stands up to `position` has reached the server: it acknowledged that, or bytes came from it
-// after the socket had taken that much. The rows go.
-void outbox_note_confirmed (Outbox *outbox, u64 position);
+// The stanza with this id was given to the session; the positions are where it ends.
+void outbox_note_sent (Outbox *outbox, OutboxEntry *entry, u64 acknowledge_position,
+                       u64 take_position, u64 request_id);
+// Without acknowledgements: the socket took everything up to there, by `time` at the latest. The rows
+// go.
+void outbox_note_taken (Outbox *outbox, u64 take_position, s64 time);
+// The server was heard of, and what the socket took up to `time` is known to have reached it.
+void outbox_note_heard (Outbox *outbox, s64 time);
+// The server has acknowledged everything up to there. The rows go.
+void outbox_note_acknowledged (Outbox *outbox, u64 acknowledge_position);
 // The stanza with this id came back with an error. False when it carried none of these.
 bool outbox_note_refused (Outbox *outbox, u64 request_id);
 // The session is over: what was sent and not confirmed is waiting again, and has a row.

@@ -11,6 +11,8 @@
 #include "network.h"
 
 static const u32 ANSWER_TIME_MAX = 60000;  // milliseconds
+// What a server sends within this time may have been on its way already, in microseconds.
+static const s64 HEARD_DELAY = 2000000;
 // A burst of stanzas is acknowledged once, so much after its first, in milliseconds.
 static const u32 TELL_DELAY = 100;
 // How long a stop waits for the interface, in milliseconds.
@@ -68,6 +70,7 @@ stream_management_begin (StreamManagement *counts, AppWindow *window, gnutls_ses
   counts->session_number = session_number;
   counts->is_enabled = is_offered;
   counts->answer_time_max = ANSWER_TIME_MAX;
+  counts->heard_delay = HEARD_DELAY;
   counts->next = first_counts;
   first_counts = counts;
   pthread_mutex_unlock (&counts_mutex);
@@ -172,10 +175,15 @@ send_stanza (gnutls_session_t tls_session, String stanza)
 // ---- Receiving ----
 
 void
-stream_management_note_heard (StreamManagement *counts)
+stream_management_note_heard (StreamManagement *counts, String data)
 {
+  String end = to_string ("</stream:stream>");
+  bool is_end = data.size >= end.size && string_advance (data, data.size - end.size) == end;
+  s64 time = g_get_monotonic_time ();
   pthread_mutex_lock (&counts_mutex);
-  counts->heard_count = counts->taken_count;
+  counts->heard_time = time;
+  if (is_end)
+    counts->ended_time = time;
   pthread_mutex_unlock (&counts_mutex);
 }
 
@@ -378,15 +386,6 @@ stream_management_tell (StreamManagement *counts)
     tell_applied (counts);
 }
 
-u64
-stream_management_get_confirmed_count (StreamManagement *counts)
-{
-  pthread_mutex_lock (&counts_mutex);
-  u64 count = counts->is_enabled ? counts->acknowledged_count : counts->heard_count;
-  pthread_mutex_unlock (&counts_mutex);
-  return count;
-}
-
 // ---- Looking ----
 
 u64
@@ -405,6 +404,26 @@ stream_management_get_taken_count (StreamManagement *counts)
   u64 count = counts->taken_count;
   pthread_mutex_unlock (&counts_mutex);
   return count;
+}
+
+u64
+stream_management_get_acknowledged_count (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  u64 count = counts->acknowledged_count;
+  pthread_mutex_unlock (&counts_mutex);
+  return count;
+}
+
+s64
+stream_management_get_confirmed_time (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  s64 time = counts->heard_time - counts->heard_delay;
+  if (time < counts->ended_time)
+    time = counts->ended_time;
+  pthread_mutex_unlock (&counts_mutex);
+  return time > 0 ? time : 0;
 }
 
 bool

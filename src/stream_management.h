@@ -4,7 +4,8 @@
 //
 // A server that offers it acknowledges what it has taken over, and so do we: a received stanza is
 // acknowledged when the interface has stored what it brought. Without it the server's word is missing,
-// and the nearest to it is that bytes came after the socket had taken what was sent.
+// and the nearest to it is that bytes came some time after the socket had taken what was sent: what
+// comes at once may have been on its way.
 //
 // Ownership: the record is a field of its window, and belongs to the session that it was begun for.
 // Threads: any, but for the functions that name one. The session thread begins it; it ends on the
@@ -29,12 +30,15 @@ struct StreamManagement {
   // All of these count stanzas since the session began.
   u64 sent_count;
   u64 taken_count;         // of those, the ones that the socket has taken whole
-  u64 heard_count;         // what the socket had taken when bytes last came from the server
   u64 acknowledged_count;  // what the server has acknowledged
   u64 received_count;      // since the server agreed
   u64 applied_count;       // of those, the ones that the interface has applied
   // Interface thread.
-  u64 told_count;       // what we have acknowledged last
+  u64 told_count;  // what we have acknowledged last
+  // Monotonic, microseconds; 0 for never.
+  s64 heard_time;       // when bytes last came from the server
+  s64 ended_time;       // when the server ended its stream
+  s64 heard_delay;      // how much earlier the socket must have taken what those bytes confirm
   bool is_asking;       // `<r/>` goes out as soon as the interface has nothing else to do
   guint tell_source;    // a timer that will acknowledge; 0 for none
   guint answer_source;  // a timer for an answer that is due; 0 for none
@@ -59,8 +63,8 @@ u64 send_stanza (gnutls_session_t tls_session, String stanza);
 
 // ---- Receiving ----
 
-// Bytes came from the server. Session thread.
-void stream_management_note_heard (StreamManagement *counts);
+// These bytes came from the server. Session thread.
+void stream_management_note_heard (StreamManagement *counts, String data);
 // Takes a top-level element that belongs to stream management, where that is enabled; false for any
 // other. Session thread.
 bool stream_management_take (StreamManagement *counts, XMLElement *element);
@@ -74,15 +78,16 @@ void stream_management_leave_stanza (StreamManagement *counts);
 
 // Acknowledges at once what has been applied and was not acknowledged yet. Interface thread.
 void stream_management_tell (StreamManagement *counts);
-// What is known to have reached the server: acknowledged, or without stream management what the
-// socket had taken when the server was last heard of.
-u64 stream_management_get_confirmed_count (StreamManagement *counts);
 
 // ---- Looking ----
 
-// What was sent, and what of that the socket has taken whole.
+// What was sent, what of that the socket has taken whole, and what the server has acknowledged.
 u64 stream_management_get_sent_count (StreamManagement *counts);
 u64 stream_management_get_taken_count (StreamManagement *counts);
+u64 stream_management_get_acknowledged_count (StreamManagement *counts);
+// What the socket took up to this time has reached the server, as far as anybody can know without
+// acknowledgements. Monotonic, microseconds; 0 for nothing.
+s64 stream_management_get_confirmed_time (StreamManagement *counts);
 // Whether the server acknowledges, as far as is known: asked for, and not refused.
 bool stream_management_is_enabled (StreamManagement *counts);
 // Whether a stanza could not be sent whole.

@@ -540,7 +540,7 @@ run_session (AppWindow *window, String kept)
     Received received = receive_stanzas (&receiver);
     String data = received.data;
     if (data.size)
-      stream_management_note_heard (&window->stream_management);
+      stream_management_note_heard (&window->stream_management, data);
     // To a window that closes nothing is said any more, however much comes.
     if (data.size && app_window_is_worker_interrupted (window))
       continue;

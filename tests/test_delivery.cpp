@@ -165,6 +165,8 @@ TEST (delivery, a_word_of_the_server_settles_what_was_taken_before_it)
                   server_wait (), server_reset ()},
                  {});
   do_everything (&session);
+  // As if the server took long to speak.
+  session.window->stream_management.heard_delay = 0;
   scripted_server_signal (session.server);
   EXPECT_TRUE (pump_until ([] (void *data) { return ((AppWindow *) data)->contacts.count == 1; },
                            session.window));

@@ -93,7 +93,7 @@ struct Store {
       sent += std::string (OUTBOX_KIND_STRINGS[entry->kind]) + std::to_string (entry->object_db_id);
       sent += " ";
       ++*position;
-      outbox_note_sent (&outbox, entry, *position, 100 + *position);
+      outbox_note_sent (&outbox, entry, *position, *position, 100 + *position);
     }
     return sent;
   }
@@ -169,7 +169,7 @@ TEST (outbox_drop_empty_table, drops_it_when_the_last_row_is_gone)
   u64 position = 0;
   outbox_add (&store.outbox, OUTBOX_CLAUSE, 7);
   store.send_all (&position);
-  outbox_note_taken (&store.outbox, position);
+  outbox_note_taken (&store.outbox, position, 1);
   EXPECT_EQ (store.tables (), "10\n");
   EXPECT_TRUE (outbox_drop_empty_table (store.db));
   EXPECT_EQ (store.tables (), "9\n");
@@ -262,7 +262,7 @@ TEST (outbox_note_taken, the_rows_up_to_there_go)
   for (u64 i = 1; i <= 3; ++i)
     outbox_add (&store.outbox, OUTBOX_REVISION, i);
   store.send_all (&position);
-  outbox_note_taken (&store.outbox, 2);
+  outbox_note_taken (&store.outbox, 2, 1);
   EXPECT_EQ (store.rows (), "3|revision|3\n");
 }
 
@@ -270,7 +270,7 @@ TEST (outbox_note_taken, says_nothing_about_what_was_not_sent)
 {
   Store store;
   outbox_add (&store.outbox, OUTBOX_REVISION, 1);
-  outbox_note_taken (&store.outbox, 100);
+  outbox_note_taken (&store.outbox, 100, 1);
   EXPECT_EQ (store.rows (), "3|revision|1\n");
   EXPECT_TRUE (outbox_is_unsent (&store.outbox, OUTBOX_REVISION, 1));
 }
@@ -282,8 +282,9 @@ TEST (outbox_end_session, what_was_taken_and_not_confirmed_returns_to_its_place)
   for (u64 i = 1; i <= 3; ++i)
     outbox_add (&store.outbox, OUTBOX_REVISION, i);
   store.send_all (&position);
-  outbox_note_taken (&store.outbox, 3);
-  outbox_note_confirmed (&store.outbox, 1);
+  outbox_note_taken (&store.outbox, 1, 10);
+  outbox_note_taken (&store.outbox, 3, 20);
+  outbox_note_heard (&store.outbox, 10);
   outbox_add (&store.outbox, OUTBOX_REVISION, 4);
   outbox_end_session (&store.outbox);
   EXPECT_EQ (store.rows (), "3|revision|2\n3|revision|3\n3|revision|4\n");
@@ -292,14 +293,14 @@ TEST (outbox_end_session, what_was_taken_and_not_confirmed_returns_to_its_place)
   EXPECT_EQ (store.send_all (&position), "revision2 revision3 revision4 ");
 }
 
-TEST (outbox_note_confirmed, with_acknowledgements_the_rows_go_by_it)
+TEST (outbox_note_acknowledged, with_acknowledgements_the_rows_go_by_it)
 {
   Store store;
   u64 position = 0;
   for (u64 i = 1; i <= 3; ++i)
     outbox_add (&store.outbox, OUTBOX_MESSAGE, i);
   store.send_all (&position);
-  outbox_note_confirmed (&store.outbox, 2);
+  outbox_note_acknowledged (&store.outbox, 2);
   EXPECT_EQ (store.rows (), "3|message|3\n");
   outbox_end_session (&store.outbox);
   EXPECT_EQ (store.rows (), "3|message|3\n");
@@ -312,12 +313,12 @@ TEST (outbox_note_refused, what_was_done_is_in_the_outbox_for_the_next_session)
   outbox_add (&store.outbox, OUTBOX_REVISION, 1);
   outbox_add (&store.outbox, OUTBOX_REVISION, 2);
   store.send_all (&position);
-  outbox_note_confirmed (&store.outbox, 2);
+  outbox_note_acknowledged (&store.outbox, 2);
   EXPECT_TRUE (outbox_note_refused (&store.outbox, 101));
   EXPECT_EQ (store.rows (), "3|revision|1\n");
   EXPECT_TRUE (outbox_is_unsent (&store.outbox, OUTBOX_REVISION, 1));
   EXPECT_EQ (store.send_all (&position), "");  // not in a circle
-  outbox_note_confirmed (&store.outbox, 10);
+  outbox_note_acknowledged (&store.outbox, 10);
   EXPECT_EQ (store.rows (), "3|revision|1\n");
   outbox_end_session (&store.outbox);
   EXPECT_EQ (store.send_all (&position), "revision1 ");
@@ -464,7 +465,7 @@ TEST (outbox_restore_procedure, what_was_confirmed_meanwhile_has_no_row)
   add_all_kinds (&store.outbox);
   store.send_all (&position);
   outbox_remove_procedure (&store.outbox, procedure);
-  outbox_note_confirmed (&store.outbox, 3);
+  outbox_note_acknowledged (&store.outbox, 3);
   outbox_restore_procedure (&store.outbox, procedure);
   EXPECT_EQ (store.rows (), "3|message|5\n3|decision|5\n");
   dealloc_procedure (procedure);
@@ -477,8 +478,9 @@ TEST (outbox_restore_procedure, what_was_in_doubt_when_the_session_ended_waits_a
   u64 position = 0;
   add_all_kinds (&store.outbox);
   store.send_all (&position);
-  outbox_note_taken (&store.outbox, position);
-  outbox_note_confirmed (&store.outbox, 2);
+  outbox_note_taken (&store.outbox, 2, 10);
+  outbox_note_taken (&store.outbox, position, 20);
+  outbox_note_heard (&store.outbox, 19);
   outbox_remove_procedure (&store.outbox, procedure);
   outbox_end_session (&store.outbox);
   EXPECT_EQ (store.rows (), "");
@@ -495,6 +497,8 @@ TEST (outbox_restore_procedure, what_was_in_doubt_when_the_session_ended_waits_a
 struct Model {
   std::map<u64, int> owed;      // object to 0 waiting, 1 sent, 2 taken
   std::map<u64, u64> position;  // of what is sent or taken
+  std::map<u64, s64> time;      // when that was taken
+  s64 clock = 0;
 };
 
 static std::string
@@ -512,7 +516,7 @@ static void
 take_random_step (Store *store, Model *model, std::mt19937 *random, u64 *object, u64 *position)
 {
   u64 up_to = *position ? (*random) () % (*position + 1) : 0;
-  switch ((*random) () % 7) {
+  switch ((*random) () % 8) {
   case 0:
   case 1:
     outbox_add (&store->outbox, OUTBOX_REVISION, ++*object);
@@ -527,20 +531,32 @@ take_random_step (Store *store, Model *model, std::mt19937 *random, u64 *object,
       EXPECT_EQ (entry->object_db_id, lowest);
       model->owed[entry->object_db_id] = 1;
       model->position[entry->object_db_id] = ++*position;
-      outbox_note_sent (&store->outbox, entry, *position, *position);
+      outbox_note_sent (&store->outbox, entry, *position, *position, *position);
     }
     break;
   case 3:
-    outbox_note_taken (&store->outbox, up_to);
-    for (auto &[candidate, state] : model->owed)
-      state = state == 1 && model->position[candidate] <= up_to ? 2 : state;
+    outbox_note_taken (&store->outbox, up_to, ++model->clock);
+    for (auto &[candidate, state] : model->owed) {
+      if (state == 1 && model->position[candidate] <= up_to) {
+        state = 2;
+        model->time[candidate] = model->clock;
+      }
+    }
     break;
   case 4:
-    outbox_note_confirmed (&store->outbox, up_to);
+    outbox_note_acknowledged (&store->outbox, up_to);
     std::erase_if (model->owed, [&] (auto &owed) {
-      return owed.second && model->position[owed.first] <= up_to;
+      return owed.second == 1 && model->position[owed.first] <= up_to;
     });
     break;
+  case 7: {
+    s64 heard = model->clock ? (*random) () % (model->clock + 1) : 0;
+    outbox_note_heard (&store->outbox, heard);
+    std::erase_if (model->owed, [&] (auto &owed) {
+      return owed.second == 2 && model->time[owed.first] <= heard;
+    });
+    break;
+  }
   case 5:
     outbox_end_session (&store->outbox);
     for (auto &[candidate, state] : model->owed)

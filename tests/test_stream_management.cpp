@@ -199,7 +199,7 @@ static bool
 is_confirmed (void *data)
 {
   Counted *counted = (Counted *) data;
-  return stream_management_get_confirmed_count (counted->counts) == counted->count;
+  return stream_management_get_acknowledged_count (counted->counts) == counted->count;
 }
 
 TEST (stream_management, asks_after_a_burst_and_takes_the_answer)
@@ -274,20 +274,45 @@ has_own_presence (void *data)
   return ((Session *) data)->console ().find ("Received <presence from=") != std::string::npos;
 }
 
-TEST (stream_management, without_it_bytes_from_the_server_confirm_what_the_socket_took)
+static bool
+has_procedure (void *data)
+{
+  return ((AppWindow *) data)->procedures.count == 1;
+}
+
+TEST (stream_management, without_it_bytes_confirm_what_was_taken_some_time_before)
 {
   Session session;
-  session.begin ({server_wait (), server_expect_until ("three</body></message>"),
-                  server_send (procedure (100)), server_wait ()},
-                 {});
+  session.begin ({server_wait (), server_send (procedure (100)), server_wait ()}, {});
   EXPECT_TRUE (pump_until (has_own_presence, &session));
-  for (const char *text : {"one", "two", "three"})
-    xmpp_send_message (session.window, to_string ("bob@beta.test"), to_string (text));
-  // Nothing has come since: of the five stanzas these three are in doubt.
-  Counted counted = {&session.window->stream_management, 5};
-  EXPECT_EQ (stream_management_get_confirmed_count (counted.counts), 2u);
+  StreamManagement *counts = &session.window->stream_management;
+  s64 before = g_get_monotonic_time ();
+  s64 confirmed = stream_management_get_confirmed_time (counts);
+  EXPECT_LE (confirmed, before - 2000000);
+  EXPECT_EQ (counts->ended_time, 0);
   scripted_server_signal (session.server);
-  EXPECT_TRUE (pump_until (is_confirmed, &counted));
+  EXPECT_TRUE (pump_until (has_procedure, session.window));
+  EXPECT_GE (stream_management_get_confirmed_time (counts), before - 2000000);
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+TEST (stream_management, without_it_the_servers_end_confirms_at_once)
+{
+  Session session;
+  session.begin ({server_wait (), server_send ("</stream:stream>"), server_wait ()}, {});
+  s64 before = g_get_monotonic_time ();
+  scripted_server_signal (session.server);
+  struct Ended {
+    StreamManagement *counts;
+    s64 before;
+  } ended = {&session.window->stream_management, before};
+  EXPECT_TRUE (pump_until (
+    [] (void *data) {
+      Ended *own = (Ended *) data;
+      return stream_management_get_confirmed_time (own->counts) >= own->before;
+    },
+    &ended));
   scripted_server_signal (session.server);
   session.finish ();
 }
