@@ -37,11 +37,13 @@ ROUNDS = 4               # judgements in a run
 CUTS_MAX = 4             # before a judgement
 LOGIN_BYTES = 6000       # until a cut, at most: a login has 3,000, and what waits comes then
 BURST_BYTES = {UP: 5000, DOWN: 2500}
-LONG_SIZE = 40000        # letters of a long text
+LONG = " long" * 8000    # 40 KB
+FLOOD = 40               # long texts
 TOLD_MAX = 12            # lines of a difference
 
 # How a road breaks: what is done to the party's road, and whether its program can know.
 CUTS = ["end", "reset", "reset_program", "reset_server", "swallow", "stall", "kill", "restart"]
+ROAD_CUTS = [kind for kind in CUTS if kind != "restart"]
 SILENT = {"swallow", "reset_server", "stall"}
 KILL_DELAY = 0.04        # seconds from the byte to the kill, at most
 
@@ -60,8 +62,9 @@ class Plan:
 
 PLANS = [
     Plan("with stream management", True, CUTS, 500),
-    Plan("without stream management, on the sender's side", False, CUTS, 150, "victim"),
-    Plan("without stream management, on the receiver's side", False, CUTS, 100, "other", True),
+    Plan("without stream management, on the sender's side", False, ROAD_CUTS, 150, "victim"),
+    Plan("without stream management, on the receiver's side", False, ROAD_CUTS, 100, "other", True),
+    Plan("without stream management, the server stopped", False, ["restart"], 40, "both", True),
     Plan("with stream management, the server killed", True, ["kill_server"], 60, "both", True),
     Plan("without stream management, the server killed", False, ["kill_server"], 60, "both", True),
 ]
@@ -210,6 +213,7 @@ class Cuts:
         self.source = None
         self.number = 0
         self.done = []
+        self.turn = None
         self.runs = self.undisturbed = 0
 
     def other(self, player):
@@ -278,7 +282,8 @@ class Cuts:
                 "contacts", "bare_jid", self.other(player).jid), "the other is a contact")
 
     def cut_and_judge(self, cuts_end):
-        for _ in range(ROUNDS):
+        for number in range(ROUNDS):
+            self.turn = self.players[number % 2]
             for _ in range(self.source.randrange(1, CUTS_MAX + 1)):
                 if self.counts["cuts"] < cuts_end:
                     self.cut()
@@ -307,7 +312,7 @@ class Cuts:
             self.source.choice(["pays", "delivers", "apples", "weekly", "<by>", "cart", "it's"])
             for _ in range(size)))
         if self.source.random() < 0.03:
-            text += " " + "long " * (LONG_SIZE // 5)
+            text += LONG
         return text
 
     def do(self, player, kind):
@@ -352,11 +357,26 @@ class Cuts:
             except Gone:
                 self.collect(player, "in a session")
 
+    def flood(self, player):
+        """More than the system takes for a server that does not read."""
+        self.counts["floods"] += 1
+        try:
+            if not player.clauses():
+                return
+            for _ in range(FLOOD):
+                text = self.next_text(player) + LONG
+                if player.commit(0, text):
+                    self.done.append((player, "clause_revisions", "text", text))
+        except Gone:
+            self.collect(player, "in a session")
+
     # ---- Cuts ----
 
     def cut(self):
         """One cut of one party's road: while it logs in, or while one or both act."""
         victim = self.players[self.counts["cuts"] % 2]
+        if self.plan.actors == "victim":
+            victim = self.turn
         other = self.other(victim)
         kind = self.source.choice(self.plan.kinds)
         actors = {"victim": [victim], "other": [other], "both": [victim, other]}.get(
@@ -368,8 +388,14 @@ class Cuts:
         # The other comes back undisturbed, or stays away for once.
         if not other.is_online and (self.plan.actors != "any" or self.source.random() < 0.7):
             self.come_back(other)
+            if self.plan.actors == "victim":
+                self.settle(victim, other)
         self.hit = threading.Event()
         self.delay = self.source.choice([0, 0, KILL_DELAY * self.source.random()])
+        if kind == "kill_server" and self.source.random() < 0.5:
+            # What the server has for the other stays with it.
+            self.counts["held"] += 1
+            self.proxy.stall(other.name, (UP, DOWN))
         self.proxy.arm(victim.name, direction, point, lambda: self.strike(victim, kind))
         if not victim.is_online:
             self.come_back(victim, kind)
@@ -380,6 +406,8 @@ class Cuts:
             kind, victim.name, where, direction, point, [actor.name for actor in actors],
             away))
         self.burst(actors)
+        if kind == "stall" and self.source.random() < 0.3:
+            self.flood(victim)
         self.suffer(victim, kind)
 
     def draw_point(self, victim, actors):
@@ -411,6 +439,7 @@ class Cuts:
             driver.stop_process(self.server.process)
             self.server.start()
             for player in self.players:
+                self.proxy.reset(player.name)
                 player.is_online = False
         elif kind == "stall" and self.source.random() < 0.5:
             self.proxy.resume(victim.name)
@@ -493,22 +522,7 @@ class Cuts:
         """Both log in undisturbed; what each begins then arrives behind all that was on its way.
         Returns how many objects are missing, where that is no fault."""
         self.proxy.disarm()
-        for player in self.players:
-            if not player.is_online:
-                self.come_back(player)
-        for player in self.players:
-            self.number += 1
-            title = "Fence %d of %s" % (self.number, player.name)
-            if not player.begin(title):
-                raise Fault("%s cannot begin a procedure" % player.name)
-            other = self.other(player)
-            try:
-                other.wait(lambda other=other, title=title: other.holds(
-                    "procedures", "title", title), "%s arrives" % title)
-            except Gone:
-                self.collect(other, "in a session")
-            player.open(title)
-            self.done.append((player, "procedures", "title", title))
+        self.settle(*self.players)
         self.counts["judgements"] += 1
         self.count_twice()
         lines = cuts_judge.compare([(player.store_path, player.jid) for player in self.players])
@@ -522,6 +536,25 @@ class Cuts:
         if lines:
             raise Fault("%d differences: %s" % (len(lines), lines[0]))
         return len(lost)
+
+    def settle(self, *players):
+        """All are there, undisturbed, and what was on its way has arrived."""
+        for player in players:
+            if not player.is_online:
+                self.come_back(player)
+        for player in players:
+            self.number += 1
+            title = "Fence %d of %s" % (self.number, player.name)
+            if not player.begin(title):
+                raise Fault("%s cannot begin a procedure" % player.name)
+            other = self.other(player)
+            try:
+                other.wait(lambda other=other, title=title: other.holds(
+                    "procedures", "title", title), "%s arrives" % title)
+            except Gone:
+                self.collect(other, "in a session")
+            player.open(title)
+            self.done.append((player, "procedures", "title", title))
 
     def count_twice(self):
         """Procedures that are there twice at their contractor's, the most of a run counted."""
@@ -563,11 +596,14 @@ def try_out(trial, plan, cuts_max):
     trial.figure("%s: cuts" % plan.name, ", ".join(
         "%s %d" % (kind.replace("_", " of the "), counts[kind]) for kind in plan.kinds))
     if plan.is_counted:
-        trial.figure("%s: lost" % plan.name, "%d of %d objects, in %d of %d cuts" % (
-            counts["lost"], counts["objects"], counts["cuts that lost"], counts["cuts"]))
+        held = ", %d of them while nothing went to the other" % counts["held"]
+        trial.figure("%s: lost" % plan.name, "%d of %d objects, in %d of %d cuts%s" % (
+            counts["lost"], counts["objects"], counts["cuts that lost"], counts["cuts"],
+            held if "kill_server" in plan.kinds else ""))
     trial.figure("%s: logins that the cut ended in a designed stop" % plan.name, ", ".join(
         "%d x %s" % (count, key.split(": ", 1)[1]) for key, count in sorted(counts.items())
         if key.startswith("stop")) or "none")
+    trial.figure("%s: servers that did not read 1.6 MB of texts" % plan.name, counts["floods"])
     trial.figure("%s: longest time until a window answered" % plan.name, "%.1f s" % cuts.slowest)
 
 
