@@ -99,6 +99,16 @@ clause_comparison_fill (ClauseComparison *self, String older, String newer)
 }
 
 void
+clause_comparison_restore (ClauseComparison *self)
+{
+  gtk_text_view_set_editable (self->text_view, !clause_comparison_has_changes (self));
+  // Room for the tools below the last line; hidden, they themselves have no height.
+  int tools_height;
+  gtk_widget_get_preferred_height (self->keep_button, NULL, &tools_height);
+  gtk_text_view_set_bottom_margin (self->text_view, tools_height);
+}
+
+void
 clause_comparison_show (ClauseComparison *self, String older, String newer)
 {
   clause_comparison_end (self);
@@ -113,11 +123,7 @@ clause_comparison_show (ClauseComparison *self, String older, String newer)
   GtkTextIter start;
   gtk_text_buffer_get_start_iter (text_buffer, &start);
   gtk_text_buffer_place_cursor (text_buffer, &start);
-  gtk_text_view_set_editable (self->text_view, !clause_comparison_has_changes (self));
-  // Room for the tools below the last line; hidden, they themselves have no height.
-  int tools_height;
-  gtk_widget_get_preferred_height (self->keep_button, NULL, &tools_height);
-  gtk_text_view_set_bottom_margin (self->text_view, tools_height);
+  clause_comparison_restore (self);
 }
 
 void

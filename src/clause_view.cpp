@@ -7,8 +7,11 @@
 #include "clause_comparison.h"
 #include "clause_revision_list_item.h"
 #include "delivery.h"
+#include "kept_drafts.h"
+#include "key_guard.h"
 #include "morvane.h"
 #include "procedure_view.h"
+#include "text_history.h"
 
 // A popover that joins its window when it is shown for the first time, and not when its button does.
 // A window measures, places and moves all popovers that it has, seen or not, each time that anything
@@ -27,8 +30,22 @@ G_DEFINE_TYPE (RevisionsPopover, revisions_popover, GTK_TYPE_POPOVER)
 // How long the user is told why something cannot be compared.
 static const guint REFUSAL_SECONDS = 5;
 
+// How long after the last key the typing is stored.
+static const guint SAVE_SECONDS = 10;
+
+// How long a press on a decision button may be meant for what was shown before, in microseconds.
+static const s64 HASTE_MAX = 500000;
+
 // Of a text in a new window, in pixels.
 static const int LIKELY_TEXT_WIDTH = 400;
+
+// A comparison that a revision took the place of.
+struct ComparisonAside {
+  GtkTextBuffer *text_buffer;   // owned; NULL for none
+  ClauseComparison comparison;  // of this buffer
+  char *status;                 // owned; the label's text
+  bool was_draft_shown;
+};
 
 struct _ClauseView {
   GtkBox parent_instance;
@@ -38,6 +55,7 @@ struct _ClauseView {
   ClauseRevision *base_revision;  // shown last; where Cancel returns to
   bool is_text_changed;           // since the draft was saved
   bool is_draft;                  // in draft mode
+  bool is_on_draft;               // the text is the clause's draft or was typed on top of it
   bool has_draft_row;             // in the list of revisions
   int text_width;                 // that the text was laid out for last, in pixels
   GtkPopover *revisions_popover;  // of `revision_select_menu_button`
@@ -60,6 +78,18 @@ struct _ClauseView {
   bool was_draft_shown;  // when the comparison began
   guint refusal_source;  // ends the showing of a refusal; 0 while none is shown
   char *status_before;   // in whose place a refusal is shown; owned, NULL while none is
+  // The draft.
+  KeptDrafts kept_drafts;
+  TextHistory *history;  // owned; of the draft
+  int draft_cursor;      // where the cursor was when the draft was left, in characters
+  guint save_source;     // stores the typing; 0 when there is none to be stored
+  // What a revision that arrived took the place of.
+  bool was_draft_left;              // the user was at the draft
+  ComparisonAside aside;            // the user was at a comparison
+  GtkLabel *note_label;             // says so; NULL until there is something to say
+  s64 arrival_time;                 // of the monotonic clock, in microseconds; 0 before the first
+  s64 press_time;                   // of a decision button, likewise; 0 when none is pressed
+  GtkButton *button_below_pointer;  // when the revision arrived; NULL for none of the two
 };
 
 G_DEFINE_TYPE (ClauseView, clause_view, GTK_TYPE_BOX)
@@ -77,6 +107,10 @@ static void clause_view_focus_in_place (ClauseView *self, GtkWidget *widget);
 static void clause_view_take_newer (ClauseView *self);
 static void clause_view_take_older (ClauseView *self);
 static void clause_view_use_as_draft (ClauseView *self);
+static void clause_view_go_to_revision (ClauseView *self, ClauseRevision *revision, String own);
+static void clause_view_select_draft_row (ClauseView *self);
+static void clause_view_go_back (ClauseView *self);
+static void clause_view_bring_back (ClauseView *self, u32 index);
 
 // ---- The popover of the revisions ----
 
@@ -211,6 +245,7 @@ clause_view_look_away (ClauseView *self)
 {
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   clause_view_disconnect_text_changed (self);
+  text_history_pause (self->history);
   g_signal_handlers_block_by_func (text_buffer, (gpointer) clause_view_cursor_moved_handle, self);
   g_signal_handlers_block_by_func (text_buffer, (gpointer) clause_view_cursor_position_handle,
                                    self);
@@ -221,6 +256,7 @@ clause_view_look_back (ClauseView *self)
 {
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   clause_view_connect_text_changed (self);
+  text_history_resume (self->history);
   g_signal_handlers_unblock_by_func (text_buffer, (gpointer) clause_view_cursor_moved_handle, self);
   g_signal_handlers_unblock_by_func (text_buffer, (gpointer) clause_view_cursor_position_handle,
                                      self);
@@ -252,6 +288,146 @@ clause_view_add_draft_row (ClauseView *self)
   clause_view_append_row (self, clause_revision_list_item_new_draft ());
 }
 
+// ---- The draft that is not shown ----
+
+// A draft that nobody sees is forgotten easily.
+static void
+clause_view_show_waiting_draft (ClauseView *self)
+{
+  GtkWidget *button = GTK_WIDGET (self->revision_select_menu_button);
+  GtkStyleContext *style = gtk_widget_get_style_context (button);
+  bool is_waiting = self->clause->draft && !self->is_on_draft;
+  const char *description = is_waiting ? "Your draft is waiting" : "";
+  if (is_waiting == (bool) gtk_style_context_has_class (style, "draft-waiting"))
+    return;
+  if (is_waiting) {
+    gtk_style_context_add_class (style, "draft-waiting");
+    gtk_style_context_add_class (style, GTK_STYLE_CLASS_SUGGESTED_ACTION);
+  } else {
+    gtk_style_context_remove_class (style, "draft-waiting");
+    gtk_style_context_remove_class (style, GTK_STYLE_CLASS_SUGGESTED_ACTION);
+  }
+  gtk_widget_set_tooltip_text (button,
+                               is_waiting ? "Revisions: your draft is waiting" : "Revisions");
+  atk_object_set_description (gtk_widget_get_accessible (button), description);
+}
+
+static void
+clause_view_bring_back_handle (GtkWidget *chosen, ClauseView *self)
+{
+  gtk_popover_popdown (self->revisions_popover);
+  clause_view_bring_back (self, GPOINTER_TO_UINT (g_object_get_data (G_OBJECT (chosen), "index")));
+}
+
+// Makes a menu item or a button bring a kept draft back.
+static void
+clause_view_prepare_kept_draft (ClauseView *self, GtkWidget *widget, const char *signal, u32 index)
+{
+  char *excerpt = alloc_kept_draft_excerpt (&self->kept_drafts, index);
+  gtk_widget_set_tooltip_text (widget, excerpt);
+  g_free (excerpt);
+  g_object_set_data (G_OBJECT (widget), "index", GUINT_TO_POINTER (index));
+  g_signal_connect (widget, signal, G_CALLBACK (clause_view_bring_back_handle), self);
+  gtk_widget_show (widget);
+}
+
+// A button for each kept draft; none for no draft.
+static GtkWidget *
+clause_view_make_kept_draft_buttons (ClauseView *self)
+{
+  u32 count = kept_drafts_count (&self->kept_drafts);
+  if (!count)
+    return NULL;
+  GtkWidget *box = gtk_box_new (GTK_ORIENTATION_VERTICAL, 0);
+  for (u32 i = 0; i < count; i++) {
+    char *label = alloc_kept_draft_label (&self->kept_drafts, i);
+    GtkWidget *button = gtk_button_new_with_label (label);
+    g_free (label);
+    gtk_button_set_relief (GTK_BUTTON (button), GTK_RELIEF_NONE);
+    clause_view_prepare_kept_draft (self, button, "clicked", i);
+    gtk_container_add (GTK_CONTAINER (box), button);
+  }
+  gtk_widget_show (box);
+  return box;
+}
+
+static void
+clause_view_revision_select_list_header_handle (GtkListBoxRow *row, GtkListBoxRow *before,
+                                                gpointer self)
+{
+  GtkWidget *header =
+    before ? NULL : clause_view_make_kept_draft_buttons (MORVANE_CLAUSE_VIEW (self));
+  gtk_list_box_row_set_header (row, header);
+}
+
+// Above the first row or, in a list without rows, in their place.
+static void
+clause_view_show_kept_drafts (ClauseView *self)
+{
+  gtk_list_box_invalidate_headers (self->revision_select_list);
+  gtk_list_box_set_placeholder (self->revision_select_list,
+                                clause_view_make_kept_draft_buttons (self));
+}
+
+static void
+clause_view_keep_draft (ClauseView *self)
+{
+  if (!self->clause->draft)
+    return;
+  kept_drafts_add (&self->kept_drafts, self->clause->draft->text);
+  clause_view_show_kept_drafts (self);
+}
+
+// The text is to become the draft. A draft that it did not grow from stays at hand.
+static void
+clause_view_replace_draft (ClauseView *self)
+{
+  if (self->is_on_draft)
+    return;
+  clause_view_keep_draft (self);
+  self->is_on_draft = true;
+  self->was_draft_left = false;
+  if (self->note_label)
+    gtk_widget_hide (GTK_WIDGET (self->note_label));
+}
+
+// Something else is going to be shown. The draft is stored, and can be gone on with where it was left.
+static void
+clause_view_leave_text (ClauseView *self)
+{
+  clause_view_save_draft (self);
+  if (self->is_on_draft && self->clause->draft) {
+    GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+    g_object_get (text_buffer, "cursor-position", &self->draft_cursor, NULL);
+    char *text = gtk_text_buffer_get_all_text (text_buffer);
+    // What was cleaned for the store is another text.
+    if (to_string (text) != self->clause->draft->text)
+      text_history_begin (self->history);
+    g_free (text);
+  } else if (self->is_on_draft) {
+    text_history_begin (self->history);
+  }
+  text_history_set_aside (self->history);
+  self->is_on_draft = false;
+}
+
+static gboolean
+clause_view_save_handle (gpointer data)
+{
+  ClauseView *self = MORVANE_CLAUSE_VIEW (data);
+  self->save_source = 0;
+  clause_view_save_draft (self);
+  return G_SOURCE_REMOVE;
+}
+
+static void
+clause_view_drop_save_source (ClauseView *self)
+{
+  if (self->save_source)
+    g_source_remove (self->save_source);
+  self->save_source = 0;
+}
+
 // ---- Handlers: the text ----
 
 static void
@@ -260,8 +436,12 @@ clause_view_text_changed_handle (GtkTextBuffer *text_buffer, ClauseView *self)
   CONSOLE_DUMP ("CLAUSE CHANGE");
   self->revision = NULL;
   self->is_text_changed = true;
+  clause_view_replace_draft (self);
   if (!self->is_draft)
     clause_view_begin_draft (self);
+  // The day may come when the display dies, and nobody is told.
+  clause_view_drop_save_source (self);
+  self->save_source = g_timeout_add_seconds (SAVE_SECONDS, clause_view_save_handle, self);
   gtk_widget_set_sensitive (GTK_WIDGET (self->commit_button),
                             gtk_text_buffer_get_char_count (text_buffer) != 0);
 }
@@ -384,13 +564,46 @@ clause_view_go_to_change (ClauseView *self, bool is_next)
   gtk_text_buffer_place_cursor (gtk_text_view_get_buffer (self->text_view), &start);
 }
 
+// Ctrl+Return commits, Ctrl+Z undoes, Ctrl+Shift+Z does it again.
+static bool
+clause_view_edit_key (ClauseView *self, GdkEventKey *event)
+{
+  if (!(event->state & GDK_CONTROL_MASK))
+    return false;
+  guint key = gdk_keyval_to_lower (event->keyval);
+  if (key == GDK_KEY_Return || key == GDK_KEY_KP_Enter) {
+    if (gtk_widget_is_sensitive (GTK_WIDGET (self->commit_button)))
+      gtk_button_clicked (self->commit_button);
+    return true;
+  }
+  if (key != GDK_KEY_z)
+    return false;
+  if (event->state & GDK_SHIFT_MASK) {
+    text_history_redo (self->history);
+  } else {
+    text_history_undo (self->history);
+  }
+  return true;
+}
+
+// Wherever in the view the focus is.
+static gboolean
+clause_view_key_press_handle (GtkWidget *, GdkEventKey *event, ClauseView *self)
+{
+  bool can_go_back = self->note_label && gtk_widget_get_visible (GTK_WIDGET (self->note_label));
+  if (event->keyval != GDK_KEY_Escape || !can_go_back)
+    return FALSE;
+  clause_view_go_back (self);
+  return TRUE;
+}
+
 // In a comparison, Escape leaves it, F8 goes from change to change, and Tab goes from the text to the
 // tools, wherever these stand.
 static gboolean
 clause_view_diff_key_press_handle (GtkWidget *widget, GdkEventKey *event, ClauseView *self)
 {
   if (!self->comparison.is_shown)
-    return FALSE;
+    return clause_view_edit_key (self, event);
   if (event->keyval == GDK_KEY_Escape) {
     clause_view_leave_diff (self);
     return TRUE;
@@ -441,6 +654,18 @@ clause_view_populate_popup_handle (GtkTextView *, GtkWidget *popup, ClauseView *
 {
   if (!GTK_IS_MENU (popup))
     return;
+  for (u32 i = 0; i < kept_drafts_count (&self->kept_drafts); i++) {
+    char *label = alloc_kept_draft_label (&self->kept_drafts, i);
+    GtkWidget *item = gtk_menu_item_new_with_label (label);
+    g_free (label);
+    clause_view_prepare_kept_draft (self, item, "activate", i);
+    gtk_menu_shell_append (GTK_MENU_SHELL (popup), item);
+  }
+  if (self->aside.text_buffer || (self->was_draft_left && self->clause->draft)) {
+    const char *label =
+      self->aside.text_buffer ? "Go back to your comparison" : "Go back to your text";
+    clause_view_append_menu_item (self, popup, label, true, clause_view_go_back);
+  }
   if (self->comparison.is_shown) {
     bool has_changes = clause_comparison_has_changes (&self->comparison);
     clause_view_append_menu_item (self, popup, "Take all of the newer text", has_changes,
@@ -472,7 +697,7 @@ clause_view_revision_select_list_box_row_activate_handle (GtkListBox *, GtkListB
   if (!revision || revision->status == REVISION_DRAFT) {
     clause_view_show_draft (self);
   } else if (revision->status == REVISION_COMMITTED) {
-    clause_view_show_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
+    clause_view_go_to_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
   }
 }
 
@@ -549,38 +774,83 @@ static void
 clause_view_leave_diff_for_decision (ClauseView *self)
 {
   if (self->comparison.is_shown)
-    clause_view_show_revision (self, self->revision,
-                               clause_view_get_window (self)->account.bare_jid);
+    clause_view_go_to_revision (self, self->revision,
+                                clause_view_get_window (self)->account.bare_jid);
 }
 
 static void
-clause_view_agree_button_handle (GtkButton *, ClauseView *self)
+clause_view_decision_button_pressed_handle (GtkButton *, ClauseView *self)
+{
+  self->press_time = g_get_monotonic_time ();
+}
+
+// Whether a press was on its way when a revision arrived below it, which the user has not seen yet.
+static bool
+clause_view_is_hasty (ClauseView *self, GtkButton *button)
+{
+  s64 time = self->press_time ? self->press_time : g_get_monotonic_time ();
+  self->press_time = 0;
+  return button == self->button_below_pointer && time < self->arrival_time + HASTE_MAX;
+}
+
+// The focus goes where a stray key neither types nor decides.
+static void
+clause_view_focus_revisions_button (ClauseView *self)
+{
+  clause_view_focus_in_place (self, GTK_WIDGET (self->revision_select_menu_button));
+}
+
+static void
+clause_view_agree_button_handle (GtkButton *button, ClauseView *self)
 {
   assert (self->revision);
+  if (clause_view_is_hasty (self, button))
+    return;
   clause_view_leave_diff_for_decision (self);
   clause_view_make_new_decision (self, clause_view_get_window (self)->account.bare_jid,
                                  DECISION_AGREE);
   clause_view_set_decision_buttons_sensitive (self, FALSE, TRUE);
+  clause_view_focus_revisions_button (self);
 }
 
 static void
-clause_view_disagree_button_handle (GtkButton *, ClauseView *self)
+clause_view_disagree_button_handle (GtkButton *button, ClauseView *self)
 {
   assert (self->revision);
+  if (clause_view_is_hasty (self, button))
+    return;
   clause_view_leave_diff_for_decision (self);
   clause_view_make_new_decision (self, clause_view_get_window (self)->account.bare_jid,
                                  DECISION_DISAGREE);
   clause_view_set_decision_buttons_sensitive (self, TRUE, FALSE);
+  clause_view_focus_revisions_button (self);
+}
+
+static bool
+is_blank (String text)
+{
+  const char *end = (const char *) text.data + text.size;
+  for (const char *c = (const char *) text.data; c < end; c = g_utf8_next_char (c)) {
+    if (!g_unichar_isspace (g_utf8_get_char (c)))
+      return false;
+  }
+  return true;
 }
 
 static void
 clause_view_commit_button_handle (GtkButton *, ClauseView *self)
 {
   assert (self->is_draft);
-  clause_view_remove_draft_from_revisions_select_list (self);
   [[maybe_unused]] GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
   assert (gtk_text_buffer_get_char_count (text_buffer));
   String text = clause_view_alloc_text (self);
+  if (is_blank (text)) {
+    dealloc_string (text);
+    clause_view_show_refusal (self, "A text of blanks can't be committed.");
+    return;
+  }
+  clause_view_replace_draft (self);
+  clause_view_remove_draft_from_revisions_select_list (self);
   ClauseRevision *revision =
     negotiation_commit (clause_view_get_negotiation (self), self->clause, text);
   dealloc_string (text);
@@ -588,7 +858,8 @@ clause_view_commit_button_handle (GtkButton *, ClauseView *self)
   self->is_text_changed = false;
 
   clause_view_add_revision (self, revision);
-  clause_view_show_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
+  clause_view_go_to_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
+  clause_view_focus_revisions_button (self);
   if (self->clause->revisions_count == 1)
     clause_view_enable_chat (self);
   delivery_send (clause_view_get_window (self));
@@ -608,6 +879,7 @@ clause_view_remove_clause (ClauseView *self)
   if (clause->chat_page)
     gtk_widget_destroy (GTK_WIDGET (clause->chat_page));
   gtk_widget_destroy (GTK_WIDGET (self));
+  procedure_view_focus_add_clause_button (procedure->view);
   negotiation_delete_clause (negotiation, procedure, clause);
 }
 
@@ -621,6 +893,7 @@ clause_view_cancel_button_handle (GtkButton *, ClauseView *self)
     clause_view_remove_clause (self);
     return;
   }
+  clause_view_replace_draft (self);
   self->is_text_changed = false;
   if (clause->revisions_count) {
     clause_view_remove_draft_from_revisions_select_list (self);
@@ -628,15 +901,17 @@ clause_view_cancel_button_handle (GtkButton *, ClauseView *self)
     if (!target)
       target = clause->revisions[clause->revisions_count - 1];
     negotiation_discard_draft (clause_view_get_negotiation (self), clause);
-    clause_view_show_revision (self, target, own);
+    clause_view_go_to_revision (self, target, own);
   } else {
     // The other party's clause, whose first revision is still to come.
     if (self->has_draft_row)
       clause_view_remove_draft_from_revisions_select_list (self);
     negotiation_discard_draft (clause_view_get_negotiation (self), clause);
+    clause_view_leave_text (self);
     clause_view_set_text (self, {});
     clause_view_set_draft_mode (self);
   }
+  clause_view_focus_revisions_button (self);
 }
 
 static void
@@ -658,10 +933,30 @@ clause_view_diff_del_button_handle (GtkButton *, ClauseView *self)
 }
 
 static void
+clause_view_drop_aside (ClauseView *self)
+{
+  if (!self->aside.text_buffer)
+    return;
+  clause_comparison_finalize (&self->aside.comparison);
+  g_clear_object (&self->aside.text_buffer);
+  g_clear_pointer (&self->aside.status, g_free);
+}
+
+static void
+clause_view_dispose (GObject *object)
+{
+  clause_view_drop_save_source (MORVANE_CLAUSE_VIEW (object));
+  G_OBJECT_CLASS (clause_view_parent_class)->dispose (object);
+}
+
+static void
 clause_view_finalize (GObject *object)
 {
   ClauseView *self = MORVANE_CLAUSE_VIEW (object);
   clause_view_drop_refusal (self);
+  clause_view_drop_aside (self);
+  dealloc_text_history (self->history);
+  dealloc_kept_drafts (&self->kept_drafts);
   clause_comparison_finalize (&self->comparison);
   G_OBJECT_CLASS (clause_view_parent_class)->finalize (object);
 }
@@ -670,6 +965,7 @@ static void
 clause_view_class_init (ClauseViewClass *view_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
+  G_OBJECT_CLASS (view_class)->dispose = clause_view_dispose;
   G_OBJECT_CLASS (view_class)->finalize = clause_view_finalize;
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/clause_view.ui");
   gtk_widget_class_bind_template_child (widget_class, ClauseView, chat_button);
@@ -734,6 +1030,8 @@ clause_view_make_revision_selector (ClauseView *self)
                     G_CALLBACK (clause_view_revision_select_menu_button_hierarchy_changed_handle),
                     NULL);
   self->revision_select_list = GTK_LIST_BOX (gtk_list_box_new ());
+  gtk_list_box_set_header_func (self->revision_select_list,
+                                clause_view_revision_select_list_header_handle, self, NULL);
   self->revisions_scroller = GTK_SCROLLED_WINDOW (gtk_scrolled_window_new (NULL, NULL));
   gtk_scrolled_window_set_policy (self->revisions_scroller, GTK_POLICY_NEVER, GTK_POLICY_AUTOMATIC);
   gtk_scrolled_window_set_min_content_height (self->revisions_scroller, 300);
@@ -776,10 +1074,39 @@ clause_view_cursor_moved_handle (GtkTextBuffer *, GParamSpec *, ClauseView *self
                                g_object_ref (self), g_object_unref);
 }
 
+// A clause that is only a draft so far is begun without it, and must not be taken for empty.
+static void
+clause_view_map_handle (ClauseView *self)
+{
+  bool is_untouched = self->is_draft && !self->is_on_draft;
+  if (!self->clause->draft || self->clause->revisions_count || !is_untouched)
+    return;
+  clause_view_select_draft_row (self);
+  clause_view_show_draft (self);
+}
+
+static void
+clause_view_connect_text_buffer (ClauseView *self)
+{
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  clause_view_connect_text_changed (self);
+  g_signal_connect (text_buffer, "notify::cursor-position",
+                    G_CALLBACK (clause_view_cursor_position_handle), self);
+  g_signal_connect (text_buffer, "notify::cursor-position",
+                    G_CALLBACK (clause_view_cursor_moved_handle), self);
+}
+
 static void
 clause_view_connect_handlers (ClauseView *self)
 {
-  clause_view_connect_text_changed (self);
+  self->history = alloc_text_history (gtk_text_view_get_buffer (self->text_view));
+  clause_view_connect_text_buffer (self);
+  g_signal_connect (self, "map", G_CALLBACK (clause_view_map_handle), NULL);
+  g_signal_connect (self, "key-press-event", G_CALLBACK (clause_view_key_press_handle), self);
+  g_signal_connect (self->agree_button, "pressed",
+                    G_CALLBACK (clause_view_decision_button_pressed_handle), self);
+  g_signal_connect (self->disagree_button, "pressed",
+                    G_CALLBACK (clause_view_decision_button_pressed_handle), self);
   g_signal_connect (self->agree_button, "clicked", G_CALLBACK (clause_view_agree_button_handle),
                     self);
   g_signal_connect (self->disagree_button, "clicked",
@@ -796,10 +1123,6 @@ clause_view_connect_handlers (ClauseView *self)
                     G_CALLBACK (clause_view_text_view_motion_notify_handle), self);
   g_signal_connect (self->text_view, "populate-popup",
                     G_CALLBACK (clause_view_populate_popup_handle), self);
-  g_signal_connect (gtk_text_view_get_buffer (self->text_view), "notify::cursor-position",
-                    G_CALLBACK (clause_view_cursor_position_handle), self);
-  g_signal_connect (gtk_text_view_get_buffer (self->text_view), "notify::cursor-position",
-                    G_CALLBACK (clause_view_cursor_moved_handle), self);
   g_signal_connect (self->revision_select_list, "row-activated",
                     G_CALLBACK (clause_view_revision_select_list_box_row_activate_handle), self);
   g_signal_connect (self->revision_select_list, "button-press-event",
@@ -836,6 +1159,7 @@ clause_view_new (Procedure *procedure, Clause *clause)
   }
   if (clause->draft)
     clause_view_add_draft_row (self);
+  clause_view_show_waiting_draft (self);
   clause_view_connect_handlers (self);
   return GTK_WIDGET (self);
 }
@@ -938,15 +1262,23 @@ clause_view_focus_in_place (ClauseView *self, GtkWidget *widget)
     gtk_adjustment_set_value (page, place);
 }
 
-void
-clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String own)
+static void
+clause_view_show_comparison_state (ClauseView *self, const char *status)
 {
-  // What the user typed is not lost when something else is shown in its place, and what they type
-  // on without looking must not change that into a new draft in place of theirs.
-  bool is_typing = self->is_text_changed && gtk_widget_is_focus (GTK_WIDGET (self->text_view));
-  if (is_typing || clause_comparison_has_focus_in_tools (&self->comparison))
+  self->is_text_changed = false;
+  self->is_draft = false;
+  clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
+  clause_view_set_status (self, status);
+  clause_view_show_waiting_draft (self);
+}
+
+// What the user asked for.
+static void
+clause_view_go_to_revision (ClauseView *self, ClauseRevision *revision, String own)
+{
+  clause_view_leave_text (self);
+  if (clause_comparison_has_focus_in_tools (&self->comparison))
     clause_view_focus_in_place (self, GTK_WIDGET (self->revision_select_menu_button));
-  clause_view_save_draft (self);
   clause_comparison_end (&self->comparison);
   GtkListBoxRow *row = clause_view_find_row (self, revision);
   assert (row);
@@ -969,16 +1301,166 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
   } else {
     gtk_label_set_markup (self->decision_status_label, " ");
   }
+  clause_view_show_waiting_draft (self);
+}
+
+static void
+clause_view_show_note (ClauseView *self, const char *text)
+{
+  if (!self->note_label) {
+    self->note_label = GTK_LABEL (gtk_label_new (NULL));
+    gtk_label_set_xalign (self->note_label, 0);
+    gtk_label_set_line_wrap (self->note_label, TRUE);
+    gtk_style_context_add_class (gtk_widget_get_style_context (GTK_WIDGET (self->note_label)),
+                                 "note");
+    gtk_box_pack_start (GTK_BOX (self), GTK_WIDGET (self->note_label), FALSE, FALSE, 0);
+    // Just above the text.
+    gtk_box_reorder_child (GTK_BOX (self), GTK_WIDGET (self->note_label), 1);
+  }
+  char *markup = g_markup_printf_escaped ("<b>%s</b>", text);
+  gtk_label_set_markup (self->note_label, markup);
+  g_free (markup);
+  gtk_widget_show (GTK_WIDGET (self->note_label));
+}
+
+static bool
+clause_view_is_below_pointer (GtkButton *button)
+{
+  GtkWidget *widget = GTK_WIDGET (button);
+  if (gtk_widget_has_focus (widget))
+    return true;
+  GdkWindow *gdk_window = gtk_widget_get_window (widget);
+  GdkSeat *seat = gdk_display_get_default_seat (gtk_widget_get_display (widget));
+  int x;
+  int y;
+  gdk_window_get_device_position (gdk_window, gdk_seat_get_pointer (seat), &x, &y, NULL);
+  GtkAllocation place;
+  gtk_widget_get_allocation (widget, &place);
+  return x >= place.x && x < place.x + place.width && y >= place.y && y < place.y + place.height;
+}
+
+// Another buffer takes over what the user sees and does in the text.
+static void
+clause_view_change_text_buffer (ClauseView *self, GtkTextBuffer *text_buffer)
+{
+  g_signal_handlers_disconnect_by_data (gtk_text_view_get_buffer (self->text_view), self);
+  gtk_text_view_set_buffer (self->text_view, text_buffer);
+  text_history_set_text_buffer (self->history, text_buffer);
+  clause_view_connect_text_buffer (self);
+}
+
+// The comparison leaves the view as it is, decisions included.
+static void
+clause_view_put_comparison_aside (ClauseView *self)
+{
+  clause_view_drop_aside (self);
+  clause_comparison_hide_tools (&self->comparison);
+  ComparisonAside *aside = &self->aside;
+  aside->text_buffer = GTK_TEXT_BUFFER (g_object_ref (gtk_text_view_get_buffer (self->text_view)));
+  aside->comparison = self->comparison;
+  aside->status = g_strdup (gtk_label_get_text (self->revision_status_label));
+  aside->was_draft_shown = self->was_draft_shown;
+  GtkTextBuffer *text_buffer = gtk_text_buffer_new (NULL);
+  clause_view_change_text_buffer (self, text_buffer);
+  g_object_unref (text_buffer);
+  clause_comparison_init (&self->comparison, self->text_view, aside->comparison.tools,
+                          aside->comparison.keep_button, aside->comparison.remove_button);
+  gtk_text_view_set_bottom_margin (self->text_view, 0);
+  gtk_text_view_set_editable (self->text_view, TRUE);
+}
+
+// Keeps what the user is at, as a revision is going to take its place. Keys that were on their way
+// there are swallowed.
+static void
+clause_view_make_room (ClauseView *self)
+{
+  GtkWidget *window = gtk_widget_get_toplevel (GTK_WIDGET (self));
+  bool is_busy = self->is_draft || self->comparison.is_shown;
+  if (is_busy && gtk_container_get_focus_child (GTK_CONTAINER (self))) {
+    clause_view_focus_in_place (self, GTK_WIDGET (self->revision_select_menu_button));
+    key_guard_begin (GTK_WINDOW (window));
+  }
+  clause_view_save_draft (self);
+  if (self->comparison.is_shown && self->comparison.has_decisions) {
+    clause_view_put_comparison_aside (self);
+    clause_view_show_note (self, "Your comparison is kept: Escape goes back to it.");
+  } else if (self->is_draft && self->is_on_draft && self->clause->draft) {
+    self->was_draft_left = true;
+    clause_view_show_note (self, "Your text is kept: Escape goes back to it.");
+  }
+  self->button_below_pointer = NULL;
+  if (!gtk_widget_get_mapped (GTK_WIDGET (self)))
+    return;
+  self->arrival_time = g_get_monotonic_time ();
+  if (clause_view_is_below_pointer (self->agree_button))
+    self->button_below_pointer = self->agree_button;
+  if (clause_view_is_below_pointer (self->disagree_button))
+    self->button_below_pointer = self->disagree_button;
+}
+
+void
+clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String own)
+{
+  clause_view_make_room (self);
+  clause_view_go_to_revision (self, revision, own);
+}
+
+// Back to what a revision took the place of.
+static void
+clause_view_go_back (ClauseView *self)
+{
+  gtk_widget_hide (GTK_WIDGET (self->note_label));
+  ComparisonAside *aside = &self->aside;
+  if (aside->text_buffer) {
+    clause_view_leave_text (self);
+    clause_comparison_end (&self->comparison);
+    clause_view_change_text_buffer (self, aside->text_buffer);
+    self->comparison = aside->comparison;
+    clause_view_show_comparison_state (self, aside->status);
+    self->was_draft_shown = aside->was_draft_shown;
+    clause_comparison_restore (&self->comparison);
+    g_clear_object (&aside->text_buffer);
+    g_clear_pointer (&aside->status, g_free);
+  } else {
+    clause_view_show_draft (self);
+  }
+  clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
 }
 
 void
 clause_view_show_draft (ClauseView *self)
 {
-  clause_view_save_draft (self);
+  clause_view_leave_text (self);
   assert (self->clause->draft);
   clause_comparison_end (&self->comparison);
   clause_view_set_text (self, self->clause->draft->text);
+  self->is_on_draft = true;
+  self->was_draft_left = false;
+  text_history_go_on (self->history);
+  clause_view_look_away (self);
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
+  GtkTextIter cursor;
+  gtk_text_buffer_get_iter_at_offset (text_buffer, &cursor, self->draft_cursor);
+  gtk_text_buffer_place_cursor (text_buffer, &cursor);
+  clause_view_look_back (self);
   clause_view_set_draft_mode (self);
+}
+
+// Takes the place of the present draft, which is at hand then.
+static void
+clause_view_bring_back (ClauseView *self, u32 index)
+{
+  clause_view_leave_text (self);
+  char *text = kept_drafts_take (&self->kept_drafts, index);
+  clause_view_keep_draft (self);
+  negotiation_save_draft (clause_view_get_negotiation (self), self->clause, to_string (text));
+  g_free (text);
+  clause_view_show_kept_drafts (self);
+  text_history_begin (self->history);
+  self->draft_cursor = -1;
+  clause_view_select_draft_row (self);
+  clause_view_show_draft (self);
+  clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
 }
 
 void
@@ -995,6 +1477,9 @@ clause_view_set_draft_mode (ClauseView *self)
   gtk_widget_set_tooltip_text (GTK_WIDGET (self->disagree_button), "Disagree");
   clause_view_set_edit_buttons_sensitive (self, gtk_text_buffer_get_char_count (text_buffer) != 0,
                                           TRUE);
+  if (self->note_label)
+    gtk_widget_hide (GTK_WIDGET (self->note_label));
+  clause_view_show_waiting_draft (self);
 }
 
 static void
@@ -1022,6 +1507,7 @@ clause_view_save_draft (ClauseView *self)
   negotiation_save_draft (clause_view_get_negotiation (self), self->clause, text);
   dealloc_string (text);
   self->is_text_changed = false;
+  clause_view_drop_save_source (self);
   // Without its row it could not be reached once something else is shown.
   clause_view_select_draft_row (self);
 }
@@ -1116,12 +1602,10 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
   // Of comparisons in a row, the first says what was shown before.
   if (self->is_draft)
     self->was_draft_shown = true;
-  self->is_text_changed = false;
-  self->is_draft = false;
-  clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
+  clause_view_drop_aside (self);
   char *status = alloc_format_cstr ("%.*s:%ld > %.*s:%ld", STRING_ARGS (older->author), older->time,
                                     STRING_ARGS (newer->author), newer->time);
-  clause_view_set_status (self, status);
+  clause_view_show_comparison_state (self, status);
   dealloc_cstr (status);
 
   clause_view_look_away (self);
@@ -1138,8 +1622,8 @@ clause_view_leave_diff (ClauseView *self)
   if (is_draft_next && self->clause->draft) {
     clause_view_show_draft (self);
   } else if (self->base_revision) {
-    clause_view_show_revision (self, self->base_revision,
-                               clause_view_get_window (self)->account.bare_jid);
+    clause_view_go_to_revision (self, self->base_revision,
+                                clause_view_get_window (self)->account.bare_jid);
   }
 }
 
@@ -1148,6 +1632,8 @@ static void
 clause_view_use_as_draft (ClauseView *self)
 {
   self->revision = NULL;
+  clause_view_replace_draft (self);
+  text_history_begin (self->history);
   clause_view_begin_draft (self);
   self->is_text_changed = true;
   clause_view_save_draft (self);
@@ -1205,6 +1691,7 @@ clause_view_compare (ClauseView *self, ClauseRevision *revision, ClauseRevision 
     revision == clause->draft ||
     (other_revision != clause->draft && get_revision_index_reversed (clause, revision) >
                                           get_revision_index_reversed (clause, other_revision));
+  clause_view_leave_text (self);
   clause_view_set_text (self, {});
   clause_view_show_diff (self, is_newer ? other_revision : revision,
                          is_newer ? revision : other_revision);

@@ -636,7 +636,7 @@ TEST (procedure_view_new, shows_the_last_revision_of_each_clause_in_order)
   g_list_free (views);
 }
 
-TEST (procedure_view_new, puts_a_clause_without_revision_in_draft_mode_with_an_empty_text)
+TEST (procedure_view_new, loads_the_draft_of_a_clause_without_revision_when_the_page_is_seen)
 {
   TestWindow test;
   log_in (&test);
@@ -645,9 +645,14 @@ TEST (procedure_view_new, puts_a_clause_without_revision_in_draft_mode_with_an_e
   clause->draft = alloc_clause_revision (0, clause->db_id, 9, to_string ("alice@alpha.test"),
                                          REVISION_DRAFT, to_string ("kept"));
   db_insert_clause_revision (test.window->db, clause->draft);
-  show (&test, procedure);
+  app_window_add_procedure (test.window, procedure);
+  pump ();
   EXPECT_EQ (get_text (clause->view, "revision_status_label"), "draft");
   EXPECT_EQ (get_text (clause->view, "text_view"), "");
+  gtk_stack_set_visible_child (test.window->main_page_stack, GTK_WIDGET (procedure->view));
+  pump ();
+  EXPECT_EQ (get_text (clause->view, "revision_status_label"), "draft");
+  EXPECT_EQ (get_text (clause->view, "text_view"), "kept");
   EXPECT_TRUE (is_sensitive (clause->view, "cancel_button"));
 }
 

@@ -1,0 +1,699 @@
+// What becomes of typed text in a clause's view while other things happen; test_clause_view.cpp has
+// the rest.
+
+#include "clause_view.h"
+
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "db.h"
+#include "fake_session.h"
+#include "key_guard.h"
+#include "morvane.h"
+#include "procedure_view.h"
+
+#define ALICE "alice@alpha.test"
+#define BOB   "bob@beta.test"
+
+// ---- What the tests begin with ----
+
+static void
+run (TestWindow *test, const std::string &sql)
+{
+  EXPECT_EQ (sqlite3_exec (test->db, sql.c_str (), NULL, NULL, NULL), SQLITE_OK) << sql;
+}
+
+// A window that shows Alice's procedure with Bob, with one clause of hers.
+struct Drafts {
+  std::unique_ptr<TestWindow> test = std::make_unique<TestWindow> ();
+  Procedure *procedure;
+  Clause *clause;
+
+  // The clause's revisions have these texts, by her and him in turn from second 3000 on.
+  explicit Drafts (std::initializer_list<const char *> texts, const char *draft = NULL)
+  {
+    run (test.get (), "PRAGMA synchronous = OFF;"
+                      "INSERT INTO accounts VALUES (1, '" ALICE "');"
+                      "INSERT INTO procedures (db_id, account_db_id, time, initiator, contractor,"
+                      " title) VALUES (1, 1, 1000, '" ALICE "', '" BOB "', 'Rent');"
+                      "INSERT INTO clauses VALUES (1, 1, 2000, '" ALICE "', 1);");
+    int index = 0;
+    for (const char *text : texts) {
+      insert (3000 + index, index % 2 ? BOB : ALICE, "COMMITTED", text);
+      index++;
+    }
+    if (draft)
+      insert (9000, ALICE, "DRAFT", draft);
+    show ();
+  }
+
+  void insert (int time, const char *author, const char *status, const char *text)
+  {
+    run (test.get (), "INSERT INTO clause_revisions (clause_db_id, time, author, status, text)"
+                      " VALUES (1, " +
+                        std::to_string (time) + ", '" + author + "', '" + status + "', '" + text +
+                        "');");
+  }
+
+  void show ()
+  {
+    log_in (test.get ());
+    procedure = test->window->procedures.procedures[0];
+    clause = procedure->clauses[0];
+    gtk_widget_activate (GTK_WIDGET (procedure->list_item));
+    pump ();
+  }
+
+  // The program ends and is started again.
+  void restart ()
+  {
+    close_window (test.get ());
+    std::unique_ptr<TestWindow> next = std::make_unique<TestWindow> ();
+    sqlite3_backup *copy = sqlite3_backup_init (next->db, "main", test->db, "main");
+    EXPECT_EQ (sqlite3_backup_step (copy, -1), SQLITE_DONE);
+    sqlite3_backup_finish (copy);
+    run (next.get (), "PRAGMA synchronous = OFF;");
+    test = std::move (next);
+    show ();
+  }
+
+  std::string stored ()
+  {
+    return query (test.get (), "SELECT text FROM clause_revisions WHERE status = 'DRAFT'");
+  }
+
+  void receive (s64 time, const char *text)
+  {
+    deliver_revision (test->window, {ALICE, 1000}, {ALICE, 2000}, {BOB, time}, text);
+  }
+
+  std::string text ()
+  {
+    return get_text (clause->view, "text_view");
+  }
+
+  std::string status ()
+  {
+    return get_text (clause->view, "revision_status_label");
+  }
+
+  GtkWidget *widget (const char *name)
+  {
+    return find_widget (clause->view, name);
+  }
+
+  GtkTextBuffer *buffer ()
+  {
+    return gtk_text_view_get_buffer (GTK_TEXT_VIEW (widget ("text_view")));
+  }
+
+  void focus (GtkWidget *wanted)
+  {
+    EXPECT_TRUE (
+      pump_until ([] (void
+                        *data) { return (bool) gtk_window_has_toplevel_focus (GTK_WINDOW (data)); },
+                  test->window));
+    gtk_widget_grab_focus (wanted);
+    pump ();
+    EXPECT_TRUE (gtk_widget_has_focus (wanted));
+  }
+
+  void focus (const char *name)
+  {
+    focus (widget (name));
+  }
+
+  // The keys of a word, one by one.
+  void keys (const char *word)
+  {
+    for (; *word; word++)
+      press_key (test.get (), gdk_unicode_to_keyval ((guint) *word));
+  }
+};
+
+static GtkListBox *
+get_list (Clause *clause)
+{
+  GtkMenuButton *button =
+    GTK_MENU_BUTTON (find_widget (clause->view, "revision_select_menu_button"));
+  GtkWidget *scroller = gtk_bin_get_child (GTK_BIN (gtk_menu_button_get_popover (button)));
+  return GTK_LIST_BOX (gtk_bin_get_child (GTK_BIN (gtk_bin_get_child (GTK_BIN (scroller)))));
+}
+
+// The row with this label; NULL when there is none.
+static GtkListBoxRow *
+find_row (Clause *clause, const std::string &label)
+{
+  for (int i = 0;; i++) {
+    GtkListBoxRow *row = gtk_list_box_get_row_at_index (get_list (clause), i);
+    if (!row || get_text (row, "label") == label)
+      return row;
+  }
+}
+
+static void
+show_row (Clause *clause, const std::string &label)
+{
+  GtkListBoxRow *row = find_row (clause, label);
+  ASSERT_TRUE (row) << label;
+  gtk_widget_activate (GTK_WIDGET (row));
+  pump ();
+}
+
+// ---- The text's menu ----
+
+static std::vector<GtkMenuItem *>
+list_items (GtkWidget *menu)
+{
+  std::vector<GtkMenuItem *> found;
+  GList *items = gtk_container_get_children (GTK_CONTAINER (menu));
+  for (GList *link = items; link; link = link->next) {
+    if (GTK_IS_MENU_ITEM (link->data) && gtk_menu_item_get_label (GTK_MENU_ITEM (link->data)))
+      found.push_back (GTK_MENU_ITEM (link->data));
+  }
+  g_list_free (items);
+  return found;
+}
+
+// Chooses an entry of the menu that the text would show now; false when it is not offered.
+static bool
+choose (Clause *clause, const std::string &label)
+{
+  GtkWidget *menu = GTK_WIDGET (g_object_ref_sink (gtk_menu_new ()));
+  g_signal_emit_by_name (find_widget (clause->view, "text_view"), "populate-popup", menu);
+  bool is_found = false;
+  for (GtkMenuItem *item : list_items (menu)) {
+    if (label == gtk_menu_item_get_label (item) && gtk_widget_get_sensitive (GTK_WIDGET (item)) &&
+        !is_found) {
+      is_found = true;
+      gtk_menu_item_activate (item);
+    }
+  }
+  gtk_widget_destroy (menu);
+  g_object_unref (menu);
+  pump ();
+  return is_found;
+}
+
+static const char BRING_BACK[] = "Bring back the replaced draft";
+static const char GO_BACK[] = "Go back to your text";
+static const char GO_BACK_TO_COMPARISON[] = "Go back to your comparison";
+static const char WITH_PREVIOUS[] = "Compare with the previous revision";
+static const char TAKE_NEWER[] = "Take all of the newer text";
+static const char USE_AS_DRAFT[] = "Use this text as draft";
+
+// Compares a row with what is shown, by the menu of the row.
+static void
+compare_row (Drafts *drafts, const std::string &label)
+{
+  GtkWidget *button = drafts->widget ("revision_select_menu_button");
+  gtk_toggle_button_set_active (GTK_TOGGLE_BUTTON (button), TRUE);
+  pump ();
+  GtkListBoxRow *row = find_row (drafts->clause, label);
+  ASSERT_TRUE (row);
+  gtk_widget_grab_focus (GTK_WIDGET (row));
+  press_key (drafts->test.get (), GDK_KEY_Menu);
+  pump ();
+  GList *menus = gtk_menu_get_for_attach_widget (GTK_WIDGET (row));
+  ASSERT_TRUE (menus);
+  gtk_menu_item_activate (list_items (GTK_WIDGET (menus->data))[0]);
+  gtk_menu_shell_deactivate (GTK_MENU_SHELL (menus->data));
+  pump ();
+}
+
+// ---- The replaced drafts in the popover ----
+
+static void
+collect_buttons (GtkWidget *widget, gpointer data)
+{
+  if (GTK_IS_BUTTON (widget)) {
+    ((std::vector<GtkWidget *> *) data)->push_back (widget);
+  } else if (GTK_IS_CONTAINER (widget)) {
+    gtk_container_forall (GTK_CONTAINER (widget), collect_buttons, data);
+  }
+}
+
+// They stand above the first row or, in a list without rows, in their place.
+static std::vector<GtkWidget *>
+list_kept_buttons (Clause *clause)
+{
+  std::vector<GtkWidget *> buttons;
+  GtkListBoxRow *first = gtk_list_box_get_row_at_index (get_list (clause), 0);
+  GtkWidget *place = first ? gtk_list_box_row_get_header (first) : GTK_WIDGET (get_list (clause));
+  if (place)
+    collect_buttons (place, &buttons);
+  return buttons;
+}
+
+// The texts that can be brought back, the last one first. They are short, so the tooltips have them.
+static std::vector<std::string>
+list_kept (Clause *clause)
+{
+  std::vector<std::string> texts;
+  for (GtkWidget *button : list_kept_buttons (clause)) {
+    char *tooltip = gtk_widget_get_tooltip_text (button);
+    std::string text = tooltip ? tooltip : "";
+    g_free (tooltip);
+    // Between quotation marks of three bytes each.
+    texts.push_back (text.size () >= 6 ? text.substr (3, text.size () - 6) : text);
+  }
+  return texts;
+}
+
+static std::string
+join (const std::vector<std::string> &texts)
+{
+  std::string joined;
+  for (const std::string &text : texts)
+    joined += text + "\n";
+  return joined;
+}
+
+// ---- A draft and what takes its place ----
+
+TEST (clause_view_drafts, key_behind_a_received_revision_keeps_the_draft_at_hand)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  type (drafts.clause->view, "text_view", "my words");
+  drafts.focus ("cancel_button");
+  EXPECT_EQ (drafts.stored (), "my words\n");
+  drafts.receive (6000, "their words");
+  EXPECT_EQ (drafts.text (), "their words");
+  type (drafts.clause->view, "text_view", "their wordsx");
+  clause_view_save_draft (drafts.clause->view);
+  EXPECT_EQ (drafts.stored (), "their wordsx\n");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "my words\n");
+}
+
+TEST (clause_view_drafts, typing_on_the_draft_keeps_no_earlier_one)
+{
+  Drafts drafts ({"first"}, "draft");
+  show_row (drafts.clause, "draft");
+  type (drafts.clause->view, "text_view", "draft and more");
+  clause_view_save_draft (drafts.clause->view);
+  type (drafts.clause->view, "text_view", "draft and still more");
+  clause_view_save_draft (drafts.clause->view);
+  EXPECT_EQ (drafts.stored (), "draft and still more\n");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "");
+  EXPECT_FALSE (choose (drafts.clause, BRING_BACK));
+}
+
+TEST (clause_view_drafts, brought_back_one_changes_places_with_the_draft)
+{
+  Drafts drafts ({"first"}, "old draft");
+  type (drafts.clause->view, "text_view", "new draft");
+  EXPECT_TRUE (choose (drafts.clause, BRING_BACK));
+  EXPECT_EQ (drafts.text (), "old draft");
+  EXPECT_EQ (drafts.status (), "draft");
+  EXPECT_EQ (drafts.stored (), "old draft\n");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "new draft\n");
+  EXPECT_TRUE (gtk_widget_is_focus (drafts.widget ("text_view")));
+  gtk_button_clicked (GTK_BUTTON (list_kept_buttons (drafts.clause)[0]));
+  pump ();
+  EXPECT_EQ (drafts.text (), "new draft");
+  EXPECT_EQ (drafts.stored (), "new draft\n");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "old draft\n");
+}
+
+TEST (clause_view_drafts, several_pile_up_and_each_can_be_brought_back)
+{
+  Drafts drafts ({"first"});
+  for (const char *text : {"one", "two", "three", "four"}) {
+    show_row (drafts.clause, ALICE ":3000");
+    type (drafts.clause->view, "text_view", text);
+    clause_view_save_draft (drafts.clause->view);
+  }
+  EXPECT_EQ (join (list_kept (drafts.clause)), "three\ntwo\none\n");
+  EXPECT_TRUE (choose (drafts.clause, "Bring back the replaced draft \u201cone\u201d"));
+  EXPECT_EQ (drafts.text (), "one");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "four\nthree\ntwo\n");
+}
+
+TEST (clause_view_drafts, cancel_and_commit_leave_the_replaced_ones_at_hand)
+{
+  Drafts drafts ({"first"}, "old draft");
+  type (drafts.clause->view, "text_view", "typed on the revision");
+  press (drafts.clause->view, "cancel_button");
+  EXPECT_EQ (drafts.stored (), "");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "old draft\n");
+  type (drafts.clause->view, "text_view", "committed");
+  press (drafts.clause->view, "commit_button");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "old draft\n");
+  EXPECT_TRUE (choose (drafts.clause, BRING_BACK));
+  EXPECT_EQ (drafts.stored (), "old draft\n");
+}
+
+TEST (clause_view_drafts, text_of_a_comparison_keeps_an_unrelated_draft_at_hand)
+{
+  Drafts drafts ({"one two", "one three"}, "unrelated");
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  EXPECT_TRUE (choose (drafts.clause, USE_AS_DRAFT));
+  EXPECT_EQ (drafts.stored (), "one three\n");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "unrelated\n");
+}
+
+TEST (clause_view_drafts, typing_after_an_escape_from_a_comparison_keeps_the_draft_at_hand)
+{
+  Drafts drafts ({"one two", "one three"}, "unrelated");
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  drafts.focus ("text_view");
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), "one three");
+  drafts.keys ("x");
+  clause_view_save_draft (drafts.clause->view);
+  EXPECT_NE (drafts.stored (), "unrelated\n");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "unrelated\n");
+}
+
+// ---- A draft that waits ----
+
+static std::string
+describe_revisions_button (Clause *clause)
+{
+  GtkWidget *button = find_widget (clause->view, "revision_select_menu_button");
+  char *tooltip = gtk_widget_get_tooltip_text (button);
+  const char *description = atk_object_get_description (gtk_widget_get_accessible (button));
+  bool has_class =
+    gtk_style_context_has_class (gtk_widget_get_style_context (button), "draft-waiting");
+  std::string all =
+    std::string (has_class ? "*" : "") + tooltip + "|" + (description ? description : "");
+  g_free (tooltip);
+  return all;
+}
+
+TEST (clause_view_drafts, revisions_button_tells_that_one_waits)
+{
+  static const char WAITING[] = "*Revisions: your draft is waiting|Your draft is waiting";
+  static const char NOTHING[] = "Revisions|";
+  Drafts drafts ({"one two", "one three"}, "kept");
+  EXPECT_EQ (describe_revisions_button (drafts.clause), WAITING);
+  show_row (drafts.clause, "draft");
+  EXPECT_EQ (describe_revisions_button (drafts.clause), NOTHING);
+  show_row (drafts.clause, BOB ":3001");
+  EXPECT_EQ (describe_revisions_button (drafts.clause), WAITING);
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_EQ (describe_revisions_button (drafts.clause), WAITING);
+  show_row (drafts.clause, "draft");
+  press (drafts.clause->view, "cancel_button");
+  EXPECT_EQ (describe_revisions_button (drafts.clause), NOTHING);
+}
+
+TEST (clause_view_drafts, clause_without_revision_shows_its_stored_draft)
+{
+  Drafts drafts ({}, "begun yesterday");
+  EXPECT_EQ (drafts.text (), "begun yesterday");
+  EXPECT_EQ (drafts.status (), "draft");
+  EXPECT_TRUE (is_sensitive (drafts.clause->view, "commit_button"));
+  EXPECT_TRUE (find_row (drafts.clause, "draft"));
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  press_key (drafts.test.get (), GDK_KEY_BackSpace);
+  drafts.focus ("cancel_button");
+  EXPECT_EQ (drafts.stored (), "begun yesterday\n");
+}
+
+// ---- Every order ----
+
+// What is owed to the user, worked out beside the view.
+struct DraftsModel {
+  enum {
+    REVISION,
+    DRAFT,
+    COMPARISON
+  } shown;
+  std::string text;    // of the draft that is shown
+  bool is_unsaved;     // it was typed since the last save
+  std::string stored;  // the draft; empty for none
+  std::string parent;  // the saved draft that the text shown was typed on, which it may replace
+  std::set<std::string> owed;
+};
+
+static void
+own (DraftsModel *model, const std::string &text)
+{
+  model->stored = text;
+  model->parent = text;
+  if (!text.empty ())
+    model->owed.insert (text);
+}
+
+static void
+save (DraftsModel *model)
+{
+  if (!model->is_unsaved)
+    return;
+  model->is_unsaved = false;
+  model->owed.erase (model->parent);
+  own (model, model->text);
+}
+
+// Typing on top of the draft that is shown goes on with it, on anything else it begins another one.
+static void
+edit (DraftsModel *model, const std::string &text)
+{
+  if (model->shown != DraftsModel::DRAFT)
+    model->parent = "";
+  model->shown = DraftsModel::DRAFT;
+  model->text = text;
+  model->is_unsaved = true;
+}
+
+// The user takes the draft that is shown, and no other, out of the program's hands.
+static void
+give_up (DraftsModel *model)
+{
+  model->owed.erase (model->parent);
+  model->is_unsaved = false;
+  model->stored = "";
+  model->parent = "";
+  model->shown = DraftsModel::REVISION;
+}
+
+static void
+show_draft (DraftsModel *model)
+{
+  save (model);
+  model->shown = DraftsModel::DRAFT;
+  model->text = model->stored;
+  model->parent = model->stored;
+}
+
+enum Step {
+  STEP_TYPE,
+  STEP_LEAVE,
+  STEP_SHOW_REVISION,
+  STEP_SHOW_DRAFT,
+  STEP_RECEIVE,
+  STEP_COMPARE,
+  STEP_COMPARE_ROW,
+  STEP_TAKE_NEWER,
+  STEP_USE_AS_DRAFT,
+  STEP_ESCAPE,
+  STEP_GO_BACK,
+  STEP_BRING_BACK,
+  STEP_UNDO,
+  STEP_COMMIT,
+  STEP_CANCEL,
+  STEP_DECIDE,
+  STEP_DELETE_OTHER,
+  STEP_RESTART,
+  STEPS_COUNT
+};
+
+static void
+read_shown (Drafts *drafts, DraftsModel *model)
+{
+  std::string status = drafts->status ();
+  model->shown = status == "draft"                          ? DraftsModel::DRAFT
+                 : status.find (" > ") != std::string::npos ? DraftsModel::COMPARISON
+                                                            : DraftsModel::REVISION;
+}
+
+static bool
+has_row (Drafts *drafts)
+{
+  return find_row (drafts->clause, "draft") != NULL;
+}
+
+static void
+take_step (Drafts *drafts, DraftsModel *model, Step step, unsigned number)
+{
+  Clause *clause = drafts->clause;
+  TestWindow *test = drafts->test.get ();
+  std::string text = "text " + std::to_string (number);
+  switch (step) {
+  case STEP_TYPE:
+    if (!gtk_text_view_get_editable (GTK_TEXT_VIEW (drafts->widget ("text_view"))))
+      break;
+    type (clause->view, "text_view", text.c_str ());
+    edit (model, text);
+    break;
+  case STEP_LEAVE:
+    drafts->focus ("text_view");
+    drafts->focus ("chat_button");
+    save (model);
+    break;
+  case STEP_SHOW_REVISION: {
+    ClauseRevision *revision = clause->revisions[number % clause->revisions_count];
+    show_row (clause, to_std_string (revision->author) + ":" + std::to_string (revision->time));
+    save (model);
+    model->shown = DraftsModel::REVISION;
+    break;
+  }
+  case STEP_SHOW_DRAFT:
+    if (!has_row (drafts) || (model->stored.empty () && !model->is_unsaved))
+      break;
+    show_row (clause, "draft");
+    show_draft (model);
+    break;
+  case STEP_RECEIVE:
+    drafts->receive (10000 + (s64) number, text.c_str ());
+    save (model);
+    model->shown = DraftsModel::REVISION;
+    break;
+  case STEP_COMPARE:
+    if (choose (clause, WITH_PREVIOUS))
+      model->shown = DraftsModel::COMPARISON;
+    break;
+  case STEP_COMPARE_ROW:
+    if (model->shown != DraftsModel::DRAFT || model->text.empty ())
+      break;
+    compare_row (drafts, to_std_string (clause->revisions[0]->author) + ":3000");
+    save (model);
+    model->shown = DraftsModel::COMPARISON;
+    break;
+  case STEP_TAKE_NEWER:
+    choose (clause, TAKE_NEWER);
+    break;
+  case STEP_USE_AS_DRAFT: {
+    std::string result = drafts->text ();
+    if (!choose (clause, USE_AS_DRAFT))
+      break;
+    edit (model, result);
+    save (model);
+    break;
+  }
+  case STEP_ESCAPE:
+    drafts->focus ("text_view");
+    press_key (test, GDK_KEY_Escape);
+    if (model->shown == DraftsModel::DRAFT)
+      break;
+    read_shown (drafts, model);
+    if (model->shown == DraftsModel::DRAFT)
+      show_draft (model);
+    break;
+  case STEP_GO_BACK:
+    if (choose (clause, GO_BACK)) {
+      show_draft (model);
+    } else if (choose (clause, GO_BACK_TO_COMPARISON)) {
+      save (model);
+      model->shown = DraftsModel::COMPARISON;
+    }
+    break;
+  case STEP_BRING_BACK: {
+    std::vector<std::string> kept = list_kept (clause);
+    if (kept.empty ())
+      break;
+    size_t index = number % kept.size ();
+    gtk_button_clicked (GTK_BUTTON (list_kept_buttons (clause)[index]));
+    pump ();
+    save (model);
+    model->shown = DraftsModel::DRAFT;
+    model->text = kept[index];
+    own (model, kept[index]);
+    break;
+  }
+  case STEP_UNDO: {
+    if (model->shown != DraftsModel::DRAFT)
+      break;
+    drafts->focus ("text_view");
+    std::string before = drafts->text ();
+    press_key (test, GDK_KEY_z, GDK_CONTROL_MASK);
+    if (drafts->text () != before)
+      edit (model, drafts->text ());
+    break;
+  }
+  case STEP_COMMIT:
+    if (model->shown != DraftsModel::DRAFT || model->text.empty ())
+      break;
+    press (clause->view, "commit_button");
+    give_up (model);
+    break;
+  case STEP_CANCEL:
+    if (model->shown != DraftsModel::DRAFT)
+      break;
+    press (clause->view, "cancel_button");
+    give_up (model);
+    break;
+  case STEP_DECIDE: {
+    const char *name = number % 2 ? "agree_button" : "disagree_button";
+    if (!is_sensitive (clause->view, name))
+      break;
+    press (clause->view, name);
+    if (model->shown == DraftsModel::COMPARISON)
+      model->shown = DraftsModel::REVISION;
+    break;
+  }
+  case STEP_DELETE_OTHER:
+    drafts->focus ("text_view");
+    press (drafts->procedure->view, "add_clause_button");
+    save (model);
+    type (drafts->procedure->clauses[1]->view, "text_view", "other clause");
+    press (drafts->procedure->clauses[1]->view, "cancel_button");
+    break;
+  case STEP_RESTART:
+    save (model);
+    drafts->restart ();
+    model->owed.clear ();
+    own (model, model->stored);
+    model->shown = DraftsModel::REVISION;
+    break;
+  case STEPS_COUNT:
+    break;
+  }
+}
+
+// The draft is what the model says, and each text that is owed is the draft or at hand.
+static void
+expect_kept (Drafts *drafts, const DraftsModel &model)
+{
+  std::string stored = drafts->stored ();
+  if (model.shown == DraftsModel::DRAFT) {
+    EXPECT_EQ (drafts->text (), model.text);
+  }
+  EXPECT_EQ (stored == "\n" ? "" : stored, model.stored.empty () ? "" : model.stored + "\n");
+  std::vector<std::string> kept = list_kept (drafts->clause);
+  std::set<std::string> at_hand (kept.begin (), kept.end ());
+  at_hand.insert (model.stored);
+  for (const std::string &text : model.owed)
+    EXPECT_TRUE (at_hand.count (text)) << text << " is gone; at hand:\n" << join (kept);
+}
+
+class DraftsWalk : public testing::TestWithParam<unsigned> {};
+
+TEST_P (DraftsWalk, loses_no_saved_text_in_any_order)
+{
+  Drafts drafts ({"first text", "second text"}, "draft of yesterday");
+  DraftsModel model = {};
+  model.shown = DraftsModel::REVISION;
+  own (&model, "draft of yesterday");
+  // A linear congruential generator: the same walk at every run.
+  unsigned random = GetParam ();
+  std::string walk;
+  for (unsigned number = 1; number <= 200 && !HasFailure (); number++) {
+    random = random * 1664525 + 1013904223;
+    unsigned step = (random >> 16) % STEPS_COUNT;
+    // A restart forgets much: it is rare.
+    if (step == STEP_RESTART && (random >> 24) % 4)
+      step = STEP_TYPE;
+    walk += std::to_string (step) + " ";
+    SCOPED_TRACE (walk);
+    take_step (&drafts, &model, (Step) step, number);
+    expect_kept (&drafts, model);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P (clause_view, DraftsWalk, testing::Range (1u, 9u));
