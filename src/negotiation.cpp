@@ -1,6 +1,8 @@
 // The acts of a negotiation: model and store, in one order.
 #include "negotiation.h"
 
+#include <glib.h>
+
 #include "morvane.h"
 
 // ---- What the user does ----
@@ -178,9 +180,88 @@ negotiation_say (Negotiation *negotiation, Clause *clause, String text)
 
 // ---- What arrives ----
 
+// A name as parties are compared; freed with `g_free`. NULL for one that is not UTF-8.
+static char *
+alloc_folded_name (String name)
+{
+  if (!name.size || !g_utf8_validate ((const char *) name.data, (gssize) name.size, NULL))
+    return NULL;
+  char *normal = g_utf8_normalize ((const char *) name.data, (gssize) name.size, G_NORMALIZE_NFKC);
+  char *folded = g_utf8_casefold (normal, -1);
+  g_free (normal);
+  // Folding may leave letters apart that normalising joins.
+  normal = g_utf8_normalize (folded, -1, G_NORMALIZE_NFKC);
+  g_free (folded);
+  return normal;
+}
+
+static bool
+is_same_name (String name, String other_name)
+{
+  if (name == other_name)
+    return true;
+  char *folded = alloc_folded_name (name);
+  char *other_folded = alloc_folded_name (other_name);
+  bool is_same = folded && other_folded && !g_strcmp0 (folded, other_folded);
+  g_free (folded);
+  g_free (other_folded);
+  return is_same;
+}
+
+static bool
+is_user_name_of (String name, String bare_jid)
+{
+  return is_same_name (name, {bare_jid.data, bare_jid.size - find_char (bare_jid, '@').size});
+}
+
+// What the account itself has made never arrives here: it is a bounce, or someone else's forgery.
+static bool
+negotiation_is_own (Negotiation *negotiation, String author, const char *event)
+{
+  bool is_own = is_same_name (author, negotiation->own);
+  if (is_own)
+    console_log ("Warning: A %s came in this account's own name.\n", event);
+  return is_own;
+}
+
+// Whether the other party has made it; warns when not.
+static bool
+negotiation_may_make (Negotiation *negotiation, Procedure *procedure, String author,
+                      const char *event)
+{
+  if (negotiation_is_own (negotiation, author, event))
+    return false;
+  bool is_party =
+    is_same_name (author, procedure->initiator) || is_same_name (author, procedure->contractor);
+  if (!is_party)
+    console_log ("Warning: A %s came from someone who is no party of its procedure.\n", event);
+  return is_party;
+}
+
+// Whether a party signs the lines of a clause's chat with this name; warns when not.
+static bool
+may_say (Procedure *procedure, String author, const char *event)
+{
+  String initiator = procedure->initiator;
+  String contractor = procedure->contractor;
+  bool is_party = is_same_name (author, initiator) || is_same_name (author, contractor) ||
+                  is_user_name_of (author, initiator) || is_user_name_of (author, contractor);
+  if (!is_party)
+    console_log ("Warning: A %s came from someone who is no party of its procedure.\n", event);
+  return is_party;
+}
+
+static void
+warn_of_repetition (const char *event)
+{
+  console_log ("Warning: A %s came that is here already.\n", event);
+}
+
 Procedure *
 negotiation_receive_procedure (Negotiation *negotiation, XMPPProcedure *record)
 {
+  if (negotiation_is_own (negotiation, record->initiator, "procedure"))
+    return NULL;
   String own = negotiation->own;
   String title = alloc_procedure_title (record->title);
   Procedure *procedure = NULL;
@@ -220,10 +301,15 @@ negotiation_find_clause (Procedure *procedure, String initiator, s64 time, const
 Clause *
 negotiation_receive_clause (Negotiation *negotiation, XMPPClause *record, Procedure **procedure_out)
 {
+  static const char EVENT[] = "clause";
   Procedure *procedure = negotiation_find_procedure (negotiation, record->procedure_initiator,
-                                                     record->procedure_time, "clause");
-  if (!procedure)
+                                                     record->procedure_time, EVENT);
+  if (!procedure || !negotiation_may_make (negotiation, procedure, record->clause_initiator, EVENT))
     return NULL;
+  if (get_clause_by_initiator_and_time (procedure, record->clause_initiator, record->clause_time)) {
+    warn_of_repetition (EVENT);
+    return NULL;
+  }
   // The position does not travel.
   Clause *clause =
     alloc_clause (0, procedure->db_id, record->clause_time, record->clause_initiator, 1);
@@ -242,8 +328,13 @@ negotiation_receive_revision (Negotiation *negotiation, XMPPClauseRevision *reco
                                                      record->procedure_time, EVENT);
   Clause *clause =
     negotiation_find_clause (procedure, record->clause_initiator, record->clause_time, EVENT);
-  if (!clause)
+  if (!clause || !negotiation_may_make (negotiation, procedure, record->revision_author, EVENT))
     return NULL;
+  if (get_clause_revision_by_author_and_time (clause, record->revision_author,
+                                              record->revision_time)) {
+    warn_of_repetition (EVENT);
+    return NULL;
+  }
   ClauseRevision *revision =
     alloc_clause_revision (0, clause->db_id, record->revision_time, record->revision_author,
                            REVISION_COMMITTED, record->text);
@@ -251,6 +342,19 @@ negotiation_receive_revision (Negotiation *negotiation, XMPPClauseRevision *reco
   clause_add_revision (clause, revision);
   *clause_out = clause;
   return revision;
+}
+
+static bool
+clause_has_message (Clause *clause, XMPPClauseMessage *record)
+{
+  for (u32 i = 0; i < clause->messages_count; i++) {
+    ClauseMessage *message = clause->messages[i];
+    if (message->time == record->message_time && message->author == record->message_author &&
+        message->text == record->text) {
+      return true;
+    }
+  }
+  return false;
 }
 
 ClauseMessage *
@@ -262,8 +366,12 @@ negotiation_receive_message (Negotiation *negotiation, XMPPClauseMessage *record
                                                      record->procedure_time, EVENT);
   Clause *clause =
     negotiation_find_clause (procedure, record->clause_initiator, record->clause_time, EVENT);
-  if (!clause)
+  if (!clause || !may_say (procedure, record->message_author, EVENT))
     return NULL;
+  if (clause_has_message (clause, record)) {
+    warn_of_repetition (EVENT);
+    return NULL;
+  }
   ClauseMessage *message = alloc_clause_message (0, clause->db_id, record->message_time,
                                                  record->message_author, record->text);
   db_insert_clause_message (negotiation->db, message);
@@ -289,6 +397,8 @@ negotiation_receive_decision (Negotiation *negotiation, XMPPClauseRevisionDecisi
     console_log ("Warning: A %s came, but we don't have the revision to attach it to.\n", EVENT);
     return NULL;
   }
+  if (!negotiation_may_make (negotiation, procedure, record->decision_author, EVENT))
+    return NULL;
   *clause_out = clause;
   *revision_out = revision;
   // Stamped with the time of receipt, unlike revisions and messages.

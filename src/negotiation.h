@@ -47,7 +47,13 @@ ClauseMessage *negotiation_say (Negotiation *negotiation, Clause *clause, String
 // ---- What arrives ----
 
 // Each returns what it has made or changed, or NULL after a console line that says why the record
-// was dropped. The `_out` parameters are only filled with a result.
+// was dropped: it has no place here, is here already, comes in the account's own name, or from
+// someone who is no party of the procedure. A procedure may repeat, a decision takes the place of an
+// earlier one. The `_out` parameters are only filled with a result.
+//
+// Parties are compared as people read them, after NFKC and case folding, because the user types a
+// contractor by hand and servers normalise addresses. A line of a clause's chat is signed with the
+// user name or the bare JID of a party; both parties may have the same user name.
 Procedure *negotiation_receive_procedure (Negotiation *negotiation, XMPPProcedure *record);
 Clause *negotiation_receive_clause (Negotiation *negotiation, XMPPClause *record,
                                     Procedure **procedure_out);

@@ -1449,13 +1449,15 @@ TEST (app_window_get_xmpp_procedure, repeated_makes_a_second_procedure)
   EXPECT_EQ (list_procedures (&test), "Roof|" BOB "\nRoof|" BOB "\n");
 }
 
-TEST (app_window_get_xmpp_procedure, takes_an_initiator_who_is_not_the_sender)
+TEST (app_window_get_xmpp_procedure, in_the_own_name_is_dropped)
 {
   TestWindow test;
   open_account (&test);
+  begin_capture ();
   deliver_procedure (test.window, {ALICE, 1700}, "Forged");
-  EXPECT_EQ (query (&test, PROCEDURE_ROWS), "1|1700|" ALICE "|" ALICE "|Forged\n");
-  EXPECT_EQ (list_procedures (&test), "Forged|" ALICE "\n");
+  EXPECT_EQ (end_capture (), "Warning: A procedure came in this account's own name.\n");
+  EXPECT_EQ (query (&test, PROCEDURE_ROWS), "");
+  EXPECT_EQ (list_procedures (&test), "");
 }
 
 TEST (app_window_get_xmpp_procedure, keeps_apostrophes_as_typographic_ones)
@@ -1621,13 +1623,18 @@ TEST (app_window_get_xmpp_clause_revision, is_found_in_its_own_procedure_only)
              "Warning: A clause revision came, but we don't have the clause to attach it to.\n");
 }
 
-TEST (app_window_get_xmpp_clause_revision, keeps_a_forged_author_apart)
+TEST (app_window_get_xmpp_clause_revision, of_a_forged_author_is_dropped)
 {
   TestWindow test;
   open_negotiation (&test);
+  begin_capture ();
   deliver_revision (test.window, RENT, CLAUSE, {ALICE, 4242}, "never wrote this");
-  EXPECT_EQ (get_text (get_clause (&test)->view, "revision_status_label"), ALICE ":4242");
-  EXPECT_EQ (query (&test, "SELECT author FROM clause_revisions WHERE time = 4242"), ALICE "\n");
+  deliver_revision (test.window, RENT, CLAUSE, {CAROL, 4242}, "no party of this");
+  EXPECT_EQ (end_capture (),
+             "Warning: A clause revision came in this account's own name.\n"
+             "Warning: A clause revision came from someone who is no party of its procedure.\n");
+  EXPECT_EQ (get_clause (&test)->revisions_count, 1u);
+  EXPECT_EQ (query (&test, "SELECT author FROM clause_revisions WHERE time = 4242"), "");
 }
 
 // ---- Network events: the chat of a clause ----

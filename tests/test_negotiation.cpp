@@ -482,3 +482,162 @@ TEST (negotiation_receive, drops_what_has_no_place)
     "Warning: A clause revision decision came, but we don't have the revision to attach it to.\n");
   EXPECT_EQ (account.rows (REVISIONS_SQL) + account.rows (DECISIONS_SQL), "");
 }
+
+// What the console says while a record is received, which is dropped or not.
+struct Heard {
+  Heard ()
+  {
+    testing::internal::CaptureStdout ();
+  }
+
+  // All lines but those of the store.
+  std::string end ()
+  {
+    fflush (stdout);
+    std::string text = testing::internal::GetCapturedStdout ();
+    std::string warnings;
+    for (size_t at = 0, line_end; at < text.size (); at = line_end + 1) {
+      line_end = text.find ('\n', at);
+      std::string line = text.substr (at, line_end - at);
+      if (line.rfind ("sql: ", 0) != 0)
+        warnings += line + "\n";
+    }
+    return warnings;
+  }
+};
+
+static std::string
+own_name_warning (const char *event)
+{
+  return std::string ("Warning: A ") + event + " came in this account's own name.\n";
+}
+
+static std::string
+no_party_warning (const char *event)
+{
+  return std::string ("Warning: A ") + event +
+         " came from someone who is no party of its procedure.\n";
+}
+
+static std::string
+repetition_warning (const char *event)
+{
+  return std::string ("Warning: A ") + event + " came that is here already.\n";
+}
+
+// Receives one of each kind, all of them by `author`, for places that are there.
+static std::string
+receive_all_by (Account *account, const char *author)
+{
+  Heard heard;
+  Name other = {author, 7000};
+  receive_clause (account, PROCEDURE, other);
+  receive_revision (account, PROCEDURE, CLAUSE, other, "Nine");
+  receive_decision (account, PROCEDURE, CLAUSE, REVISION, author, DECISION_DISAGREE);
+  receive_message (account, PROCEDURE, CLAUSE, other, "Well?");
+  return heard.end ();
+}
+
+static void
+receive_procedure_with_a_clause (Account *account)
+{
+  receive_procedure (account, PROCEDURE, "Planks");
+  receive_clause (account, PROCEDURE, CLAUSE);
+  receive_revision (account, PROCEDURE, CLAUSE, REVISION, "Ten");
+}
+
+TEST (negotiation_receive, drops_what_comes_in_the_own_name)
+{
+  Account account;
+  receive_procedure_with_a_clause (&account);
+  std::string before = list_all_rows (&account);
+  for (const char *own : {OWN, "Alice@Alpha.Test", "\uff21lice@alpha.test"}) {
+    Heard heard;
+    EXPECT_EQ (receive_procedure (&account, {own, 1}, "Forged"), nullptr);
+    Name name = {own, 7000};
+    EXPECT_EQ (receive_clause (&account, PROCEDURE, name), nullptr);
+    EXPECT_EQ (receive_revision (&account, PROCEDURE, CLAUSE, name, "Nine"), nullptr);
+    EXPECT_EQ (receive_decision (&account, PROCEDURE, CLAUSE, REVISION, own, DECISION_AGREE),
+               nullptr);
+    EXPECT_EQ (heard.end (), own_name_warning ("procedure") + own_name_warning ("clause") +
+                               own_name_warning ("clause revision") +
+                               own_name_warning ("clause revision decision"));
+  }
+  EXPECT_EQ (list_all_rows (&account), before);
+  EXPECT_EQ (account.procedures.count, 1u);
+}
+
+TEST (negotiation_receive, drops_what_comes_from_no_party)
+{
+  Account account;
+  receive_procedure_with_a_clause (&account);
+  std::string before = list_all_rows (&account);
+  // The last is no UTF-8; one that is folded to the other's must have the same host, too.
+  for (const char *author : {"carol@beta.test", "bob@beta.test.example", "bo@beta.test",
+                             "bob@beta.tes", "@", "bob@beta.test\xff"}) {
+    EXPECT_EQ (receive_all_by (&account, author), no_party_warning ("clause") +
+                                                    no_party_warning ("clause revision") +
+                                                    no_party_warning ("clause revision decision") +
+                                                    no_party_warning ("clause message"))
+      << author;
+  }
+  EXPECT_EQ (list_all_rows (&account), before);
+}
+
+TEST (negotiation_receive, compares_parties_as_people_read_them)
+{
+  // As a user may have typed the contractor, and as a server may name it.
+  Account account;
+  now = 700;
+  Negotiation *negotiation = &account.negotiation;
+  Procedure *procedure =
+    negotiation_begin (negotiation, to_string ("Planks"), to_string ("Stra\u00dfe@Beta.Test"));
+  negotiation_add_clause (negotiation, procedure);
+  for (const char *author :
+       {"stra\u00dfe@beta.test", "STRASSE@BETA.TEST", "\uff53trasse@beta.test"}) {
+    Heard heard;
+    now++;
+    EXPECT_NE (receive_clause (&account, {OWN, 700}, {author, now}), nullptr);
+    EXPECT_NE (receive_message (&account, {OWN, 700}, {OWN, 700}, {author, now}, "Well?"), nullptr);
+    EXPECT_EQ (heard.end (), "");
+  }
+  Heard heard;
+  EXPECT_NE (receive_message (&account, {OWN, 700}, {OWN, 700}, {"STRASSE", 1}, "Well?"), nullptr);
+  EXPECT_EQ (receive_message (&account, {OWN, 700}, {OWN, 700}, {"STRASS", 1}, "Well?"), nullptr);
+  EXPECT_EQ (heard.end (), no_party_warning ("clause message"));
+}
+
+TEST (negotiation_receive_message, takes_the_name_that_both_parties_share)
+{
+  Account account;
+  Name procedure = {"alice@beta.test", 700};
+  receive_procedure (&account, procedure, "Planks");
+  receive_clause (&account, procedure, {"alice@beta.test", 800});
+  Heard heard;
+  EXPECT_NE (receive_message (&account, procedure, {"alice@beta.test", 800}, {"alice", 1}, "Mine"),
+             nullptr);
+  EXPECT_EQ (heard.end (), "");
+}
+
+TEST (negotiation_receive, drops_repetitions)
+{
+  Account account;
+  receive_procedure_with_a_clause (&account);
+  receive_message (&account, PROCEDURE, CLAUSE, {"bob", 950}, "Well?");
+  std::string before = list_all_rows (&account);
+  Heard heard;
+  EXPECT_EQ (receive_clause (&account, PROCEDURE, CLAUSE), nullptr);
+  EXPECT_EQ (receive_revision (&account, PROCEDURE, CLAUSE, REVISION, "Another text"), nullptr);
+  EXPECT_EQ (receive_message (&account, PROCEDURE, CLAUSE, {"bob", 950}, "Well?"), nullptr);
+  EXPECT_EQ (heard.end (), repetition_warning ("clause") + repetition_warning ("clause revision") +
+                             repetition_warning ("clause message"));
+  EXPECT_EQ (list_all_rows (&account), before);
+  // These differ in one of the three, and a procedure repeats.
+  Heard heard_again;
+  EXPECT_NE (receive_message (&account, PROCEDURE, CLAUSE, {"bob", 950}, "Well"), nullptr);
+  EXPECT_NE (receive_message (&account, PROCEDURE, CLAUSE, {"bob", 951}, "Well?"), nullptr);
+  EXPECT_NE (receive_message (&account, PROCEDURE, CLAUSE, {OTHER, 950}, "Well?"), nullptr);
+  EXPECT_NE (receive_procedure (&account, PROCEDURE, "Planks"), nullptr);
+  EXPECT_EQ (heard_again.end (), "");
+  EXPECT_EQ (account.procedures.count, 2u);
+}
