@@ -805,6 +805,7 @@ app_window_apply_clause_revision (AppWindow *self, XMPPClauseRevision *message)
     return;
   clause_view_add_revision (clause->view, revision);
   clause_view_show_revision (clause->view, revision, self->account.bare_jid);
+  clause_view_order_revision (clause->view, revision);
 }
 
 gboolean

@@ -859,6 +859,7 @@ clause_view_commit_button_handle (GtkButton *, ClauseView *self)
 
   clause_view_add_revision (self, revision);
   clause_view_go_to_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
+  clause_view_order_revision (self, revision);
   clause_view_focus_revisions_button (self);
   if (self->clause->revisions_count == 1)
     clause_view_enable_chat (self);
@@ -1186,6 +1187,40 @@ clause_view_find_row (ClauseView *self, ClauseRevision *revision)
       return row;
   }
   return clause_revision_list_item_find_row (self->revision_select_list, revision);
+}
+
+static ClauseRevision *
+get_row_revision (GtkListBoxRow *row)
+{
+  GtkWidget *child = gtk_bin_get_child (GTK_BIN (row));
+  return clause_revision_list_item_get_revision (MORVANE_CLAUSE_REVISION_LIST_ITEM (child));
+}
+
+static gint
+compare_revision_rows (GtkListBoxRow *row, GtkListBoxRow *other_row, gpointer data)
+{
+  Clause *clause = MORVANE_CLAUSE_VIEW (data)->clause;
+  ClauseRevision *revision = get_row_revision (row);
+  ClauseRevision *other_revision = get_row_revision (other_row);
+  // Only the draft's row is without a revision.
+  if (!revision || !other_revision)
+    return !revision - !other_revision;
+  if (revision->time != other_revision->time)
+    return revision->time < other_revision->time ? -1 : 1;
+  s64 index = get_revision_index_reversed (clause, revision);
+  s64 other_index = get_revision_index_reversed (clause, other_revision);
+  return index < other_index ? -1 : index > other_index;
+}
+
+void
+clause_view_order_revision (ClauseView *self, ClauseRevision *revision)
+{
+  Clause *clause = self->clause;
+  if (revision == clause->revisions[clause->revisions_count - 1])
+    return;
+  // Sorts at once; the rows that are added later stay where they are.
+  gtk_list_box_set_sort_func (self->revision_select_list, compare_revision_rows, self, NULL);
+  gtk_list_box_set_sort_func (self->revision_select_list, NULL, NULL, NULL);
 }
 
 static void

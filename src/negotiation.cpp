@@ -111,6 +111,20 @@ negotiation_discard_draft (Negotiation *negotiation, Clause *clause)
   db_commit (negotiation->db);
 }
 
+// The second of the next revision. Receivers take 12 digits: where the last revision has used them
+// up, the next one cannot come after it.
+static s64
+negotiation_get_next_revision_time (Negotiation *negotiation, Clause *clause)
+{
+  static const s64 TIME_MAX = 999999999999;
+  s64 time = get_posix_time ();
+  u32 count = clause->revisions_count;
+  s64 last_time = count ? clause->revisions[count - 1]->time : time;
+  if (count && last_time >= time && last_time < TIME_MAX)
+    time = last_time + 1;
+  return clause_get_free_revision_time (clause, negotiation->own, time);
+}
+
 ClauseRevision *
 negotiation_commit (Negotiation *negotiation, Clause *clause, String text)
 {
@@ -118,14 +132,14 @@ negotiation_commit (Negotiation *negotiation, Clause *clause, String text)
   negotiation_remove_draft (negotiation, clause);
   if (!clause->db_id)
     db_insert_clause (negotiation->db, clause);
-  String own = negotiation->own;
-  s64 time = clause_get_free_revision_time (clause, own, get_posix_time ());
+  s64 time = negotiation_get_next_revision_time (negotiation, clause);
   ClauseRevision *revision =
-    alloc_clause_revision (0, clause->db_id, time, own, REVISION_COMMITTED, text);
+    alloc_clause_revision (0, clause->db_id, time, negotiation->own, REVISION_COMMITTED, text);
   clause_add_revision (clause, revision);
+  clause_order_last_revision (clause);
   db_insert_clause_revision (negotiation->db, revision);
   // The other party knows its own clauses, and this one's after the first revision.
-  if (clause->revisions_count == 1 && clause->initiator == own)
+  if (clause->revisions_count == 1 && clause->initiator == negotiation->own)
     negotiation_owe (negotiation, OUTBOX_CLAUSE, clause->db_id);
   negotiation_owe (negotiation, OUTBOX_REVISION, revision->db_id);
   db_commit (negotiation->db);
@@ -168,8 +182,9 @@ ClauseMessage *
 negotiation_say (Negotiation *negotiation, Clause *clause, String text)
 {
   // The lines of this chat are signed with the user name, unlike revisions and decisions.
-  ClauseMessage *message =
-    alloc_clause_message (0, clause->db_id, get_posix_time (), negotiation->own_name, text);
+  String author = negotiation->own_name;
+  s64 time = clause_get_free_message_time (clause, author, get_posix_time ());
+  ClauseMessage *message = alloc_clause_message (0, clause->db_id, time, author, text);
   db_begin (negotiation->db);
   db_insert_clause_message (negotiation->db, message);
   negotiation_owe (negotiation, OUTBOX_MESSAGE, message->db_id);
@@ -252,6 +267,14 @@ may_say (Procedure *procedure, String author, const char *event)
 }
 
 static void
+warn_of_time (s64 time, const char *event)
+{
+  static const s64 DAY = 24 * 60 * 60;
+  if (time - get_posix_time () > DAY)
+    console_log ("Warning: A %s came with a time more than a day ahead.\n", event);
+}
+
+static void
 warn_of_repetition (const char *event)
 {
   console_log ("Warning: A %s came that is here already.\n", event);
@@ -271,6 +294,7 @@ negotiation_receive_procedure (Negotiation *negotiation, XMPPProcedure *record)
       alloc_procedure (0, negotiation->account_db_id, record->time, title, record->initiator, own);
     db_insert_procedure (negotiation->db, procedure);
     procedures_stack_add_procedure (negotiation->procedures, procedure);
+    warn_of_time (record->time, "procedure");
   } else {
     console_put ("Warning: Received a procedure whose title is too long to be kept.\n");
   }
@@ -315,6 +339,7 @@ negotiation_receive_clause (Negotiation *negotiation, XMPPClause *record, Proced
     alloc_clause (0, procedure->db_id, record->clause_time, record->clause_initiator, 1);
   db_insert_clause (negotiation->db, clause);
   procedure_add_clause (procedure, clause);
+  warn_of_time (record->clause_time, EVENT);
   *procedure_out = procedure;
   return clause;
 }
@@ -340,6 +365,8 @@ negotiation_receive_revision (Negotiation *negotiation, XMPPClauseRevision *reco
                            REVISION_COMMITTED, record->text);
   db_insert_clause_revision (negotiation->db, revision);
   clause_add_revision (clause, revision);
+  clause_order_last_revision (clause);
+  warn_of_time (record->revision_time, EVENT);
   *clause_out = clause;
   return revision;
 }
@@ -376,6 +403,7 @@ negotiation_receive_message (Negotiation *negotiation, XMPPClauseMessage *record
                                                  record->message_author, record->text);
   db_insert_clause_message (negotiation->db, message);
   clause_add_message (clause, message);
+  warn_of_time (record->message_time, EVENT);
   *clause_out = clause;
   return message;
 }

@@ -36,12 +36,13 @@ void negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, 
 void negotiation_save_draft (Negotiation *negotiation, Clause *clause, String text);
 // Takes the draft out of model and store and frees it; does nothing where there is none.
 void negotiation_discard_draft (Negotiation *negotiation, Clause *clause);
-// Makes `text` the clause's next revision, in place of its draft.
+// Makes `text` the clause's next revision, in place of its draft. Its time is above that of the last
+// one, whatever the clock says, so that it stays the last.
 ClauseRevision *negotiation_commit (Negotiation *negotiation, Clause *clause, String text);
 // What `author` thinks of the revision from now on.
 ClauseRevisionDecision *negotiation_decide (Negotiation *negotiation, ClauseRevision *revision,
                                             String author, DecisionStatus status);
-// A line of the clause's chat.
+// A line of the clause's chat, at a second of its own.
 ClauseMessage *negotiation_say (Negotiation *negotiation, Clause *clause, String text);
 
 // ---- What arrives ----
@@ -50,6 +51,9 @@ ClauseMessage *negotiation_say (Negotiation *negotiation, Clause *clause, String
 // was dropped: it has no place here, is here already, comes in the account's own name, or from
 // someone who is no party of the procedure. A procedure may repeat, a decision takes the place of an
 // earlier one. The `_out` parameters are only filled with a result.
+//
+// A revision goes where its time belongs, as it will be after the next start. A time more than a day
+// ahead of the clock is taken, and costs a line.
 //
 // Parties are compared as people read them, after NFKC and case folding, because the user types a
 // contractor by hand and servers normalise addresses. A line of a clause's chat is signed with the

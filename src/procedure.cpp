@@ -262,6 +262,18 @@ clause_add_revision (Clause *clause, ClauseRevision *revision)
 }
 
 void
+clause_order_last_revision (Clause *clause)
+{
+  assert (clause->revisions_count);
+  u32 index = clause->revisions_count - 1;
+  ClauseRevision *revision = clause->revisions[index];
+  for (; index > 0 && clause->revisions[index - 1]->time > revision->time; --index) {
+    clause->revisions[index] = clause->revisions[index - 1];
+  }
+  clause->revisions[index] = revision;
+}
+
+void
 procedure_add_clause (Procedure *procedure, Clause *clause)
 {
   assert (procedure->clauses_max);
@@ -462,6 +474,18 @@ clause_get_free_revision_time (Clause *clause, String author, s64 time)
   for (u32 i = 0; i < clause->revisions_count; ++i) {
     if (clause->revisions[i]->author == author) {
       taken_seconds_mark (seconds, clause->revisions[i]->time);
+    }
+  }
+  return taken_seconds_end (seconds);
+}
+
+s64
+clause_get_free_message_time (Clause *clause, String author, s64 time)
+{
+  TakenSeconds seconds = alloc_taken_seconds (time, clause->messages_count);
+  for (u32 i = 0; i < clause->messages_count; ++i) {
+    if (clause->messages[i]->author == author) {
+      taken_seconds_mark (seconds, clause->messages[i]->time);
     }
   }
   return taken_seconds_end (seconds);

@@ -141,6 +141,9 @@ String alloc_procedure_title (String text);
 void clause_revision_add_decision (ClauseRevision *revision, ClauseRevisionDecision *decision);
 void clause_add_message (Clause *clause, ClauseMessage *message);
 void clause_add_revision (Clause *clause, ClauseRevision *revision);
+// Puts the revision that was added last behind all that are not later, which is the order in which
+// the store is loaded.
+void clause_order_last_revision (Clause *clause);
 void procedure_add_clause (Procedure *procedure, Clause *clause);
 void procedures_stack_add_procedure (ProceduresStack *stack, Procedure *procedure);
 
@@ -175,5 +178,6 @@ s64 procedures_stack_get_index (ProceduresStack *stack, Procedure *procedure);
 // other party knows them by. Each returns the first second from `time` on that this author does not
 // have yet among the siblings. The draft of a clause has no second of its own: it is never sent.
 s64 clause_get_free_revision_time (Clause *clause, String author, s64 time);
+s64 clause_get_free_message_time (Clause *clause, String author, s64 time);
 s64 procedure_get_free_clause_time (Procedure *procedure, String initiator, s64 time);
 s64 procedures_stack_get_free_time (ProceduresStack *stack, String initiator, s64 time);

@@ -1623,6 +1623,39 @@ TEST (app_window_get_xmpp_clause_revision, is_found_in_its_own_procedure_only)
              "Warning: A clause revision came, but we don't have the clause to attach it to.\n");
 }
 
+static std::string
+list_revision_rows (ClauseView *view)
+{
+  GtkWidget *button = find_widget (view, "revision_select_menu_button");
+  GtkWidget *scroller =
+    gtk_bin_get_child (GTK_BIN (gtk_menu_button_get_popover (GTK_MENU_BUTTON (button))));
+  GtkWidget *list = gtk_bin_get_child (GTK_BIN (gtk_bin_get_child (GTK_BIN (scroller))));
+  std::string rows;
+  for (int i = 0; GtkListBoxRow *row = gtk_list_box_get_row_at_index (GTK_LIST_BOX (list), i);
+       i++) {
+    rows +=
+      std::string (gtk_list_box_row_is_selected (row) ? "*" : "") + get_text (row, "label") + " ";
+  }
+  return rows;
+}
+
+TEST (app_window_get_xmpp_clause_revision, is_shown_and_goes_where_its_time_belongs)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Clause *clause = get_clause (&test);
+  s64 time = clause->revisions[0]->time;
+  type (clause->view, "text_view", "A draft");
+  clause_view_save_draft (clause->view);
+  deliver_revision (test.window, RENT, CLAUSE, {BOB, time + 9}, "later");
+  deliver_revision (test.window, RENT, CLAUSE, {BOB, time - 1}, "earlier");
+  EXPECT_EQ (get_text (clause->view, "text_view"), "earlier");
+  EXPECT_EQ (list_revision_rows (clause->view), "*" BOB ":" + std::to_string (time - 1) + " " +
+                                                  to_std_string (clause->revisions[1]->author) +
+                                                  ":" + std::to_string (time) + " " BOB ":" +
+                                                  std::to_string (time + 9) + " draft ");
+}
+
 TEST (app_window_get_xmpp_clause_revision, of_a_forged_author_is_dropped)
 {
   TestWindow test;

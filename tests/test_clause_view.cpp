@@ -2134,7 +2134,9 @@ take_step (TestWindow *test, Clause *clause, Model *model, Step step, unsigned n
     model->is_draft = true;
     break;
   case STEP_RECEIVE:
-    receive_revision (test, clause, {BOB, 10000 + (s64) number}, text.c_str ());
+    // Later than all others, or its row would not be the last.
+    receive_revision (test, clause, {BOB, clause->revisions[clause->revisions_count - 1]->time + 1},
+                      text.c_str ());
     add (model, text);
     show (model, model->texts.size () - 1);
     break;

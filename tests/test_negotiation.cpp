@@ -641,3 +641,90 @@ TEST (negotiation_receive, drops_repetitions)
   EXPECT_EQ (heard_again.end (), "");
   EXPECT_EQ (account.procedures.count, 2u);
 }
+
+// ---- Times ----
+
+static std::string
+list_revisions (Clause *clause)
+{
+  std::string list;
+  for (u32 i = 0; i < clause->revisions_count; i++) {
+    ClauseRevision *revision = clause->revisions[i];
+    list += std::to_string (revision->time) + ":" +
+            std::string ((const char *) revision->text.data, revision->text.size) + " ";
+  }
+  return list;
+}
+
+TEST (negotiation_receive_revision, goes_where_a_restart_would_put_it)
+{
+  Account account;
+  receive_procedure_with_a_clause (&account);
+  Clause *clause = account.procedures.procedures[0]->clauses[0];
+  now = 905;
+  commit (&account, clause, "Own");
+  receive_revision (&account, PROCEDURE, CLAUSE, {OTHER, 903}, "Late");
+  receive_revision (&account, PROCEDURE, CLAUSE, {OTHER, 905}, "Same");
+  receive_revision (&account, PROCEDURE, CLAUSE, {OTHER, 1}, "First");
+  std::string order = list_revisions (clause);
+  EXPECT_EQ (order, "1:First 900:Ten 903:Late 905:Own 905:Same ");
+  account.restart ();
+  EXPECT_EQ (list_revisions (account.procedures.procedures[0]->clauses[0]), order);
+}
+
+TEST (negotiation_commit, stays_the_last_whatever_the_clocks_say)
+{
+  Account account;
+  receive_procedure_with_a_clause (&account);
+  Clause *clause = account.procedures.procedures[0]->clauses[0];
+  now = 900;
+  EXPECT_EQ (commit (&account, clause, "Same second")->time, 901);
+  now = 10;
+  EXPECT_EQ (commit (&account, clause, "Back in time")->time, 902);
+  now = 2000;
+  EXPECT_EQ (commit (&account, clause, "Usual")->time, 2000);
+  receive_revision (&account, PROCEDURE, CLAUSE, {OTHER, 999999999998}, "Far ahead");
+  EXPECT_EQ (commit (&account, clause, "With the last digits")->time, 999999999999);
+  // Nothing that receivers take is above this.
+  EXPECT_EQ (commit (&account, clause, "At the clock's second")->time, 2001);
+  EXPECT_EQ (list_revisions (clause),
+             "900:Ten 901:Same second 902:Back in time 2000:Usual 2001:At the clock's second "
+             "999999999998:Far ahead 999999999999:With the last digits ");
+  std::string order = list_revisions (clause);
+  account.restart ();
+  EXPECT_EQ (list_revisions (account.procedures.procedures[0]->clauses[0]), order);
+}
+
+TEST (negotiation_say, takes_the_next_free_second)
+{
+  Account account;
+  Clause *clause = negotiation_add_clause (&account.negotiation, begin (&account));
+  EXPECT_EQ (negotiation_say (&account.negotiation, clause, to_string ("One"))->time, 5000);
+  EXPECT_EQ (negotiation_say (&account.negotiation, clause, to_string ("Two"))->time, 5001);
+  now++;
+  EXPECT_EQ (negotiation_say (&account.negotiation, clause, to_string ("Three"))->time, 5002);
+}
+
+TEST (negotiation_receive, warns_of_times_more_than_a_day_ahead_and_takes_them)
+{
+  Account account;
+  Heard heard;
+  s64 day_ahead = now + 24 * 60 * 60;
+  Name last = {OTHER, day_ahead};
+  receive_procedure (&account, last, "Planks");
+  receive_clause (&account, last, last);
+  receive_revision (&account, last, last, last, "Ten");
+  receive_message (&account, last, last, {"bob", day_ahead}, "Well?");
+  EXPECT_EQ (heard.end (), "");
+  Heard heard_again;
+  Name far = {OTHER, day_ahead + 1};
+  EXPECT_NE (receive_procedure (&account, far, "Planks"), nullptr);
+  EXPECT_NE (receive_clause (&account, far, far), nullptr);
+  EXPECT_NE (receive_revision (&account, far, far, far, "Ten"), nullptr);
+  EXPECT_NE (receive_message (&account, far, far, {"bob", day_ahead + 1}, "Well?"), nullptr);
+  EXPECT_EQ (heard_again.end (),
+             "Warning: A procedure came with a time more than a day ahead.\n"
+             "Warning: A clause came with a time more than a day ahead.\n"
+             "Warning: A clause revision came with a time more than a day ahead.\n"
+             "Warning: A clause message came with a time more than a day ahead.\n");
+}

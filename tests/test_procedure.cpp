@@ -724,6 +724,38 @@ TEST (procedures_stack_get_index, looks_at_the_oldest_first)
   dealloc_procedure_stack (stack);
 }
 
+TEST (clause_order_last_revision, puts_it_behind_all_that_are_not_later)
+{
+  Clause *clause = alloc_test_clause (1);
+  s64 times[] = {5, 9, 2, 5, 7, 9};
+  for (u32 i = 0; i < 6; i++) {
+    clause_add_revision (clause, alloc_test_revision (i + 1, "a@example.org", times[i]));
+    clause_order_last_revision (clause);
+  }
+  std::string order;
+  for (u32 i = 0; i < clause->revisions_count; i++) {
+    order += std::to_string (clause->revisions[i]->db_id) + " ";
+  }
+  EXPECT_EQ (order, "3 1 4 5 2 6 ");
+  dealloc_clause (clause);
+}
+
+TEST (clause_get_free_message_time, looks_at_lines_of_the_same_author)
+{
+  Clause *clause = alloc_test_clause (1);
+  const char *authors[] = {"a", "a", "b"};
+  s64 times[] = {5, 6, 7};
+  for (u32 i = 0; i < 3; i++) {
+    clause_add_message (clause, alloc_clause_message (1, 1, times[i], to_string (authors[i]),
+                                                      to_string ("text")));
+  }
+  EXPECT_EQ (clause_get_free_message_time (clause, to_string ("a"), 5), 7);
+  EXPECT_EQ (clause_get_free_message_time (clause, to_string ("a"), 8), 8);
+  EXPECT_EQ (clause_get_free_message_time (clause, to_string ("b"), 5), 5);
+  EXPECT_EQ (clause_get_free_message_time (clause, to_string ("b"), 7), 8);
+  dealloc_clause (clause);
+}
+
 TEST (procedure_get_other_party, is_the_one_that_is_not_named)
 {
   Procedure *procedure = alloc_test_procedure (1);

@@ -8,7 +8,9 @@ have, so that every case is judged by what all cases before it left behind.
 """
 
 import re
+import unicodedata
 from collections import namedtuple
+from time import time as get_seconds
 
 # Pieces of a stanza. Attributes are (name, value, quote) with the bytes between the quotes.
 Element = namedtuple("Element", "name attributes content")
@@ -365,21 +367,26 @@ class Books:
     def apply_element(self, record, lines):
         """A negotiation element finds what it belongs to, or is dropped with a line."""
         name, pairs, text = record
-        author, time = pairs[-1]
+        author, seconds = pairs[-1]
         if name == "x-procedure":
+            if fold(author) == fold(bare(self.own)):
+                lines.append(b"Warning: A procedure came in this account's own name.")
+                return
             title = text.replace(b"'", "\u2019".encode())
             statement = (
                 b"INSERT INTO procedures (account_db_id, time, initiator, contractor, title) "
-                b"VALUES (1, %d, '%s', '%s', '%s');" % (time, author, bare(self.own), title))
+                b"VALUES (1, %d, '%s', '%s', '%s');" % (seconds, author, bare(self.own), title))
             if len(statement) > 4000:
                 lines.append(b"Warning: Received a procedure whose title is too long to be kept.")
             else:
-                self.insert("procedures", 1, time, author, bare(self.own), title)
+                self.insert("procedures", 1, seconds, author, bare(self.own), title)
+                lines.extend(warn_of_time(b"procedure", seconds))
             return
         event = {"x-clause": b"clause", "x-revision": b"clause revision",
                  "x-clause-message": b"clause message",
                  "x-clause-decision": b"clause revision decision"}[name]
         parent = 1
+        procedure = None
         for kind, pair in zip(("procedure", "clause", "revision"), pairs[:-1]):
             table = {"procedure": "procedures", "clause": "clauses",
                      "revision": "clause_revisions"}[kind]
@@ -390,12 +397,19 @@ class Books:
                     event, kind.encode()))
                 return
             parent = row[0]
+            procedure = procedure or row
+        refusal = self.refuse(name, procedure, parent, author, seconds, text)
+        if refusal:
+            lines.append(b"Warning: A %s came %s." % (event, refusal))
+            return
         if name == "x-clause":
-            self.insert("clauses", parent, time, author, 1)
+            self.insert("clauses", parent, seconds, author, 1)
         elif name == "x-revision":
-            self.insert("clause_revisions", parent, time, author, b"COMMITTED", text)
+            self.insert("clause_revisions", parent, seconds, author, b"COMMITTED", text)
         elif name == "x-clause-message":
-            self.insert("clause_messages", parent, time, author, text)
+            self.insert("clause_messages", parent, seconds, author, text)
+        if name != "x-clause-decision":
+            lines.extend(warn_of_time(event, seconds))
         else:
             decision = next((row for row in self.tables["clause_revision_decisions"]
                              if row[1] == parent and row[3] == author), None)
@@ -404,6 +418,42 @@ class Books:
                 self.changes += 1
             else:
                 self.insert("clause_revision_decisions", parent, NOW, author, text)
+
+
+    def refuse(self, name, procedure, parent, author, seconds, text):
+        """Why an element that has a place is dropped; None where it is not."""
+        parties = [fold(party) for party in procedure[3:5]]
+        if name == "x-clause-message":
+            parties += [fold(party.split(b"@")[0]) for party in procedure[3:5]]
+        elif fold(author) == fold(bare(self.own)):
+            return b"in this account's own name"
+        if fold(author) not in parties:
+            return b"from someone who is no party of its procedure"
+        table, wanted = {
+            "x-clause": ("clauses", (seconds, author)),
+            "x-revision": ("clause_revisions", (seconds, author)),
+            "x-clause-message": ("clause_messages", (seconds, author, text)),
+        }.get(name, (None, None))
+        if table and any(row[1] == parent and tuple(row[2:2 + len(wanted)]) == wanted
+                         for row in self.tables[table]):
+            return b"that is here already"
+        return None
+
+
+def fold(name):
+    """A name as people read it."""
+    try:
+        text = unicodedata.normalize("NFKC", name.decode())
+    except UnicodeDecodeError:
+        return name
+    return unicodedata.normalize("NFKC", text.casefold())
+
+
+def warn_of_time(event, seconds):
+    """The line about a clock that is far ahead, or none."""
+    if seconds - get_seconds() > 24 * 60 * 60:
+        return [b"Warning: A %s came with a time more than a day ahead." % event]
+    return []
 
 
 # ---- The peer's world ----

@@ -273,6 +273,7 @@ class Party:
         revision = self.insert("clause_revisions", clause, time=time, author=author,
                                status="COMMITTED", text=text)
         clause["revisions"].append(revision)
+        clause["revisions"].sort(key=operator.itemgetter("time"))
         return revision
 
     def type(self, clause, text):
@@ -308,7 +309,9 @@ class Party:
         """The draft goes, the revision comes, and travels; a new clause travels ahead of it."""
         procedure = clause["parent"]
         self.drop_draft(clause)
-        time = self.free_time(clause["revisions"], "author")
+        time = self.clock
+        if clause["revisions"]:
+            time = max(time, clause["revisions"][-1]["time"] + 1)
         revision = self.insert_revision(clause, time, self.jid, sendable(text))
         clause["shown"] = clause["base"] = revision
         if len(clause["revisions"]) == 1 and clause["initiator"] == self.jid:
@@ -350,10 +353,13 @@ class Party:
 
     def say_of(self, clause, text):
         """A line about a clause: signed with the user's name alone."""
-        text = sendable(text)
-        self.insert("clause_messages", clause, time=self.clock, author=self.user, text=text)
-        self.send("message", *identity(clause["parent"]), *identity(clause), self.user, self.clock,
-                  text)
+        text, time = sendable(text), self.clock
+        taken = {row["time"] for row in self.children("clause_messages", clause)
+                 if row["author"] == self.user}
+        while time in taken:
+            time += 1
+        self.insert("clause_messages", clause, time=time, author=self.user, text=text)
+        self.send("message", *identity(clause["parent"]), *identity(clause), self.user, time, text)
 
     def say(self, text):
         """A line to the contact; the other side stamps it when it comes."""
