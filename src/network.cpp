@@ -2,7 +2,9 @@
 #include "network.h"
 
 #include <assert.h>
+#include <errno.h>
 #include <pthread.h>
+#include <stdlib.h>
 
 #include <glib.h>
 #include <gnutls/x509.h>
@@ -39,34 +41,140 @@ deinit_tls_global (gnutls_certificate_credentials_t credentials)
   gnutls_global_deinit ();
 }
 
-// ---- Collecting records ----
+// ---- The queue of a session ----
 // A stanza of 60 KB is 6,000 records. Written one by one, each is a system call, and where the thread
 // is held up between two of them the server gets a stanza in pieces with a pause between, which some
 // servers' parsers then hold back until more comes. So the records of a stanza are collected, and
-// reach the socket in as few writes as their number allows.
+// reach the socket in as few writes as their number allows. What the socket does not take stays in
+// the queue, so that no sender waits for a server that does not read.
 
-static const u64 COLLECTED_SIZE_MAX = (u64) 16 * 1024;  // bytes of finished records
+static const u64 COLLECTED_SIZE_MAX = (u64) 16 * 1024;  // bytes of finished records to a write
 
-struct RecordCollector {
-  u8 *data;       // `COLLECTED_SIZE_MAX` bytes, the front of them filled
-  u64 size;       // bytes collected
-  u64 taken;      // bytes of the stanza that records before the one at hand carry
-  u64 written;    // those of them whose records have reached the socket
-  bool ends_now;  // the record at hand is the stanza's last: nothing is kept back
+// Where a stanza ends.
+struct StanzaMark {
+  u64 pushed_size;  // what had been pushed then
+  u64 given_size;
+  u64 given_count;
 };
 
-// That of the stanza which this thread is sending. Records of a handshake go out at once.
-static thread_local RecordCollector *collector;
+struct SendQueue {
+  pthread_mutex_t mutex;  // held for a whole stanza; guards all of the record
+  SocketDescriptor socket;
+  GByteArray *records;  // encrypted; what is before `front` has been written
+  u64 front;
+  u64 fresh_size;   // bytes at the end that no write was tried with
+  u64 pushed_size;  // bytes of records since the session began, here and below
+  u64 written_size;
+  GArray *marks;         // `StanzaMark`: stanzas that the socket has not taken whole
+  u64 stanza_taken;      // bytes of the stanza at hand that finished records carry
+  u64 stanza_written;    // of those, the bytes that were written or wait
+  bool ends_now;         // the record at hand is the stanza's last: nothing is kept back
+  int error;             // `errno` of the write that failed; 0 while none has
+  bool is_full;          // a stanza was refused, so none may follow
+  bool is_change_known;  // the handler was called for the state as it is
+  TLSSendState state;
+  TLSSendHandler handler;
+  void *handler_data;
+};
+
+// The queue of the session that this thread is sending on. Records of a handshake go out at once.
+static thread_local SendQueue *current_queue;
+
+static SendQueue *
+alloc_send_queue (SocketDescriptor socket)
+{
+  SendQueue *queue = (SendQueue *) calloc (1, sizeof (SendQueue));
+  pthread_mutex_init (&queue->mutex, NULL);
+  queue->socket = socket;
+  queue->records = g_byte_array_new ();
+  queue->marks = g_array_new (FALSE, FALSE, sizeof (StanzaMark));
+  return queue;
+}
+
+static void
+dealloc_send_queue (SendQueue *queue)
+{
+  g_array_unref (queue->marks);
+  g_byte_array_unref (queue->records);
+  pthread_mutex_destroy (&queue->mutex);
+  free (queue);
+}
+
+// NULL for a session that `init_tls_session` did not make.
+static SendQueue *
+get_send_queue (gnutls_session_t session)
+{
+  return (SendQueue *) gnutls_session_get_ptr (session);
+}
+
+static void
+note_written (SendQueue *queue)
+{
+  guint done_count = 0;
+  while (done_count < queue->marks->len) {
+    StanzaMark *mark = &g_array_index (queue->marks, StanzaMark, done_count);
+    if (mark->pushed_size > queue->written_size)
+      break;
+    queue->state.taken_size = mark->given_size;
+    queue->state.taken_count = mark->given_count;
+    done_count++;
+  }
+  if (done_count) {
+    g_array_remove_range (queue->marks, 0, done_count);
+    queue->is_change_known = false;
+  }
+}
+
+// Gives back the room of what was written, but not at every write: the rest is moved.
+static void
+trim_queue (SendQueue *queue)
+{
+  if (queue->front < queue->records->len && queue->front < queue->records->len / 2)
+    return;
+  g_byte_array_remove_range (queue->records, 0, (guint) queue->front);
+  queue->front = 0;
+}
+
+static void
+lose_queue (SendQueue *queue, int error)
+{
+  queue->error = error;
+  queue->front = queue->records->len;
+  queue->state.is_lost = true;
+  queue->is_change_known = false;
+}
+
+// Writes what the socket takes. False, with the reason in `errno`, when the connection is lost.
+static bool
+write_queue (SendQueue *queue)
+{
+  while (queue->front < queue->records->len) {
+    String rest = {queue->records->data + queue->front, queue->records->len - queue->front};
+    s64 written_size = os_send_now (queue->socket, rest);
+    if (written_size < 0)
+      lose_queue (queue, errno);
+    if (written_size <= 0)
+      break;
+    queue->front += (u64) written_size;
+    queue->written_size += (u64) written_size;
+  }
+  queue->fresh_size = 0;
+  note_written (queue);
+  trim_queue (queue);
+  bool was_waiting = queue->state.waiting_size;
+  queue->state.waiting_size = queue->records->len - queue->front;
+  if (was_waiting != (queue->state.waiting_size != 0))
+    queue->is_change_known = false;
+  errno = queue->error;
+  return !queue->error;
+}
 
 static bool
-write_collected_records (SocketDescriptor socket)
+write_collected_records (SendQueue *queue)
 {
-  String records = {collector->data, collector->size};
-  collector->size = 0;
-  if (!os_send_all (socket, records)) {
+  if (!write_queue (queue))
     return false;
-  }
-  collector->written = collector->taken;
+  queue->stanza_written = queue->stanza_taken;
   return true;
 }
 
@@ -74,25 +182,103 @@ write_collected_records (SocketDescriptor socket)
 static ssize_t
 push_record (gnutls_transport_ptr_t transport, const void *data, size_t size)
 {
-  SocketDescriptor socket = GPOINTER_TO_INT (transport);
   String record = {(u8 *) data, size};
-  if (!collector) {
-    return os_send_all (socket, record) ? (ssize_t) size : -1;
-  }
-  assert (size <= COLLECTED_SIZE_MAX);
-  if (size > COLLECTED_SIZE_MAX) {
+  SendQueue *queue = current_queue;
+  if (!queue)
+    return os_send_all (GPOINTER_TO_INT (transport), record) ? (ssize_t) size : -1;
+  if (queue->error) {
+    errno = queue->error;
     return -1;
   }
-  if (collector->size + size > COLLECTED_SIZE_MAX && !write_collected_records (socket)) {
+  if (queue->fresh_size + size > COLLECTED_SIZE_MAX && !write_collected_records (queue))
     return -1;
-  }
-  Buffer room = {collector->data + collector->size, COLLECTED_SIZE_MAX - collector->size};
-  buffer_append_string (room, record);
-  collector->size += size;
-  if (collector->ends_now && !write_collected_records (socket)) {
+  g_byte_array_append (queue->records, record.data, (guint) record.size);
+  queue->fresh_size += size;
+  queue->pushed_size += size;
+  if (queue->ends_now && !write_collected_records (queue))
     return -1;
-  }
   return (ssize_t) size;
+}
+
+// Tells the session's owner when something has changed. The queue is not locked.
+static void
+tell_send_handler (SendQueue *queue)
+{
+  pthread_mutex_lock (&queue->mutex);
+  TLSSendHandler handler = queue->is_change_known ? NULL : queue->handler;
+  void *data = queue->handler_data;
+  if (handler)
+    queue->is_change_known = true;
+  pthread_mutex_unlock (&queue->mutex);
+  if (handler)
+    handler (data);
+}
+
+void
+set_tls_send_handler (gnutls_session_t session, TLSSendHandler handler, void *data)
+{
+  SendQueue *queue = get_send_queue (session);
+  if (!queue)
+    return;
+  pthread_mutex_lock (&queue->mutex);
+  queue->handler = handler;
+  queue->handler_data = data;
+  queue->is_change_known = !queue->state.waiting_size && !queue->state.is_lost;
+  pthread_mutex_unlock (&queue->mutex);
+  tell_send_handler (queue);
+}
+
+TLSSendState
+get_tls_send_state (gnutls_session_t session)
+{
+  SendQueue *queue = get_send_queue (session);
+  if (!queue)
+    return {};
+  pthread_mutex_lock (&queue->mutex);
+  TLSSendState state = queue->state;
+  pthread_mutex_unlock (&queue->mutex);
+  return state;
+}
+
+bool
+flush_tls_data (gnutls_session_t session, u32 timeout)
+{
+  SendQueue *queue = get_send_queue (session);
+  if (!queue)
+    return true;
+  gint64 end = g_get_monotonic_time () / 1000 + timeout;
+  for (;;) {
+    pthread_mutex_lock (&queue->mutex);
+    bool is_done = write_queue (queue) && !queue->state.waiting_size;
+    bool is_over = is_done || queue->error;
+    pthread_mutex_unlock (&queue->mutex);
+    tell_send_handler (queue);
+    gint64 left = end - g_get_monotonic_time () / 1000;
+    if (is_over || left <= 0)
+      return is_done;
+    os_wait_writable (queue->socket, (int) left);
+  }
+}
+
+// The thread that receives also sends what waits, until something came that it can receive or
+// somebody else sees to the queue.
+static void
+flush_until_readable (gnutls_session_t session)
+{
+  SendQueue *queue = get_send_queue (session);
+  if (!queue)
+    return;
+  for (;;) {
+    pthread_mutex_lock (&queue->mutex);
+    bool is_due = !queue->handler && queue->state.waiting_size && !queue->error;
+    if (is_due)
+      write_queue (queue);
+    is_due = is_due && queue->state.waiting_size;
+    pthread_mutex_unlock (&queue->mutex);
+    if (!is_due || gnutls_record_check_pending (session) ||
+        os_wait_readable_or_writable (queue->socket))
+      return;
+  }
 }
 
 // ---- Session ----
@@ -157,6 +343,7 @@ init_tls_session (gnutls_certificate_credentials_t credentials, SocketDescriptor
   char *host_name = alloc_cstr (host);
   *host_name_out = host_name;
   gnutls_session_set_verify_cert (session, host_name, 0);
+  gnutls_session_set_ptr (session, alloc_send_queue (socket));
   gnutls_transport_set_int2 (session, socket, socket);
   gnutls_transport_set_push_function (session, push_record);
   gnutls_handshake_set_timeout (session, GNUTLS_DEFAULT_HANDSHAKE_TIMEOUT);
@@ -169,7 +356,10 @@ init_tls_session (gnutls_certificate_credentials_t credentials, SocketDescriptor
 void
 deinit_tls_session (gnutls_session_t session, char *host_name)
 {
+  SendQueue *queue = get_send_queue (session);
   gnutls_deinit (session);
+  if (queue)
+    dealloc_send_queue (queue);
   if (host_name) {
     dealloc_cstr (host_name);
   }
@@ -179,9 +369,6 @@ deinit_tls_session (gnutls_session_t session, char *host_name)
 
 static const int TLS_ATTEMPTS_MAX = 64;
 static const u64 TLS_RECORD_SIZE_MAX = 10;  // bytes of a stanza in one record; meant to be small
-
-// Held for a whole stanza. A plain mutex, so that the thread sanitizer sees it.
-static pthread_mutex_t tls_send_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 u64
 send_tls_data (gnutls_session_t session, String data)
@@ -197,36 +384,85 @@ send_tls_data (gnutls_session_t session, String data)
   return 0;
 }
 
-// Returns the bytes that reached the socket.
+// Returns the bytes that were written, or wait and will be.
 static u64
-send_stanza (gnutls_session_t session, String stanza)
+send_records (gnutls_session_t session, SendQueue *queue, String stanza)
 {
-  u8 records[COLLECTED_SIZE_MAX];
-  RecordCollector own_collector = {records, 0, 0, 0, false};
-  collector = &own_collector;
+  queue->stanza_taken = 0;
+  queue->stanza_written = 0;
+  current_queue = queue;
   String rest = stanza;
   while (rest.size) {
-    collector->ends_now = rest.size <= TLS_RECORD_SIZE_MAX;
-    u64 sent = send_tls_data (session, rest);
-    if (!sent) {
+    queue->ends_now = rest.size <= TLS_RECORD_SIZE_MAX;
+    u64 sent_size = send_tls_data (session, rest);
+    if (!sent_size)
       break;
-    }
-    rest = string_advance (rest, sent);
-    collector->taken += sent;
+    rest = string_advance (rest, sent_size);
+    queue->stanza_taken += sent_size;
   }
-  if (collector->size) {
-    write_collected_records (gnutls_transport_get_int (session));
+  if (queue->fresh_size && !queue->error)
+    write_collected_records (queue);
+  current_queue = NULL;
+  return rest.size ? queue->stanza_written : stanza.size;
+}
+
+// The queue is locked.
+static u64
+give_stanza (gnutls_session_t session, SendQueue *queue, String stanza)
+{
+  if (queue->state.waiting_size > TLS_QUEUE_SIZE_MAX || queue->is_full) {
+    if (!queue->is_full)
+      console_put ("Warning: The server takes nothing, and too much waits for it.\n");
+    queue->is_full = true;
+    queue->state.is_lost = true;
+    queue->is_change_known = false;
+    return 0;
   }
-  collector = NULL;
-  return rest.size ? own_collector.written : stanza.size;
+  u64 sent_size = send_records (session, queue, stanza);
+  queue->state.given_size += sent_size;
+  if (sent_size != stanza.size) {
+    queue->state.is_lost = true;
+    queue->is_change_known = false;
+    return sent_size;
+  }
+  queue->state.given_count++;
+  if (queue->written_size == queue->pushed_size) {
+    queue->state.taken_size = queue->state.given_size;
+    queue->state.taken_count = queue->state.given_count;
+  } else {
+    StanzaMark mark = {queue->pushed_size, queue->state.given_size, queue->state.given_count};
+    g_array_append_val (queue->marks, mark);
+  }
+  return sent_size;
+}
+
+// For a session without a queue, which nothing but a test makes, the sender waits.
+static u64
+send_unqueued (gnutls_session_t session, String data)
+{
+  u64 total = 0;
+  while (total < data.size) {
+    u64 sent_size = send_tls_data (session, string_advance (data, total));
+    if (!sent_size)
+      break;
+    total += sent_size;
+  }
+  return total;
 }
 
 u64
 send_all_tls_data (gnutls_session_t session, String data)
 {
-  pthread_mutex_lock (&tls_send_mutex);
-  u64 sent_size = send_stanza (session, data);
-  pthread_mutex_unlock (&tls_send_mutex);
+  SendQueue *queue = get_send_queue (session);
+  u64 sent_size = 0;
+  if (queue) {
+    pthread_mutex_lock (&queue->mutex);
+    sent_size = give_stanza (session, queue, data);
+    pthread_mutex_unlock (&queue->mutex);
+    tell_send_handler (queue);
+  } else {
+    sent_size = send_unqueued (session, data);
+  }
   if (sent_size != data.size) {
     console_log ("Warning: Not all TLS data was sent - %ld/%ld bytes were sent.\n", (s64) sent_size,
                  (s64) data.size);
@@ -237,6 +473,7 @@ send_all_tls_data (gnutls_session_t session, String data)
 String
 recv_tls_data (gnutls_session_t session, Buffer buffer)
 {
+  flush_until_readable (session);
   for (int attempt = 0; attempt < TLS_ATTEMPTS_MAX; ++attempt) {
     ssize_t received = gnutls_record_recv (session, buffer.data, buffer.size);
     if (received >= 0) {

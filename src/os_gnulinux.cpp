@@ -191,6 +191,20 @@ os_send_all (SocketDescriptor socket, String data)
   return true;
 }
 
+s64
+os_send_now (SocketDescriptor socket, String data)
+{
+  for (;;) {
+    ssize_t sent_size = send (socket, data.data, data.size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent_size >= 0)
+      return sent_size;
+    if (errno == EAGAIN || errno == EWOULDBLOCK)
+      return 0;
+    if (errno != EINTR)
+      return -1;
+  }
+}
+
 String
 os_recv (SocketDescriptor socket, Buffer buffer)
 {
@@ -213,12 +227,13 @@ get_monotonic_ms ()
   return (s64) now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-bool
-os_wait_readable (SocketDescriptor socket, int timeout_ms)
+// What happened of `events`, an error or an end; 0 after `timeout_ms`, which may be -1 for ever.
+static short
+wait_for_events (SocketDescriptor socket, short events, int timeout_ms)
 {
   struct pollfd entry = {};
   entry.fd = socket;
-  entry.events = POLLIN;
+  entry.events = events;
   s64 end_ms = get_monotonic_ms () + timeout_ms;
   int ready_count = poll (&entry, 1, timeout_ms);
   while (ready_count == -1 && errno == EINTR) {
@@ -229,7 +244,25 @@ os_wait_readable (SocketDescriptor socket, int timeout_ms)
       left_ms = 0;
     ready_count = poll (&entry, 1, (int) left_ms);
   }
-  return ready_count > 0;
+  return ready_count > 0 ? entry.revents : 0;
+}
+
+bool
+os_wait_readable (SocketDescriptor socket, int timeout_ms)
+{
+  return wait_for_events (socket, POLLIN, timeout_ms) != 0;
+}
+
+bool
+os_wait_writable (SocketDescriptor socket, int timeout_ms)
+{
+  return wait_for_events (socket, POLLOUT, timeout_ms) != 0;
+}
+
+bool
+os_wait_readable_or_writable (SocketDescriptor socket)
+{
+  return wait_for_events (socket, POLLIN | POLLOUT, -1) & POLLIN;
 }
 
 bool

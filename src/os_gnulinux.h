@@ -47,11 +47,18 @@ u64 os_send (SocketDescriptor socket, String data);
 // Hands all of `data` to the socket, waiting for room as often as it takes. False on error, with the
 // reason in `errno` and nothing on the console; a part may then have been sent.
 bool os_send_all (SocketDescriptor socket, String data);
+// What the socket takes without waiting: a count of bytes, maybe 0. -1 on error, with the reason in
+// `errno` and nothing on the console.
+s64 os_send_now (SocketDescriptor socket, String data);
 // What one `recv` brought, as a view over the front of `buffer`; empty with the buffer's pointer
 // when the peer has closed, empty with a null pointer on error.
 String os_recv (SocketDescriptor socket, Buffer buffer);
 // True when a read would not block (there is data, an end or an error) within `timeout_ms`.
 bool os_wait_readable (SocketDescriptor socket, int timeout_ms);
+// True when a write would not block (there is room or an error) within `timeout_ms`.
+bool os_wait_writable (SocketDescriptor socket, int timeout_ms);
+// Waits until a read or a write would not block; true when it is the read.
+bool os_wait_readable_or_writable (SocketDescriptor socket);
 // True when a small `os_send` would not block.
 bool os_is_writable (SocketDescriptor socket);
 // Ends both directions and so wakes a reader in another thread; never closes. Does nothing to a

@@ -153,6 +153,16 @@ ask_after_burst (StreamManagement *counts)
   hand_over_mark (counts, stream_management_ask);
 }
 
+// What waits in the session's queue the socket has not taken. The counts are locked.
+static void
+note_taken (StreamManagement *counts)
+{
+  bool is_all_taken =
+    counts->window && !counts->is_broken && !get_tls_send_state (counts->tls_session).waiting_size;
+  if (is_all_taken)
+    counts->taken_count = counts->sent_count;
+}
+
 u64
 send_stanza (gnutls_session_t tls_session, String stanza)
 {
@@ -164,8 +174,7 @@ send_stanza (gnutls_session_t tls_session, String stanza)
   if (counts) {
     counts->sent_count++;
     counts->is_broken = counts->is_broken || sent_size != stanza.size;
-    if (!counts->is_broken)
-      counts->taken_count = counts->sent_count;
+    note_taken (counts);
     ask_after_burst (counts);
   }
   pthread_mutex_unlock (&counts_mutex);
@@ -401,6 +410,7 @@ u64
 stream_management_get_taken_count (StreamManagement *counts)
 {
   pthread_mutex_lock (&counts_mutex);
+  note_taken (counts);
   u64 count = counts->taken_count;
   pthread_mutex_unlock (&counts_mutex);
   return count;

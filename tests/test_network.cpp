@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -1187,6 +1188,183 @@ TEST (send_all_tls_data, keeps_the_stanzas_of_two_threads_apart)
   EXPECT_EQ (senders[0].size + senders[1].size, total);
   EXPECT_EQ (report.received.size (), total + 1);
   EXPECT_EQ (take_whole_stanzas (report.received), "!");
+}
+
+// ---- A server that does not read ----
+// Loopback sockets hold up to ten megabytes; what is given here is more, over thirteen when encrypted.
+// The server's own record of what came judges.
+
+static const int DEAF_STANZAS = 70;
+
+static std::string
+make_long_stanza (int number)
+{
+  std::string stanza = "<message id='" + std::to_string (number) + "'>";
+  for (int word = 0; stanza.size () < 60000; ++word)
+    stanza += std::to_string (number * 7 + word) + " ";
+  return stanza + "</message>";
+}
+
+// Gives the session so many long stanzas and returns what they are together.
+static std::string
+give_long_stanzas (gnutls_session_t session, int count)
+{
+  std::string all;
+  for (int number = 0; number < count; ++number) {
+    std::string stanza = make_long_stanza (number);
+    EXPECT_EQ (send_all_tls_data (session, to_view (stanza)), stanza.size ());
+    all += stanza;
+  }
+  return all;
+}
+
+static void
+count_call (void *data)
+{
+  ++*(int *) data;
+}
+
+TEST (send_all_tls_data, does_not_wait_for_a_server_that_does_not_read)
+{
+  Link link = open_link ({server_wait (), server_expect_until ("!"), server_expect_end ()});
+  int calls_count = 0;
+  set_tls_send_handler (link.client.session, count_call, &calls_count);
+  std::string all = give_long_stanzas (link.client.session, DEAF_STANZAS);
+  TLSSendState state = get_tls_send_state (link.client.session);
+  EXPECT_EQ (state.given_count, (u64) DEAF_STANZAS);
+  EXPECT_EQ (state.given_size, all.size ());
+  EXPECT_GT (state.waiting_size, 0u);
+  EXPECT_LT (state.taken_count, state.given_count);
+  EXPECT_LE (state.taken_size, state.taken_count * (all.size () / DEAF_STANZAS + 100));
+  EXPECT_FALSE (state.is_lost);
+  EXPECT_GE (calls_count, 1);
+  EXPECT_FALSE (flush_tls_data (link.client.session, 0));
+  int calls_before_count = calls_count;
+
+  scripted_server_signal (link.server);
+  EXPECT_TRUE (flush_tls_data (link.client.session, 30000));
+  state = get_tls_send_state (link.client.session);
+  EXPECT_EQ (state.waiting_size, 0u);
+  EXPECT_EQ (state.taken_count, state.given_count);
+  EXPECT_EQ (state.taken_size, all.size ());
+  EXPECT_GT (calls_count, calls_before_count);
+  EXPECT_EQ (send_all (link.client.session, "!").size, 1u);
+  ServerReport report = close_link (&link);
+  EXPECT_TRUE (report.received == all + "!");
+  std::vector<size_t> sizes = record_sizes (report);
+  EXPECT_LE (*std::max_element (sizes.begin (), sizes.end ()), 10u);
+}
+
+TEST (send_all_tls_data, keeps_the_order_when_some_of_it_waits)
+{
+  Link link = open_link ({server_wait (), server_expect_until ("!"), server_expect_end ()});
+  int calls_count = 0;
+  set_tls_send_handler (link.client.session, count_call, &calls_count);
+  std::string all = give_long_stanzas (link.client.session, DEAF_STANZAS);
+  scripted_server_signal (link.server);
+  // The server reads, and each stanza pushes what waits in front of it.
+  for (int number = 0; number < 50; ++number) {
+    std::string stanza = make_stanza ('a', number);
+    EXPECT_EQ (send_all_tls_data (link.client.session, to_view (stanza)), stanza.size ());
+    all += stanza;
+  }
+  send_all_tls_data (link.client.session, to_string ("!"));
+  EXPECT_TRUE (flush_tls_data (link.client.session, 30000));
+  ServerReport report = close_link (&link);
+  EXPECT_TRUE (report.received == all + "!");
+}
+
+TEST (recv_tls_data, sends_what_waits_while_nobody_else_sees_to_it)
+{
+  Link link = open_link (
+    {server_wait (), server_expect_until ("!"), server_send ("<done/>"), server_expect_end ()});
+  std::string all = give_long_stanzas (link.client.session, DEAF_STANZAS);
+  EXPECT_EQ (send_all_tls_data (link.client.session, to_string ("!")), 1u);
+  EXPECT_GT (get_tls_send_state (link.client.session).waiting_size, 0u);
+  scripted_server_signal (link.server);
+  EXPECT_EQ (receive (link.client.session).text, "<done/>");
+  EXPECT_EQ (get_tls_send_state (link.client.session).waiting_size, 0u);
+  ServerReport report = close_link (&link);
+  EXPECT_TRUE (report.received == all + "!");
+}
+
+TEST (recv_tls_data, is_woken_from_a_server_that_does_not_read)
+{
+  Link link = open_link ({server_wait ()});
+  give_long_stanzas (link.client.session, DEAF_STANZAS);
+  os_shutdown_connection (link.client.socket);
+  EXPECT_EQ (receive (link.client.session).text, "");
+  EXPECT_TRUE (get_tls_send_state (link.client.session).is_lost);
+  scripted_server_signal (link.server);
+  close_client (&link.client);
+  scripted_server_stop (link.server);
+}
+
+TEST (send_all_tls_data, loses_the_connection_when_too_much_waits)
+{
+  Link link = open_link ({server_wait ()});
+  int calls_count = 0;
+  set_tls_send_handler (link.client.session, count_call, &calls_count);
+  std::string stanza = make_long_stanza (1);
+  Sent sent = send_all (link.client.session, stanza);
+  int given_count = 0;
+  while (sent.size == stanza.size () && given_count < 1000) {
+    EXPECT_EQ (sent.console, "");
+    given_count++;
+    calls_count = 0;
+    sent = send_all (link.client.session, stanza);
+  }
+  EXPECT_EQ (sent.size, 0u);
+  EXPECT_EQ (sent.console, "Warning: The server takes nothing, and too much waits for it.\n"
+                           "Warning: Not all TLS data was sent - 0/" +
+                             std::to_string (stanza.size ()) + " bytes were sent.\n");
+  TLSSendState state = get_tls_send_state (link.client.session);
+  EXPECT_TRUE (state.is_lost);
+  EXPECT_EQ (state.given_count, (u64) given_count);
+  EXPECT_GT (state.waiting_size, (u64) TLS_QUEUE_SIZE_MAX);
+  // A record of ten bytes is 32 bytes long; one stanza may be begun below the limit.
+  EXPECT_LE (state.waiting_size, TLS_QUEUE_SIZE_MAX + stanza.size () * 4);
+  EXPECT_EQ (calls_count, 1);
+  // Something small would fit, but what came before it is missing.
+  EXPECT_EQ (send_all (link.client.session, "<presence/>").size, 0u);
+  scripted_server_signal (link.server);
+  close_client (&link.client);
+  scripted_server_stop (link.server);
+}
+
+TEST (flush_tls_data, tells_that_the_connection_is_lost)
+{
+  Link link = open_link ({server_wait ()});
+  int calls_count = 0;
+  give_long_stanzas (link.client.session, DEAF_STANZAS);
+  set_tls_send_handler (link.client.session, count_call, &calls_count);
+  EXPECT_EQ (calls_count, 1);
+  os_shutdown_connection (link.client.socket);
+  EXPECT_FALSE (flush_tls_data (link.client.session, 30000));
+  TLSSendState state = get_tls_send_state (link.client.session);
+  EXPECT_TRUE (state.is_lost);
+  EXPECT_LT (state.taken_count, state.given_count);
+  EXPECT_GE (calls_count, 2);
+  scripted_server_signal (link.server);
+  close_client (&link.client);
+  scripted_server_stop (link.server);
+}
+
+TEST (get_tls_send_state, says_what_the_socket_took_at_once)
+{
+  Link link = open_link ({server_expect ("<a/><b/>"), server_expect_end ()});
+  int calls_count = 0;
+  set_tls_send_handler (link.client.session, count_call, &calls_count);
+  send_all (link.client.session, "<a/>");
+  send_all (link.client.session, "<b/>");
+  TLSSendState state = get_tls_send_state (link.client.session);
+  EXPECT_EQ (state.given_count, 2u);
+  EXPECT_EQ (state.taken_count, 2u);
+  EXPECT_EQ (state.taken_size, 8u);
+  EXPECT_EQ (state.waiting_size, 0u);
+  EXPECT_FALSE (state.is_lost);
+  EXPECT_EQ (calls_count, 0);
+  close_link (&link);
 }
 
 // ---- The scripted server ----

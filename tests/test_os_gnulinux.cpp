@@ -1026,6 +1026,40 @@ TEST (os_is_writable, says_so_while_the_peer_takes_what_is_sent)
   close (pair[1]);
 }
 
+TEST_F (os_stream, send_now_takes_what_there_is_room_for)
+{
+  std::string block (1024 * 1024, 'x');
+  String data = {(u8 *) block.data (), block.size ()};
+  s64 taken_size = 0;
+  s64 size = os_send_now (near, data);
+  while (size > 0) {
+    taken_size += size;
+    size = os_send_now (near, data);
+  }
+  EXPECT_EQ (size, 0);
+  EXPECT_GT (taken_size, 0);
+  EXPECT_FALSE (os_wait_writable (near, 0));
+  while (taken_size > 0) {
+    ssize_t received_size = recv (far, &block[0], block.size (), 0);
+    ASSERT_GT (received_size, 0);
+    taken_size -= received_size;
+  }
+  EXPECT_TRUE (os_wait_writable (near, 10000));
+  EXPECT_FALSE (os_wait_readable_or_writable (near));
+  ASSERT_EQ (send (far, "a", 1, 0), 1);
+  ASSERT_TRUE (os_wait_readable (near, 10000));
+  EXPECT_TRUE (os_wait_readable_or_writable (near));
+}
+
+TEST_F (os_stream, send_now_tells_of_a_lost_connection)
+{
+  os_shutdown_connection (near);
+  begin_output ();
+  EXPECT_EQ (os_send_now (near, to_string ("hello")), -1);
+  EXPECT_EQ (errno, EPIPE);
+  EXPECT_EQ ("", end_output ());
+}
+
 TEST_F (os_stream, shutdown_wakes_a_reader_in_another_thread)
 {
   pthread_t reader;
