@@ -2,6 +2,7 @@
 
 #include "app_window.h"
 #include "morvane.h"
+#include "session.h"
 
 struct _App {
   GtkApplication parent_instance;
@@ -11,6 +12,13 @@ struct _App {
 };
 
 G_DEFINE_TYPE (App, app, GTK_TYPE_APPLICATION)
+
+static void
+app_startup (GApplication *application)
+{
+  G_APPLICATION_CLASS (app_parent_class)->startup (application);
+  app_add_session_actions (GTK_APPLICATION (application));
+}
 
 static void
 app_activate (GApplication *application)
@@ -30,6 +38,7 @@ app_handle_location_options (GApplication *, GVariantDict *)
 static void
 app_class_init (AppClass *app_class)
 {
+  G_APPLICATION_CLASS (app_class)->startup = app_startup;
   G_APPLICATION_CLASS (app_class)->activate = app_activate;
   G_APPLICATION_CLASS (app_class)->handle_local_options = app_handle_location_options;
 }

@@ -11,10 +11,12 @@
 #include "delivery.h"
 #include "login_page.h"
 #include "morvane.h"
+#include "network.h"
 #include "procedure_creation_page.h"
 #include "procedure_list_item.h"
 #include "procedure_view.h"
 #include "registration_page.h"
+#include "session.h"
 #include "vcard_page.h"
 
 G_DEFINE_TYPE (AppWindow, app_window, GTK_TYPE_APPLICATION_WINDOW)
@@ -31,7 +33,7 @@ static u32 stray_workers_count;
 // Width and height of a new window, in pixels.
 static const int WINDOW_SIZE = 640;
 
-static void
+void
 app_window_save_drafts (AppWindow *self)
 {
   for (u32 i = 0; i < self->procedures.count; i++) {
@@ -49,14 +51,19 @@ app_window_end_session (AppWindow *self)
 {
   struct timespec deadline = get_deadline (WORKER_WAIT);
   bool is_logged_in = self->account_db_id != 0;
+  app_window_stop_sending (self);
   if (self->worker_active)
     worker_interrupt (self->worker);
   // Neither to a server that has ended the session itself, nor to one that takes no more.
-  if (is_logged_in && self->worker_active && os_is_writable (self->connection.socket))
+  bool is_told = is_logged_in && self->worker_active && !self->is_login_wanted &&
+                 os_is_writable (self->connection.socket);
+  struct timespec end_deadline = get_deadline (STREAM_END_WAIT);
+  if (is_told) {
     xmpp_send_end_stream (self->connection.tls_session, self->output_stream_buffer);
+    flush_tls_data (self->connection.tls_session, STREAM_END_WAIT);
+  }
   if (self->worker_active) {
-    bool left =
-      is_logged_in && worker_wait_until_left (self->worker, get_deadline (STREAM_END_WAIT));
+    bool left = is_logged_in && worker_wait_until_left (self->worker, end_deadline);
     if (!left)
       interrupt_xmpp_connection (self);
     if (!worker_wait_until_left (self->worker, deadline)) {
@@ -79,6 +86,9 @@ app_window_destroy (GtkWidget *widget)
     gdk_display_flush (gtk_widget_get_display (widget));
     app_window_save_drafts (self);
     self->closed = true;
+    if (self->stream_end_source)
+      g_source_remove (self->stream_end_source);
+    self->stream_end_source = 0;
     app_window_end_session (self);
   }
   GTK_WIDGET_CLASS (app_window_parent_class)->destroy (widget);
@@ -278,6 +288,8 @@ app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqli
   app_window_set_console_style (self);
   app_window_narrow_roster_switcher (self);
 
+  app_window_add_session_actions (self);
+
   g_signal_connect (self, "delete-event", G_CALLBACK (app_window_delete_handle), self);
   g_signal_connect (self, "key-press-event", G_CALLBACK (handle_app_window_key_press), self);
   g_signal_connect (self->add_procedure_button, "clicked",
@@ -349,6 +361,7 @@ app_window_load_account (AppWindow *self)
     self->account_db_id = db_insert_account (self->db, self->account.bare_jid);
   }
   assert (self->account_db_id);
+  app_window_begin_session (self);
   app_window_begin_loading (self);
   db_load_account (self->db, self->account_db_id, &self->contacts, &self->procedures);
   for (u32 i = 0; i < self->contacts.count; i++) {
@@ -502,6 +515,7 @@ app_window_release_worker (gpointer data)
     stray_workers_count--;
     xmpp_close_connection (self);
   }
+  app_window_note_worker_left (self);
   g_object_unref (self);
   return G_SOURCE_REMOVE;
 }
@@ -538,7 +552,7 @@ app_window_is_account_open_elsewhere (AppWindow *self, String bare_jid)
       continue;
     AppWindow *other = MORVANE_APP_WINDOW (link->data);
     // The account itself may be in its worker's hands.
-    bool is_open = !other->closed && (other->worker_active || other->account_db_id);
+    bool is_open = !other->closed && (other->worker_active || other->is_connected);
     if (is_open && other->worker_bare_jid == bare_jid)
       return true;
   }

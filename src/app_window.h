@@ -66,9 +66,16 @@ struct _AppWindow {
   bool worker_active;      // started, and its outcome not yet handled; interface thread only
   bool worker_stray;       // the window closed without waiting longer for it
   String worker_bare_jid;  // owned; the account that the last worker was started for
-  bool closed;             // the user closed the window; interface thread only
-  bool loading;            // the account is being loaded, and the window has to stay
-  bool close_wanted;       // the user closed the window meanwhile
+  // The session: session.h.
+  bool is_connected;          // the account is loaded, and its session is not known to be over
+  bool is_login_wanted;       // the user ends the session to log in again
+  bool is_notified;           // a notification says that the session is over
+  gint is_send_change_known;  // the interface is about to look at what waits to be sent; atomic
+  guint send_source;          // waits until the socket takes more; 0 for none
+  guint stream_end_source;    // ends the wait for the server's end of the stream; 0 for none
+  bool closed;                // the user closed the window; interface thread only
+  bool loading;               // the account is being loaded, and the window has to stay
+  bool close_wanted;          // the user closed the window meanwhile
 };
 
 G_DECLARE_FINAL_TYPE (AppWindow, app_window, MORVANE, APP_WINDOW, GtkApplicationWindow)
@@ -90,6 +97,8 @@ void app_window_goto_prev_main_page (AppWindow *window);
 
 // ---- Account, contacts and procedures ----
 
+// Puts unsaved typing of all clauses into the store.
+void app_window_save_drafts (AppWindow *window);
 // After a login: finds or makes the account's row, loads it, fills the lists, shows the main page.
 void app_window_load_account (AppWindow *window);
 // The negotiations of the account that is loaded, for the acts of `negotiation.h`.
@@ -120,7 +129,8 @@ gboolean app_window_release_worker (gpointer data);
 // Ends a running worker's wait for the server; its outcome, a failure, still comes.
 void app_window_interrupt_worker (AppWindow *window);
 bool app_window_is_worker_interrupted (AppWindow *window);  // any thread
-// Whether another window of the process is logged in, or logging in, to this account.
+// Whether another window of the process has a living session with this account, or is logging in to
+// it.
 bool app_window_is_account_open_elsewhere (AppWindow *window, String bare_jid);
 // False once the user closed the window: an idle handler then only frees its record.
 bool app_window_is_open (AppWindow *window);

@@ -15,6 +15,7 @@
 #include "procedure_creation_page.h"
 #include "procedure_view.h"
 #include "registration_page.h"
+#include "session.h"
 #include "vcard_page.h"
 
 #define ALICE "alice@alpha.test"
@@ -1024,6 +1025,105 @@ TEST (app_window_destroy, without_a_login_sends_nothing)
   EXPECT_EQ (end_capture (), "");
 }
 
+// ---- Logging in again ----
+
+static void
+log_in_again (TestWindow *test)
+{
+  g_action_group_activate_action (G_ACTION_GROUP (test->window), "log-in-again", NULL);
+}
+
+static int
+count_children (gpointer container)
+{
+  GList *children = gtk_container_get_children (GTK_CONTAINER (container));
+  int children_count = (int) g_list_length (children);
+  g_list_free (children);
+  return children_count;
+}
+
+TEST (app_window_log_in_again, unloads_the_account)
+{
+  TestWindow test;
+  int pages_count = count_children (test.window->main_page_stack);
+  open_negotiation (&test);
+  EXPECT_GT (count_children (test.window->main_page_stack), pages_count);
+  test.window->get_vcard_id = 3;
+  test.window->get_own_vcard_id = 4;
+  test.window->prev_main_page = GTK_WIDGET (test.window->procedures.procedures[0]->view);
+  log_in_again (&test);
+  EXPECT_EQ (get_page (test.window, "stack"), "login_page");
+  EXPECT_EQ (get_text (test.window->login_page, "bare_jid_entry"), ALICE);
+  EXPECT_EQ (count_children (test.window->main_page_stack), pages_count);
+  EXPECT_EQ (count_children (test.window->contacts_list_box), 0);
+  EXPECT_EQ (count_children (test.window->procedures_list_box), 0);
+  EXPECT_EQ (test.window->account_db_id, 0u);
+  EXPECT_EQ (test.window->account.data, nullptr);
+  EXPECT_EQ (test.window->get_vcard_id, 0u);
+  EXPECT_EQ (test.window->get_own_vcard_id, 0u);
+  EXPECT_EQ (test.window->prev_main_page, nullptr);
+  EXPECT_EQ (test.window->procedures.count, 0u);
+  pump ();
+}
+
+TEST (app_window_log_in_again, without_an_account_does_nothing)
+{
+  TestWindow test;
+  type (test.window->login_page, "bare_jid_entry", BOB);
+  log_in_again (&test);
+  EXPECT_EQ (get_text (test.window->login_page, "bare_jid_entry"), BOB);
+}
+
+TEST (app_window_log_in_again, saves_unsaved_typing_first)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  type (get_clause (&test)->view, "text_view", "last words");
+  log_in_again (&test);
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions WHERE status = 'DRAFT'"),
+             "last words\n");
+}
+
+TEST (app_window_log_in_again, closes_an_open_list_of_revisions)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  open_revisions (&test);
+  log_in_again (&test);
+  pump ();
+  EXPECT_EQ (get_page (test.window, "stack"), "login_page");
+}
+
+TEST (app_window_load_account, unloads_it_where_its_session_is_over)
+{
+  TestWindow left;
+  open_negotiation (&left);
+  type (get_clause (&left)->view, "text_view", "left behind");
+  app_window_lose_session (left.window);
+  EXPECT_STREQ (gtk_window_get_title (GTK_WINDOW (left.window)),
+                "Morvane (not connected: Ctrl+Shift+L logs in again)");
+  TestWindow test;
+  EXPECT_FALSE (app_window_is_account_open_elsewhere (test.window, to_string (ALICE)));
+  log_in (&test);
+  EXPECT_EQ (get_page (left.window, "stack"), "login_page");
+  EXPECT_EQ (left.window->account_db_id, 0u);
+  EXPECT_EQ (query (&left, "SELECT text FROM clause_revisions WHERE status = 'DRAFT'"),
+             "left behind\n");
+}
+
+TEST (app_window_load_account, leaves_another_account_and_a_living_session_alone)
+{
+  TestWindow dead;
+  log_in (&dead, BOB);
+  app_window_lose_session (dead.window);
+  TestWindow living;
+  log_in (&living);
+  TestWindow test;
+  log_in (&test, "carol@alpha.test");
+  EXPECT_NE (dead.window->account_db_id, 0u);
+  EXPECT_NE (living.window->account_db_id, 0u);
+}
+
 TEST (app_window_is_account_open_elsewhere, sees_a_window_that_is_logging_in)
 {
   TestWindow test;
@@ -1042,10 +1142,21 @@ TEST (app_window_is_account_open_elsewhere, sees_a_window_that_is_logged_in_unti
   TestWindow other;
   log_in (&test);
   start_worker (&test, run_obedient_worker);
-  end_worker (&test);
   EXPECT_TRUE (app_window_is_account_open_elsewhere (other.window, to_string (ALICE)));
   EXPECT_FALSE (app_window_is_account_open_elsewhere (other.window, to_string (BOB)));
   close_window (&test);
+  EXPECT_FALSE (app_window_is_account_open_elsewhere (other.window, to_string (ALICE)));
+  end_worker (&test);
+}
+
+TEST (app_window_is_account_open_elsewhere, does_not_see_a_session_that_is_over)
+{
+  TestWindow test;
+  TestWindow other;
+  log_in (&test);
+  start_worker (&test, run_obedient_worker);
+  end_worker (&test);
+  EXPECT_NE (test.window->account_db_id, 0u);
   EXPECT_FALSE (app_window_is_account_open_elsewhere (other.window, to_string (ALICE)));
 }
 

@@ -21,6 +21,7 @@
 #include "procedure_view.h"
 #include "registration_page.h"
 #include "scripted_server.h"
+#include "session.h"
 #include "vcard_page.h"
 #include "widget_test.h"
 
@@ -803,6 +804,157 @@ TEST (closing, leaves_a_worker_behind_that_cant_be_woken)
   EXPECT_TRUE (pump_until (is_idle, wire.window));
   EXPECT_EQ (app_window_count_stray_workers (), 0u);
   EXPECT_EQ (wire.window->account.data, nullptr);
+}
+
+// ---- The end of a session ----
+
+static bool
+is_lost (void *data)
+{
+  return !app_window_is_connected ((AppWindow *) data);
+}
+
+static bool
+is_login_page_shown (void *data)
+{
+  AppWindow *window = (AppWindow *) data;
+  return !window->account_db_id && get_page (window, "stack") == "login_page";
+}
+
+static void
+activate_log_in_again (Wire *wire)
+{
+  g_action_group_activate_action (G_ACTION_GROUP (wire->window), "log-in-again", NULL);
+}
+
+static const char LOST_TITLE[] = "Morvane (not connected: Ctrl+Shift+L logs in again)";
+
+TEST (session, says_in_the_title_that_it_is_over)
+{
+  Wire wire;
+  play (&wire, script_pieces ({"<presence from='bob@alpha.test/x' to='alice@alpha.test'/>"}));
+  EXPECT_TRUE (pump_until (is_idle, wire.window));
+  EXPECT_STREQ (gtk_window_get_title (GTK_WINDOW (wire.window)), LOST_TITLE);
+  EXPECT_EQ (get_page (wire.window, "stack"), "main_page");
+  EXPECT_EQ (wire.window->contacts.count, 1u);
+  finish_server (&wire);
+}
+
+TEST (session, is_over_when_a_stanza_cannot_be_sent)
+{
+  Wire wire;
+  ServerScript script = script_login (JID);
+  script.push_back (server_wait ());
+  start_server (&wire, script);
+  press_login (&wire);
+  EXPECT_TRUE (pump_until (is_logged_in, wire.window));
+  EXPECT_STREQ (gtk_window_get_title (GTK_WINDOW (wire.window)), "Morvane");
+  std::string stanza (1000000, 'x');
+  String view = {(u8 *) stanza.data (), stanza.size ()};
+  while (send_all_tls_data (wire.window->connection.tls_session, view)) {
+  }
+  // The worker, which was still waiting for the server, leaves too.
+  EXPECT_TRUE (pump_until (is_lost, wire.window));
+  EXPECT_TRUE (pump_until (is_idle, wire.window));
+  EXPECT_STREQ (gtk_window_get_title (GTK_WINDOW (wire.window)), LOST_TITLE);
+  scripted_server_signal (wire.server);
+}
+
+TEST (session, sends_what_waited_when_the_server_reads_again)
+{
+  Wire wire;
+  ServerScript script = script_login (JID);
+  size_t login_steps = script.size ();
+  script.push_back (server_wait ());
+  script.push_back (server_expect_until ("</last>"));
+  start_server (&wire, script);
+  press_login (&wire);
+  EXPECT_TRUE (pump_until (is_logged_in, wire.window));
+  EXPECT_TRUE (scripted_server_wait_steps (wire.server, login_steps));
+  gnutls_session_t tls_session = wire.window->connection.tls_session;
+  std::string all;
+  for (int number = 0; number < 60; ++number) {
+    std::string stanza = "<message id='" + std::to_string (number) + "'>";
+    stanza += std::string (60000, (char) ('a' + number % 26)) + "</message>";
+    EXPECT_EQ (send_all_tls_data (tls_session, {(u8 *) stanza.data (), stanza.size ()}),
+               stanza.size ());
+    all += stanza;
+  }
+  send_all_tls_data (tls_session, to_string ("</last>"));
+  EXPECT_GT (get_tls_send_state (tls_session).waiting_size, 0u);
+  // The user is heard meanwhile.
+  pump ();
+  scripted_server_signal (wire.server);
+  EXPECT_TRUE (pump_until (is_server_done, wire.server));
+  EXPECT_EQ (get_tls_send_state (tls_session).waiting_size, 0u);
+  ServerReport report = finish_server (&wire);
+  EXPECT_TRUE (report.taken.back () == all + "</last>");
+}
+
+// As often as one likes, and each time as the first.
+TEST (session, can_be_followed_by_another_in_the_same_window)
+{
+  Wire wire;
+  for (int round = 0; round < 20; ++round) {
+    play (&wire, script_pieces ({"<presence from='bob@alpha.test/x' to='alice@alpha.test'/>"}));
+    EXPECT_TRUE (pump_until (is_idle, wire.window));
+    EXPECT_EQ (wire.window->contacts.count, 1u);
+    activate_log_in_again (&wire);
+    EXPECT_TRUE (is_login_page_shown (wire.window));
+    EXPECT_STREQ (gtk_window_get_title (GTK_WINDOW (wire.window)), "Morvane");
+    EXPECT_EQ (get_text (wire.window->login_page, "bare_jid_entry"), JID);
+    EXPECT_EQ (get_text (wire.window->login_page, "password_entry"), "");
+    EXPECT_EQ (wire.window->account.data, nullptr);
+    EXPECT_FALSE (wire.window->connection.opened_socket);
+    EXPECT_EQ (wire.window->contacts.count, 0u);
+    finish_server (&wire);
+  }
+}
+
+TEST (session, is_ended_by_a_user_who_logs_in_again)
+{
+  Wire wire;
+  ServerScript script = script_login (JID);
+  script_append (&script,
+                 {server_expect ("</stream:stream>"),
+                  server_send ("<presence from='bob@alpha.test/x' to='alice@alpha.test'/>"),
+                  server_send ("</stream:stream>"), server_close_notify ()});
+  start_server (&wire, script);
+  press_login (&wire);
+  EXPECT_TRUE (pump_until (is_logged_in, wire.window));
+  activate_log_in_again (&wire);
+  activate_log_in_again (&wire);
+  EXPECT_TRUE (pump_until (is_login_page_shown, wire.window));
+  EXPECT_STREQ (gtk_window_get_title (GTK_WINDOW (wire.window)), "Morvane");
+  // What came before the server's end was kept.
+  EXPECT_EQ (query (&wire.test, "SELECT count (*) FROM contacts"), "1\n");
+}
+
+TEST (session, is_ended_by_a_user_whose_server_does_not_answer)
+{
+  Wire wire;
+  ServerScript script = script_login (JID);
+  script_append (&script, {server_expect ("</stream:stream>"), server_wait ()});
+  start_server (&wire, script);
+  press_login (&wire);
+  EXPECT_TRUE (pump_until (is_logged_in, wire.window));
+  activate_log_in_again (&wire);
+  EXPECT_TRUE (pump_until (is_login_page_shown, wire.window));
+  scripted_server_signal (wire.server);
+}
+
+TEST (session, that_the_user_ends_can_be_closed_meanwhile)
+{
+  Wire wire;
+  ServerScript script = script_login (JID);
+  script_append (&script, {server_expect ("</stream:stream>"), server_wait ()});
+  start_server (&wire, script);
+  press_login (&wire);
+  EXPECT_TRUE (pump_until (is_logged_in, wire.window));
+  activate_log_in_again (&wire);
+  close_window (&wire.test);
+  EXPECT_EQ (wire.window->account.data, nullptr);
+  scripted_server_signal (wire.server);
 }
 
 // ---- Registering ----
