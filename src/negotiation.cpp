@@ -46,11 +46,30 @@ negotiation_delete (Negotiation *negotiation, Procedure *procedure)
   dealloc_procedure (procedure);
 }
 
+// A procedure that came twice stands in two rows, and the other party knows the clauses of both as
+// those of one procedure: a second is free when no row has it.
+static s64
+negotiation_get_free_clause_time (Negotiation *negotiation, Procedure *procedure)
+{
+  ProceduresStack *procedures = negotiation->procedures;
+  s64 time = get_posix_time ();
+  s64 first_time;
+  do {
+    first_time = time;
+    for (u32 i = 0; i < procedures->count; i++) {
+      Procedure *row = procedures->procedures[i];
+      if (row->initiator == procedure->initiator && row->time == procedure->time)
+        time = procedure_get_free_clause_time (row, negotiation->own, time);
+    }
+  } while (time != first_time);
+  return time;
+}
+
 Clause *
 negotiation_add_clause (Negotiation *negotiation, Procedure *procedure)
 {
   String own = negotiation->own;
-  s64 time = procedure_get_free_clause_time (procedure, own, get_posix_time ());
+  s64 time = negotiation_get_free_clause_time (negotiation, procedure);
   u64 position = (u64) procedure->clauses_count + 1;
   Clause *clause = alloc_clause (0, procedure->db_id, time, own, position);
   db_insert_clause (negotiation->db, clause);
@@ -313,10 +332,26 @@ negotiation_find_procedure (Negotiation *negotiation, String initiator, s64 time
   return procedure;
 }
 
+// In the procedure, or in another row of the same one where that came twice.
 static Clause *
-negotiation_find_clause (Procedure *procedure, String initiator, s64 time, const char *event)
+negotiation_get_clause (Negotiation *negotiation, Procedure *procedure, String initiator, s64 time)
 {
-  Clause *clause = procedure ? get_clause_by_initiator_and_time (procedure, initiator, time) : NULL;
+  ProceduresStack *procedures = negotiation->procedures;
+  Clause *clause = get_clause_by_initiator_and_time (procedure, initiator, time);
+  for (u32 i = 0; i < procedures->count && !clause; i++) {
+    Procedure *row = procedures->procedures[i];
+    if (row->initiator == procedure->initiator && row->time == procedure->time)
+      clause = get_clause_by_initiator_and_time (row, initiator, time);
+  }
+  return clause;
+}
+
+static Clause *
+negotiation_find_clause (Negotiation *negotiation, Procedure *procedure, String initiator, s64 time,
+                         const char *event)
+{
+  Clause *clause =
+    procedure ? negotiation_get_clause (negotiation, procedure, initiator, time) : NULL;
   if (procedure && !clause)
     console_log ("Warning: A %s came, but we don't have the clause to attach it to.\n", event);
   return clause;
@@ -330,7 +365,8 @@ negotiation_receive_clause (Negotiation *negotiation, XMPPClause *record, Proced
                                                      record->procedure_time, EVENT);
   if (!procedure || !negotiation_may_make (negotiation, procedure, record->clause_initiator, EVENT))
     return NULL;
-  if (get_clause_by_initiator_and_time (procedure, record->clause_initiator, record->clause_time)) {
+  if (negotiation_get_clause (negotiation, procedure, record->clause_initiator,
+                              record->clause_time)) {
     warn_of_repetition (EVENT);
     return NULL;
   }
@@ -351,8 +387,8 @@ negotiation_receive_revision (Negotiation *negotiation, XMPPClauseRevision *reco
   static const char EVENT[] = "clause revision";
   Procedure *procedure = negotiation_find_procedure (negotiation, record->procedure_initiator,
                                                      record->procedure_time, EVENT);
-  Clause *clause =
-    negotiation_find_clause (procedure, record->clause_initiator, record->clause_time, EVENT);
+  Clause *clause = negotiation_find_clause (negotiation, procedure, record->clause_initiator,
+                                            record->clause_time, EVENT);
   if (!clause || !negotiation_may_make (negotiation, procedure, record->revision_author, EVENT))
     return NULL;
   if (get_clause_revision_by_author_and_time (clause, record->revision_author,
@@ -391,8 +427,8 @@ negotiation_receive_message (Negotiation *negotiation, XMPPClauseMessage *record
   static const char EVENT[] = "clause message";
   Procedure *procedure = negotiation_find_procedure (negotiation, record->procedure_initiator,
                                                      record->procedure_time, EVENT);
-  Clause *clause =
-    negotiation_find_clause (procedure, record->clause_initiator, record->clause_time, EVENT);
+  Clause *clause = negotiation_find_clause (negotiation, procedure, record->clause_initiator,
+                                            record->clause_time, EVENT);
   if (!clause || !may_say (procedure, record->message_author, EVENT))
     return NULL;
   if (clause_has_message (clause, record)) {
@@ -415,8 +451,8 @@ negotiation_receive_decision (Negotiation *negotiation, XMPPClauseRevisionDecisi
   static const char EVENT[] = "clause revision decision";
   Procedure *procedure = negotiation_find_procedure (negotiation, record->procedure_initiator,
                                                      record->procedure_time, EVENT);
-  Clause *clause =
-    negotiation_find_clause (procedure, record->clause_initiator, record->clause_time, EVENT);
+  Clause *clause = negotiation_find_clause (negotiation, procedure, record->clause_initiator,
+                                            record->clause_time, EVENT);
   if (!clause)
     return NULL;
   ClauseRevision *revision =

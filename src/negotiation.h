@@ -28,7 +28,8 @@ Procedure *negotiation_begin (Negotiation *negotiation, String title, String con
 // Takes the procedure, with all that it holds, out of model and store, and frees it. Its widgets
 // must be gone.
 void negotiation_delete (Negotiation *negotiation, Procedure *procedure);
-// A clause at the end, without a revision.
+// A clause at the end, without a revision. It shares its second with no own clause of the procedure,
+// nor of another row of it where it came twice.
 Clause *negotiation_add_clause (Negotiation *negotiation, Procedure *procedure);
 // The same as `negotiation_delete` for a clause that was never sent.
 void negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, Clause *clause);
@@ -46,6 +47,9 @@ ClauseRevisionDecision *negotiation_decide (Negotiation *negotiation, ClauseRevi
 ClauseMessage *negotiation_say (Negotiation *negotiation, Clause *clause, String text);
 
 // ---- What arrives ----
+
+// Clauses are looked for in the first row of their procedure, and then in the others where it came
+// twice; a new one goes to the first.
 
 // Each returns what it has made or changed, or NULL after a console line that says why the record
 // was dropped: it has no place here, is here already, comes in the account's own name, or from

@@ -437,6 +437,37 @@ TEST (negotiation_receive, takes_a_whole_procedure)
              "1|950|bob|Well?\n");
 }
 
+// A procedure in doubt is sent again: it stands in two rows, and the other party has one.
+TEST (negotiation_add_clause, shares_no_second_with_another_row_of_the_procedure)
+{
+  Account account;
+  Procedure *rows[] = {receive_procedure (&account, PROCEDURE, "Planks"),
+                       receive_procedure (&account, PROCEDURE, "Planks"),
+                       receive_procedure (&account, {OTHER, PROCEDURE.time + 1}, "Beams")};
+  for (u32 i = 0; i < 3; i++)
+    negotiation_add_clause (&account.negotiation, rows[i]);
+  negotiation_add_clause (&account.negotiation, rows[0]);
+  EXPECT_EQ (account.rows ("SELECT procedure_db_id, time FROM clauses ORDER BY db_id"),
+             "1|5000\n2|5001\n3|5000\n1|5002\n");
+}
+
+TEST (negotiation_receive, finds_a_clause_in_another_row_of_the_procedure)
+{
+  Account account;
+  receive_procedure (&account, PROCEDURE, "Planks");
+  Procedure *second = receive_procedure (&account, PROCEDURE, "Planks");
+  Clause *clause = negotiation_add_clause (&account.negotiation, second);
+  commit (&account, clause, "Ten");
+  Name name = {OWN, clause->time};
+  ASSERT_NE (receive_revision (&account, PROCEDURE, name, {OTHER, 5900}, "Nine"), nullptr);
+  ASSERT_NE (receive_message (&account, PROCEDURE, name, {"bob", 950}, "Well?"), nullptr);
+  ASSERT_NE (receive_decision (&account, PROCEDURE, name, {OTHER, 5900}, OTHER, DECISION_AGREE),
+             nullptr);
+  EXPECT_EQ (account.rows ("SELECT clause_db_id, text FROM clause_revisions"), "1|Ten\n1|Nine\n");
+  EXPECT_EQ (account.rows ("SELECT clause_db_id, text FROM clause_messages"), "1|Well?\n");
+  EXPECT_EQ (account.rows (DECISIONS_SQL), "2|5000|bob@beta.test|AGREE\n");
+}
+
 TEST (negotiation_receive_decision, updates_the_one_that_is_there)
 {
   Account account;
