@@ -1,16 +1,20 @@
 #include "clause_chat_page.h"
 
+#include <assert.h>
+
 #include "app_window.h"
 #include "chat_text.h"
 #include "delivery.h"
 #include "morvane.h"
 #include "procedure_view.h"
+#include "unsent_mark.h"
 
 struct _ClauseChatPage {
   GtkBox parent_instance;
   Procedure *procedure;  // borrowed
   Clause *clause;        // borrowed
   ChatText chat_text;    // over the widgets below
+  u32 unsent_count;      // lines that did not go out
   // Template children.
   GtkButton *send_button;
   GtkButton *close_button;
@@ -113,4 +117,12 @@ void
 clause_chat_page_add_message (ClauseChatPage *self, ClauseMessage *message)
 {
   chat_text_add_line (&self->chat_text, message->author, message->text);
+}
+
+void
+clause_chat_page_count_unsent (ClauseChatPage *self, bool is_unsent)
+{
+  assert (is_unsent || self->unsent_count);
+  self->unsent_count += is_unsent ? 1 : -1;
+  unsent_mark_show (GTK_WIDGET (self->chat_text_view), self->unsent_count != 0);
 }

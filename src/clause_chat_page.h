@@ -16,3 +16,5 @@ G_DECLARE_FINAL_TYPE (ClauseChatPage, clause_chat_page, MORVANE, CLAUSE_CHAT_PAG
 GtkWidget *clause_chat_page_new (Procedure *procedure, Clause *clause);
 // Appends one line, on the screen only; a page at its end stays at its end.
 void clause_chat_page_add_message (ClauseChatPage *self, ClauseMessage *message);
+// One more of the lines did not go out, or one of those did: the text is marked while there is any.
+void clause_chat_page_count_unsent (ClauseChatPage *self, bool is_unsent);

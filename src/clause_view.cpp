@@ -12,6 +12,7 @@
 #include "morvane.h"
 #include "procedure_view.h"
 #include "text_history.h"
+#include "unsent_mark.h"
 
 // A popover that joins its window when it is shown for the first time, and not when its button does.
 // A window measures, places and moves all popovers that it has, seen or not, each time that anything
@@ -1297,6 +1298,29 @@ clause_view_focus_in_place (ClauseView *self, GtkWidget *widget)
     gtk_adjustment_set_value (page, place);
 }
 
+void
+clause_view_show_unsent (ClauseView *self, ClauseRevision *revision)
+{
+  GtkWidget *toplevel = gtk_widget_get_toplevel (GTK_WIDGET (self));
+  // While the account is loaded the view has no window yet.
+  if (!MORVANE_IS_APP_WINDOW (toplevel))
+    return;
+  AppWindow *window = MORVANE_APP_WINDOW (toplevel);
+  bool is_unsent = delivery_is_unsent (window, OUTBOX_REVISION, revision->db_id);
+  GtkListBoxRow *row = clause_view_find_row (self, revision);
+  if (row)
+    unsent_mark_show (GTK_WIDGET (row), is_unsent);
+  if (self->is_draft || revision != self->revision)
+    return;
+  unsent_mark_show (GTK_WIDGET (self->revision_status_label), is_unsent);
+  ClauseRevisionDecision *decision =
+    get_revision_decision_by_author (revision, window->account.bare_jid);
+  bool is_owed = decision && delivery_is_unsent (window, OUTBOX_DECISION, decision->db_id);
+  unsent_mark_show (GTK_WIDGET (self->agree_button), is_owed && decision->status == DECISION_AGREE);
+  unsent_mark_show (GTK_WIDGET (self->disagree_button),
+                    is_owed && decision->status == DECISION_DISAGREE);
+}
+
 static void
 clause_view_show_comparison_state (ClauseView *self, const char *status)
 {
@@ -1337,6 +1361,7 @@ clause_view_go_to_revision (ClauseView *self, ClauseRevision *revision, String o
     gtk_label_set_markup (self->decision_status_label, " ");
   }
   clause_view_show_waiting_draft (self);
+  clause_view_show_unsent (self, revision);
 }
 
 static void
@@ -1508,6 +1533,9 @@ clause_view_set_draft_mode (ClauseView *self)
   clause_view_set_status (self, "draft");
   gtk_label_set_text (self->decision_status_label, " ");
   clause_view_set_decision_buttons_sensitive (self, FALSE, FALSE);
+  unsent_mark_show (GTK_WIDGET (self->revision_status_label), false);
+  unsent_mark_show (GTK_WIDGET (self->agree_button), false);
+  unsent_mark_show (GTK_WIDGET (self->disagree_button), false);
   gtk_widget_set_tooltip_text (GTK_WIDGET (self->agree_button), "Agree");
   gtk_widget_set_tooltip_text (GTK_WIDGET (self->disagree_button), "Disagree");
   clause_view_set_edit_buttons_sensitive (self, gtk_text_buffer_get_char_count (text_buffer) != 0,

@@ -43,6 +43,9 @@ void clause_view_focus_text (ClauseView *self);
 
 // ---- Decisions ----
 
+// Marks, or no longer marks, the revision and the user's decision on it as not sent, where the view
+// shows them.
+void clause_view_show_unsent (ClauseView *self, ClauseRevision *revision);
 // Shows the other party's decision, when `revision` is the one shown.
 void clause_view_set_others_revision_decision (ClauseView *self, ClauseRevision *revision,
                                                ClauseRevisionDecision *decision);

@@ -2,7 +2,10 @@
 #include "delivery.h"
 
 #include "app_window.h"
+#include "clause_chat_page.h"
+#include "clause_view.h"
 #include "morvane.h"
+#include "unsent_mark.h"
 
 // How long the outbox's table has to be empty before it goes, in milliseconds.
 static const u32 EMPTY_TABLE_TIME = 1000;
@@ -115,6 +118,48 @@ is_own_parcel (OutboxKind kind, const Parcel *parcel, String own, String own_nam
   }
 }
 
+// ---- Marks ----
+
+bool
+delivery_is_unsent (AppWindow *window, OutboxKind kind, u64 object_db_id)
+{
+  OutboxEntry *entry = outbox_get_unsent (&window->outbox, kind, object_db_id);
+  // Who asks shows the mark, and is told when that has to go.
+  if (entry)
+    entry->is_marked = true;
+  return entry;
+}
+
+static void
+show_mark (OutboxKind kind, const Parcel *parcel, bool is_unsent)
+{
+  if (kind == OUTBOX_PROCEDURE) {
+    unsent_mark_show (GTK_WIDGET (parcel->procedure->list_item), is_unsent);
+  } else if (kind == OUTBOX_CLAUSE) {
+    unsent_mark_show (GTK_WIDGET (parcel->clause->view), is_unsent);
+  } else if (kind == OUTBOX_MESSAGE) {
+    clause_chat_page_count_unsent (parcel->clause->chat_page, is_unsent);
+  } else {
+    clause_view_show_unsent (parcel->clause->view, parcel->revision);
+  }
+}
+
+// Brings the widgets up to date of those entries whose mark has changed.
+static void
+show_marks (AppWindow *window)
+{
+  for (u32 i = 0; i < window->outbox.count; ++i) {
+    OutboxEntry *entry = &window->outbox.entries[i];
+    bool is_unsent = entry->state == OUTBOX_WAITING || entry->state == OUTBOX_REFUSED;
+    Parcel parcel = {};
+    if (is_unsent != entry->is_marked && !entry->removed_object && !window->closed &&
+        find_parcel (&window->procedures, entry, &parcel)) {
+      entry->is_marked = is_unsent;
+      show_mark (entry->kind, &parcel, is_unsent);
+    }
+  }
+}
+
 // ---- Sending ----
 
 // Returns the id of the request.
@@ -182,6 +227,7 @@ delivery_update (AppWindow *window)
     outbox_note_taken (outbox, stream_management_get_taken_count (counts), g_get_monotonic_time ());
     outbox_note_heard (outbox, stream_management_get_confirmed_time (counts));
   }
+  show_marks (window);
   watch_table (window);
 }
 
@@ -189,8 +235,10 @@ bool
 delivery_note_refused (AppWindow *window, u64 request_id)
 {
   bool is_ours = window->outbox.db && outbox_note_refused (&window->outbox, request_id);
-  if (is_ours)
+  if (is_ours) {
+    show_marks (window);
     watch_table (window);
+  }
   return is_ours;
 }
 
@@ -212,6 +260,7 @@ delivery_end_session (AppWindow *window)
   delivery_update (window);
   window->is_delivering = false;
   outbox_end_session (&window->outbox);
+  show_marks (window);
   watch_table (window);
 }
 

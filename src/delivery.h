@@ -6,7 +6,7 @@
 // Threads: the interface thread only.
 #pragma once
 
-#include "buffers.h"
+#include "outbox.h"
 
 typedef struct _AppWindow AppWindow;
 
@@ -16,6 +16,8 @@ void delivery_begin (AppWindow *window);
 void delivery_send (AppWindow *window);
 // What the session has learnt about what was sent: entries go on, rows go.
 void delivery_update (AppWindow *window);
+// Whether the object did not go out: what shows such an object marks it.
+bool delivery_is_unsent (AppWindow *window, OutboxKind kind, u64 object_db_id);
 // The message with this id came back with an error. Whether it carried one of these objects.
 bool delivery_note_refused (AppWindow *window, u64 request_id);
 // The session is over: what is in doubt is in the outbox again. Called after the worker's last use of

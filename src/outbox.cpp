@@ -194,35 +194,32 @@ is_entry_of (const OutboxEntry *entry, OutboxKind kind, u64 object_db_id)
   return !entry->removed_object && entry->kind == kind && entry->object_db_id == object_db_id;
 }
 
-void
-outbox_add (Outbox *outbox, OutboxKind kind, u64 object_db_id)
-{
-  assert (object_db_id);
-  for (u32 i = 0; i < outbox->count; ++i) {
-    OutboxEntry *entry = &outbox->entries[i];
-    bool is_unsent = entry->state == OUTBOX_WAITING || entry->state == OUTBOX_REFUSED;
-    if (is_unsent && is_entry_of (entry, kind, object_db_id)) {
-      entry->state = OUTBOX_WAITING;
-      return;
-    }
-  }
-  OutboxEntry *entry = push_entry (outbox);
-  entry->sequence = ++outbox->last_sequence;
-  entry->kind = kind;
-  entry->object_db_id = object_db_id;
-  settle_row (outbox, entry);
-}
-
-bool
-outbox_is_unsent (Outbox *outbox, OutboxKind kind, u64 object_db_id)
+OutboxEntry *
+outbox_get_unsent (Outbox *outbox, OutboxKind kind, u64 object_db_id)
 {
   for (u32 i = 0; i < outbox->count; ++i) {
     OutboxEntry *entry = &outbox->entries[i];
     bool is_unsent = entry->state == OUTBOX_WAITING || entry->state == OUTBOX_REFUSED;
     if (is_unsent && is_entry_of (entry, kind, object_db_id))
-      return true;
+      return entry;
   }
-  return false;
+  return NULL;
+}
+
+void
+outbox_add (Outbox *outbox, OutboxKind kind, u64 object_db_id)
+{
+  assert (object_db_id);
+  OutboxEntry *entry = outbox_get_unsent (outbox, kind, object_db_id);
+  if (entry) {
+    entry->state = OUTBOX_WAITING;
+    return;
+  }
+  entry = push_entry (outbox);
+  entry->sequence = ++outbox->last_sequence;
+  entry->kind = kind;
+  entry->object_db_id = object_db_id;
+  settle_row (outbox, entry);
 }
 
 static void

@@ -43,6 +43,7 @@ struct OutboxEntry {
   u64 take_position;         // where it stands in what the socket takes
   s64 taken_time;            // when the socket was known to have taken it; monotonic, microseconds
   u64 request_id;            // of the stanza that carried it last; 0 before the first
+  bool is_marked;  // the object's widgets say that it did not go out; its owner's business
   // The object's record while its deletion can be undone: the entry has no row meanwhile. Else NULL.
   const void *removed_object;
 };
@@ -63,11 +64,11 @@ void dealloc_outbox (Outbox *outbox);
 
 // ---- Objects ----
 
+// The entry of this object when it has not gone out: it is waiting or was refused. Else NULL.
+OutboxEntry *outbox_get_unsent (Outbox *outbox, OutboxKind kind, u64 object_db_id);
 // In the transaction that stores the object. Where this object is waiting already,
 // that is enough; one that was refused is to be sent again now.
 void outbox_add (Outbox *outbox, OutboxKind kind, u64 object_db_id);
-// Whether this object has not gone out: its entry is waiting or was refused.
-bool outbox_is_unsent (Outbox *outbox, OutboxKind kind, u64 object_db_id);
 
 // In the transaction that deletes these: the entries of the record and of all below lose their rows.
 void outbox_remove_procedure (Outbox *outbox, Procedure *procedure);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "clause_chat_page.h"
+#include "clause_revision_list_item.h"
 #include "clause_view.h"
 #include "procedure_view.h"
 #include "session_test.h"
@@ -250,6 +251,140 @@ TEST (delivery, what_was_not_acknowledged_is_sent_again)
   scripted_server_signal (second.server);
   EXPECT_EQ (list_sent (second.finish ().received),
              "x-revision x-clause-decision x-clause-message ");
+}
+
+// ---- Marks ----
+
+static std::string
+mark_of (GtkWidget *widget)
+{
+  bool has_class = gtk_style_context_has_class (gtk_widget_get_style_context (widget), "not-sent");
+  char *tooltip = gtk_widget_get_tooltip_text (widget);
+  const char *description = atk_object_get_description (gtk_widget_get_accessible (widget));
+  std::string mark = std::string (has_class ? "class" : "") + "|" + (tooltip ? tooltip : "") + "|" +
+                     (description ? description : "");
+  g_free (tooltip);
+  return mark;
+}
+
+static const char MARK[] = "class|not sent yet|not sent yet";
+static const char NO_MARK[] = "||";
+
+struct Marked {
+  GtkWidget *procedure;
+  GtkWidget *clause;
+  GtkWidget *revision;
+  GtkWidget *message;
+  GtkWidget *agree;
+};
+
+static Marked
+find_marked (Procedure *procedure)
+{
+  Clause *clause = procedure->clauses[0];
+  return {GTK_WIDGET (procedure->list_item), GTK_WIDGET (clause->view),
+          find_widget (clause->view, "revision_status_label"),
+          find_widget (clause->chat_page, "chat_text_view"),
+          find_widget (clause->view, "agree_button")};
+}
+
+TEST (marks, each_object_that_did_not_go_out_says_so_until_it_has_gone)
+{
+  Session first;
+  first.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  Procedure *procedure = do_everything (&first);
+  Marked marked = find_marked (procedure);
+  EXPECT_EQ (mark_of (marked.procedure), MARK);
+  EXPECT_EQ (mark_of (marked.clause), MARK);
+  EXPECT_EQ (mark_of (marked.revision), MARK);
+  EXPECT_EQ (mark_of (marked.message), MARK);
+  std::string agree = mark_of (marked.agree);
+  EXPECT_EQ (agree.find ("class|Agree with the revision of alice@alpha.test, "), 0u) << agree;
+  EXPECT_NE (agree.find (" (not sent yet)|not sent yet"), std::string::npos) << agree;
+  first.finish ();
+
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait ()}, {});
+  marked = find_marked (second.window->procedures.procedures[0]);
+  for (GtkWidget *widget : {marked.procedure, marked.clause, marked.revision, marked.message})
+    EXPECT_EQ (mark_of (widget), NO_MARK);
+  scripted_server_signal (second.server);
+  second.finish ();
+}
+
+TEST (marks, what_went_out_bears_none_and_what_is_in_doubt_gets_one)
+{
+  Session session;
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait (),
+                  server_reset ()},
+                 {});
+  Marked marked = find_marked (do_everything (&session));
+  for (GtkWidget *widget : {marked.procedure, marked.clause, marked.revision, marked.message})
+    EXPECT_EQ (mark_of (widget), NO_MARK);
+  EXPECT_EQ (mark_of (marked.agree).find ("class"), std::string::npos);
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (mark_of (marked.procedure), MARK);
+  EXPECT_EQ (mark_of (marked.clause), MARK);
+  EXPECT_EQ (mark_of (marked.revision), MARK);
+  EXPECT_EQ (mark_of (marked.message), MARK);
+  session.finish ();
+}
+
+TEST (marks, the_draft_that_is_shown_bears_none)
+{
+  Session session;
+  session.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  Procedure *procedure = do_everything (&session);
+  Clause *clause = procedure->clauses[0];
+  Marked marked = find_marked (procedure);
+  type (clause->view, "text_view", "Another text");
+  EXPECT_EQ (mark_of (marked.revision), NO_MARK);
+  EXPECT_EQ (mark_of (marked.agree), "|Agree|");
+  press (clause->view, "cancel_button");
+  EXPECT_EQ (mark_of (marked.revision), MARK);
+  session.finish ();
+}
+
+// The first list below a widget.
+static GtkListBox *
+find_list_box (GtkWidget *widget)
+{
+  if (GTK_IS_LIST_BOX (widget))
+    return GTK_LIST_BOX (widget);
+  GtkListBox *found = NULL;
+  if (GTK_IS_CONTAINER (widget)) {
+    GList *children = gtk_container_get_children (GTK_CONTAINER (widget));
+    for (GList *link = children; link && !found; link = link->next)
+      found = find_list_box (GTK_WIDGET (link->data));
+    g_list_free (children);
+  }
+  return found;
+}
+
+TEST (marks, the_rows_of_revisions_bear_them)
+{
+  Session session;
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait (),
+                  server_send ("</stream:stream>"), server_close_notify (),
+                  server_expect ("</stream:stream>")},
+                 {});
+  Clause *clause = do_everything (&session)->clauses[0];
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  type (clause->view, "text_view", "Second");
+  press (clause->view, "commit_button");
+  GtkWidget *list = find_widget (clause->view, "revision_select_menu_button");
+  GtkPopover *popover = gtk_menu_button_get_popover (GTK_MENU_BUTTON (list));
+  std::string marks;
+  GtkListBox *box = find_list_box (GTK_WIDGET (popover));
+  for (ClauseRevision *revision : {clause->revisions[0], clause->revisions[1]})
+    marks += mark_of (GTK_WIDGET (clause_revision_list_item_find_row (box, revision))) + " ";
+  EXPECT_EQ (marks, std::string (NO_MARK) + " " + MARK + " ");
+  session.finish ();
 }
 
 // ---- Neighbours ----

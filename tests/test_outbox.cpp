@@ -252,7 +252,7 @@ TEST (outbox_note_sent, the_row_stays)
   outbox_add (&store.outbox, OUTBOX_CLAUSE, 7);
   store.send_all (&position);
   EXPECT_EQ (store.rows (), "3|clause|7\n");
-  EXPECT_FALSE (outbox_is_unsent (&store.outbox, OUTBOX_CLAUSE, 7));
+  EXPECT_FALSE (outbox_get_unsent (&store.outbox, OUTBOX_CLAUSE, 7));
 }
 
 TEST (outbox_note_taken, the_rows_up_to_there_go)
@@ -272,7 +272,7 @@ TEST (outbox_note_taken, says_nothing_about_what_was_not_sent)
   outbox_add (&store.outbox, OUTBOX_REVISION, 1);
   outbox_note_taken (&store.outbox, 100, 1);
   EXPECT_EQ (store.rows (), "3|revision|1\n");
-  EXPECT_TRUE (outbox_is_unsent (&store.outbox, OUTBOX_REVISION, 1));
+  EXPECT_TRUE (outbox_get_unsent (&store.outbox, OUTBOX_REVISION, 1));
 }
 
 TEST (outbox_end_session, what_was_taken_and_not_confirmed_returns_to_its_place)
@@ -288,8 +288,8 @@ TEST (outbox_end_session, what_was_taken_and_not_confirmed_returns_to_its_place)
   outbox_add (&store.outbox, OUTBOX_REVISION, 4);
   outbox_end_session (&store.outbox);
   EXPECT_EQ (store.rows (), "3|revision|2\n3|revision|3\n3|revision|4\n");
-  EXPECT_TRUE (outbox_is_unsent (&store.outbox, OUTBOX_REVISION, 2));
-  EXPECT_FALSE (outbox_is_unsent (&store.outbox, OUTBOX_REVISION, 1));
+  EXPECT_TRUE (outbox_get_unsent (&store.outbox, OUTBOX_REVISION, 2));
+  EXPECT_FALSE (outbox_get_unsent (&store.outbox, OUTBOX_REVISION, 1));
   EXPECT_EQ (store.send_all (&position), "revision2 revision3 revision4 ");
 }
 
@@ -316,7 +316,7 @@ TEST (outbox_note_refused, what_was_done_is_in_the_outbox_for_the_next_session)
   outbox_note_acknowledged (&store.outbox, 2);
   EXPECT_TRUE (outbox_note_refused (&store.outbox, 101));
   EXPECT_EQ (store.rows (), "3|revision|1\n");
-  EXPECT_TRUE (outbox_is_unsent (&store.outbox, OUTBOX_REVISION, 1));
+  EXPECT_TRUE (outbox_get_unsent (&store.outbox, OUTBOX_REVISION, 1));
   EXPECT_EQ (store.send_all (&position), "");  // not in a circle
   outbox_note_acknowledged (&store.outbox, 10);
   EXPECT_EQ (store.rows (), "3|revision|1\n");
@@ -449,7 +449,7 @@ TEST (outbox_restore_procedure, a_new_object_in_the_old_row_is_not_taken_for_it)
   Procedure *procedure = alloc_test_procedure ();
   outbox_add (&store.outbox, OUTBOX_PROCEDURE, 5);
   outbox_remove_procedure (&store.outbox, procedure);
-  EXPECT_FALSE (outbox_is_unsent (&store.outbox, OUTBOX_PROCEDURE, 5));
+  EXPECT_FALSE (outbox_get_unsent (&store.outbox, OUTBOX_PROCEDURE, 5));
   outbox_add (&store.outbox, OUTBOX_PROCEDURE, 5);
   procedure->db_id = 6;
   outbox_restore_procedure (&store.outbox, procedure);
@@ -486,7 +486,7 @@ TEST (outbox_restore_procedure, what_was_in_doubt_when_the_session_ended_waits_a
   EXPECT_EQ (store.rows (), "");
   outbox_restore_procedure (&store.outbox, procedure);
   EXPECT_EQ (store.rows (), "3|revision|5\n3|message|5\n3|decision|5\n");
-  EXPECT_TRUE (outbox_is_unsent (&store.outbox, OUTBOX_REVISION, 5));
+  EXPECT_TRUE (outbox_get_unsent (&store.outbox, OUTBOX_REVISION, 5));
   dealloc_procedure (procedure);
 }
 
