@@ -1,5 +1,9 @@
 #include "app.h"
 
+#include <signal.h>
+
+#include <glib-unix.h>
+
 #include "app_window.h"
 #include "morvane.h"
 #include "session.h"
@@ -58,4 +62,43 @@ app_new (gnutls_certificate_credentials_t tls_credentials, sqlite3 *db)
   self->console = gtk_text_buffer_new (NULL);
   _console_text_buffer = self->console;
   return self;
+}
+
+// GTK closes no window while a menu, which is a window of its own, holds the input.
+static void
+release_input ()
+{
+  GtkWidget *holder;
+  while ((holder = gtk_grab_get_current ()) != NULL) {
+    if (GTK_IS_MENU_SHELL (holder))
+      gtk_menu_shell_cancel (GTK_MENU_SHELL (holder));
+    gtk_grab_remove (holder);
+  }
+}
+
+// A window may have its reasons to stay for a moment, so it is asked as its close button asks. One
+// that is asked twice goes once.
+static gboolean
+app_end_signal_handle (gpointer data)
+{
+  App *self = MORVANE_APP (data);
+  release_input ();
+  GList *windows = gtk_application_get_windows (GTK_APPLICATION (self));
+  if (!windows)
+    g_application_quit (G_APPLICATION (self));
+  for (GList *link = windows; link; link = link->next) {
+    gtk_window_close (GTK_WINDOW (link->data));
+  }
+  return G_SOURCE_CONTINUE;
+}
+
+void
+app_end_on_signals (App *self)
+{
+  const int SIGNAL_NUMBERS[] = {SIGTERM, SIGINT, SIGHUP};
+  for (int signal_number : SIGNAL_NUMBERS) {
+    struct sigaction action;
+    if (!sigaction (signal_number, NULL, &action) && action.sa_handler != SIG_IGN)
+      g_unix_signal_add (signal_number, app_end_signal_handle, self);
+  }
 }

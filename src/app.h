@@ -14,3 +14,6 @@ G_DECLARE_FINAL_TYPE (App, app, MORVANE, APP, GtkApplication)
 
 // From here on console output reaches the console pane too.
 App *app_new (gnutls_certificate_credentials_t tls_credentials, sqlite3 *db);
+// From here on SIGTERM, SIGINT and SIGHUP end the program as closing all of its windows does. One that
+// is ignored stays ignored, as under nohup. The application must live as long as the main loop.
+void app_end_on_signals (App *app);

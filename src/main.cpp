@@ -22,6 +22,7 @@ main (int argc, char **argv)
   gnutls_certificate_credentials_t tls_credentials = init_tls_global ();
   sqlite3 *db = db_connect (".morvane.db");
   App *app = app_new (tls_credentials, db);
+  app_end_on_signals (app);
   int status = g_application_run (G_APPLICATION (app), argc, argv);
   db_close (db);
   // A worker that did not come back in time may still be inside of the library.

@@ -1,5 +1,7 @@
 #include "app.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <vector>
 
@@ -252,4 +254,50 @@ TEST (gresource_get_resource, holds_the_thirteen_templates)
      "procedure_view.ui", "registration_page.ui",       "search_item.ui",
      "vcard_page.ui"};
   EXPECT_EQ (names, expected);
+}
+
+// ---- Signals ----
+
+static bool
+has_no_windows (void *data)
+{
+  return list_windows ((TestApp *) data).empty ();
+}
+
+class AppSignal : public testing::TestWithParam<int> {};
+
+TEST_P (AppSignal, closes_every_window)
+{
+  TestApp test;
+  app_end_on_signals (test.app);
+  activate (&test);
+  activate (&test);
+  EXPECT_EQ (list_windows (&test).size (), 2u);
+  EXPECT_EQ (raise (GetParam ()), 0);
+  EXPECT_EQ (raise (GetParam ()), 0);
+  EXPECT_TRUE (pump_until (has_no_windows, &test));
+  // Late ones find nothing to close.
+  EXPECT_EQ (raise (GetParam ()), 0);
+  pump ();
+  while (g_source_remove_by_user_data (test.app))
+    continue;
+}
+
+INSTANTIATE_TEST_SUITE_P (app_end_on_signals, AppSignal, testing::Values (SIGTERM, SIGINT, SIGHUP));
+
+TEST (app_end_on_signals, leaves_an_ignored_signal_ignored)
+{
+  TestApp test;
+  void (*before) (int) = signal (SIGHUP, SIG_IGN);
+  app_end_on_signals (test.app);
+  activate (&test);
+  struct sigaction action;
+  EXPECT_EQ (sigaction (SIGHUP, NULL, &action), 0);
+  EXPECT_EQ (action.sa_handler, SIG_IGN);
+  EXPECT_EQ (raise (SIGHUP), 0);
+  pump ();
+  EXPECT_EQ (list_windows (&test).size (), 1u);
+  while (g_source_remove_by_user_data (test.app))
+    continue;
+  signal (SIGHUP, before);
 }
