@@ -120,6 +120,17 @@ app_window_get_xmpp_message_signal (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
+gboolean
+app_window_get_xmpp_message_error_signal (gpointer data)
+{
+  XMPPMessageErrorSignal *signal = (XMPPMessageErrorSignal *) accept_hand_over (data);
+  CHECK (signal->from.size);
+  CHECK (is_storable_text (signal->text));
+  ++fuzz_records_count;
+  dealloc_xmpp_message_error_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
 static gboolean
 take_presence (gpointer data)
 {

@@ -601,6 +601,47 @@ app_window_get_xmpp_message_signal (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
+// Told where the user wrote: in the chat when one of its lines came back, else in the procedures
+// with that party, and in the chat when there are none.
+static void
+app_window_apply_message_error (AppWindow *self, XMPPMessageErrorSignal *signal)
+{
+  String to = get_bare_jid_from_full_jid (signal->from);
+  String condition = signal->condition.size ? signal->condition : to_string ("no reason given");
+  String reason = signal->text.size ? signal->text : condition;
+  console_log ("Warning: A message to '%.*s' couldn't be delivered: %.*s.\n", STRING_ARGS (to),
+               STRING_ARGS (condition));
+  Contact *contact = contact_stack_get_by_bare_jid (self->contacts, to);
+  ContactMessage *message = contact ? contact_get_sent_message (contact, signal->id) : NULL;
+  if (message) {
+    contact_chat_page_tell_undelivered (contact->chat_page, message->body, reason);
+    return;
+  }
+  u32 told_count = 0;
+  for (u32 i = 0; i < self->procedures.count; ++i) {
+    Procedure *procedure = self->procedures.procedures[i];
+    if (procedure->initiator == to || procedure->contractor == to) {
+      procedure_view_tell_undelivered (procedure->view, to, reason);
+      told_count++;
+    }
+  }
+  // Only a party is believed, and whoever else was meant had nothing of a procedure.
+  if (told_count)
+    delivery_note_refused (self, signal->id);
+  if (contact && !told_count)
+    contact_chat_page_tell_undelivered (contact->chat_page, {}, reason);
+}
+
+gboolean
+app_window_get_xmpp_message_error_signal (gpointer data)
+{
+  XMPPMessageErrorSignal *signal = (XMPPMessageErrorSignal *) accept_hand_over (data);
+  if (app_window_is_open (signal->window))
+    app_window_apply_message_error (signal->window, signal);
+  dealloc_xmpp_message_error_signal (signal);
+  return G_SOURCE_REMOVE;
+}
+
 gboolean
 app_window_get_xmpp_presence_confirm_signal (gpointer data)
 {

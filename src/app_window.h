@@ -146,6 +146,7 @@ void app_window_note_acknowledged (AppWindow *window);
 // G_SOURCE_REMOVE.
 
 gboolean app_window_get_xmpp_message_signal (gpointer data);
+gboolean app_window_get_xmpp_message_error_signal (gpointer data);
 gboolean app_window_get_xmpp_presence_confirm_signal (gpointer data);
 gboolean app_window_get_xmpp_presence_available_signal (gpointer data);
 gboolean app_window_get_xmpp_presence_unavailable_signal (gpointer data);

@@ -3,6 +3,7 @@
 #include "app_window.h"
 #include "chat_text.h"
 #include "db.h"
+#include "delivery_notice.h"
 #include "morvane.h"
 
 struct _ContactChatPage {
@@ -29,6 +30,8 @@ contact_chat_page_send (ContactChatPage *self, String text)
   contact_chat_page_add_message (self, message);
   contact_add_message (self->contact, message);
   xmpp_send_message (window, self->contact->bare_jid, text);
+  // Ids are drawn on this thread alone once the login is over: the last one went with this line.
+  message->request_id = window->last_xmpp_id;
 }
 
 static void
@@ -112,4 +115,10 @@ void
 contact_chat_page_add_message (ContactChatPage *self, ContactMessage *message)
 {
   chat_text_add_line (&self->chat_text, message->author, message->body);
+}
+
+void
+contact_chat_page_tell_undelivered (ContactChatPage *self, String text, String reason)
+{
+  delivery_notice_show (GTK_BOX (self), self->contact->bare_jid, text, reason);
 }

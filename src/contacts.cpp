@@ -18,6 +18,7 @@ alloc_contact_message (u64 db_id, u64 contact_db_id, s64 time, String author, St
   message->time = time;
   message->author = alloc_string (author);
   message->body = alloc_string (body);
+  message->request_id = 0;
   return message;
 }
 
@@ -66,6 +67,16 @@ contact_add_message (Contact *contact, ContactMessage *message)
       (ContactMessage **) realloc_pointers (contact->messages, contact->messages_max);
   }
   contact->messages[contact->messages_count++] = message;
+}
+
+ContactMessage *
+contact_get_sent_message (Contact *contact, u64 request_id)
+{
+  for (u32 i = contact->messages_count; request_id && i > 0; --i) {
+    if (contact->messages[i - 1]->request_id == request_id)
+      return contact->messages[i - 1];
+  }
+  return NULL;
 }
 
 // ---- Stack ----

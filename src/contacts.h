@@ -17,6 +17,7 @@ struct ContactMessage {
   s64 time;           // POSIX seconds
   String author;      // owned; bare JID of the account itself or of the contact
   String body;        // owned
+  u64 request_id;     // of the stanza that carried the message in this session; 0 for none
 };
 
 struct Contact {
@@ -53,6 +54,8 @@ Contact *alloc_contact (u64 db_id, u64 account_db_id, String bare_jid, String st
 void dealloc_contact (Contact *contact);
 // The contact takes over the message. Asserts that the capacity is not zero and not exceeded.
 void contact_add_message (Contact *contact, ContactMessage *message);
+// The message that this stanza carried; NULL when there is none, as for id 0. It stays the contact's.
+ContactMessage *contact_get_sent_message (Contact *contact, u64 request_id);
 
 // ---- Stack ----
 

@@ -3,6 +3,7 @@
 #include "app_window.h"
 #include "clause_chat_page.h"
 #include "clause_view.h"
+#include "delivery_notice.h"
 #include "morvane.h"
 
 // The first clauses of a page, which are mapped with it as any widget is.
@@ -488,4 +489,10 @@ void
 procedure_view_show_clause_chat_page (ProcedureView *self, ClauseChatPage *chat_page)
 {
   gtk_stack_set_visible_child (self->stack, GTK_WIDGET (chat_page));
+}
+
+void
+procedure_view_tell_undelivered (ProcedureView *self, String to, String reason)
+{
+  delivery_notice_show (GTK_BOX (gtk_stack_get_visible_child (self->stack)), to, {}, reason);
 }

@@ -53,6 +53,15 @@ dealloc_xmpp_message_signal (XMPPMessageSignal *signal)
   dealloc_xmpp_record (signal);
 }
 
+void
+dealloc_xmpp_message_error_signal (XMPPMessageErrorSignal *signal)
+{
+  dealloc_string (signal->from);
+  dealloc_string (signal->condition);
+  dealloc_string (signal->text);
+  dealloc_xmpp_record (signal);
+}
+
 static void
 dealloc_xmpp_presence_signal (XMPPPresenceSignal *signal)
 {

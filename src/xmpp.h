@@ -54,6 +54,15 @@ struct XMPPMessageSignal {
   String text;  // entities resolved
 };
 
+// A message of ours came back, or so its sender says: anyone may.
+struct XMPPMessageErrorSignal {
+  AppWindow *window;
+  String from;       // who could not be reached; full or bare JID as received
+  u64 id;            // of the request that carried the message; 0 when that is not told
+  String condition;  // why: the name of the defined condition; empty when there is none
+  String text;       // why, in the words of a server, entities resolved; empty when there are none
+};
+
 // A presence came; what it says is the handler's that it is given to.
 struct XMPPPresenceSignal {
   AppWindow *window;
@@ -137,6 +146,7 @@ void dealloc_xmpp_record (void *record);
 XMPPIQErrorSignal *alloc_xmpp_iq_error_signal (AppWindow *window, u64 id);
 void dealloc_xmpp_iq_error_signal (XMPPIQErrorSignal *signal);
 void dealloc_xmpp_message_signal (XMPPMessageSignal *signal);
+void dealloc_xmpp_message_error_signal (XMPPMessageErrorSignal *signal);
 void dealloc_xmpp_presence_confirm_signal (XMPPPresenceConfirmSignal *signal);
 void dealloc_xmpp_presence_available_signal (XMPPPresenceAvailableSignal *signal);
 void dealloc_xmpp_presence_unavailable_signal (XMPPPresenceUnavailableSignal *signal);

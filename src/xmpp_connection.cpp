@@ -725,6 +725,41 @@ post_message_signal (AppWindow *window, String from, String text)
   hand_over (app_window_get_xmpp_message_signal, signal);
 }
 
+// RFC 6120, 8.3.2: the defined condition is an empty element beside a text.
+static String
+find_error_condition (XMLElement *error)
+{
+  for (XMLElement *child = error->children; child; child = child->next) {
+    if (child->name.size && child->name != "text")
+      return child->name;
+  }
+  return {};
+}
+
+static String
+find_error_text (XMLElement *error)
+{
+  XMLElement *text = get_xml_child_by_name (error, "text");
+  if (!text || !text->children)
+    return {};
+  String words = text->children->text;
+  return is_xml_text_unescapable (words) && is_storable_text (words) ? words : String{};
+}
+
+static void
+post_message_error_signal (AppWindow *window, XMLElement *element, XMLElement *error)
+{
+  XMPPMessageErrorSignal *signal =
+    (XMPPMessageErrorSignal *) alloc_xmpp_record (window, sizeof (XMPPMessageErrorSignal));
+  signal->from = alloc_string (get_xml_attribute (element, "from"));
+  String id = get_xml_attribute (element, "id");
+  if (id.size && string_has_only_digits (id))
+    signal->id = string_to_u64 (id);
+  signal->condition = alloc_string (find_error_condition (error));
+  signal->text = alloc_unescape_xml_text (find_error_text (error));
+  hand_over (app_window_get_xmpp_message_error_signal, signal);
+}
+
 static void
 parse_xmpp_body_child (AppWindow *window, XMLElement *child, String from)
 {
@@ -753,6 +788,12 @@ parse_xmpp_message (AppWindow *window, XMLElement *element)
   XMLElement *body = get_xml_child_by_name (element, "body");
   if (!from.size) {
     console_log ("Warning: Received a <message> without a FROM attribute.\n");
+    return;
+  }
+  // RFC 6120, 8.3: a message that came back. What it holds are our own words, if any.
+  XMLElement *error = get_xml_child_by_name (element, "error");
+  if (error) {
+    post_message_error_signal (window, element, error);
     return;
   }
   if (!body) {

@@ -37,6 +37,18 @@ deliver_message (AppWindow *window, const char *from, const char *text)
 }
 
 inline void
+deliver_message_error (AppWindow *window, const char *from, u64 id, const char *condition,
+                       const char *text)
+{
+  XMPPMessageErrorSignal *signal = alloc_record<XMPPMessageErrorSignal> (window);
+  signal->from = alloc_string (from);
+  signal->id = id;
+  signal->condition = alloc_string (condition);
+  signal->text = alloc_string (text);
+  deliver (window, app_window_get_xmpp_message_error_signal, signal);
+}
+
+inline void
 deliver_presence (AppWindow *window, GSourceFunc handler, const char *from)
 {
   XMPPPresenceSignal *signal = alloc_record<XMPPPresenceSignal> (window);

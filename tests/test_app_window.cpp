@@ -1897,6 +1897,134 @@ TEST (app_window_get_xmpp_clause_revision_decision_signal, does_not_disturb_typi
   EXPECT_EQ (get_text (clause->view, "decision_status_label"), "contractor agrees");
 }
 
+// ---- Network events: messages that came back ----
+
+static void
+find_named (GtkWidget *widget, gpointer data)
+{
+  auto *search = (std::pair<const char *, GtkWidget *> *) data;
+  if (strcmp (gtk_widget_get_name (widget), search->first) == 0)
+    search->second = widget;
+  if (GTK_IS_CONTAINER (widget))
+    gtk_container_forall (GTK_CONTAINER (widget), find_named, search);
+}
+
+// The widget that was given this name, NULL when there is none.
+static GtkWidget *
+find_by_name (gpointer root, const char *name)
+{
+  std::pair<const char *, GtkWidget *> search = {name, NULL};
+  find_named (GTK_WIDGET (root), &search);
+  return search.second;
+}
+
+static std::string
+get_notice (gpointer page)
+{
+  GtkWidget *bar = find_by_name (page, "delivery_notice");
+  if (!bar || !gtk_widget_get_visible (bar))
+    return "";
+  return gtk_label_get_text (GTK_LABEL (find_by_name (bar, "notice_label")));
+}
+
+static void
+send_line (Contact *contact, const char *text)
+{
+  type (contact->chat_page, "chat_entry", text);
+  press (contact->chat_page, "send_button");
+}
+
+TEST (app_window_get_xmpp_message_error_signal, tells_in_the_chat_which_line_came_back)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Contact *contact = contact_stack_get_by_bare_jid (test.window->contacts, to_string (BOB));
+  gtk_stack_set_visible_child (test.window->main_page_stack, GTK_WIDGET (contact->chat_page));
+  send_line (contact, "first");
+  u64 id = test.window->last_xmpp_id;
+  send_line (contact, "second");
+  u32 messages_count = contact->messages_count;
+  begin_capture ();
+  deliver_message_error (test.window, BOB "/desk", id, "service-unavailable", "");
+  EXPECT_EQ (end_capture (),
+             "Warning: A message to '" BOB "' couldn't be delivered: service-unavailable.\n");
+  EXPECT_EQ (get_notice (contact->chat_page),
+             "Not delivered to " BOB " (service-unavailable): \u201cfirst\u201d");
+  // Nothing of it counts as something that the contact said.
+  EXPECT_EQ (contact->messages_count, messages_count);
+  EXPECT_EQ (get_notice (test.window->procedures.procedures[0]->view), "");
+
+  gtk_button_clicked (GTK_BUTTON (find_by_name (contact->chat_page, "dismiss_button")));
+  pump ();
+  EXPECT_EQ (get_notice (contact->chat_page), "");
+  deliver_message_error (test.window, BOB, id + 1, "gone", "Bob has left us");
+  EXPECT_EQ (get_notice (contact->chat_page),
+             "Not delivered to " BOB " (Bob has left us): \u201csecond\u201d");
+  EXPECT_TRUE (gtk_widget_get_mapped (find_by_name (contact->chat_page, "delivery_notice")));
+}
+
+TEST (app_window_get_xmpp_message_error_signal, shortens_what_is_long)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Contact *contact = contact_stack_get_by_bare_jid (test.window->contacts, to_string (BOB));
+  gtk_stack_set_visible_child (test.window->main_page_stack, GTK_WIDGET (contact->chat_page));
+  send_line (contact, std::string (121, 'x').c_str ());
+  deliver_message_error (test.window, BOB, test.window->last_xmpp_id, "gone",
+                         std::string (120, 'y').c_str ());
+  EXPECT_EQ (get_notice (contact->chat_page), "Not delivered to " BOB " (" +
+                                                std::string (120, 'y') + "): \u201c" +
+                                                std::string (120, 'x') + "\u2026\u201d");
+}
+
+TEST (app_window_get_xmpp_message_error_signal, tells_in_the_procedures_with_that_party)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Contact *contact = contact_stack_get_by_bare_jid (test.window->contacts, to_string (BOB));
+  Procedure *procedure = test.window->procedures.procedures[0];
+  deliver_message_error (test.window, BOB, 4711, "", "");
+  EXPECT_EQ (get_notice (procedure->view), "Not delivered to " BOB " (no reason given).");
+  EXPECT_EQ (get_notice (contact->chat_page), "");
+}
+
+TEST (app_window_get_xmpp_message_error_signal, puts_what_came_back_into_the_outbox_again)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  app_window_create_new_procedure (test.window, to_string ("Roof"), to_string (BOB));
+  Outbox *outbox = &test.window->outbox;
+  ASSERT_EQ (outbox->count, 1u);
+  u64 id = outbox->entries[0].request_id;
+  ASSERT_NE (id, 0u);
+  ASSERT_NE (outbox->entries[0].state, OUTBOX_REFUSED);
+  // Neither at a stranger's word, nor for another message.
+  deliver_message_error (test.window, "eve@beta.test", id, "gone", "");
+  deliver_message_error (test.window, BOB, id + 1, "gone", "");
+  EXPECT_NE (outbox->entries[0].state, OUTBOX_REFUSED);
+  deliver_message_error (test.window, BOB "/desk", id, "gone", "");
+  EXPECT_EQ (outbox->entries[0].state, OUTBOX_REFUSED);
+}
+
+TEST (app_window_get_xmpp_message_error_signal, takes_no_strangers_word_for_it)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  app_window_create_new_contact (test.window, to_string ("dave@beta.test"),
+                                 to_string ("available"));
+  Contact *contact =
+    contact_stack_get_by_bare_jid (test.window->contacts, to_string ("dave@beta.test"));
+  begin_capture ();
+  deliver_message_error (test.window, "eve@beta.test", 1, "gone", "");
+  EXPECT_EQ (end_capture (),
+             "Warning: A message to 'eve@beta.test' couldn't be delivered: gone.\n");
+  EXPECT_EQ (find_by_name (test.window, "delivery_notice"), nullptr);
+  // A contact without a procedure has a chat at least.
+  deliver_message_error (test.window, "dave@beta.test", 0, "gone", "");
+  EXPECT_EQ (get_notice (contact->chat_page), "Not delivered to dave@beta.test (gone).");
+  EXPECT_EQ (get_notice (test.window->procedures.procedures[0]->view), "");
+}
+
 // ---- Network events: after the window was closed ----
 
 typedef void Deliver (AppWindow *window);
@@ -1935,6 +2063,12 @@ static void
 deliver_chat_line (AppWindow *window)
 {
   deliver_message (window, BOB, "too late");
+}
+
+static void
+deliver_returned_line (AppWindow *window)
+{
+  deliver_message_error (window, BOB, 5, "gone", "");
 }
 
 static void
@@ -1996,9 +2130,10 @@ TEST_P (AppWindowClosed, only_frees_the_record)
 INSTANTIATE_TEST_SUITE_P (app_window_is_open, AppWindowClosed,
                           testing::Values (deliver_available, deliver_unavailable, deliver_confirm,
                                            deliver_subscribe, deliver_subscribed, deliver_chat_line,
-                                           deliver_failure, deliver_card, deliver_new_procedure,
-                                           deliver_new_clause, deliver_new_revision,
-                                           deliver_clause_line, deliver_new_decision));
+                                           deliver_returned_line, deliver_failure, deliver_card,
+                                           deliver_new_procedure, deliver_new_clause,
+                                           deliver_new_revision, deliver_clause_line,
+                                           deliver_new_decision));
 
 // The last reference on a closed window may be a record's.
 TEST (app_window_finalize, comes_with_the_last_record)

@@ -260,3 +260,22 @@ TEST (contact_stack_get_by_bare_jid, finds_nothing_that_is_not_equal_byte_for_by
   }
   dealloc_contact_stack (stack);
 }
+
+TEST (contact_get_sent_message, finds_the_message_that_a_stanza_carried)
+{
+  ContactStack stack = alloc_contact_stack (1);
+  Contact *contact = alloc_contact (1, 1, to_string ("bob@beta.test"), to_string ("available"));
+  contact_stack_push (&stack, contact);
+  EXPECT_EQ (contact_get_sent_message (contact, 7), nullptr);
+  for (u64 i = 0; i < 3; ++i)
+    contact_add_message (contact,
+                         alloc_contact_message (0, 1, 1, to_string ("a"), to_string ("b")));
+  // What came from the store or from the contact was not sent in this session.
+  EXPECT_EQ (contact_get_sent_message (contact, 0), nullptr);
+  contact->messages[0]->request_id = 7;
+  contact->messages[2]->request_id = 9;
+  EXPECT_EQ (contact_get_sent_message (contact, 7), contact->messages[0]);
+  EXPECT_EQ (contact_get_sent_message (contact, 9), contact->messages[2]);
+  EXPECT_EQ (contact_get_sent_message (contact, 8), nullptr);
+  dealloc_contact_stack (stack);
+}

@@ -173,6 +173,14 @@ take (const Caught &caught)
     dealloc_xmpp_message_signal (signal);
     return text;
   }
+  if (caught.handler == app_window_get_xmpp_message_error_signal) {
+    XMPPMessageErrorSignal *signal = (XMPPMessageErrorSignal *) caught.record;
+    std::string text = "message error " + text_of (signal->from) + " " +
+                       std::to_string (signal->id) + " '" + text_of (signal->condition) + "' '" +
+                       text_of (signal->text) + "'\n";
+    dealloc_xmpp_message_error_signal (signal);
+    return text;
+  }
   if (caught.handler == app_window_get_iq_error_message) {
     XMPPIQErrorSignal *signal = (XMPPIQErrorSignal *) caught.record;
     std::string text = "iq error " + std::to_string (signal->id) + "\n";
@@ -1092,6 +1100,29 @@ static const DispatchRow DISPATCH_ROWS[] = {
    "procedure_initiator: \"b@c\" (String)\nclause_initiator: \"b@c\" (String)\n"
    "revision_author: \"b@c\" (String)\ndecision_author: \"b@c\" (String)\n"
    "decision b@c:5 AGREE\n"},
+
+  // A message that came back carries nobody's words, whatever its type says.
+  {parse_xmpp_message,
+   "<message type='error' id='17' from='bob@beta.test/desk'><body>mine</body><error type='cancel'>"
+   "<service-unavailable xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error></message>",
+   "message error bob@beta.test/desk 17 'service-unavailable' ''\n"},
+  {parse_xmpp_message,
+   "<message id='18' from='b@c'><error><text>Gone &amp; away</text><gone/></error></message>",
+   "message error b@c 18 'gone' 'Gone & away'\n"},
+  {parse_xmpp_message,
+   "<message type='chat' from='b@c'><body><x-procedure procedure='b@c:1'>T</x-procedure>"
+   "<x-revision revision='bad'/>text</body><error/></message>",
+   "message error b@c 0 '' ''\n"},
+  {parse_xmpp_message, "<message id='x1' from='b@c'><error>words<gone/></error></message>",
+   "message error b@c 0 'gone' ''\n"},
+  {parse_xmpp_message,
+   "<message id='18446744073709551615' from='b@c'><error><text>&nbsp;</text></error></message>",
+   "message error b@c 18446744073709551615 '' ''\n"},
+  {parse_xmpp_message, "<message id='1'><body>x</body><error/></message>",
+   "Warning: Received a <message> without a FROM attribute.\n"},
+  // An element of that name in the body is none of a message that came back.
+  {parse_xmpp_message, "<message type='error' from='b@c'><body>x<error/></body></message>",
+   "message b@c 'x'\n"},
 
   // What a message says in the name of its sender is taken, all else is not.
   {parse_xmpp_message,

@@ -793,6 +793,13 @@ def forgery_cases(peer):
     for what, content in texts():
         if content is not None and b"<" not in content and len(content) < 100000:
             yield Case("messages", "a chat line of the peer: " + what, [peer.message(content)])
+    for who, sender in (("the peer", peer.full), ("a stranger", b"mallory@x/y"), ("us", own)):
+        for what, words, why in (("a condition", b"<error type='cancel'><gone/></error>", b"gone"),
+                                 ("nothing", b"<error/>", b"no reason given")):
+            body = b"".join(encode_element(peer.element(name)) for name in PAIRS)
+            yield Case("messages", "a message that came back from %s with %s" % (who, what), [Given(
+                b"<message from='%s' id='1'><body>said %s</body>%s</message>" % (sender, body, words),
+                [b"Warning: A message to '%s' couldn't be delivered: %s." % (bare(sender), why)])])
     yield from iq_cases(peer)
     yield from impostor_cases(peer)
 

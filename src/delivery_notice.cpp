@@ -1,0 +1,74 @@
+#include "delivery_notice.h"
+
+// Characters of a text and of a reason that are shown; more would push the page away.
+static const glong SHOWN_MAX = 120;
+
+static char *
+alloc_short_text (String text)
+{
+  char *valid = g_utf8_make_valid (text.size ? (const char *) text.data : "", (gssize) text.size);
+  if (g_utf8_strlen (valid, -1) <= SHOWN_MAX)
+    return valid;
+  char *start = g_utf8_substring (valid, 0, SHOWN_MAX);
+  char *shortened = g_strconcat (start, "\u2026", NULL);
+  g_free (start);
+  g_free (valid);
+  return shortened;
+}
+
+static char *
+alloc_notice (String to, String text, String reason)
+{
+  char *shown_to = alloc_short_text (to);
+  char *shown_text = alloc_short_text (text);
+  char *shown_reason = alloc_short_text (reason);
+  char *notice = text.size ? g_strdup_printf ("Not delivered to %s (%s): \u201c%s\u201d", shown_to,
+                                              shown_reason, shown_text)
+                           : g_strdup_printf ("Not delivered to %s (%s).", shown_to, shown_reason);
+  g_free (shown_reason);
+  g_free (shown_text);
+  g_free (shown_to);
+  return notice;
+}
+
+// Hidden at once: an info bar that slides away keeps its place until the next frame.
+static void
+delivery_notice_response_handle (GtkInfoBar *bar, int, gpointer)
+{
+  gtk_widget_hide (GTK_WIDGET (bar));
+}
+
+static GtkWidget *
+delivery_notice_new ()
+{
+  GtkWidget *bar = gtk_info_bar_new ();
+  GtkWidget *button = gtk_info_bar_add_button (GTK_INFO_BAR (bar), "_Dismiss", GTK_RESPONSE_CLOSE);
+  gtk_widget_set_name (bar, "delivery_notice");
+  gtk_widget_set_name (button, "dismiss_button");
+  gtk_info_bar_set_message_type (GTK_INFO_BAR (bar), GTK_MESSAGE_WARNING);
+  GtkWidget *label = gtk_label_new (NULL);
+  gtk_label_set_line_wrap (GTK_LABEL (label), TRUE);
+  gtk_label_set_line_wrap_mode (GTK_LABEL (label), PANGO_WRAP_WORD_CHAR);
+  gtk_label_set_xalign (GTK_LABEL (label), 0);
+  gtk_widget_set_name (label, "notice_label");
+  gtk_container_add (GTK_CONTAINER (gtk_info_bar_get_content_area (GTK_INFO_BAR (bar))), label);
+  g_object_set_data (G_OBJECT (bar), "label", label);
+  g_signal_connect (bar, "response", G_CALLBACK (delivery_notice_response_handle), NULL);
+  return bar;
+}
+
+void
+delivery_notice_show (GtkBox *page, String to, String text, String reason)
+{
+  GtkWidget *bar = (GtkWidget *) g_object_get_data (G_OBJECT (page), "delivery-notice");
+  if (!bar) {
+    bar = delivery_notice_new ();
+    g_object_set_data (G_OBJECT (page), "delivery-notice", bar);
+    gtk_box_pack_start (page, bar, FALSE, FALSE, 0);
+    gtk_box_reorder_child (page, bar, 0);
+  }
+  char *notice = alloc_notice (to, text, reason);
+  gtk_label_set_text (GTK_LABEL (g_object_get_data (G_OBJECT (bar), "label")), notice);
+  g_free (notice);
+  gtk_widget_show_all (bar);
+}

@@ -1,0 +1,15 @@
+// The bar at the top of a page that tells what came back undelivered. Made when there is something to
+// tell; one that the user dismissed appears again with the next news.
+//
+// Ownership: the page owns the bar.
+//
+// Threads: the interface thread only.
+#pragma once
+
+#include <gtk/gtk.h>
+
+#include "buffers.h"
+
+// `page` is a vertical box. `text` is what was not delivered, shown shortened; it may be empty.
+// `reason` is the server's.
+void delivery_notice_show (GtkBox *page, String to, String text, String reason);
