@@ -17,6 +17,7 @@
 #include "procedure_view.h"
 #include "registration_page.h"
 #include "session.h"
+#include "shown_text.h"
 #include "vcard_page.h"
 
 G_DEFINE_TYPE (AppWindow, app_window, GTK_TYPE_APPLICATION_WINDOW)
@@ -704,6 +705,8 @@ app_window_get_xmpp_presence_subscribe_signal (gpointer data)
   XMPPPresenceSubscribeSignal *signal = (XMPPPresenceSubscribeSignal *) accept_hand_over (data);
   if (app_window_is_open (signal->window)) {
     console_log ("Received <presence type='subscribe' from='%.*s'>\n", STRING_ARGS (signal->from));
+    if (is_misleading_address (get_bare_jid_from_full_jid (signal->from)))
+      console_put ("Warning: This address mixes alphabets or holds invisible letters.\n");
     if (find_char (signal->from, '\'').size) {
       // It would break out of the attribute of the answer.
       console_put ("Warning: Received a <presence> from an account that can't be answered.\n");

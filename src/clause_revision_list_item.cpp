@@ -2,6 +2,8 @@
 
 #include <assert.h>
 
+#include "shown_text.h"
+
 struct _ClauseRevisionListItem {
   GtkBox parent_instance;
   ClauseRevision *revision;  // borrowed; NULL tells the draft row
@@ -38,11 +40,11 @@ clause_revision_list_item_make (ClauseRevision *revision, const char *text)
 GtkWidget *
 clause_revision_list_item_new (ClauseRevision *revision)
 {
-  String text = alloc_format_string ("%.*s:%ld", STRING_ARGS (revision->author), revision->time);
-  char *valid = g_utf8_make_valid ((const char *) text.data, (gssize) text.size);
-  ClauseRevisionListItem *self = clause_revision_list_item_make (revision, valid);
-  g_free (valid);
-  dealloc_string (text);
+  char *author = alloc_shown_text (revision->author);
+  char *text = g_strdup_printf ("%s:%ld", author, revision->time);
+  ClauseRevisionListItem *self = clause_revision_list_item_make (revision, text);
+  g_free (text);
+  g_free (author);
   return GTK_WIDGET (self);
 }
 

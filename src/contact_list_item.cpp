@@ -1,6 +1,7 @@
 #include "contact_list_item.h"
 
 #include "morvane.h"
+#include "shown_text.h"
 
 struct _ContactListItem {
   GtkBox parent_instance;
@@ -30,22 +31,13 @@ contact_list_item_init (ContactListItem *self)
   gtk_widget_init_template (GTK_WIDGET (self));
 }
 
-// A label takes valid UTF-8 only, and what comes from the network may be anything.
-static void
-set_label_text (GtkLabel *label, String text)
-{
-  char *valid = g_utf8_make_valid (text.size ? (const char *) text.data : "", (gssize) text.size);
-  gtk_label_set_text (label, valid);
-  g_free (valid);
-}
-
 GtkWidget *
 contact_list_item_new (Contact *contact)
 {
   ContactListItem *self =
     MORVANE_CONTACT_LIST_ITEM (g_object_new (contact_list_item_get_type (), NULL));
   self->contact = contact;
-  set_label_text (self->name_label, contact->bare_jid);
+  label_show_address (self->name_label, contact->bare_jid);
   contact_list_item_set_status (self, contact->status);
   return GTK_WIDGET (self);
 }
@@ -53,7 +45,7 @@ contact_list_item_new (Contact *contact)
 void
 contact_list_item_set_status (ContactListItem *self, String status)
 {
-  set_label_text (self->status_label, status);
+  label_show_text (self->status_label, status);
   if (status == "unavailable") {
     gtk_image_set_from_icon_name (self->icon_image, "user-offline-symbolic", GTK_ICON_SIZE_BUTTON);
   } else if (status == "available") {

@@ -1,5 +1,7 @@
 #include "procedure_list_item.h"
 
+#include "shown_text.h"
+
 struct _ProcedureListItem {
   GtkBox parent_instance;
   Procedure *procedure;  // borrowed
@@ -26,23 +28,14 @@ procedure_list_item_init (ProcedureListItem *self)
   gtk_widget_init_template (GTK_WIDGET (self));
 }
 
-// A label takes valid UTF-8 only, and the other party may have sent anything.
-static void
-set_label_text (GtkLabel *label, String text)
-{
-  char *valid = g_utf8_make_valid ((const char *) text.data, (gssize) text.size);
-  gtk_label_set_text (label, valid);
-  g_free (valid);
-}
-
 GtkWidget *
 procedure_list_item_new (Procedure *procedure, String contact)
 {
   ProcedureListItem *self =
     MORVANE_PROCEDURE_LIST_ITEM (g_object_new (procedure_list_item_get_type (), NULL));
   self->procedure = procedure;
-  set_label_text (self->title_label, procedure->title);
-  set_label_text (self->contact_label, contact);
+  label_show_text (self->title_label, procedure->title);
+  label_show_address (self->contact_label, contact);
   return GTK_WIDGET (self);
 }
 

@@ -5,6 +5,7 @@
 #include "clause_view.h"
 #include "delivery_notice.h"
 #include "morvane.h"
+#include "shown_text.h"
 
 // The first clauses of a page, which are mapped with it as any widget is.
 static const u32 MAPPED_CLAUSES = 16;
@@ -413,10 +414,7 @@ procedure_view_new_empty (Procedure *procedure)
 {
   ProcedureView *self = MORVANE_PROCEDURE_VIEW (g_object_new (procedure_view_get_type (), NULL));
   self->procedure = procedure;
-  char *title =
-    g_utf8_make_valid ((const char *) procedure->title.data, (gssize) procedure->title.size);
-  gtk_label_set_text (self->title_label, title);
-  g_free (title);
+  label_show_text (self->title_label, procedure->title);
   return GTK_WIDGET (self);
 }
 

@@ -97,3 +97,29 @@ TEST (contact_list_item_set_status, sets_the_icon_at_the_size_of_buttons)
   gtk_image_get_icon_name (GTK_IMAGE (find_widget (test.item, "icon_image")), NULL, &size);
   EXPECT_EQ (size, GTK_ICON_SIZE_BUTTON);
 }
+
+TEST (contact_list_item_new, warns_of_an_address_that_may_imitate_another)
+{
+  // The first letter is Cyrillic.
+  TestItem imitation ("available", "\u0430nna@alpha.test");
+  GtkWidget *label = find_widget (imitation.item, "name_label");
+  EXPECT_TRUE (gtk_style_context_has_class (gtk_widget_get_style_context (label), "warning"));
+  EXPECT_EQ (get_text (imitation.item, "name_label"), "\u0430nna@alpha.test");
+  const char *warning =
+    "This address mixes alphabets or holds invisible letters. It may imitate another one.";
+  char *tooltip = gtk_widget_get_tooltip_text (label);
+  EXPECT_STREQ (tooltip, warning);
+  EXPECT_STREQ (atk_object_get_description (gtk_widget_get_accessible (label)), warning);
+  g_free (tooltip);
+
+  TestItem honest ("available", "anna@alpha.test");
+  label = find_widget (honest.item, "name_label");
+  EXPECT_FALSE (gtk_style_context_has_class (gtk_widget_get_style_context (label), "warning"));
+  EXPECT_EQ (gtk_widget_get_tooltip_text (label), nullptr);
+}
+
+TEST (contact_list_item_new, keeps_the_controls_of_an_address_to_it)
+{
+  TestItem test ("available", "an\u202ena@alpha.test");
+  EXPECT_EQ (get_text (test.item, "name_label"), "\u2068an\u202ena@alpha.test\u2069");
+}

@@ -78,3 +78,18 @@ TEST (procedure_list_item_new, stands_in_the_list_for_the_other_party)
   EXPECT_EQ (get_text (newest, "contact_label"), "carol@beta.test");
   EXPECT_EQ (get_text (oldest, "contact_label"), "bob@beta.test");
 }
+
+TEST (procedure_list_item_new, warns_of_an_address_that_may_imitate_another)
+{
+  Procedure *procedure = make_procedure ("Oak \u202eplanks");
+  GtkWidget *toplevel;
+  GtkWidget *item = make_item (procedure, "b\u03bfb@beta.test", &toplevel);
+  GtkStyleContext *style = gtk_widget_get_style_context (find_widget (item, "contact_label"));
+  EXPECT_TRUE (gtk_style_context_has_class (style, "warning"));
+  // A title may be of any letters, but its controls end with it.
+  style = gtk_widget_get_style_context (find_widget (item, "title_label"));
+  EXPECT_FALSE (gtk_style_context_has_class (style, "warning"));
+  EXPECT_EQ (get_text (item, "title_label"), "\u2068Oak \u202eplanks\u2069");
+  gtk_widget_destroy (toplevel);
+  dealloc_procedure (procedure);
+}
