@@ -160,49 +160,16 @@ clause_comparison_has_changes (ClauseComparison *self)
          gtk_text_iter_forward_to_tag_toggle (&iter, NULL);
 }
 
-// The mark that makes a return symbol of the character at `iter`; NULL when that is text.
-static GtkTextMark *
-clause_comparison_find_return_mark (ClauseComparison *self, GtkTextIter *iter)
-{
-  GtkTextMark *found = NULL;
-  GSList *marks = gtk_text_iter_get_marks (iter);
-  for (GSList *link = marks; link && !found; link = link->next) {
-    if (g_hash_table_contains (self->return_marks, link->data))
-      found = GTK_TEXT_MARK (link->data);
-  }
-  g_slist_free (marks);
-  return found;
-}
-
-char *
-clause_comparison_alloc_text (ClauseComparison *self)
+// Where the tools stand, or else the cursor.
+static GtkTextIter
+clause_comparison_get_place (ClauseComparison *self)
 {
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  GString *text = g_string_new (NULL);
-  GtkTextIter iter;
-  gtk_text_buffer_get_start_iter (text_buffer, &iter);
-  for (; !gtk_text_iter_is_end (&iter); gtk_text_iter_forward_char (&iter)) {
-    if (!gtk_text_iter_has_tag (&iter, self->deleted_tag) &&
-        !clause_comparison_find_return_mark (self, &iter))
-      g_string_append_unichar (text, gtk_text_iter_get_char (&iter));
-  }
-  return g_string_free (text, FALSE);
-}
-
-// Where the tools stand, or else the cursor. `is_run_start_out` tells whether a run that begins right
-// there is still ahead of the user.
-static void
-clause_comparison_get_place (ClauseComparison *self, GtkTextIter *place_out, bool *is_ahead_out)
-{
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (self->text_view);
-  if (self->has_run) {
-    *place_out = self->run_start;
-    *is_ahead_out = false;
-  } else {
-    GtkTextMark *cursor = gtk_text_buffer_get_insert (text_buffer);
-    gtk_text_buffer_get_iter_at_mark (text_buffer, place_out, cursor);
-    *is_ahead_out = gtk_text_iter_starts_tag (place_out, NULL);
-  }
+  GtkTextIter place = self->run_start;
+  if (!self->has_run)
+    gtk_text_buffer_get_iter_at_mark (text_buffer, &place,
+                                      gtk_text_buffer_get_insert (text_buffer));
+  return place;
 }
 
 // Moves on to the next place where a run begins; false when there is none.
@@ -229,8 +196,9 @@ backward_to_run_start (GtkTextIter *iter)
 bool
 clause_comparison_find_next (ClauseComparison *self, GtkTextIter *start_out)
 {
-  bool is_ahead;
-  clause_comparison_get_place (self, start_out, &is_ahead);
+  *start_out = clause_comparison_get_place (self);
+  // A run at the cursor is still ahead of the user, who sees no tools there.
+  bool is_ahead = !self->has_run && gtk_text_iter_starts_tag (start_out, NULL);
   if (is_ahead || forward_to_run_start (start_out))
     return true;
   gtk_text_buffer_get_start_iter (gtk_text_view_get_buffer (self->text_view), start_out);
@@ -240,8 +208,7 @@ clause_comparison_find_next (ClauseComparison *self, GtkTextIter *start_out)
 bool
 clause_comparison_find_previous (ClauseComparison *self, GtkTextIter *start_out)
 {
-  bool is_ahead;
-  clause_comparison_get_place (self, start_out, &is_ahead);
+  *start_out = clause_comparison_get_place (self);
   if (backward_to_run_start (start_out))
     return true;
   gtk_text_buffer_get_end_iter (gtk_text_view_get_buffer (self->text_view), start_out);
@@ -335,11 +302,11 @@ clause_comparison_has_focus_in_tools (ClauseComparison *self)
   return gtk_widget_is_focus (self->keep_button) || gtk_widget_is_focus (self->remove_button);
 }
 
-// A page that is scrolled shows a part of its widgets only.
-static bool
-is_in_sight_at (GtkWidget *widget, int x_root, int y_root)
+// The tools stand over the text and nowhere else. Of a page that is scrolled, a part is in sight.
+bool
+clause_comparison_is_at (ClauseComparison *self, int x_root, int y_root)
 {
-  GdkWindow *gdk_window = gtk_widget_get_window (widget);
+  GdkWindow *gdk_window = gtk_widget_get_window (GTK_WIDGET (self->text_view));
   int x;
   int y;
   gdk_window_get_origin (gdk_window, &x, &y);
@@ -349,14 +316,21 @@ is_in_sight_at (GtkWidget *widget, int x_root, int y_root)
   return is_inside;
 }
 
-bool
-clause_comparison_is_at (ClauseComparison *self, int x_root, int y_root)
-{
-  return is_in_sight_at (GTK_WIDGET (self->text_view), x_root, y_root) ||
-         is_in_sight_at (self->tools, x_root, y_root);
-}
-
 // ---- Deciding ----
+
+// The mark that makes a return symbol of the character at `iter`; NULL when that is text.
+static GtkTextMark *
+clause_comparison_find_return_mark (ClauseComparison *self, GtkTextIter *iter)
+{
+  GtkTextMark *found = NULL;
+  GSList *marks = gtk_text_iter_get_marks (iter);
+  for (GSList *link = marks; link && !found; link = link->next) {
+    if (g_hash_table_contains (self->return_marks, link->data))
+      found = GTK_TEXT_MARK (link->data);
+  }
+  g_slist_free (marks);
+  return found;
+}
 
 // Takes the return symbols of a run out again, so that its line breaks are alone. The iterators stay
 // good.

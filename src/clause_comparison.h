@@ -55,9 +55,6 @@ void clause_comparison_restore (ClauseComparison *self);
 void clause_comparison_end (ClauseComparison *self);
 // Whether a run is still to be decided on.
 bool clause_comparison_has_changes (ClauseComparison *self);
-// The text as the decisions left it, without return symbols, and with the newer text's words where
-// nothing was decided yet. Belongs to the caller (`g_free`).
-char *clause_comparison_alloc_text (ClauseComparison *self);
 // Finds where the next run begins, or the previous one, seen from the run that the tools stand at or
 // else from the cursor. Behind the last run comes the first. False when there is none.
 bool clause_comparison_find_next (ClauseComparison *self, GtkTextIter *start_out);
