@@ -531,6 +531,23 @@ app_window_interrupt_worker (AppWindow *self)
 }
 
 bool
+app_window_give_up_worker (AppWindow *self)
+{
+  if (!self->worker_active)
+    return true;
+  if (!worker_abandon (self->worker, self->account.data, self->input_stream_buffer.data)) {
+    app_window_interrupt_worker (self);
+    return false;
+  }
+  self->worker = NULL;
+  self->worker_active = false;
+  self->account = {};
+  self->input_stream_buffer = alloc (STREAM_BUFFER_SIZE);
+  g_object_unref (self);
+  return true;
+}
+
+bool
 app_window_is_worker_interrupted (AppWindow *self)
 {
   return self->worker && worker_is_interrupted (self->worker);
@@ -569,7 +586,7 @@ app_window_is_open (AppWindow *self)
 u32
 app_window_count_stray_workers ()
 {
-  return stray_workers_count;
+  return stray_workers_count + worker_count_abandoned ();
 }
 
 // ---- Network events: chat and presence ----

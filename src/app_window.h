@@ -129,6 +129,10 @@ gboolean app_window_release_worker (gpointer data);
 // Ends a running worker's wait for the server; its outcome, a failure, still comes.
 void app_window_interrupt_worker (AppWindow *window);
 bool app_window_is_worker_interrupted (AppWindow *window);  // any thread
+// Ends the worker of a login or a registration that the user gives up. True when that is done, and
+// another may start: the worker was still connecting and is left behind without its window. Else its
+// outcome, a failure, comes in a moment.
+bool app_window_give_up_worker (AppWindow *window);
 // Whether another window of the process has a living session with this account, or is logging in to
 // it.
 bool app_window_is_account_open_elsewhere (AppWindow *window, String bare_jid);

@@ -9,6 +9,8 @@ struct _LoginPage {
   GtkBox parent_instance;
   bool is_bare_jid_valid;
   bool is_password_valid;  // not empty
+  bool is_logging_in;      // an attempt of this page runs
+  bool is_cancelled;       // and the user has given it up
   // Template children.
   GtkEntry *bare_jid_entry;
   GtkEntry *password_entry;
@@ -59,16 +61,49 @@ login_page_get_refusal (LoginPage *self, String bare_jid)
   return NULL;
 }
 
+// While the entries are locked the page itself takes the focus, or Escape would not reach it.
+static void
+login_page_set_entries_sensitive (LoginPage *self, gboolean sensitive)
+{
+  gtk_widget_set_can_focus (GTK_WIDGET (self), !sensitive);
+  if (!sensitive)
+    gtk_widget_grab_focus (GTK_WIDGET (self));
+  gtk_widget_set_sensitive (GTK_WIDGET (self->bare_jid_entry), sensitive);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->password_entry), sensitive);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->login_button), sensitive);
+}
+
+static bool
+has_bytes_beyond_ascii (const char *text, char end)
+{
+  while (*text && *text != end && g_ascii_isprint (*text))
+    text++;
+  return *text && *text != end;
+}
+
+// Base64 of such bytes is not what the server expects, and the server can only say no.
+static const char *
+login_page_get_refusal_hint (LoginPage *self)
+{
+  bool is_name_changed = has_bytes_beyond_ascii (gtk_entry_get_text (self->bare_jid_entry), '@');
+  bool is_password_changed =
+    has_bytes_beyond_ascii (gtk_entry_get_text (self->password_entry), '\0');
+  if (!is_name_changed && !is_password_changed)
+    return NULL;
+  return "The name or the password has characters beyond ASCII, which reach the server changed";
+}
+
 static void
 login_page_start_login (LoginPage *self, String bare_jid)
 {
   AppWindow *window = MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
   String password = to_string (gtk_entry_get_text (self->password_entry));
   // The register button stays on: the user may turn to the other page while the server is slow.
-  gtk_widget_set_sensitive (GTK_WIDGET (self->bare_jid_entry), FALSE);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->password_entry), FALSE);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->login_button), FALSE);
+  login_page_set_entries_sensitive (self, FALSE);
   gtk_label_set_text (self->status_label, "");
+  gtk_widget_set_tooltip_text (GTK_WIDGET (self->status_label), NULL);
+  self->is_logging_in = true;
+  self->is_cancelled = false;
   gtk_spinner_start (self->spinner);
   window->account = alloc_xmpp_account (bare_jid, password, to_string ("morvane"));
   console_put ("Connecting...\n");
@@ -86,6 +121,36 @@ login_page_login_button_handle (GtkButton *, LoginPage *self)
     login_page_start_login (self, to_string (bare_jid));
   }
   g_free (bare_jid);
+}
+
+static void
+login_page_end_login (LoginPage *self, const char *status)
+{
+  login_page_set_entries_sensitive (self, TRUE);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->register_button), TRUE);
+  gtk_label_set_text (self->status_label, status);
+  gtk_spinner_stop (self->spinner);
+  self->is_logging_in = false;
+  self->is_cancelled = false;
+}
+
+// Gives up an attempt that runs. Its outcome may still come, and then only unlocks the page.
+static gboolean
+login_page_key_press_handle (GtkWidget *, GdkEvent *event, LoginPage *self)
+{
+  guint keyval = 0;
+  bool is_escape = gdk_event_get_event_type (event) == GDK_KEY_PRESS &&
+                   gdk_event_get_keyval (event, &keyval) && keyval == GDK_KEY_Escape;
+  if (!is_escape || !self->is_logging_in)
+    return FALSE;
+  AppWindow *window = MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
+  if (app_window_give_up_worker (window)) {
+    login_page_end_login (self, "");
+    gtk_widget_grab_focus (GTK_WIDGET (self->login_button));
+  } else {
+    self->is_cancelled = true;
+  }
+  return TRUE;
 }
 
 static void
@@ -112,6 +177,7 @@ static void
 login_page_init (LoginPage *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
+  g_signal_connect (self, "key-press-event", G_CALLBACK (login_page_key_press_handle), self);
   g_signal_connect (self->bare_jid_entry, "changed",
                     G_CALLBACK (login_page_bare_jid_entry_changed_handle), self);
   g_signal_connect (self->password_entry, "changed",
@@ -177,22 +243,14 @@ login_page_get_login_button (LoginPage *self)
 
 // ---- Outcomes of a login ----
 
-static void
-login_page_end_login (LoginPage *self, const char *status)
-{
-  gtk_widget_set_sensitive (GTK_WIDGET (self->bare_jid_entry), TRUE);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->password_entry), TRUE);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->login_button), TRUE);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->register_button), TRUE);
-  gtk_label_set_text (self->status_label, status);
-  gtk_spinner_stop (self->spinner);
-}
-
 gboolean
 login_page_handle_login_success (gpointer data)
 {
   AppWindow *window = MORVANE_APP_WINDOW (accept_hand_over (data));
-  if (app_window_is_open (window)) {
+  if (app_window_is_open (window) && window->login_page->is_cancelled) {
+    // The worker was told to leave, and the connection is released when it has.
+    login_page_end_login (window->login_page, "");
+  } else if (app_window_is_open (window)) {
     assert (window->account.bare_jid.size);
     login_page_end_login (window->login_page, "");
     // Emptied behind the rest, so that its handler has the last word on the login button.
@@ -211,7 +269,10 @@ login_page_handle_login_failure (gpointer data)
   if (app_window_is_open (window)) {
     LoginPage *self = window->login_page;
     xmpp_close_connection (window);
-    login_page_end_login (self, message->text);
+    bool is_awaited = !self->is_cancelled;
+    login_page_end_login (self, is_awaited ? message->text : "");
+    gtk_widget_set_tooltip_text (GTK_WIDGET (self->status_label),
+                                 is_awaited ? login_page_get_refusal_hint (self) : NULL);
     // While the user is on the registration page the focus stays there.
     if (gtk_widget_get_child_visible (GTK_WIDGET (self))) {
       gtk_widget_grab_focus (GTK_WIDGET (self->login_button));

@@ -36,15 +36,43 @@ registration_page_validate_fields (RegistrationPage *self)
                             self->is_bare_jid_valid && self->are_passwords_valid);
 }
 
-// Back to the login page. A registration that runs is ended: its outcome still comes and unlocks
-// the page, but tells the user nothing any more.
+// While the entries are locked the page itself takes the focus, or Escape would not reach it.
+static void
+registration_page_set_entries_sensitive (RegistrationPage *self, gboolean sensitive)
+{
+  gtk_widget_set_can_focus (GTK_WIDGET (self), !sensitive);
+  if (!sensitive) {
+    gtk_widget_grab_focus (GTK_WIDGET (self));
+  }
+  gtk_widget_set_sensitive (GTK_WIDGET (self->bare_jid_entry), sensitive);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->password1_entry), sensitive);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->password2_entry), sensitive);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->register_button), sensitive);
+}
+
+// Returns whether the user still waits for the outcome.
+static bool
+registration_page_end_registration (RegistrationPage *self, const char *status)
+{
+  bool is_awaited = !self->is_cancelled;
+  gtk_label_set_text (self->status_label, is_awaited ? status : "");
+  registration_page_set_entries_sensitive (self, TRUE);
+  gtk_spinner_stop (self->status_spinner);
+  self->is_registering = false;
+  self->is_cancelled = false;
+  return is_awaited;
+}
+
+// Back to the login page. A registration that runs is given up: its outcome may still come, and then
+// unlocks the page, but tells the user nothing.
 static void
 registration_page_leave (RegistrationPage *self)
 {
   AppWindow *window = registration_page_get_window (self);
   if (self->is_registering) {
     self->is_cancelled = true;
-    app_window_interrupt_worker (window);
+    if (app_window_give_up_worker (window))
+      registration_page_end_registration (self, "");
   }
   app_window_goto_login_page (window, NULL);
 }
@@ -75,20 +103,6 @@ registration_page_password_entries_changed_handle (GtkEditable *, RegistrationPa
   const char *password2 = gtk_entry_get_text (self->password2_entry);
   self->are_passwords_valid = *password1 && *password2 && strcmp (password1, password2) == 0;
   registration_page_validate_fields (self);
-}
-
-// While the entries are locked the page itself takes the focus, or Escape would not reach it.
-static void
-registration_page_set_entries_sensitive (RegistrationPage *self, gboolean sensitive)
-{
-  gtk_widget_set_can_focus (GTK_WIDGET (self), !sensitive);
-  if (!sensitive) {
-    gtk_widget_grab_focus (GTK_WIDGET (self));
-  }
-  gtk_widget_set_sensitive (GTK_WIDGET (self->bare_jid_entry), sensitive);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->password1_entry), sensitive);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->password2_entry), sensitive);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->register_button), sensitive);
 }
 
 static void
@@ -178,19 +192,6 @@ registration_page_get_register_button (RegistrationPage *self)
 }
 
 // ---- Outcomes of a registration ----
-
-// Returns whether the user still waits for the outcome.
-static bool
-registration_page_end_registration (RegistrationPage *self, const char *status)
-{
-  bool is_awaited = !self->is_cancelled;
-  gtk_label_set_text (self->status_label, is_awaited ? status : "");
-  registration_page_set_entries_sensitive (self, TRUE);
-  gtk_spinner_stop (self->status_spinner);
-  self->is_registering = false;
-  self->is_cancelled = false;
-  return is_awaited;
-}
 
 gboolean
 registration_page_handle_success (gpointer data)

@@ -288,8 +288,13 @@ app_window_lose_session (AppWindow *self)
 void
 app_window_note_worker_left (AppWindow *self)
 {
-  if (self->closed || !self->account_db_id)
+  if (self->closed)
     return;
+  if (!self->account_db_id) {
+    // Of a login that was given up just when it had succeeded.
+    xmpp_close_connection (self);
+    return;
+  }
   app_window_lose_session (self);
   if (self->is_login_wanted)
     app_window_leave_account (self);

@@ -7,6 +7,11 @@
 
 #include "morvane.h"
 
+// Set for each thread that `worker_start` made.
+static __thread Worker *current_worker;
+
+static gint abandoned_workers_count;
+
 // ---- Life ----
 
 Worker *
@@ -39,6 +44,10 @@ worker_unref (Worker *worker)
   bool is_last = --worker->references_count == 0;
   pthread_mutex_unlock (&worker->mutex);
   if (is_last) {
+    if (worker->is_abandoned)
+      g_atomic_int_add (&abandoned_workers_count, -1);
+    for (void *block : worker->kept)
+      free (block);
     pthread_cond_destroy (&worker->cond);
     pthread_mutex_destroy (&worker->mutex);
     free (worker);
@@ -55,6 +64,7 @@ static void *
 run_worker (void *data)
 {
   Worker *worker = (Worker *) data;
+  current_worker = worker;
   // Also where the entry ends its thread by itself.
   pthread_cleanup_push (drop_thread_reference, worker);
   worker->entry (worker->argument);
@@ -138,6 +148,59 @@ get_deadline (u32 milliseconds)
     deadline.tv_nsec -= 1000000000L;
   }
   return deadline;
+}
+
+// ---- Connecting ----
+
+Worker *
+worker_get_current ()
+{
+  return current_worker;
+}
+
+bool
+worker_begin_connecting (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  worker->is_connecting = !worker->is_interrupted;
+  bool is_connecting = worker->is_connecting;
+  pthread_mutex_unlock (&worker->mutex);
+  return is_connecting;
+}
+
+bool
+worker_end_connecting (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  worker->is_connecting = false;
+  bool is_abandoned = worker->is_abandoned;
+  pthread_mutex_unlock (&worker->mutex);
+  return !is_abandoned;
+}
+
+bool
+worker_abandon (Worker *worker, void *first_block, void *second_block)
+{
+  pthread_mutex_lock (&worker->mutex);
+  bool is_abandoned = worker->is_connecting;
+  worker->is_interrupted = true;
+  pthread_cond_broadcast (&worker->cond);
+  if (is_abandoned) {
+    worker->is_abandoned = true;
+    worker->kept[0] = first_block;
+    worker->kept[1] = second_block;
+    g_atomic_int_inc (&abandoned_workers_count);
+  }
+  pthread_mutex_unlock (&worker->mutex);
+  if (is_abandoned)
+    worker_unref (worker);
+  return is_abandoned;
+}
+
+u32
+worker_count_abandoned ()
+{
+  return (u32) g_atomic_int_get (&abandoned_workers_count);
 }
 
 // ---- Pace ----

@@ -21,7 +21,10 @@ struct Worker {
   void *argument;       // borrowed by the thread until it leaves
   bool has_left;        // it no longer uses what it shared with the interface
   bool is_interrupted;  // it is to leave, and nobody waits for its outcome
-  u32 lead;             // stanzas that it has handed over and that are not applied yet
+  bool is_connecting;   // nothing wakes it, and it touches nothing that it shares
+  bool is_abandoned;
+  void *kept[2];  // what was its window's, freed with the worker
+  u32 lead;       // stanzas that it has handed over and that are not applied yet
 };
 
 // ---- Life ----
@@ -45,6 +48,24 @@ bool worker_has_left (Worker *worker);
 bool worker_wait_until_left (Worker *worker, struct timespec deadline);
 // The monotonic clock's time in so many milliseconds.
 struct timespec get_deadline (u32 milliseconds);
+
+// ---- Connecting ----
+// Nothing ends a thread's wait for a resolver, so who gives up a worker that waits there leaves it
+// behind: it ends by itself, and frees what it has.
+
+// The worker that this thread was started for; NULL on other threads.
+Worker *worker_get_current ();
+// From now on the worker touches nothing of its window but the memory of what it was given. False
+// when it is to leave instead.
+bool worker_begin_connecting (Worker *worker);
+// False when the worker was abandoned meanwhile: it has to release what it opened, and to end.
+bool worker_end_connecting (Worker *worker);
+// Leaves a worker that connects behind, with two blocks of memory that it may be reading; it drops the
+// window's reference on itself. False when it does not connect: it is interrupted then. Interface
+// thread.
+bool worker_abandon (Worker *worker, void *first_block, void *second_block);
+// How many of them have not ended yet.
+u32 worker_count_abandoned ();
 
 // ---- Pace ----
 

@@ -195,7 +195,16 @@ start_xmpp_connection (Buffer buffer, String host, const char *port,
                        gnutls_certificate_credentials_t tls_credentials, Connection *connection_out)
 {
   Connection connection = {};
+  Worker *worker = worker_get_current ();
+  if (worker && !worker_begin_connecting (worker))
+    leave_if_interrupted ();
   int result = os_connect (host, port, &connection.socket);
+  if (worker && !worker_end_connecting (worker)) {
+    // The user has given this attempt up, and its window has nothing to do with it any more.
+    if (!result)
+      os_close_connection (connection.socket);
+    pthread_exit (NULL);
+  }
   if (!result) {
     connection.opened_socket = true;
     // Known at once, so that a window that closes can end the waits that follow.

@@ -290,13 +290,13 @@ TEST (login_page_login_button, refuses_an_account_that_another_window_has_open)
   {
     TestWindow second;
     // The first window's attempt has ended by now or has not; its account is held as open.
-    first.window->account_db_id = 1;
+    first.window->is_connected = true;
     fill (&second, "ALICE@127.33.44.55", "secret");
     force_login (&second);
     EXPECT_EQ (get_text (second.window->login_page, "status_label"),
                "This account is open in another window");
     EXPECT_TRUE (is_idle (&second));
-    first.window->account_db_id = 0;
+    first.window->is_connected = false;
   }
   EXPECT_TRUE (pump_until (is_idle, &first));
 }
@@ -363,6 +363,29 @@ TEST (login_page_handle_login_failure, shows_the_text_and_releases_the_connectio
   g_object_get (find_widget (page, "spinner"), "active", &is_spinning, NULL);
   EXPECT_FALSE (is_spinning);
   EXPECT_EQ (gtk_window_get_focus (GTK_WINDOW (test.window)), login_page_get_login_button (page));
+}
+
+static std::string
+tooltip_after_failure (const char *bare_jid, const char *password)
+{
+  TestWindow test;
+  fill (&test, bare_jid, password);
+  login_page_handle_login_failure (alloc_thread_message (test.window, "Unable to authorize", 0));
+  char *text = gtk_widget_get_tooltip_text (find_widget (test.window->login_page, "status_label"));
+  std::string tooltip = text ? text : "";
+  g_free (text);
+  return tooltip;
+}
+
+TEST (login_page_handle_login_failure, tells_of_characters_that_reach_the_server_changed)
+{
+  const char *hint =
+    "The name or the password has characters beyond ASCII, which reach the server changed";
+  EXPECT_EQ (tooltip_after_failure ("alice@alpha.test", "p\303\244ss"), hint);
+  EXPECT_EQ (tooltip_after_failure ("\303\244lice@alpha.test", "secret"), hint);
+  EXPECT_EQ (tooltip_after_failure ("alice@alpha.test", "se cret~!"), "");
+  // The host is not sent with them.
+  EXPECT_EQ (tooltip_after_failure ("alice@\303\244lpha.test", "secret"), "");
 }
 
 TEST (login_page_handle_login_failure, leaves_the_focus_alone_on_another_page)

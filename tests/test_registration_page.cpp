@@ -213,11 +213,11 @@ TEST (registration_page_register_button, refuses_an_account_that_another_window_
   start_waiting (&first);
   {
     TestWindow second;
-    first.window->account_db_id = 1;
+    first.window->is_connected = true;
     start_waiting (&second);
     EXPECT_EQ (get_text (second.window->registration_page, "status_label"),
                "This account is open in another window");
-    first.window->account_db_id = 0;
+    first.window->is_connected = false;
   }
   EXPECT_TRUE (pump_until (is_idle, &first));
 }

@@ -1088,3 +1088,95 @@ TEST (registration, can_be_left_at_every_wait_and_a_login_follows)
     finish_server (&wire);
   }
 }
+
+// ---- Giving up ----
+
+static bool
+is_connecting (void *data)
+{
+  Worker *worker = ((AppWindow *) data)->worker;
+  pthread_mutex_lock (&worker->mutex);
+  bool result = worker->is_connecting;
+  pthread_mutex_unlock (&worker->mutex);
+  return result;
+}
+
+static bool
+has_no_strays (void *)
+{
+  return app_window_count_stray_workers () == 0;
+}
+
+// A resolver or a server that keeps quiet takes minutes; the user does not.
+TEST (login, can_be_given_up_while_it_connects_and_another_begins_at_once)
+{
+  Wire wire;
+  {
+    DeafServer deaf;
+    for (u32 attempt = 1; attempt <= 3; ++attempt) {
+      press_login (&wire);
+      EXPECT_TRUE (pump_until (is_connecting, wire.window));
+      press_key (&wire.test, GDK_KEY_Escape);
+      EXPECT_FALSE (app_window_is_worker_running (wire.window));
+      EXPECT_EQ (app_window_count_stray_workers (), attempt);
+      EXPECT_EQ (status_of_login (&wire), "");
+    }
+    close (deaf.listener);
+  }
+  EXPECT_TRUE (pump_until (has_no_strays, NULL));
+  EXPECT_EQ (get_text (wire.window->login_page, "status_label"), "");
+  play (&wire, script_pieces ({"<presence from='bob@alpha.test/x' to='alice@alpha.test'/>"}));
+  EXPECT_TRUE (pump_until (is_idle, wire.window));
+  EXPECT_EQ (wire.window->contacts.count, 1u);
+}
+
+TEST (login, that_was_given_up_outlives_its_window)
+{
+  DeafServer deaf;
+  {
+    Wire wire;
+    press_login (&wire);
+    EXPECT_TRUE (pump_until (is_connecting, wire.window));
+    press_key (&wire.test, GDK_KEY_Escape);
+  }
+  EXPECT_EQ (app_window_count_stray_workers (), 1u);
+  close (deaf.listener);
+  EXPECT_TRUE (pump_until (has_no_strays, NULL));
+}
+
+// Up to the answer to the bind, after which the session begins whatever comes.
+TEST (login, can_be_given_up_at_every_wait)
+{
+  ServerScript login = script_login (JID);
+  for (size_t count = 0; count + 5 < login.size (); ++count) {
+    Wire wire;
+    ServerScript script (login.begin (), login.begin () + count);
+    script.push_back (server_wait ());
+    start_server (&wire, script);
+    press_login (&wire);
+    EXPECT_TRUE (scripted_server_wait_steps (wire.server, count));
+    press_key (&wire.test, GDK_KEY_Escape);
+    EXPECT_EQ (status_of_login (&wire), "") << count;
+    EXPECT_TRUE (pump_until (has_no_strays, NULL));
+    scripted_server_stop (wire.server);
+    wire.server = NULL;
+  }
+}
+
+TEST (registration, can_be_given_up_while_it_connects_and_a_login_begins_at_once)
+{
+  Wire wire;
+  DeafServer deaf;
+  press_register (&wire);
+  EXPECT_TRUE (pump_until (is_connecting, wire.window));
+  press (wire.window->registration_page, "cancel_button");
+  EXPECT_FALSE (app_window_is_worker_running (wire.window));
+  EXPECT_EQ (get_page (wire.window, "stack"), "login_page");
+  EXPECT_TRUE (is_sensitive (wire.window->registration_page, "register_button"));
+  press_login (&wire);
+  EXPECT_TRUE (pump_until (is_connecting, wire.window));
+  press_key (&wire.test, GDK_KEY_Escape);
+  EXPECT_FALSE (app_window_is_worker_running (wire.window));
+  close (deaf.listener);
+  EXPECT_TRUE (pump_until (has_no_strays, NULL));
+}

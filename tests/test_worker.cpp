@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
+#include <stdlib.h>
 #include <time.h>
 
 #include <atomic>
@@ -141,6 +142,64 @@ TEST (get_deadline, carries_into_the_seconds)
   EXPECT_GE (difference, 1999);
   EXPECT_GE (deadline.tv_nsec, 0);
   EXPECT_LT (deadline.tv_nsec, 1000000000L);
+}
+
+// ---- Connecting ----
+
+static void *
+run_connecting (void *data)
+{
+  Work *work = (Work *) data;
+  Worker *worker = worker_get_current ();
+  EXPECT_TRUE (worker_begin_connecting (worker));
+  work->is_done = true;
+  while (!work->may_leave) {
+    sched_yield ();
+  }
+  if (worker_end_connecting (worker))
+    worker_leave (worker);
+  return NULL;
+}
+
+// Until the entry has begun.
+static void
+wait_until_done (Work *work)
+{
+  gint64 end = g_get_monotonic_time () + LONG * G_GINT64_CONSTANT (1000);
+  while (!work->is_done && g_get_monotonic_time () < end) {
+    g_thread_yield ();
+  }
+  EXPECT_TRUE (work->is_done);
+}
+
+TEST (worker_abandon, leaves_one_that_connects_behind_with_what_it_reads)
+{
+  Work work = {worker_new (), false, false};
+  worker_start (work.worker, run_connecting, &work);
+  wait_until_done (&work);
+  EXPECT_TRUE (worker_abandon (work.worker, malloc (10), malloc (20)));
+  EXPECT_EQ (worker_count_abandoned (), 1u);
+  work.may_leave = true;
+  gint64 end = g_get_monotonic_time () + LONG * G_GINT64_CONSTANT (1000);
+  while (worker_count_abandoned () && g_get_monotonic_time () < end) {
+    g_thread_yield ();
+  }
+  EXPECT_EQ (worker_count_abandoned (), 0u);
+}
+
+TEST (worker_abandon, interrupts_one_that_does_not_connect)
+{
+  Work work = {worker_new (), false, false};
+  EXPECT_FALSE (worker_abandon (work.worker, NULL, NULL));
+  EXPECT_TRUE (worker_is_interrupted (work.worker));
+  EXPECT_FALSE (worker_begin_connecting (work.worker));
+  EXPECT_EQ (worker_count_abandoned (), 0u);
+  worker_unref (work.worker);
+}
+
+TEST (worker_get_current, is_none_on_other_threads)
+{
+  EXPECT_EQ (worker_get_current (), nullptr);
 }
 
 // ---- Pace ----
