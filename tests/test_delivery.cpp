@@ -253,6 +253,44 @@ TEST (delivery, what_was_not_acknowledged_is_sent_again)
              "x-revision x-clause-decision x-clause-message ");
 }
 
+// ---- What comes back ----
+
+static bool
+owes_revision (void *data)
+{
+  return owed (&((Session *) data)->test) == "revision\n";
+}
+
+TEST (delivery, what_came_back_is_owed_and_goes_out_in_the_next_session_only)
+{
+  Session first;
+  // Binding and roster took the first two ids, then come procedure, clause and revision.
+  first.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait (),
+                server_send ("<message type='error' id='5' from='bob@beta.test' "
+                             "to='alice@alpha.test/morvane'><error type='cancel'>"
+                             "<service-unavailable xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/>"
+                             "</error></message>"),
+                server_wait (), server_send ("</stream:stream>"), server_close_notify (),
+                server_expect_until ("</stream:stream>")},
+               {});
+  Procedure *procedure = do_everything (&first);
+  scripted_server_signal (first.server);
+  EXPECT_TRUE (pump_until (owes_revision, &first));
+  GtkWidget *label = find_widget (procedure->clauses[0]->view, "revision_status_label");
+  EXPECT_TRUE (gtk_style_context_has_class (gtk_widget_get_style_context (label), "not-sent"));
+  scripted_server_signal (first.server);
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  EXPECT_EQ (list_sent (first.finish ().received), ALL_SENT);
+  EXPECT_EQ (owed (&first.test), "revision\n");
+
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_expect_until ("</x-revision></body></message>"), server_wait ()}, {});
+  EXPECT_TRUE (pump_until (is_table_gone, &second));
+  scripted_server_signal (second.server);
+  EXPECT_EQ (list_sent (second.finish ().received), "x-revision ");
+}
+
 // ---- Marks ----
 
 static std::string
