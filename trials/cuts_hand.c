@@ -13,6 +13,7 @@
 //   row TEXT               activates the row of a list with a label of that text
 //   labels                 "text ..." of every label that can be seen, one after the other
 //   title                  "text ..." of the window's title
+//   do NAME                the window's action of that name
 //   close                  closes the window
 //
 // Widgets are counted in the order in which they stand, from 0. The answer is "ok", a number,
@@ -225,6 +226,16 @@ tell_labels (void)
 }
 
 static void
+activate_action (const char *name)
+{
+  GtkWindow *window = get_window ();
+  gboolean is_there = window && g_action_group_has_action (G_ACTION_GROUP (window), name);
+  if (is_there)
+    g_action_group_activate_action (G_ACTION_GROUP (window), name, NULL);
+  answer (is_there ? "ok" : "none", NULL);
+}
+
+static void
 close_window (void)
 {
   GtkWindow *window = get_window ();
@@ -265,6 +276,8 @@ obey (char *line)
     tell_labels ();
   else if (!strcmp (line, "title"))
     tell_title ();
+  else if (!strcmp (line, "do"))
+    activate_action (rest);
   else if (!strcmp (line, "close"))
     close_window ();
   else
