@@ -1396,7 +1396,9 @@ clause_view_is_below_pointer (GtkButton *button)
   gdk_window_get_device_position (gdk_window, gdk_seat_get_pointer (seat), &x, &y, NULL);
   GtkAllocation place;
   gtk_widget_get_allocation (widget, &place);
-  return x >= place.x && x < place.x + place.width && y >= place.y && y < place.y + place.height;
+  bool is_beside = x >= place.x && x < place.x + place.width;
+  // Without a place yet, it is as small as a widget can be.
+  return place.width > 1 && is_beside && y >= place.y && y < place.y + place.height;
 }
 
 // Another buffer takes over what the user sees and does in the text.
@@ -1429,16 +1431,23 @@ clause_view_put_comparison_aside (ClauseView *self)
   gtk_text_view_set_editable (self->text_view, TRUE);
 }
 
+static bool
+clause_view_holds_focus (ClauseView *self)
+{
+  GtkWidget *window = gtk_widget_get_toplevel (GTK_WIDGET (self));
+  GtkWidget *focus = GTK_IS_WINDOW (window) ? gtk_window_get_focus (GTK_WINDOW (window)) : NULL;
+  return focus && gtk_widget_is_ancestor (focus, GTK_WIDGET (self));
+}
+
 // Keeps what the user is at, as a revision is going to take its place. Keys that were on their way
 // there are swallowed.
 static void
 clause_view_make_room (ClauseView *self)
 {
-  GtkWidget *window = gtk_widget_get_toplevel (GTK_WIDGET (self));
   bool is_busy = self->is_draft || self->comparison.is_shown;
-  if (is_busy && gtk_container_get_focus_child (GTK_CONTAINER (self))) {
+  if (is_busy && clause_view_holds_focus (self)) {
     clause_view_focus_in_place (self, GTK_WIDGET (self->revision_select_menu_button));
-    key_guard_begin (GTK_WINDOW (window));
+    key_guard_begin (GTK_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self))));
   }
   clause_view_save_draft (self);
   if (self->comparison.is_shown && self->comparison.has_decisions) {

@@ -415,6 +415,416 @@ TEST (clause_view_drafts, clause_without_revision_shows_its_stored_draft)
   EXPECT_EQ (drafts.stored (), "begun yesterday\n");
 }
 
+// ---- A revision that arrives ----
+
+static bool
+is_note_shown (Clause *clause, const char *text)
+{
+  bool is_shown = false;
+  GList *rows = gtk_container_get_children (GTK_CONTAINER (clause->view));
+  for (GList *link = rows; link; link = link->next) {
+    if (GTK_IS_LABEL (link->data) && gtk_widget_get_visible (GTK_WIDGET (link->data)))
+      is_shown |= !strcmp (gtk_label_get_text (GTK_LABEL (link->data)), text);
+  }
+  g_list_free (rows);
+  return is_shown;
+}
+
+static const char TEXT_IS_KEPT[] = "Your text is kept: Escape goes back to it.";
+static const char COMPARISON_IS_KEPT[] = "Your comparison is kept: Escape goes back to it.";
+
+static bool
+is_popover_shown (Drafts *drafts)
+{
+  GtkWidget *button = drafts->widget ("revision_select_menu_button");
+  return gtk_toggle_button_get_active (GTK_TOGGLE_BUTTON (button));
+}
+
+TEST (clause_view_arrival, swallows_the_keys_of_who_types_on)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  press_key (drafts.test.get (), GDK_KEY_End);
+  drafts.keys ("xy");
+  press_key (drafts.test.get (), GDK_KEY_Left);
+  drafts.receive (6000, "their words");
+  drafts.keys ("typed on");
+  press_key (drafts.test.get (), GDK_KEY_space);
+  press_key (drafts.test.get (), GDK_KEY_Return);
+  press_key (drafts.test.get (), GDK_KEY_Tab);
+  EXPECT_EQ (drafts.text (), "their words");
+  EXPECT_EQ (drafts.status (), BOB ":6000");
+  EXPECT_FALSE (is_popover_shown (&drafts));
+  EXPECT_EQ (drafts.stored (), "firstxy\n");
+  EXPECT_TRUE (is_note_shown (drafts.clause, TEXT_IS_KEPT));
+  // Back, with the cursor where it was.
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_FALSE (is_note_shown (drafts.clause, TEXT_IS_KEPT));
+  drafts.keys ("z");
+  EXPECT_EQ (drafts.text (), "firstxzy");
+}
+
+TEST (clause_view_arrival, swallows_keys_when_the_typing_is_saved_already)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  drafts.focus ("cancel_button");
+  drafts.focus ("text_view");
+  drafts.receive (6000, "their words");
+  drafts.keys ("abc");
+  EXPECT_EQ (drafts.text (), "their words");
+  EXPECT_EQ (drafts.status (), BOB ":6000");
+}
+
+static bool
+is_guard_over (void *window)
+{
+  return !key_guard_is_active (GTK_WINDOW (window));
+}
+
+TEST (clause_view_arrival, hears_keys_again_after_a_pause)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  drafts.receive (6000, "their words");
+  EXPECT_TRUE (key_guard_is_active (GTK_WINDOW (drafts.test->window)));
+  s64 start = g_get_monotonic_time ();
+  EXPECT_TRUE (pump_until (is_guard_over, drafts.test->window));
+  EXPECT_GE (g_get_monotonic_time () - start, 900000);
+  // Escape still goes back.
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), "firstx");
+}
+
+TEST (clause_view_arrival, hears_keys_again_after_a_click)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  drafts.receive (6000, "their words");
+  GdkEvent *event = gdk_event_new (GDK_BUTTON_PRESS);
+  GtkWidget *label = drafts.widget ("text_view");
+  event->button.window = GDK_WINDOW (g_object_ref (gtk_widget_get_window (label)));
+  event->button.button = 1;
+  GdkSeat *seat = gdk_display_get_default_seat (gtk_widget_get_display (label));
+  gdk_event_set_device (event, gdk_seat_get_pointer (seat));
+  gtk_main_do_event (event);
+  event->type = GDK_BUTTON_RELEASE;
+  gtk_main_do_event (event);
+  gdk_event_free (event);
+  pump ();
+  EXPECT_FALSE (key_guard_is_active (GTK_WINDOW (drafts.test->window)));
+}
+
+TEST (clause_view_arrival, leaves_keys_alone_that_go_elsewhere)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  press (drafts.procedure->view, "add_clause_button");
+  Clause *other = drafts.procedure->clauses[1];
+  drafts.focus (find_widget (other->view, "text_view"));
+  drafts.receive (6000, "their words");
+  drafts.keys ("other");
+  EXPECT_EQ (get_text (other->view, "text_view"), "other");
+  EXPECT_EQ (drafts.text (), "their words");
+}
+
+TEST (clause_view_arrival, of_a_second_revision_still_leads_back_to_the_text)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  drafts.receive (6000, "their words");
+  drafts.receive (6001, "their next words");
+  EXPECT_EQ (drafts.text (), "their next words");
+  EXPECT_TRUE (choose (drafts.clause, GO_BACK));
+  EXPECT_EQ (drafts.text (), "firstx");
+  EXPECT_FALSE (choose (drafts.clause, GO_BACK));
+}
+
+TEST (clause_view_arrival, keeps_a_comparison_with_its_decisions)
+{
+  Drafts drafts ({"one two", "one three"});
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  std::string status = drafts.status ();
+  drafts.receive (6000, "their words");
+  drafts.keys ("abc");
+  EXPECT_EQ (drafts.text (), "their words");
+  EXPECT_TRUE (gtk_text_view_get_editable (GTK_TEXT_VIEW (drafts.widget ("text_view"))));
+  EXPECT_TRUE (is_note_shown (drafts.clause, COMPARISON_IS_KEPT));
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), "one three");
+  EXPECT_EQ (drafts.status (), status);
+  EXPECT_TRUE (choose (drafts.clause, USE_AS_DRAFT));
+  EXPECT_EQ (drafts.stored (), "one three\n");
+  // Typing, undoing and saving go on in what was kept.
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  press_key (drafts.test.get (), GDK_KEY_z, GDK_CONTROL_MASK);
+  EXPECT_EQ (drafts.text (), "one three");
+}
+
+TEST (clause_view_arrival, closes_well_with_a_comparison_kept)
+{
+  Drafts drafts ({"one two", "one three"});
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  drafts.receive (6000, "their words");
+  drafts.restart ();
+  EXPECT_EQ (drafts.text (), "their words");
+}
+
+// ---- A press in haste ----
+
+static void
+point_at (Drafts *drafts, const char *name)
+{
+  GtkWidget *widget = drafts->widget (name);
+  EXPECT_TRUE (
+    pump_until ([] (void
+                      *button) { return gtk_widget_get_allocated_width (GTK_WIDGET (button)) > 1; },
+                widget));
+  GdkWindow *gdk_window = gtk_widget_get_window (widget);
+  GtkAllocation place;
+  gtk_widget_get_allocation (widget, &place);
+  int x;
+  int y;
+  gdk_window_get_root_coords (gdk_window, place.x + place.width / 2, place.y + place.height / 2, &x,
+                              &y);
+  GdkDisplay *display = gtk_widget_get_display (widget);
+  gdk_device_warp (gdk_seat_get_pointer (gdk_display_get_default_seat (display)),
+                   gdk_window_get_screen (gdk_window), x, y);
+  pump ();
+}
+
+static std::string
+list_decisions (Drafts *drafts)
+{
+  return query (drafts->test.get (), "SELECT status FROM clause_revision_decisions");
+}
+
+TEST (clause_view_haste, press_meant_for_the_revision_before_decides_nothing)
+{
+  Drafts drafts ({"first", "second"});
+  point_at (&drafts, "agree_button");
+  drafts.receive (6000, "their words");
+  press (drafts.clause->view, "agree_button");
+  EXPECT_EQ (list_decisions (&drafts), "");
+  EXPECT_EQ (take_sent (drafts.test.get ()), "");
+}
+
+TEST (clause_view_haste, pointer_that_was_elsewhere_decides)
+{
+  Drafts drafts ({"first", "second"});
+  point_at (&drafts, "disagree_button");
+  drafts.receive (6000, "their words");
+  press (drafts.clause->view, "agree_button");
+  EXPECT_EQ (list_decisions (&drafts), "AGREE\n");
+}
+
+TEST (clause_view_haste, press_half_a_second_later_decides)
+{
+  Drafts drafts ({"first", "second"});
+  point_at (&drafts, "agree_button");
+  drafts.receive (6000, "their words");
+  static s64 end;
+  end = g_get_monotonic_time () + 500000;
+  EXPECT_TRUE (pump_until ([] (void *) { return g_get_monotonic_time () > end; }, NULL));
+  press (drafts.clause->view, "agree_button");
+  EXPECT_EQ (list_decisions (&drafts), "AGREE\n");
+}
+
+TEST (clause_view_haste, press_that_began_before_decides_nothing)
+{
+  Drafts drafts ({"first", "second"});
+  point_at (&drafts, "agree_button");
+  g_signal_emit_by_name (drafts.widget ("agree_button"), "pressed");
+  drafts.receive (6000, "their words");
+  static s64 end;
+  end = g_get_monotonic_time () + 500000;
+  EXPECT_TRUE (pump_until ([] (void *) { return g_get_monotonic_time () > end; }, NULL));
+  press (drafts.clause->view, "agree_button");
+  EXPECT_EQ (list_decisions (&drafts), "");
+}
+
+// ---- Undoing ----
+
+static void
+undo (Drafts *drafts)
+{
+  press_key (drafts->test.get (), GDK_KEY_z, GDK_CONTROL_MASK);
+}
+
+static void
+redo (Drafts *drafts)
+{
+  press_key (drafts->test.get (), GDK_KEY_Z, (GdkModifierType) (GDK_CONTROL_MASK | GDK_SHIFT_MASK));
+}
+
+TEST (clause_view_undo, goes_back_to_where_typing_began_and_forth)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  press_key (drafts.test.get (), GDK_KEY_End);
+  drafts.keys (" and more");
+  EXPECT_EQ (drafts.text (), "first and more");
+  std::string steps;
+  for (int i = 0; i < 5; i++) {
+    undo (&drafts);
+    steps += drafts.text () + "\n";
+  }
+  EXPECT_EQ (steps, "first and \nfirst \nfirst\nfirst\nfirst\n");
+  for (int i = 0; i < 5; i++)
+    redo (&drafts);
+  EXPECT_EQ (drafts.text (), "first and more");
+  EXPECT_EQ (drafts.status (), "draft");
+}
+
+TEST (clause_view_undo, never_reaches_into_another_text)
+{
+  Drafts drafts ({"first", "second"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  drafts.focus ("cancel_button");
+  show_row (drafts.clause, ALICE ":3000");
+  drafts.focus ("text_view");
+  undo (&drafts);
+  redo (&drafts);
+  EXPECT_EQ (drafts.text (), "first");
+  EXPECT_EQ (drafts.status (), ALICE ":3000");
+  // It goes on with its own.
+  show_row (drafts.clause, "draft");
+  EXPECT_EQ (drafts.text (), "secondx");
+  drafts.focus ("text_view");
+  undo (&drafts);
+  EXPECT_EQ (drafts.text (), "second");
+  EXPECT_EQ (drafts.status (), "draft");
+}
+
+TEST (clause_view_undo, ends_where_another_draft_began)
+{
+  Drafts drafts ({"first", "second"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  show_row (drafts.clause, ALICE ":3000");
+  drafts.focus ("text_view");
+  press_key (drafts.test.get (), GDK_KEY_Home, GDK_CONTROL_MASK);
+  drafts.keys ("y");
+  EXPECT_EQ (drafts.text (), "yfirst");
+  for (int i = 0; i < 3; i++)
+    undo (&drafts);
+  EXPECT_EQ (drafts.text (), "first");
+  EXPECT_TRUE (choose (drafts.clause, BRING_BACK));
+  for (int i = 0; i < 3; i++)
+    undo (&drafts);
+  EXPECT_EQ (drafts.text (), "secondx");
+}
+
+TEST (clause_view_undo, has_nothing_to_undo_after_a_restart)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  drafts.restart ();
+  show_row (drafts.clause, "draft");
+  drafts.focus ("text_view");
+  undo (&drafts);
+  EXPECT_EQ (drafts.text (), "firstx");
+  drafts.keys ("y");
+  undo (&drafts);
+  EXPECT_EQ (drafts.text (), "firstx");
+}
+
+// ---- Saving by itself ----
+
+TEST (clause_view_save, comes_ten_seconds_after_the_last_key)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  GSource *source = g_main_context_find_source_by_user_data (NULL, drafts.clause->view);
+  ASSERT_TRUE (source);
+  s64 left = g_source_get_ready_time (source) - g_get_monotonic_time ();
+  EXPECT_GT (left, 8 * G_USEC_PER_SEC);
+  EXPECT_LE (left, 11 * G_USEC_PER_SEC);
+  EXPECT_EQ (drafts.stored (), "");
+  // Its time has come.
+  g_source_set_ready_time (source, 0);
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return ((Drafts *) data)->stored () == "firstx\n"; }, &drafts));
+  EXPECT_EQ (drafts.text (), "firstx");
+  EXPECT_EQ (drafts.status (), "draft");
+  EXPECT_TRUE (gtk_widget_has_focus (drafts.widget ("text_view")));
+  EXPECT_FALSE (g_main_context_find_source_by_user_data (NULL, drafts.clause->view));
+}
+
+// ---- The focus and the keys ----
+
+static bool
+is_at_revisions_button (Drafts *drafts)
+{
+  return gtk_window_get_focus (GTK_WINDOW (drafts->test->window)) ==
+         drafts->widget ("revision_select_menu_button");
+}
+
+TEST (clause_view_focus, goes_to_the_revisions_button_after_each_choice)
+{
+  Drafts drafts ({"first", "second"});
+  for (const char *name : {"agree_button", "disagree_button", "commit_button", "cancel_button"}) {
+    if (name[0] == 'c')
+      type (drafts.clause->view, "text_view", "typed");
+    drafts.focus (name);
+    press (drafts.clause->view, name);
+    EXPECT_TRUE (is_at_revisions_button (&drafts)) << name;
+  }
+  std::string text = drafts.text ();
+  drafts.keys ("x ");
+  EXPECT_EQ (drafts.text (), text);
+  EXPECT_EQ (list_decisions (&drafts), "DISAGREE\n");
+}
+
+TEST (clause_view_focus, goes_to_add_clause_button_after_a_new_clause_is_cancelled)
+{
+  Drafts drafts ({"first"});
+  press (drafts.procedure->view, "add_clause_button");
+  press (drafts.procedure->clauses[1]->view, "cancel_button");
+  EXPECT_EQ (gtk_window_get_focus (GTK_WINDOW (drafts.test->window)),
+             find_widget (drafts.procedure->view, "add_clause_button"));
+}
+
+TEST (clause_view_keys, ctrl_return_commits)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  press_key (drafts.test.get (), GDK_KEY_Return, GDK_CONTROL_MASK);
+  EXPECT_EQ (drafts.clause->revisions_count, 1u);
+  EXPECT_EQ (drafts.text (), "first");
+  drafts.keys ("x");
+  press_key (drafts.test.get (), GDK_KEY_Return, GDK_CONTROL_MASK);
+  ASSERT_EQ (drafts.clause->revisions_count, 2u);
+  EXPECT_EQ (to_std_string (drafts.clause->revisions[1]->text), "firstx");
+}
+
+TEST (clause_view_commit, of_blanks_is_refused_and_says_why)
+{
+  Drafts drafts ({"first"}, "old draft");
+  for (const char *text : {" ", "\n \t\n", "\u00a0\u3000"}) {
+    type (drafts.clause->view, "text_view", text);
+    press (drafts.clause->view, "commit_button");
+    EXPECT_EQ (drafts.status (), "A text of blanks can't be committed.");
+    EXPECT_EQ (drafts.clause->revisions_count, 1u);
+    EXPECT_EQ (drafts.text (), text);
+  }
+  EXPECT_EQ (take_sent (drafts.test.get ()), "");
+  type (drafts.clause->view, "text_view", " x");
+  press (drafts.clause->view, "commit_button");
+  EXPECT_EQ (drafts.clause->revisions_count, 2u);
+}
+
 // ---- Every order ----
 
 // What is owed to the user, worked out beside the view.
