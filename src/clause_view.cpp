@@ -85,12 +85,12 @@ struct _ClauseView {
   int draft_cursor;      // where the cursor was when the draft was left, in characters
   guint save_source;     // stores the typing; 0 when there is none to be stored
   // What a revision that arrived took the place of.
-  bool was_draft_left;              // the user was at the draft
-  ComparisonAside aside;            // the user was at a comparison
-  GtkLabel *note_label;             // says so; NULL until there is something to say
-  s64 arrival_time;                 // of the monotonic clock, in microseconds; 0 before the first
-  s64 press_time;                   // of a decision button, likewise; 0 when none is pressed
-  GtkButton *button_below_pointer;  // when the revision arrived; NULL for none of the two
+  bool was_draft_left;      // the user was at the draft
+  ComparisonAside aside;    // the user was at a comparison
+  GtkLabel *note_label;     // says so; NULL until there is something to say
+  s64 arrival_time;         // of the monotonic clock, in microseconds; 0 before the first
+  s64 press_time;           // of a decision button, likewise; 0 when none is pressed
+  bool was_about_to_press;  // a button, when the revision arrived
 };
 
 G_DEFINE_TYPE (ClauseView, clause_view, GTK_TYPE_BOX)
@@ -787,11 +787,11 @@ clause_view_decision_button_pressed_handle (GtkButton *, ClauseView *self)
 
 // Whether a press was on its way when a revision arrived below it, which the user has not seen yet.
 static bool
-clause_view_is_hasty (ClauseView *self, GtkButton *button)
+clause_view_is_hasty (ClauseView *self)
 {
   s64 time = self->press_time ? self->press_time : g_get_monotonic_time ();
   self->press_time = 0;
-  return button == self->button_below_pointer && time < self->arrival_time + HASTE_MAX;
+  return self->was_about_to_press && time < self->arrival_time + HASTE_MAX;
 }
 
 // The focus goes where a stray key neither types nor decides.
@@ -802,10 +802,10 @@ clause_view_focus_revisions_button (ClauseView *self)
 }
 
 static void
-clause_view_agree_button_handle (GtkButton *button, ClauseView *self)
+clause_view_agree_button_handle (GtkButton *, ClauseView *self)
 {
   assert (self->revision);
-  if (clause_view_is_hasty (self, button))
+  if (clause_view_is_hasty (self))
     return;
   clause_view_leave_diff_for_decision (self);
   clause_view_make_new_decision (self, clause_view_get_window (self)->account.bare_jid,
@@ -815,10 +815,10 @@ clause_view_agree_button_handle (GtkButton *button, ClauseView *self)
 }
 
 static void
-clause_view_disagree_button_handle (GtkButton *button, ClauseView *self)
+clause_view_disagree_button_handle (GtkButton *, ClauseView *self)
 {
   assert (self->revision);
-  if (clause_view_is_hasty (self, button))
+  if (clause_view_is_hasty (self))
     return;
   clause_view_leave_diff_for_decision (self);
   clause_view_make_new_decision (self, clause_view_get_window (self)->account.bare_jid,
@@ -1457,14 +1457,15 @@ clause_view_make_room (ClauseView *self)
     self->was_draft_left = true;
     clause_view_show_note (self, "Your text is kept: Escape goes back to it.");
   }
-  self->button_below_pointer = NULL;
+  self->was_about_to_press = false;
   if (!gtk_widget_get_mapped (GTK_WIDGET (self)))
     return;
   self->arrival_time = g_get_monotonic_time ();
-  if (clause_view_is_below_pointer (self->agree_button))
-    self->button_below_pointer = self->agree_button;
-  if (clause_view_is_below_pointer (self->disagree_button))
-    self->button_below_pointer = self->disagree_button;
+  // The decision buttons may move to where the others are now.
+  GtkButton *buttons[] = {self->agree_button, self->disagree_button, self->commit_button,
+                          self->cancel_button};
+  for (GtkButton *button : buttons)
+    self->was_about_to_press |= clause_view_is_below_pointer (button);
 }
 
 void

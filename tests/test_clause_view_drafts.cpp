@@ -617,10 +617,23 @@ TEST (clause_view_haste, press_meant_for_the_revision_before_decides_nothing)
   EXPECT_EQ (take_sent (drafts.test.get ()), "");
 }
 
+// The decision buttons may come to lie where Commit was.
+TEST (clause_view_haste, press_meant_for_commit_decides_nothing)
+{
+  Drafts drafts ({"first", "second"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  point_at (&drafts, "commit_button");
+  drafts.receive (6000, "their words");
+  press (drafts.clause->view, "disagree_button");
+  EXPECT_EQ (list_decisions (&drafts), "");
+  EXPECT_EQ (drafts.stored (), "secondx\n");
+}
+
 TEST (clause_view_haste, pointer_that_was_elsewhere_decides)
 {
   Drafts drafts ({"first", "second"});
-  point_at (&drafts, "disagree_button");
+  point_at (&drafts, "text_view");
   drafts.receive (6000, "their words");
   press (drafts.clause->view, "agree_button");
   EXPECT_EQ (list_decisions (&drafts), "AGREE\n");

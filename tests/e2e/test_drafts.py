@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 """Typing that is not committed yet survives the end of the program, and so does a fresh commit."""
 
+import os
+
 import driver
 
 TITLE = "Repair of the roof"
@@ -73,6 +75,75 @@ class Drafts(driver.Case):
             driver.wait_same(anna, bert)
         anna.close()
         bert.close()
+
+    def two(self):
+        """Both look at a clause of anna's; bert is about to commit, without the keyboard."""
+        anna, bert = self.clause(), self.bert().start()
+        bert.login()
+        bert.open_procedure(TITLE)
+        bert.wait_text("Clause text", "Committed text")
+        bert.put("Clause text", "Words of bert")
+        anna.activate()
+        return anna, bert
+
+    def test_key_behind_an_arrival(self):
+        """a saved draft is not replaced by the other party's text and one key"""
+        anna, bert = self.two()
+        anna.write(0, "Words of anna")
+        anna.focus("Clause text")
+        bert.activate()
+        self.desktop.wait(lambda: anna.drafts() == ["Words of anna"], "the draft is stored")
+        bert.click("Commit")
+        anna.wait_text("Clause text", "Words of bert")
+        anna.focus("Clause text")
+        self.desktop.key("ctrl+End", "x")
+        anna.wait_text("Clause text", "Words of bertx")
+        bert.activate()
+        self.desktop.wait(lambda: anna.drafts() == ["Words of bertx"], "the new draft is stored")
+        self.says("the replaced draft is brought back, and changes places")
+        node = anna.wait_for("Clause text", driver.ENTRY_ROLES)
+        anna.open_menu(node, "Bring back the replaced draft")
+        self.picture("menu")
+        anna.press_menu_item("Bring back the replaced draft")
+        anna.wait_text("Clause text", "Words of anna")
+        self.assertEqual(anna.drafts(), ["Words of anna"])
+        anna.open_menu(node, "Bring back the replaced draft")
+        anna.press_menu_item("Bring back the replaced draft")
+        anna.wait_text("Clause text", "Words of bertx")
+        anna.close()
+        bert.close()
+
+    def test_typing_on_into_an_arrival(self):
+        """who types on while a revision arrives changes nothing in it and loses nothing"""
+        anna, bert = self.two()
+        sentence = "This is what anna types while bert commits a text"
+        anna.clear("Clause text")
+        typing = driver.start_process(
+            ["xdotool", "type", "--delay", "120", sentence], env=self.desktop.environment)
+        self.desktop.wait(lambda: len(anna.text("Clause text")) > 10, "anna types")
+        bert.press("Commit")
+        anna.wait_text("Clause text", "Words of bert")
+        anna.wait_label("Your text is kept: Escape goes back to it.")
+        self.desktop.wait(lambda: typing.poll() is not None, "anna has typed to the end")
+        self.assertEqual(typing.returncode, 0)
+        self.assertEqual(anna.text("Clause text"), "Words of bert")
+        kept, = anna.drafts()
+        self.assertTrue(kept and sentence.startswith(kept), kept)
+        self.picture("kept")
+        self.says("one key leads back")
+        self.desktop.key("Escape")
+        anna.wait_text("Clause text", kept)
+        self.desktop.type_text(sentence[len(kept):])
+        anna.wait_text("Clause text", sentence)
+        self.desktop.key("ctrl+Return")
+        bert.wait_text("Clause text", sentence)
+        anna.close()
+        bert.close()
+
+    def picture(self, name):
+        """Kept when a place for it is given."""
+        if os.environ.get("MORVANE_E2E_OUTPUT"):
+            self.desktop.picture(os.path.join(self.desktop.output, "drafts-%s.png" % name))
 
 
 if __name__ == "__main__":
