@@ -1187,6 +1187,18 @@ TEST (clause_view_comparison, next_one_still_means_the_draft)
   EXPECT_EQ (show_runs (comparison.clause), "a b");
 }
 
+TEST (clause_view_comparison, row_activation_ends_what_the_next_one_means)
+{
+  Comparison comparison ({"a b", "a c"}, "a d");
+  activate_row (comparison.clause, 2);
+  compare_row (&comparison.test, comparison.clause, 0);
+  activate_row (comparison.clause, 0);
+  compare_row (&comparison.test, comparison.clause, 1);
+  EXPECT_EQ (show_runs (comparison.clause), "a [-b-][+c+]");
+  choose (comparison.clause, LEAVE);
+  EXPECT_EQ (show_runs (comparison.clause), "a b");
+}
+
 TEST (clause_view_comparison, menu_leaves_it)
 {
   Comparison comparison ({"a b", "a c"});
