@@ -86,6 +86,12 @@ struct Session {
     ServerScript script = script_login (JID, options);
     script_append (&script, more);
     server = scripted_server_start (script);
+    log_in ();
+  }
+
+  // Logs in to a server that listens already.
+  void log_in ()
+  {
     type (window->login_page, "bare_jid_entry", JID);
     type (window->login_page, "password_entry", "pw");
     press (window->login_page, "login_button");

@@ -188,6 +188,37 @@ TEST (stream_management, an_answer_is_due_even_when_nothing_is_new)
   session.finish ();
 }
 
+// ---- Stops ----
+
+static bool
+is_never (void *)
+{
+  return false;
+}
+
+TEST (stream_management, a_stanza_that_stops_the_program_is_acknowledged_first)
+{
+  GTEST_FLAG_SET (death_test_style, "threadsafe");
+  ScriptedServer *server = NULL;
+  if (!testing::internal::InDeathTestChild ()) {
+    ServerScript script = script_login (JID, managed ());
+    // Roster, presence and procedure are acknowledged with it, as they were applied.
+    script_append (&script,
+                   {server_send (procedure (100) + "<iq type='error' id='x' from='alpha.test'/>"),
+                    server_expect_until (answer (4))});
+    server = scripted_server_start (script);
+  }
+  EXPECT_DEATH (
+    {
+      Session session;
+      session.log_in ();
+      pump_until (is_never, NULL);
+    },
+    "string_has_only_digits [(]id_attrib[)]");
+  ServerReport report = scripted_server_finish (server);
+  EXPECT_EQ (report.failure, "") << report.transcript;
+}
+
 // ---- What is sent ----
 
 struct Counted {
