@@ -284,6 +284,12 @@ app_window_is_worker_interrupted (AppWindow *)
   CHECK (!"called");
 }
 
+void
+app_window_tell_worker_to_leave (AppWindow *)
+{
+  CHECK (!"called");
+}
+
 gboolean
 app_window_release_worker (gpointer)
 {

@@ -24,10 +24,16 @@ G_DEFINE_TYPE (AppWindow, app_window, GTK_TYPE_APPLICATION_WINDOW)
 
 // ---- Closing ----
 
-// How long a window that closes waits for its worker, in milliseconds: first for the server to end
-// the stream by itself, then for the worker that was cut off.
+// How long a window that closes waits, in milliseconds: for the server to end the stream, or for a
+// worker that was told to leave; with the rest of closing, under two seconds.
+static const u32 CLOSING_WAIT = 1500;
+// How long a worker whose socket was shut down may take to leave, in milliseconds.
+static const u32 LEAVE_WAIT = 300;
+// How long what the server has delivered ahead of its end may take to be stored, in milliseconds.
+static const u32 BACKLOG_WAIT = 60000;
+// For a window that is destroyed without being closed: for the end of the stream, and for the worker.
 static const u32 STREAM_END_WAIT = 1000;
-static const u32 WORKER_WAIT = 1500;  // with the rest of closing, under two seconds
+static const u32 WORKER_WAIT = 1500;
 
 static u32 stray_workers_count;
 
@@ -45,24 +51,30 @@ app_window_save_drafts (AppWindow *self)
   }
 }
 
+// Neither to a server that has ended the session itself, nor to one that takes no more.
+static bool
+app_window_end_stream (AppWindow *self)
+{
+  bool is_told = self->worker_active && os_is_writable (self->connection.socket);
+  if (is_told)
+    end_xmpp_stream (self);
+  return is_told;
+}
+
 // Ends the session, lets the worker leave and releases the connection; without the worker's leave
 // it stays the worker's, and is released when that comes back.
 static void
 app_window_end_session (AppWindow *self)
 {
-  struct timespec deadline = get_deadline (WORKER_WAIT);
-  bool is_logged_in = self->account_db_id != 0;
+  // A window that was closed has waited already.
+  struct timespec deadline = get_deadline (self->closing ? 0 : WORKER_WAIT);
+  bool is_logged_in = self->account_db_id && !self->closing;
   app_window_stop_sending (self);
   if (self->worker_active)
     worker_interrupt (self->worker);
-  // Neither to a server that has ended the session itself, nor to one that takes no more.
-  bool is_told = is_logged_in && self->worker_active && !self->is_login_wanted &&
-                 os_is_writable (self->connection.socket);
   struct timespec end_deadline = get_deadline (STREAM_END_WAIT);
-  if (is_told) {
-    xmpp_send_end_stream (self->connection.tls_session, self->output_stream_buffer);
+  if (is_logged_in && app_window_end_stream (self))
     flush_tls_data (self->connection.tls_session, STREAM_END_WAIT);
-  }
   if (self->worker_active) {
     bool left = is_logged_in && worker_wait_until_left (self->worker, end_deadline);
     if (!left)
@@ -79,13 +91,82 @@ app_window_end_session (AppWindow *self)
 }
 
 static void
+app_window_disappear (AppWindow *self)
+{
+  gtk_widget_hide (GTK_WIDGET (self));
+  gdk_display_flush (gtk_widget_get_display (GTK_WIDGET (self)));
+  // While the account is loaded there is nothing to type into, and not every clause has a view.
+  if (!self->loading)
+    app_window_save_drafts (self);
+}
+
+// The last word in a session with stream management, behind all that the worker has taken: what the
+// server delivers after it stays the server's, and comes again.
+static gboolean
+app_window_say_farewell (gpointer data)
+{
+  AppWindow *self = (AppWindow *) accept_hand_over (data);
+  if (!self->closed && self->worker_active) {
+    stream_management_tell (&self->stream_management);
+    app_window_end_stream (self);
+  }
+  g_object_unref (self);
+  return G_SOURCE_REMOVE;
+}
+
+// A window that closes has waited long enough: for the server first, then for the worker.
+static gboolean
+app_window_go_on_closing (gpointer data)
+{
+  AppWindow *self = MORVANE_APP_WINDOW (data);
+  if (self->loading)
+    return G_SOURCE_CONTINUE;
+  self->closing_source = 0;
+  if (self->closing_is_late || !self->account_db_id) {
+    gtk_widget_destroy (GTK_WIDGET (self));
+    return G_SOURCE_REMOVE;
+  }
+  self->closing_is_late = true;
+  u32 wait = BACKLOG_WAIT;
+  if (!os_has_peer_ended (self->connection.socket)) {
+    app_window_tell_worker_to_leave (self);
+    interrupt_xmpp_connection (self);
+    wait = LEAVE_WAIT;
+  }
+  self->closing_source = g_timeout_add (wait, app_window_go_on_closing, self);
+  return G_SOURCE_REMOVE;
+}
+
+// The window is out of sight at once. It goes when its worker has left and all that this has handed
+// over was applied to model and store; the views are left alone from now on.
+static void
+app_window_begin_closing (AppWindow *self)
+{
+  app_window_disappear (self);
+  self->closing = true;
+  if (self->loading)
+    give_up_long_work ();
+  self->closing_source = g_timeout_add (CLOSING_WAIT, app_window_go_on_closing, self);
+  if (!self->account_db_id && interrupt_xmpp_login (self)) {
+    interrupt_xmpp_connection (self);
+  } else if (stream_management_is_counting (&self->stream_management)) {
+    stop_taking_stanzas (self);
+    hand_over (app_window_say_farewell, g_object_ref (self));
+  } else {
+    app_window_end_stream (self);
+  }
+}
+
+static void
 app_window_destroy (GtkWidget *widget)
 {
   AppWindow *self = MORVANE_APP_WINDOW (widget);
   if (!self->closed) {
-    gtk_widget_hide (widget);
-    gdk_display_flush (gtk_widget_get_display (widget));
-    app_window_save_drafts (self);
+    if (!self->closing)
+      app_window_disappear (self);
+    if (self->closing_source)
+      g_source_remove (self->closing_source);
+    self->closing_source = 0;
     self->closed = true;
     if (self->stream_end_source)
       g_source_remove (self->stream_end_source);
@@ -144,12 +225,13 @@ app_window_contacts_list_box_row_activated_handle (GtkListBox *, GtkListBoxRow *
   gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (contact->chat_page));
 }
 
-// A window that is closed while its account is loaded goes when that is done.
 static gboolean
 app_window_delete_handle (GtkWidget *, GdkEvent *, AppWindow *self)
 {
-  self->close_wanted = self->loading;
-  return self->loading;
+  bool has_to_wait = self->worker_active || self->loading;
+  if (has_to_wait && !self->closing)
+    app_window_begin_closing (self);
+  return has_to_wait;
 }
 
 // Alt with the grave accent opens and closes the console.
@@ -343,6 +425,8 @@ app_window_begin_loading (AppWindow *self)
 {
   self->loading = true;
   begin_long_work ();
+  if (self->closing)
+    give_up_long_work ();
 }
 
 static void
@@ -350,8 +434,8 @@ app_window_end_loading (AppWindow *self)
 {
   end_long_work ();
   self->loading = false;
-  if (self->close_wanted)
-    gtk_window_close (GTK_WINDOW (self));
+  if (self->closing && !self->worker_active)
+    gtk_widget_destroy (GTK_WIDGET (self));
 }
 
 void
@@ -367,14 +451,18 @@ app_window_load_account (AppWindow *self)
   db_load_account (self->db, self->account_db_id, &self->contacts, &self->procedures);
   for (u32 i = 0; i < self->contacts.count; i++) {
     app_window_add_contact (self, self->contacts.contacts[i]);
-    pause_long_work ();
+    if (!pause_long_work ())
+      break;
   }
   for (u32 i = 0; i < self->procedures.count; i++) {
     app_window_add_procedure (self, self->procedures.procedures[i]);
-    pause_long_work ();
+    if (!pause_long_work ())
+      break;
   }
   gtk_stack_set_visible_child (self->stack, GTK_WIDGET (self->main_page));
-  delivery_begin (self);
+  // Nothing is sent behind the farewell.
+  if (!self->closing)
+    delivery_begin (self);
   app_window_end_loading (self);
 }
 
@@ -409,16 +497,18 @@ app_window_create_new_contact (AppWindow *self, String bare_jid, String status)
   Contact *contact = alloc_contact (0, self->account_db_id, bare_jid, status);
   db_insert_contact (self->db, contact);
   contact_stack_push (&self->contacts, contact);
-  app_window_add_contact (self, contact);
+  if (!self->closing)
+    app_window_add_contact (self, contact);
 }
 
 void
-app_window_set_contact_status (AppWindow *, Contact *contact, String status)
+app_window_set_contact_status (AppWindow *self, Contact *contact, String status)
 {
   assert (contact->status.data);
   dealloc_string (contact->status);
   contact->status = alloc_string (status);
-  contact_list_item_set_status (contact->list_item, status);
+  if (!self->closing)
+    contact_list_item_set_status (contact->list_item, status);
 }
 
 void
@@ -428,7 +518,8 @@ app_window_add_contact_message (AppWindow *self, Contact *contact, String text)
     alloc_contact_message (0, contact->db_id, get_posix_time (), contact->bare_jid, text);
   db_insert_contact_message (self->db, message);
   contact_add_message (contact, message);
-  contact_chat_page_add_message (contact->chat_page, message);
+  if (!self->closing)
+    contact_chat_page_add_message (contact->chat_page, message);
 }
 
 void
@@ -516,7 +607,11 @@ app_window_release_worker (gpointer data)
     stray_workers_count--;
     xmpp_close_connection (self);
   }
-  app_window_note_worker_left (self);
+  if (self->closing && !self->closed) {
+    gtk_widget_destroy (GTK_WIDGET (self));
+  } else {
+    app_window_note_worker_left (self);
+  }
   g_object_unref (self);
   return G_SOURCE_REMOVE;
 }
@@ -528,6 +623,13 @@ app_window_interrupt_worker (AppWindow *self)
     return;
   worker_interrupt (self->worker);
   interrupt_xmpp_connection (self);
+}
+
+void
+app_window_tell_worker_to_leave (AppWindow *self)
+{
+  if (self->worker)
+    worker_interrupt (self->worker);
 }
 
 bool
@@ -570,7 +672,9 @@ app_window_is_account_open_elsewhere (AppWindow *self, String bare_jid)
       continue;
     AppWindow *other = MORVANE_APP_WINDOW (link->data);
     // The account itself may be in its worker's hands.
-    bool is_open = !other->closed && (other->worker_active || other->is_connected);
+    // A closed window that was still logging in won't come to a session.
+    bool is_given_up = other->closed || (other->closing && !other->account_db_id);
+    bool is_open = !is_given_up && (other->worker_active || other->is_connected);
     if (is_open && other->worker_bare_jid == bare_jid)
       return true;
   }
@@ -727,7 +831,8 @@ app_window_get_xmpp_presence_subscribe_signal (gpointer data)
     if (find_char (signal->from, '\'').size) {
       // It would break out of the attribute of the answer.
       console_put ("Warning: Received a <presence> from an account that can't be answered.\n");
-    } else {
+    } else if (!has_ended_xmpp_stream (signal->window)) {
+      // Without an answer the server asks again at the next login (RFC 6121, 3.1.3).
       xmpp_presence_subscribed (signal->window, signal->from);
       xmpp_presence_subscribe (signal->window, signal->from);
     }
@@ -834,7 +939,7 @@ static void
 app_window_apply_procedure (AppWindow *self, XMPPProcedure *message)
 {
   Procedure *procedure = negotiation_receive_procedure (app_window_get_negotiation (self), message);
-  if (procedure)
+  if (procedure && !self->closing)
     app_window_add_procedure (self, procedure);
 }
 
@@ -854,7 +959,7 @@ app_window_apply_clause (AppWindow *self, XMPPClause *message)
   Procedure *procedure;
   Clause *clause =
     negotiation_receive_clause (app_window_get_negotiation (self), message, &procedure);
-  if (!clause)
+  if (!clause || self->closing)
     return;
   procedure_view_add_clause (procedure->view, clause);
   clause_view_enable_chat (clause->view);
@@ -876,7 +981,7 @@ app_window_apply_clause_revision (AppWindow *self, XMPPClauseRevision *message)
   Clause *clause;
   ClauseRevision *revision =
     negotiation_receive_revision (app_window_get_negotiation (self), message, &clause);
-  if (!revision)
+  if (!revision || self->closing)
     return;
   clause_view_add_revision (clause->view, revision);
   clause_view_show_revision (clause->view, revision, self->account.bare_jid);
@@ -902,7 +1007,7 @@ app_window_apply_clause_message (AppWindow *self, XMPPClauseMessage *xmpp_messag
   Clause *clause;
   ClauseMessage *message =
     negotiation_receive_message (app_window_get_negotiation (self), xmpp_message, &clause);
-  if (message)
+  if (message && !self->closing)
     clause_chat_page_add_message (clause->chat_page, message);
 }
 
@@ -925,7 +1030,7 @@ app_window_apply_clause_revision_decision (AppWindow *self,
   ClauseRevision *revision;
   ClauseRevisionDecision *decision =
     negotiation_receive_decision (app_window_get_negotiation (self), signal, &clause, &revision);
-  if (decision)
+  if (decision && !self->closing)
     clause_view_set_others_revision_decision (clause->view, revision, decision);
 }
 

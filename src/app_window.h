@@ -73,9 +73,11 @@ struct _AppWindow {
   gint is_send_change_known;  // the interface is about to look at what waits to be sent; atomic
   guint send_source;          // waits until the socket takes more; 0 for none
   guint stream_end_source;    // ends the wait for the server's end of the stream; 0 for none
-  bool closed;                // the user closed the window; interface thread only
-  bool loading;               // the account is being loaded, and the window has to stay
-  bool close_wanted;          // the user closed the window meanwhile
+  bool closing;          // the user closed the window: only model and store are kept up to date
+  bool closing_is_late;  // the server was waited for as long as it may
+  guint closing_source;  // a timer that goes on with the closing; 0 for none
+  bool closed;           // nothing is applied any more; interface thread only
+  bool loading;          // the account is being loaded, and the window has to stay
 };
 
 G_DECLARE_FINAL_TYPE (AppWindow, app_window, MORVANE, APP_WINDOW, GtkApplicationWindow)
@@ -129,6 +131,8 @@ gboolean app_window_release_worker (gpointer data);
 // Ends a running worker's wait for the server; its outcome, a failure, still comes.
 void app_window_interrupt_worker (AppWindow *window);
 bool app_window_is_worker_interrupted (AppWindow *window);  // any thread
+// Tells the worker to leave, without waking it where it waits for the server. Any thread.
+void app_window_tell_worker_to_leave (AppWindow *window);
 // Ends the worker of a login or a registration that the user gives up. True when that is done, and
 // another may start: the worker was still connecting and is left behind without its window. Else its
 // outcome, a failure, comes in a moment.
@@ -136,7 +140,7 @@ bool app_window_give_up_worker (AppWindow *window);
 // Whether another window of the process has a living session with this account, or is logging in to
 // it.
 bool app_window_is_account_open_elsewhere (AppWindow *window, String bare_jid);
-// False once the user closed the window: an idle handler then only frees its record.
+// False once a closed window has ended its session: an idle handler then only frees its record.
 bool app_window_is_open (AppWindow *window);
 // The number of workers that had to be left behind by a window that closed, because they did not
 // come back in time; while there are any, the TLS library must not be de-initialised.

@@ -108,7 +108,8 @@ clause_chat_page_new (Procedure *procedure, Clause *clause)
   self->clause = clause;
   for (u32 i = 0; i < clause->messages_count; ++i) {
     clause_chat_page_add_message (self, clause->messages[i]);
-    pause_long_work ();
+    if (!pause_long_work ())
+      break;
   }
   return GTK_WIDGET (self);
 }

@@ -1157,7 +1157,8 @@ clause_view_new (Procedure *procedure, Clause *clause)
     clause_view_enable_chat (self);
   for (u32 i = 0; i < clause->revisions_count; i++) {
     clause_view_add_revision (self, clause->revisions[i]);
-    pause_long_work ();
+    if (!pause_long_work ())
+      break;
   }
   if (clause->draft)
     clause_view_add_draft_row (self);

@@ -106,7 +106,8 @@ contact_chat_page_new (Contact *contact)
   self->contact = contact;
   for (u32 i = 0; i < contact->messages_count; ++i) {
     contact_chat_page_add_message (self, contact->messages[i]);
-    pause_long_work ();
+    if (!pause_long_work ())
+      break;
   }
   return GTK_WIDGET (self);
 }

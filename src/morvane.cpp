@@ -50,10 +50,13 @@ static const s64 PIECE_MAX = 40000;
 
 static u32 long_works_count;
 static s64 long_work_pause_time;  // when the last pause ended, microseconds
+static bool is_long_work_given_up;
 
 void
 begin_long_work ()
 {
+  // Work within other work is given up with that.
+  is_long_work_given_up = long_works_count && is_long_work_given_up;
   long_works_count++;
   long_work_pause_time = g_get_monotonic_time ();
 }
@@ -76,13 +79,22 @@ answer_user ()
     g_main_context_iteration (NULL, FALSE);
 }
 
-void
+bool
 pause_long_work ()
 {
-  if (!long_works_count || g_get_monotonic_time () < long_work_pause_time + PIECE_MAX)
-    return;
-  answer_user ();
-  long_work_pause_time = g_get_monotonic_time ();
+  if (!long_works_count)
+    return true;
+  if (!is_long_work_given_up && g_get_monotonic_time () >= long_work_pause_time + PIECE_MAX) {
+    answer_user ();
+    long_work_pause_time = g_get_monotonic_time ();
+  }
+  return !is_long_work_given_up;
+}
+
+void
+give_up_long_work ()
+{
+  is_long_work_given_up = true;
 }
 
 void

@@ -34,7 +34,10 @@ void *accept_hand_over (void *record);  // returns `record`
 
 void begin_long_work ();
 // Where one piece ends. Returns at once outside of long work, and when the last pause was just now.
-void pause_long_work ();
+// False when the work was given up: what is left of it need not be done.
+bool pause_long_work ();
+// Gives up what is being done. Called in a pause.
+void give_up_long_work ();
 void end_long_work ();
 
 // ---- Console ----

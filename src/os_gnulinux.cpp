@@ -266,6 +266,15 @@ os_wait_readable_or_writable (SocketDescriptor socket)
 }
 
 bool
+os_has_peer_ended (SocketDescriptor socket)
+{
+  struct pollfd entry = {};
+  entry.fd = socket;
+  entry.events = POLLRDHUP;
+  return poll (&entry, 1, 0) > 0;
+}
+
+bool
 os_is_writable (SocketDescriptor socket)
 {
   struct pollfd entry = {};

@@ -59,6 +59,9 @@ bool os_wait_readable (SocketDescriptor socket, int timeout_ms);
 bool os_wait_writable (SocketDescriptor socket, int timeout_ms);
 // Waits until a read or a write would not block; true when it is the read.
 bool os_wait_readable_or_writable (SocketDescriptor socket);
+// Whether the peer has ended its side of the connection, or it is broken; what came before that may
+// still be there to be received.
+bool os_has_peer_ended (SocketDescriptor socket);
 // True when a small `os_send` would not block.
 bool os_is_writable (SocketDescriptor socket);
 // Ends both directions and so wakes a reader in another thread; never closes. Does nothing to a

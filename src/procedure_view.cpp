@@ -430,12 +430,14 @@ procedure_view_fill (ProcedureView *self, String own)
     } else {
       clause_view_set_draft_mode (clause->view);
     }
-    pause_long_work ();
+    if (!pause_long_work ())
+      return;
   }
   // Now that they have their styles, which a pause gives them.
   for (u32 i = 0; i < procedure->clauses_count; ++i) {
     clause_view_measure (procedure->clauses[i]->view);
-    pause_long_work ();
+    if (!pause_long_work ())
+      return;
   }
 }
 

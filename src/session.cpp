@@ -279,7 +279,7 @@ app_window_lose_session (AppWindow *self)
   self->is_connected = false;
   app_window_stop_sending (self);
   interrupt_xmpp_connection (self);
-  if (self->is_login_wanted)
+  if (self->is_login_wanted || self->closing)
     return;
   gtk_window_set_title (GTK_WINDOW (self), LOST_TITLE);
   app_window_notify (self);
@@ -315,7 +315,8 @@ app_window_stream_end_due_handle (gpointer data)
 void
 app_window_log_in_again (AppWindow *self)
 {
-  if (self->closed || self->loading || !self->account_db_id || self->is_login_wanted)
+  if (self->closing || self->closed || self->loading || !self->account_db_id ||
+      self->is_login_wanted)
     return;
   app_window_save_drafts (self);
   if (!self->worker_active) {
@@ -324,7 +325,7 @@ app_window_log_in_again (AppWindow *self)
   }
   self->is_login_wanted = true;
   if (self->is_connected) {
-    xmpp_send_end_stream (self->connection.tls_session, self->output_stream_buffer);
+    end_xmpp_stream (self);
     self->stream_end_source =
       g_timeout_add (STREAM_END_WAIT, app_window_stream_end_due_handle, self);
   }

@@ -53,6 +53,8 @@ static const char STREAM_MANAGEMENT_NAMESPACE[] = "urn:xmpp:sm:3";
 static void
 send_element (StreamManagement *counts, String request)
 {
+  if (has_ended_xmpp_stream (counts->window))
+    return;
   CONSOLE_DUMP (request);
   send_all_tls_data (counts->tls_session, request);
 }
@@ -383,6 +385,15 @@ stream_management_leave_stanza (StreamManagement *counts)
   counts->received_count++;
   pthread_mutex_unlock (&counts_mutex);
   hand_over_mark (counts, stream_management_note_applied);
+}
+
+bool
+stream_management_is_counting (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  bool is_counting = counts->is_counting;
+  pthread_mutex_unlock (&counts_mutex);
+  return is_counting;
 }
 
 void

@@ -76,6 +76,8 @@ void stream_management_leave_stanza (StreamManagement *counts);
 
 // ---- Acknowledging ----
 
+// Whether received stanzas are counted, and so come again when they are not acknowledged.
+bool stream_management_is_counting (StreamManagement *counts);
 // Acknowledges at once what has been applied and was not acknowledged yet. Interface thread.
 void stream_management_tell (StreamManagement *counts);
 

@@ -164,10 +164,10 @@ make_stream_header (Buffer buffer, String host)
 static pthread_mutex_t connection_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 static void
-publish_connection (Connection *connection_out, Connection connection)
+publish_connection (Connection *connection_out, const Connection *connection)
 {
   pthread_mutex_lock (&connection_mutex);
-  *connection_out = connection;
+  *connection_out = *connection;
   pthread_mutex_unlock (&connection_mutex);
 }
 
@@ -183,7 +183,7 @@ open_stream (Buffer buffer, String host, gnutls_certificate_credentials_t tls_cr
   int error = init_tls_session (tls_credentials, connection->socket, host, &connection->tls_session,
                                 &connection->tls_hostname);
   connection->opened_tls_session = true;
-  publish_connection (connection_out, *connection);
+  publish_connection (connection_out, connection);
   if (error)
     return -1;
   xmpp_begin_stream (connection->tls_session, buffer, host);
@@ -208,11 +208,11 @@ start_xmpp_connection (Buffer buffer, String host, const char *port,
   if (!result) {
     connection.opened_socket = true;
     // Known at once, so that a window that closes can end the waits that follow.
-    publish_connection (connection_out, connection);
+    publish_connection (connection_out, &connection);
     leave_if_interrupted ();
     result = open_stream (buffer, host, tls_credentials, &connection, connection_out);
   }
-  publish_connection (connection_out, connection);
+  publish_connection (connection_out, &connection);
   return result;
 }
 
@@ -492,7 +492,32 @@ adopt_full_jid (AppWindow *window, String full_jid)
   }
 }
 
-// Dispatches the siblings from `tree` on; the last one is left out when it is still open.
+// Held while a stanza becomes records, so that the interface knows where the worker stands when it
+// tells it to take no more.
+static pthread_mutex_t dispatch_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+static void
+dispatch_stanza (AppWindow *window, XMLElement *element)
+{
+  bool is_message = element->name == "message";
+  bool is_presence = element->name == "presence";
+  if (!is_message && !is_presence && element->name != "iq") {
+    console_put ("Warning: Received unknown XML data.\n");
+    return;
+  }
+  stream_management_enter_stanza (&window->stream_management);
+  if (is_message) {
+    parse_xmpp_message (window, element);
+  } else if (is_presence) {
+    parse_xmpp_presence (window, element);
+  } else {
+    parse_xmpp_iq (window, element);
+  }
+  stream_management_leave_stanza (&window->stream_management);
+}
+
+// Dispatches the siblings from `tree` on; the last one is left out when it is still open. A worker that
+// is to leave takes only what the server acknowledges.
 static void
 dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
 {
@@ -501,31 +526,31 @@ dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
       break;
     if (stream_management_take (&window->stream_management, element))
       continue;
-    bool is_message = element->name == "message";
-    bool is_presence = element->name == "presence";
-    if (!is_message && !is_presence && element->name != "iq") {
-      console_put ("Warning: Received unknown XML data.\n");
-      continue;
-    }
-    stream_management_enter_stanza (&window->stream_management);
-    if (is_message) {
-      parse_xmpp_message (window, element);
-    } else if (is_presence) {
-      parse_xmpp_presence (window, element);
-    } else {
-      parse_xmpp_iq (window, element);
-    }
-    stream_management_leave_stanza (&window->stream_management);
-    app_window_worker_keep_pace (window);
+    pthread_mutex_lock (&dispatch_mutex);
+    bool is_wanted = !app_window_is_worker_interrupted (window);
+    if (is_wanted)
+      dispatch_stanza (window, element);
+    pthread_mutex_unlock (&dispatch_mutex);
+    if (is_wanted)
+      app_window_worker_keep_pace (window);
   }
+}
+
+// What was passed over or refused counts for the server like any other stanza.
+static void
+count_lost_stanza (AppWindow *window)
+{
+  pthread_mutex_lock (&dispatch_mutex);
+  if (!app_window_is_worker_interrupted (window))
+    stream_management_leave_stanza (&window->stream_management);
+  pthread_mutex_unlock (&dispatch_mutex);
 }
 
 static void
 handle_received (AppWindow *window, Received received)
 {
-  // What was passed over counts for the server, as does what is refused.
   for (u32 i = 0; i < received.skipped_count; i++) {
-    stream_management_leave_stanza (&window->stream_management);
+    count_lost_stanza (window);
   }
   XMLElement *tree;
   while (received_next_tree (&received, &tree)) {
@@ -533,7 +558,7 @@ handle_received (AppWindow *window, Received received)
       print_xml_tree (tree, 0);
       dispatch_stanzas (window, tree, received.is_last_open);
     } else if (!received.is_open && begins_with_stanza (received.text)) {
-      stream_management_leave_stanza (&window->stream_management);
+      count_lost_stanza (window);
     }
   }
 }
@@ -542,26 +567,38 @@ handle_received (AppWindow *window, Received received)
 static void
 run_session (AppWindow *window, String kept)
 {
-  gnutls_session_t tls_session = window->connection.tls_session;
   Receiver receiver;
-  receiver_begin (&receiver, tls_session, window->input_stream_buffer, kept);
+  receiver_begin (&receiver, window->connection.tls_session, window->input_stream_buffer, kept);
   for (;;) {
     Received received = receive_stanzas (&receiver);
     String data = received.data;
     if (data.size)
       stream_management_note_heard (&window->stream_management, data);
-    // To a window that closes nothing is said any more, however much comes.
-    if (data.size && app_window_is_worker_interrupted (window))
+    // Nobody waits for it any more, however much comes.
+    if (data.size && app_window_is_worker_interrupted (window) &&
+        !stream_management_is_counting (&window->stream_management))
       continue;
     CONSOLE_DUMP (data);
     if (!data.size)
       break;
     handle_received (window, received);
   }
-  // A window that closes has said its farewell already.
+  // A window that closes may have said its farewell already.
   if (!app_window_is_worker_interrupted (window))
-    xmpp_send_end_stream (tls_session, window->input_stream_buffer);
+    end_xmpp_stream (window);
   console_put ("Disconnected.\n");
+}
+
+// True when nobody has told the worker to leave before the session begins: from then on the server
+// delivers, and what it delivers must be kept.
+static bool
+begin_presence (AppWindow *window)
+{
+  pthread_mutex_lock (&connection_mutex);
+  bool is_wanted = !app_window_is_worker_interrupted (window);
+  window->connection.is_present = is_wanted;
+  pthread_mutex_unlock (&connection_mutex);
+  return is_wanted;
 }
 
 void *
@@ -589,6 +626,10 @@ start_xmpp_connection_thread (void *argument)
   String kept = alloc_string (rest);
   stream_management_begin (&window->stream_management, window, tls_session, is_offered);
   xmpp_iq_get_roster (window);
+  if (!begin_presence (window)) {
+    dealloc_string (kept);
+    return end_worker (window, login_page_handle_login_failure, "Interrupted");
+  }
   xmpp_send_presence (tls_session, buffer, window->account.full_jid);
   hand_over (login_page_handle_login_success, g_object_ref (window));
   run_session (window, kept);
@@ -934,6 +975,46 @@ parse_xmpp_presence (AppWindow *window, XMLElement *element)
 }
 
 // ---- Closing ----
+
+bool
+interrupt_xmpp_login (AppWindow *window)
+{
+  pthread_mutex_lock (&connection_mutex);
+  bool is_login = !window->connection.is_present;
+  if (is_login)
+    app_window_tell_worker_to_leave (window);
+  pthread_mutex_unlock (&connection_mutex);
+  return is_login;
+}
+
+void
+stop_taking_stanzas (AppWindow *window)
+{
+  pthread_mutex_lock (&dispatch_mutex);
+  app_window_tell_worker_to_leave (window);
+  pthread_mutex_unlock (&dispatch_mutex);
+}
+
+void
+end_xmpp_stream (AppWindow *window)
+{
+  pthread_mutex_lock (&connection_mutex);
+  bool has_ended = window->connection.has_ended_stream;
+  window->connection.has_ended_stream = true;
+  pthread_mutex_unlock (&connection_mutex);
+  // Outside of the lock: a server that takes nothing must not keep the socket from being shut down.
+  if (!has_ended)
+    xmpp_send_end_stream (window->connection.tls_session, {});
+}
+
+bool
+has_ended_xmpp_stream (AppWindow *window)
+{
+  pthread_mutex_lock (&connection_mutex);
+  bool has_ended = window->connection.has_ended_stream;
+  pthread_mutex_unlock (&connection_mutex);
+  return has_ended;
+}
 
 void
 interrupt_xmpp_connection (AppWindow *window)

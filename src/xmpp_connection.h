@@ -32,6 +32,8 @@ struct Connection {
   bool opened_stream;       // the clear-text stream was opened
   bool opened_socket;       // `socket` must be closed
   bool opened_tls_session;  // `tls_session` must be de-initialised, also after a failed handshake
+  bool is_present;          // the server may have been told that we are there, and so deliver
+  bool has_ended_stream;    // our end of the stream was sent; nothing may follow it
   SocketDescriptor socket;
   gnutls_session_t tls_session;
   char *tls_hostname;  // belongs to `tls_session`
@@ -113,6 +115,17 @@ void parse_xmpp_iq (AppWindow *window, XMLElement *element);
 void parse_xmpp_presence (AppWindow *window, XMLElement *element);
 
 // ---- Closing ----
+
+// Tells a worker that still logs in to leave; it will then not announce our presence, so that the
+// server has delivered nothing. False when it has begun to announce it, and for ever after.
+bool interrupt_xmpp_login (AppWindow *window);
+// Tells the worker of a session to take no further stanza. When this returns, the records of all that
+// it took have been handed over.
+void stop_taking_stanzas (AppWindow *window);
+// Sends our end of the stream, the first time that it is called in a session.
+void end_xmpp_stream (AppWindow *window);
+// Whether our end was sent: what would answer a stanza is then not sent.
+bool has_ended_xmpp_stream (AppWindow *window);
 
 // Wakes a worker that waits for the server, by shutting its socket down without closing it. Nothing
 // happens when there is no socket.

@@ -540,7 +540,7 @@ TEST (app_window_load_account, keeps_a_window_that_is_closed_meanwhile_until_it_
   gtk_window_close (GTK_WINDOW (test.window));
   pump ();
   EXPECT_TRUE (app_window_is_open (test.window));
-  EXPECT_TRUE (test.window->close_wanted);
+  EXPECT_TRUE (test.window->closing);
   log_in (&test);
   EXPECT_FALSE (test.window->loading);
   EXPECT_FALSE (app_window_is_open (test.window));
@@ -1006,6 +1006,119 @@ TEST (app_window_destroy, ends_a_session_whose_worker_receives)
   EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions WHERE status = 'DRAFT'"),
              "last words\n");
   end_worker (&test);
+}
+
+// Closes the window of a session whose worker goes on, and keeps it from ending by itself.
+static void
+begin_closing (TestWindow *test)
+{
+  gtk_window_close (GTK_WINDOW (test->window));
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return ((AppWindow *) data)->closing; }, test->window));
+  g_source_remove (test->window->closing_source);
+  test->window->closing_source = 0;
+}
+
+static void
+end_closing (TestWindow *test)
+{
+  worker_may_leave = true;
+  EXPECT_TRUE (pump_until ([] (void *data) { return !app_window_is_open ((AppWindow *) data); },
+                           test->window));
+  EXPECT_EQ (app_window_count_stray_workers (), 0u);
+}
+
+TEST (app_window_close, stores_what_still_comes)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  start_worker (&test, run_stubborn_worker);
+  type (get_clause (&test)->view, "text_view", "last words");
+  begin_capture ();
+  begin_closing (&test);
+  EXPECT_TRUE (has (end_capture (), "request: \"</stream:stream>\" (String)\n"));
+  EXPECT_FALSE (gtk_widget_get_visible (GTK_WIDGET (test.window)));
+  EXPECT_TRUE (app_window_is_open (test.window));
+
+  deliver_message (test.window, BOB, "a chat line");
+  deliver_presence (test.window, app_window_get_xmpp_presence_available_signal, "eve@beta.test");
+  deliver_presence (test.window, app_window_get_xmpp_presence_unavailable_signal, BOB);
+  deliver_procedure (test.window, {BOB, 1700}, "Roof");
+  deliver_clause (test.window, {BOB, 1700}, {BOB, 1800});
+  deliver_revision (test.window, {BOB, 1700}, {BOB, 1800}, {BOB, 1900}, "roof text");
+  deliver_revision (test.window, RENT, CLAUSE, {BOB, 4242}, "their text");
+  deliver_clause_message (test.window, RENT, CLAUSE, {"bob", 4243}, "clause line");
+  deliver_decision (test.window, RENT, CLAUSE, FIRST, {BOB, 4244}, DECISION_AGREE);
+  EXPECT_EQ (query (&test, "SELECT body FROM contact_messages"), "a chat line\n");
+  EXPECT_EQ (query (&test, "SELECT bare_jid FROM contacts WHERE bare_jid LIKE 'eve%'"),
+             "eve@beta.test\n");
+  EXPECT_EQ (query (&test, "SELECT title FROM procedures WHERE time = 1700"), "Roof\n");
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions ORDER BY db_id"),
+             "first text\nlast words\nroof text\ntheir text\n");
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_messages WHERE time = 4243"), "clause line\n");
+  EXPECT_EQ (query (&test, "SELECT status FROM clause_revision_decisions WHERE author = '" BOB "'"),
+             "AGREE\n");
+  end_closing (&test);
+}
+
+TEST (app_window_close, says_nothing_after_its_farewell)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  start_worker (&test, run_stubborn_worker);
+  begin_closing (&test);
+  begin_capture ();
+  deliver_presence (test.window, app_window_get_xmpp_presence_subscribe_signal, "eve@beta.test");
+  EXPECT_EQ (end_capture (), "Received <presence type='subscribe' from='eve@beta.test'>\n");
+  end_closing (&test);
+}
+
+TEST (app_window_close, asked_for_again_changes_nothing)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  start_worker (&test, run_stubborn_worker);
+  begin_closing (&test);
+  begin_capture ();
+  gtk_window_close (GTK_WINDOW (test.window));
+  pump ();
+  EXPECT_EQ (end_capture (), "");
+  EXPECT_TRUE (app_window_is_open (test.window));
+  end_closing (&test);
+}
+
+// The model is whole, the views are not.
+TEST (app_window_close, gives_the_loading_of_views_up_and_stores_what_comes)
+{
+  TestWindow test;
+  std::string sql;
+  for (int i = 1; i <= 300; i++) {
+    std::string id = std::to_string (i);
+    sql +=
+      "INSERT INTO procedures (db_id, account_db_id, time, initiator, contractor, title) VALUES (" +
+      id + ", 1, " + std::to_string (1000 + i) + ", '" BOB "', '" ALICE "', 'Title');" +
+      "INSERT INTO clauses VALUES (" + id + ", " + id + ", 2000, '" BOB "', 1);";
+  }
+  start_worker (&test, run_stubborn_worker);
+  g_timeout_add (
+    0,
+    [] (gpointer window) -> gboolean {
+      bool is_loading = ((AppWindow *) window)->loading;
+      if (is_loading)
+        gtk_window_close (GTK_WINDOW (window));
+      return is_loading ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+    },
+    test.window);
+  open_account (&test, sql);
+  EXPECT_TRUE (test.window->closing);
+  EXPECT_EQ (test.window->procedures.count, 300u);
+  Procedure *last = test.window->procedures.procedures[299];
+  EXPECT_EQ (last->view, nullptr);
+  deliver_clause (test.window, {BOB, last->time}, {BOB, 3000});
+  deliver_revision (test.window, {BOB, last->time}, {BOB, 2000}, {BOB, 3001}, "text");
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions"), "text\n");
+  EXPECT_EQ (count (&test, "clauses"), "301\n");
+  end_closing (&test);
 }
 
 TEST (app_window_destroy, closes_an_open_list_of_revisions)

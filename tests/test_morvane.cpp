@@ -189,6 +189,22 @@ TEST (pause_long_work, does_nothing_outside_of_long_work)
   EXPECT_EQ ("work event handed over ", seen);
 }
 
+TEST (give_up_long_work, holds_until_other_work_begins)
+{
+  begin_long_work ();
+  EXPECT_TRUE (pause_long_work ());
+  give_up_long_work ();
+  EXPECT_FALSE (pause_long_work ());
+  begin_long_work ();
+  EXPECT_FALSE (pause_long_work ());
+  end_long_work ();
+  end_long_work ();
+  EXPECT_TRUE (pause_long_work ());
+  begin_long_work ();
+  EXPECT_TRUE (pause_long_work ());
+  end_long_work ();
+}
+
 TEST (pause_long_work, leaves_short_pieces_alone)
 {
   std::string seen;

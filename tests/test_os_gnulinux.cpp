@@ -1013,6 +1013,19 @@ receive_once (void *data)
   return received.data == bytes && received.size == 0 ? data : NULL;
 }
 
+TEST (os_has_peer_ended, tells_the_end_ahead_of_what_is_unread)
+{
+  int pair[2];
+  ASSERT_EQ (socketpair (AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  EXPECT_FALSE (os_has_peer_ended (pair[0]));
+  ASSERT_EQ (send (pair[1], "x", 1, 0), 1);
+  EXPECT_FALSE (os_has_peer_ended (pair[0]));
+  shutdown (pair[1], SHUT_WR);
+  EXPECT_TRUE (os_has_peer_ended (pair[0]));
+  close (pair[0]);
+  close (pair[1]);
+}
+
 TEST (os_is_writable, says_so_while_the_peer_takes_what_is_sent)
 {
   int pair[2];

@@ -16,6 +16,7 @@ import subprocess
 import sys
 import time
 
+import hostile_wire
 from trial import ROOT, Trial
 
 import driver
@@ -442,6 +443,68 @@ def try_burst(trial, kind, context):
                      ", ".join(str(size) for size in sizes))
 
 
+# ---- What waits at the server ----
+
+PROCEDURE = ("<message to='%s' type='chat'><body><x-procedure procedure='%s:%d'>Waiting %d"
+             "</x-procedure></body></message>")
+
+
+def count_waiting(server):
+    """How many stanzas Prosody keeps for Anna."""
+    path = os.path.join(server.directory, "data", HOST.replace(".", "%2e"), "offline", "anna.list")
+    if not os.path.exists(path):
+        return 0
+    with open(path, encoding="utf-8") as file:
+        return sum(line.startswith("item(") for line in file)
+
+
+def close_with_backlog(count, lost, options=()):
+    """Closes as soon as the main page is there, while what came in the meantime still comes in. Each
+    of it is afterwards either in the store or still at the server."""
+    server = driver.Server(options=options)
+    server.start()
+    wire = hostile_wire.login_peer(HOST, "bert", driver.PASSWORDS[BERT])
+    wire.send("".join(PROCEDURE % (ANNA, BERT, 1000 + number, number)
+                      for number in range(count)).encode())
+    driver.Desktop.current.wait(lambda: count_waiting(server) == count, "all of it waits")
+    party = new_party().start()
+    party.press("Login")
+    party.wait_for("New procedure", BUTTON_ROLES)
+    outcome = close_window(party)
+    stored = party.rows("SELECT title FROM procedures")
+    # The server takes back what was not acknowledged when it sees that the connection has ended.
+    deadline = time.monotonic() + driver.BOUND
+    while len(stored) + count_waiting(server) < count and time.monotonic() < deadline:
+        time.sleep(0.01)
+    waiting = count_waiting(server)
+    lost.append((len(stored), waiting))
+    wire.close()
+    party.discard()
+    server.stop()
+    if outcome[0] is None and len(set(stored)) != len(stored):
+        return "stored twice", outcome[1]
+    if outcome[0] is None and len(stored) + waiting != count:
+        return "%d stored and %d still at the server, of %d" % (len(stored), waiting,
+                                                                count), outcome[1]
+    return outcome
+
+
+def try_backlog(trial, kind):
+    """Closing right after a login that brings much. What is here is stored however long it takes."""
+    count = 1 if trial.short else 5
+    for options in ([], ["--stream-management"]):
+        tally, lost = Tally(kind), []
+        tally.is_timed = False
+        for number in range(count):
+            try_case(tally, "backlog %d" % number, lambda: close_with_backlog(300, lost, options))
+        management = "with stream management" if options else "without stream management"
+        tally.report(trial, "%s, closed %d times at once with 300 stanzas waiting; none is lost" %
+                     (management, count))
+        if kind == RELEASE:
+            trial.figure("%s: %s, stored, and still at the server, of each 300" %
+                         (kind, management), ", ".join("%d and %d" % pair for pair in lost))
+
+
 # ---- Two windows ----
 
 
@@ -777,6 +840,7 @@ def main():
         driver.BOUND = 30 * driver.SLOW
         try_one_window(trial, kind, context)
         try_burst(trial, kind, context)
+        try_backlog(trial, kind)
         try_two_windows(trial, kind, context)
         try_crossed(trial, kind, context)
         try_typing(trial, kind, context)
