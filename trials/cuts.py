@@ -61,8 +61,8 @@ class Plan:
 
 
 PLANS = [
-    Plan("with stream management", True, CUTS, (500, 10)),
-    Plan("without stream management, on the sender's side", False, ROAD_CUTS, (150, 4),
+    Plan("with stream management", True, CUTS, (500, 8)),
+    Plan("without stream management, on the sender's side", False, ROAD_CUTS, (150, 3),
          "victim"),
     Plan("without stream management, on the receiver's side", False, ROAD_CUTS, (100, 0),
          "other", True),
@@ -410,8 +410,10 @@ class Cuts:
             kind, victim.name, where, direction, point, [actor.name for actor in actors],
             away))
         self.burst(actors)
-        if kind == "stall" and self.source.random() < 0.1 and not self.trial.short:
-            self.flood(victim)
+        # Without acknowledgements nobody knows how much of that has left the own machine.
+        if kind == "stall" and self.plan.is_managed and not self.trial.short:
+            if self.source.random() < 0.1:
+                self.flood(victim)
         self.suffer(victim, kind)
 
     def draw_point(self, victim, actors):
@@ -497,15 +499,22 @@ class Cuts:
 
     def give_up(self, player):
         """The user logs in again in the same window, or closes it."""
-        if self.source.random() < 0.5 and player.act("count Login")[0] == "0":
+        if self.source.random() < 0.5:
+            when = "in a session"
             try:
-                if player.act("do log-in-again")[0] == "ok":
-                    player.wait(lambda: player.act("count Login")[0] != "0", "the login page shows")
+                if player.act("count Login")[0] == "0":
+                    player.act("do log-in-again")
                     self.counts["again"] += 1
-                    return
+                else:
+                    when = "during a login"
+                    player.act("key Escape")
+                    self.counts["given up"] += 1
+                player.wait(lambda: player.act("ready 0 Login")[0] != "none", "the login page shows")
+                if when == "during a login":
+                    player.wait(lambda: player.act("ready 0 Login")[0] == "ok", "the login ends")
             except Gone:
-                self.collect(player, "in a session")
-                return
+                self.collect(player, when)
+            return
         self.leave(player)
 
     def is_stuck(self, player):
@@ -608,9 +617,10 @@ def try_out(trial, plan, cuts_max):
         plan.name, counts["cuts"], cuts.runs), 0, len(cuts.faults))
     for fault in cuts.faults:
         print("  " + fault)
-    trial.figure("%s: judgements; logins, again in the same window; procedures that came twice" % (
-        plan.name), "%d; %d, %d; %d" % (
-            counts["judgements"], counts["logins"], counts["again"], counts["twice"]))
+    trial.figure("%s: judgements; logins, again in the same window; logins given up; procedures "
+                 "that came twice" % plan.name, "%d; %d, %d; %d; %d" % (
+                     counts["judgements"], counts["logins"], counts["again"], counts["given up"],
+                     counts["twice"]))
     trial.figure("%s: cuts" % plan.name, ", ".join(
         "%s %d" % (kind.replace("_", " of the "), counts[kind]) for kind in plan.kinds))
     if plan.is_counted:

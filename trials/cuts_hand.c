@@ -14,6 +14,7 @@
 //   labels                 "text ..." of every label that can be seen, one after the other
 //   title                  "text ..." of the window's title
 //   do NAME                the window's action of that name
+//   key NAME               presses the key of that name
 //   close                  closes the window
 //
 // Widgets are counted in the order in which they stand, from 0. The answer is "ok", a number,
@@ -236,6 +237,22 @@ activate_action (const char *name)
 }
 
 static void
+press_key (const char *name)
+{
+  GtkWindow *window = get_window ();
+  if (window) {
+    GdkEvent *event = gdk_event_new (GDK_KEY_PRESS);
+    event->key.window = g_object_ref (gtk_widget_get_window (GTK_WIDGET (window)));
+    event->key.keyval = gdk_keyval_from_name (name);
+    GdkDisplay *display = gtk_widget_get_display (GTK_WIDGET (window));
+    gdk_event_set_device (event, gdk_seat_get_keyboard (gdk_display_get_default_seat (display)));
+    gtk_widget_event (GTK_WIDGET (window), event);
+    gdk_event_free (event);
+  }
+  answer (window ? "ok" : "none", NULL);
+}
+
+static void
 close_window (void)
 {
   GtkWindow *window = get_window ();
@@ -278,6 +295,8 @@ obey (char *line)
     tell_title ();
   else if (!strcmp (line, "do"))
     activate_action (rest);
+  else if (!strcmp (line, "key"))
+    press_key (rest);
   else if (!strcmp (line, "close"))
     close_window ();
   else
