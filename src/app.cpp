@@ -17,10 +17,10 @@ struct _App {
 
 G_DEFINE_TYPE (App, app, GTK_TYPE_APPLICATION)
 
+// Keys can be given to actions once the framework has started.
 static void
-app_startup (GApplication *application)
+app_startup_handle (GApplication *application, gpointer)
 {
-  G_APPLICATION_CLASS (app_parent_class)->startup (application);
   app_add_session_actions (GTK_APPLICATION (application));
 }
 
@@ -42,7 +42,6 @@ app_handle_location_options (GApplication *, GVariantDict *)
 static void
 app_class_init (AppClass *app_class)
 {
-  G_APPLICATION_CLASS (app_class)->startup = app_startup;
   G_APPLICATION_CLASS (app_class)->activate = app_activate;
   G_APPLICATION_CLASS (app_class)->handle_local_options = app_handle_location_options;
 }
@@ -61,6 +60,7 @@ app_new (gnutls_certificate_credentials_t tls_credentials, sqlite3 *db)
   self->db = db;
   self->console = gtk_text_buffer_new (NULL);
   _console_text_buffer = self->console;
+  g_signal_connect (self, "startup", G_CALLBACK (app_startup_handle), NULL);
   return self;
 }
 
