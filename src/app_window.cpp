@@ -8,6 +8,7 @@
 #include "contact_chat_page.h"
 #include "contact_list_item.h"
 #include "db.h"
+#include "deletion.h"
 #include "delivery.h"
 #include "login_page.h"
 #include "morvane.h"
@@ -167,6 +168,7 @@ app_window_destroy (GtkWidget *widget)
     if (self->closing_source)
       g_source_remove (self->closing_source);
     self->closing_source = 0;
+    deletion_end (self);
     self->closed = true;
     if (self->stream_end_source)
       g_source_remove (self->stream_end_source);
@@ -302,6 +304,7 @@ app_window_init (AppWindow *self)
   g_type_ensure (vcard_page_get_type ());
   g_type_ensure (procedure_creation_page_get_type ());
   gtk_widget_init_template (GTK_WIDGET (self));
+  deletion_init (self);
   self->last_xmpp_id = 0;
   self->get_vcard_id = 0;
   self->get_own_vcard_id = 0;
@@ -541,6 +544,10 @@ app_window_add_procedure (AppWindow *self, Procedure *procedure)
 void
 app_window_remove_procedure (AppWindow *self, Procedure *procedure)
 {
+  // What is typed is there again after an undo.
+  for (u32 i = 0; i < procedure->clauses_count; i++) {
+    clause_view_save_draft (procedure->clauses[i]->view);
+  }
   GtkWidget *view = GTK_WIDGET (procedure->view);
   if (gtk_stack_get_visible_child (self->main_page_stack) == view) {
     // A stack that loses the page it shows would be left blank.
@@ -549,6 +556,27 @@ app_window_remove_procedure (AppWindow *self, Procedure *procedure)
   gtk_widget_destroy (GTK_WIDGET (procedure->list_item));
   gtk_widget_destroy (view);
   negotiation_delete (app_window_get_negotiation (self), procedure);
+  char *title =
+    g_utf8_make_valid ((const char *) procedure->title.data, (gssize) procedure->title.size);
+  char *text = g_strdup_printf ("\u201c%s\u201d deleted.", title);
+  deletion_offer_undo (self, text);
+  g_free (text);
+  g_free (title);
+}
+
+void
+app_window_put_procedure_back (AppWindow *self, Procedure *procedure)
+{
+  app_window_add_procedure (self, procedure);
+  // The list has the newest on top.
+  s64 index = procedures_stack_get_index (&self->procedures, procedure);
+  GtkWidget *row = GTK_WIDGET (procedure->list_item);
+  g_object_ref (row);
+  gtk_container_remove (GTK_CONTAINER (self->procedures_list_box), row);
+  gtk_list_box_insert (self->procedures_list_box, row, (gint) (self->procedures.count - 1 - index));
+  g_object_unref (row);
+  gtk_list_box_select_row (self->procedures_list_box, procedure->list_item);
+  gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (procedure->view));
 }
 
 void
@@ -969,8 +997,13 @@ gboolean
 app_window_get_xmpp_clause (gpointer data)
 {
   XMPPClause *message = (XMPPClause *) accept_hand_over (data);
-  if (app_window_is_open (message->window))
-    app_window_apply_clause (message->window, message);
+  AppWindow *window = message->window;
+  if (app_window_is_open (window)) {
+    app_window_apply_clause (window, message);
+    if (deletion_hold (window, message->procedure_initiator, message->procedure_time,
+                       app_window_get_xmpp_clause, message, (GDestroyNotify) dealloc_xmpp_clause))
+      return G_SOURCE_REMOVE;
+  }
   dealloc_xmpp_clause (message);
   return G_SOURCE_REMOVE;
 }
@@ -992,8 +1025,13 @@ gboolean
 app_window_get_xmpp_clause_revision (gpointer data)
 {
   XMPPClauseRevision *message = (XMPPClauseRevision *) accept_hand_over (data);
-  if (app_window_is_open (message->window)) {
-    app_window_apply_clause_revision (message->window, message);
+  AppWindow *window = message->window;
+  if (app_window_is_open (window)) {
+    app_window_apply_clause_revision (window, message);
+    if (deletion_hold (window, message->procedure_initiator, message->procedure_time,
+                       app_window_get_xmpp_clause_revision, message,
+                       (GDestroyNotify) dealloc_xmpp_clause_revision))
+      return G_SOURCE_REMOVE;
   }
   dealloc_xmpp_clause_revision (message);
   return G_SOURCE_REMOVE;
@@ -1015,8 +1053,13 @@ gboolean
 app_window_get_xmpp_clause_message (gpointer data)
 {
   XMPPClauseMessage *message = (XMPPClauseMessage *) accept_hand_over (data);
-  if (app_window_is_open (message->window)) {
-    app_window_apply_clause_message (message->window, message);
+  AppWindow *window = message->window;
+  if (app_window_is_open (window)) {
+    app_window_apply_clause_message (window, message);
+    if (deletion_hold (window, message->procedure_initiator, message->procedure_time,
+                       app_window_get_xmpp_clause_message, message,
+                       (GDestroyNotify) dealloc_xmpp_clause_message))
+      return G_SOURCE_REMOVE;
   }
   dealloc_xmpp_clause_message (message);
   return G_SOURCE_REMOVE;
@@ -1039,8 +1082,13 @@ app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
 {
   XMPPClauseRevisionDecisionSignal *signal =
     (XMPPClauseRevisionDecisionSignal *) accept_hand_over (data);
-  if (app_window_is_open (signal->window)) {
-    app_window_apply_clause_revision_decision (signal->window, signal);
+  AppWindow *window = signal->window;
+  if (app_window_is_open (window)) {
+    app_window_apply_clause_revision_decision (window, signal);
+    if (deletion_hold (window, signal->procedure_initiator, signal->procedure_time,
+                       app_window_get_xmpp_clause_revision_decision_signal, signal,
+                       (GDestroyNotify) dealloc_xmpp_clause_revision_decision_signal))
+      return G_SOURCE_REMOVE;
   }
   dealloc_xmpp_clause_revision_decision_signal (signal);
   return G_SOURCE_REMOVE;

@@ -45,6 +45,10 @@ struct _AppWindow {
   GtkWidget *prev_main_page;
   ContactStack contacts;
   ProceduresStack procedures;
+  GtkWidget *undo_bar;  // below the lists; seen while a deletion can be undone
+  GtkLabel *undo_label;
+  guint undo_source;        // a timer that ends this; 0 for none
+  GSList *held_records;     // what came for the deleted procedure; the last first
   Negotiation negotiation;  // over the above; `app_window_get_negotiation` is the way to it
   // Template children.
   GtkPaned *console_paned;
@@ -110,8 +114,10 @@ void app_window_create_new_contact (AppWindow *window, String bare_jid, String s
 void app_window_set_contact_status (AppWindow *window, Contact *contact, String status);
 void app_window_add_contact_message (AppWindow *window, Contact *contact, String text);
 void app_window_add_procedure (AppWindow *window, Procedure *procedure);
-// From the lists, the store and memory; nobody is told.
+// From the lists, the store and memory; nobody is told. It can be undone for a while.
 void app_window_remove_procedure (AppWindow *window, Procedure *procedure);
+// Shows a procedure whose deletion was undone, at its old place in the list.
+void app_window_put_procedure_back (AppWindow *window, Procedure *procedure);
 // Makes, stores, shows and sends a procedure that the user opens. `title` has no apostrophe.
 void app_window_create_new_procedure (AppWindow *window, String title, String contractor);
 

@@ -6,6 +6,7 @@
 #include "clause_chat_page.h"
 #include "clause_comparison.h"
 #include "clause_revision_list_item.h"
+#include "deletion.h"
 #include "delivery.h"
 #include "kept_drafts.h"
 #include "key_guard.h"
@@ -871,9 +872,12 @@ clause_view_commit_button_handle (GtkButton *, ClauseView *self)
 static void
 clause_view_remove_clause (ClauseView *self)
 {
-  Negotiation *negotiation = clause_view_get_negotiation (self);
+  AppWindow *window = clause_view_get_window (self);
+  Negotiation *negotiation = app_window_get_negotiation (window);
   Procedure *procedure = self->procedure;
   Clause *clause = self->clause;
+  // What is typed is there again after an undo.
+  clause_view_save_draft (self);
   // A text that is destroyed still loses the focus.
   clause_view_disconnect_text_changed (self);
   g_signal_handlers_disconnect_by_func (self->text_view, (gpointer) clause_view_focus_out_handle,
@@ -883,6 +887,7 @@ clause_view_remove_clause (ClauseView *self)
   gtk_widget_destroy (GTK_WIDGET (self));
   procedure_view_focus_add_clause_button (procedure->view);
   negotiation_delete_clause (negotiation, procedure, clause);
+  deletion_offer_undo (window, "Clause deleted.");
 }
 
 static void

@@ -1,6 +1,8 @@
 // The acts of a negotiation: model and store, in one order.
 #include "negotiation.h"
 
+#include <assert.h>
+
 #include <glib.h>
 
 #include "morvane.h"
@@ -33,17 +35,17 @@ negotiation_begin (Negotiation *negotiation, String title, String contractor)
 void
 negotiation_delete (Negotiation *negotiation, Procedure *procedure)
 {
+  negotiation_end_undo (negotiation);
   s64 index = procedures_stack_get_index (negotiation->procedures, procedure);
-  if (index >= 0)
-    procedures_stack_remove_procedure (negotiation->procedures, (u32) index);
+  assert (index >= 0);
+  procedures_stack_remove_procedure (negotiation->procedures, (u32) index);
   db_begin (negotiation->db);
-  if (negotiation->outbox) {
+  if (negotiation->outbox)
     outbox_remove_procedure (negotiation->outbox, procedure);
-    outbox_forget_removed (negotiation->outbox);
-  }
   db_delete_procedure (negotiation->db, procedure);
   db_commit (negotiation->db);
-  dealloc_procedure (procedure);
+  negotiation->deletion.procedure = procedure;
+  negotiation->deletion.index = (u32) index;
 }
 
 // A procedure that came twice stands in two rows, and the other party knows the clauses of both as
@@ -80,13 +82,91 @@ negotiation_add_clause (Negotiation *negotiation, Procedure *procedure)
 void
 negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, Clause *clause)
 {
+  negotiation_end_undo (negotiation);
   s64 index = procedure_get_clause_index_reversed (procedure, clause);
-  if (index >= 0)
-    procedure_remove_clause (procedure, (u32) index);
+  assert (index >= 0);
+  procedure_remove_clause (procedure, (u32) index);
   db_begin (negotiation->db);
+  if (negotiation->outbox)
+    outbox_remove_clause (negotiation->outbox, clause);
   db_delete_clause (negotiation->db, clause);
   db_commit (negotiation->db);
-  dealloc_clause (clause);
+  negotiation->deletion.clause = clause;
+  negotiation->deletion.parent = procedure;
+  negotiation->deletion.index = (u32) index;
+}
+
+void
+negotiation_end_undo (Negotiation *negotiation)
+{
+  NegotiationDeletion *deletion = &negotiation->deletion;
+  if (negotiation->outbox && (deletion->procedure || deletion->clause))
+    outbox_forget_removed (negotiation->outbox);
+  if (deletion->procedure)
+    dealloc_procedure (deletion->procedure);
+  if (deletion->clause)
+    dealloc_clause (deletion->clause);
+  *deletion = {};
+}
+
+static void
+negotiation_store_revision_again (Negotiation *negotiation, Clause *clause,
+                                  ClauseRevision *revision)
+{
+  revision->clause_db_id = clause->db_id;
+  db_insert_clause_revision (negotiation->db, revision);
+  for (u32 i = 0; i < revision->decisions_count; i++) {
+    revision->decisions[i]->clause_revision_db_id = revision->db_id;
+    db_insert_clause_revision_decision (negotiation->db, revision->decisions[i]);
+  }
+}
+
+static void
+negotiation_store_clause_again (Negotiation *negotiation, Procedure *procedure, Clause *clause)
+{
+  clause->procedure_db_id = procedure->db_id;
+  clause->db_id = 0;
+  db_insert_clause (negotiation->db, clause);
+  for (u32 i = 0; i < clause->messages_count; i++) {
+    clause->messages[i]->clause_db_id = clause->db_id;
+    db_insert_clause_message (negotiation->db, clause->messages[i]);
+  }
+  for (u32 i = 0; i < clause->revisions_count; i++) {
+    negotiation_store_revision_again (negotiation, clause, clause->revisions[i]);
+  }
+  if (clause->draft)
+    negotiation_store_revision_again (negotiation, clause, clause->draft);
+}
+
+static void
+negotiation_store_procedure_again (Negotiation *negotiation, Procedure *procedure)
+{
+  procedure->db_id = 0;
+  db_insert_procedure (negotiation->db, procedure);
+  for (u32 i = 0; i < procedure->clauses_count; i++) {
+    negotiation_store_clause_again (negotiation, procedure, procedure->clauses[i]);
+  }
+  if (negotiation->outbox)
+    outbox_restore_procedure (negotiation->outbox, procedure);
+}
+
+void
+negotiation_undo_delete (Negotiation *negotiation)
+{
+  NegotiationDeletion deletion = negotiation->deletion;
+  assert (deletion.procedure || deletion.clause);
+  negotiation->deletion = {};
+  db_begin (negotiation->db);
+  if (deletion.procedure) {
+    negotiation_store_procedure_again (negotiation, deletion.procedure);
+    procedures_stack_insert_procedure (negotiation->procedures, deletion.procedure, deletion.index);
+  } else {
+    negotiation_store_clause_again (negotiation, deletion.parent, deletion.clause);
+    if (negotiation->outbox)
+      outbox_restore_clause (negotiation->outbox, deletion.clause);
+    procedure_insert_clause (deletion.parent, deletion.clause, deletion.index);
+  }
+  db_commit (negotiation->db);
 }
 
 void

@@ -11,6 +11,14 @@
 #include "outbox.h"
 #include "xmpp.h"
 
+// What was deleted last and can be brought back: a procedure or a clause, or none of them.
+struct NegotiationDeletion {
+  Procedure *procedure;  // owned
+  Clause *clause;        // owned
+  Procedure *parent;     // borrowed; the clause's
+  u32 index;             // where it stood
+};
+
 // One account's negotiations.
 struct Negotiation {
   sqlite3 *db;                  // borrowed
@@ -19,20 +27,26 @@ struct Negotiation {
   String own_name;              // view; its user name, which signs the lines of a clause's chat
   ProceduresStack *procedures;  // borrowed; all of the account
   Outbox *outbox;               // borrowed; what the other party still has to get
+  NegotiationDeletion deletion;
 };
 
 // ---- What the user does ----
 
 // A procedure with `contractor`. `title` has no apostrophe.
 Procedure *negotiation_begin (Negotiation *negotiation, String title, String contractor);
-// Takes the procedure, with all that it holds, out of model and store, and frees it. Its widgets
-// must be gone.
+// Takes the procedure, with all that it holds, out of model and store. Its widgets must be gone. It
+// can be brought back until the next deletion or `negotiation_end_undo`, which free it.
 void negotiation_delete (Negotiation *negotiation, Procedure *procedure);
 // A clause at the end, without a revision. It shares its second with no own clause of the procedure,
 // nor of another row of it where it came twice.
 Clause *negotiation_add_clause (Negotiation *negotiation, Procedure *procedure);
 // The same as `negotiation_delete` for a clause that was never sent.
 void negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, Clause *clause);
+// Stores what was deleted last once more, in new rows, and puts it back where it stood. There must be
+// something to undo.
+void negotiation_undo_delete (Negotiation *negotiation);
+// What is deleted stays deleted, and is freed. At the latest before the store is closed.
+void negotiation_end_undo (Negotiation *negotiation);
 // Makes `text` the clause's draft, in place of the one that it may have.
 void negotiation_save_draft (Negotiation *negotiation, Clause *clause, String text);
 // Takes the draft out of model and store and frees it; does nothing where there is none.

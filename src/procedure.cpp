@@ -295,6 +295,28 @@ procedures_stack_add_procedure (ProceduresStack *stack, Procedure *procedure)
   stack->procedures[stack->count++] = procedure;
 }
 
+void
+procedure_insert_clause (Procedure *procedure, Clause *clause, u32 index)
+{
+  assert (index <= procedure->clauses_count);
+  procedure_add_clause (procedure, clause);
+  for (u32 i = procedure->clauses_count - 1; i > index; --i) {
+    procedure->clauses[i] = procedure->clauses[i - 1];
+  }
+  procedure->clauses[index] = clause;
+}
+
+void
+procedures_stack_insert_procedure (ProceduresStack *stack, Procedure *procedure, u32 index)
+{
+  assert (index <= stack->count);
+  procedures_stack_add_procedure (stack, procedure);
+  for (u32 i = stack->count - 1; i > index; --i) {
+    stack->procedures[i] = stack->procedures[i - 1];
+  }
+  stack->procedures[index] = procedure;
+}
+
 // ---- Removing ----
 
 void

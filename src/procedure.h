@@ -146,6 +146,9 @@ void clause_add_revision (Clause *clause, ClauseRevision *revision);
 void clause_order_last_revision (Clause *clause);
 void procedure_add_clause (Procedure *procedure, Clause *clause);
 void procedures_stack_add_procedure (ProceduresStack *stack, Procedure *procedure);
+// The same at `index`, which is the count at most: what stands there and later moves up.
+void procedure_insert_clause (Procedure *procedure, Clause *clause, u32 index);
+void procedures_stack_insert_procedure (ProceduresStack *stack, Procedure *procedure, u32 index);
 
 // ---- Removing ----
 

@@ -465,6 +465,17 @@ procedure_view_add_clause (ProcedureView *self, Clause *clause)
 }
 
 void
+procedure_view_put_clause_back (ProcedureView *self, Clause *clause)
+{
+  procedure_view_add_clause (self, clause);
+  s64 index = procedure_get_clause_index_reversed (self->procedure, clause);
+  gtk_box_reorder_child (GTK_BOX (self->clauses_box), GTK_WIDGET (clause->view), (gint) index);
+  clause_view_set_draft_mode (clause->view);
+  if (clause->draft)
+    clause_view_show_draft (clause->view);
+}
+
+void
 procedure_view_focus_add_clause_button (ProcedureView *self)
 {
   gtk_widget_grab_focus (GTK_WIDGET (self->add_clause_button));

@@ -25,6 +25,8 @@ void procedure_view_fill (ProcedureView *self, String own);
 
 // Makes view and chat page of a clause that the procedure has.
 void procedure_view_add_clause (ProcedureView *self, Clause *clause);
+// Shows a clause whose deletion was undone, at its old place.
+void procedure_view_put_clause_back (ProcedureView *self, Clause *clause);
 // Where the keyboard is to go on when nothing else of the page is meant.
 void procedure_view_focus_add_clause_button (ProcedureView *self);
 

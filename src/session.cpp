@@ -4,6 +4,7 @@
 
 #include "app_window.h"
 #include "clause_view.h"
+#include "deletion.h"
 #include "delivery.h"
 #include "morvane.h"
 #include "network.h"
@@ -213,6 +214,7 @@ static void
 app_window_leave_account (AppWindow *self)
 {
   app_window_save_drafts (self);
+  deletion_end (self);
   if (self->stream_end_source)
     g_source_remove (self->stream_end_source);
   self->stream_end_source = 0;

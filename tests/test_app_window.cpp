@@ -826,6 +826,97 @@ TEST (app_window_remove_procedure, closes_an_open_list_of_revisions)
   EXPECT_EQ (list_procedures (&test), "Garden|" CAROL "\n");
 }
 
+// ---- Undoing a deletion ----
+
+static bool
+is_undo_offered (TestWindow *test)
+{
+  return gtk_widget_get_visible (test->window->undo_bar);
+}
+
+TEST (app_window_remove_procedure, can_be_undone_at_its_old_place)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  std::string rows = list_procedures (&test);
+  EXPECT_FALSE (is_undo_offered (&test));
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  EXPECT_EQ (list_procedures (&test), "Garden|" CAROL "\n");
+  EXPECT_TRUE (is_undo_offered (&test));
+  press (test.window, "undo_button");
+  pump ();
+  EXPECT_FALSE (is_undo_offered (&test));
+  EXPECT_EQ (list_procedures (&test), "Garden|" CAROL "\n*Rent|" BOB "\n");
+  EXPECT_EQ (get_main_page (&test), GTK_WIDGET (test.window->procedures.procedures[0]->view));
+  EXPECT_EQ (take_sent (&test), "");
+}
+
+TEST (app_window_remove_procedure, keeps_what_is_typed_for_an_undo)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  type (get_clause (&test)->view, "text_view", "half a thought");
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  press (test.window, "undo_button");
+  ASSERT_TRUE (get_clause (&test)->draft);
+  EXPECT_EQ (to_std_string (get_clause (&test)->draft->text), "half a thought");
+}
+
+TEST (app_window_remove_procedure, holds_what_comes_for_it_until_an_undo)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  s64 time = get_clause (&test)->revisions[0]->time;
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  begin_capture ();
+  XMPPClauseRevision *message = alloc_record<XMPPClauseRevision> (test.window);
+  message->text = alloc_string ("while deleted");
+  message->procedure_initiator = alloc_string (RENT.author);
+  message->procedure_time = RENT.time;
+  message->clause_initiator = alloc_string (CLAUSE.author);
+  message->clause_time = CLAUSE.time;
+  message->revision_author = alloc_string (BOB);
+  message->revision_time = time + 1;
+  app_window_get_xmpp_clause_revision (message);
+  EXPECT_EQ (end_capture (),
+             "Warning: A clause revision came, but we don't have the procedure to attach it to.\n");
+  EXPECT_EQ (query (&test, "SELECT count(*) FROM clause_revisions WHERE text = 'while deleted'"),
+             "0\n");
+  press (test.window, "undo_button");
+  EXPECT_EQ (query (&test, "SELECT count(*) FROM clause_revisions WHERE text = 'while deleted'"),
+             "1\n");
+  EXPECT_EQ (get_text (get_clause (&test)->view, "text_view"), "while deleted");
+}
+
+TEST (app_window_remove_procedure, cannot_be_undone_after_the_next_one)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  press (test.window, "undo_button");
+  EXPECT_EQ (list_procedures (&test), "*Garden|" CAROL "\n");
+  EXPECT_FALSE (is_undo_offered (&test));
+}
+
+TEST (clause_view_cancel_button_handle, can_be_undone_for_a_new_clause)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Procedure *procedure = test.window->procedures.procedures[0];
+  press (procedure->view, "add_clause_button");
+  Clause *clause = procedure->clauses[procedure->clauses_count - 1];
+  u32 clauses_count = procedure->clauses_count;
+  type (clause->view, "text_view", "a new clause");
+  press (clause->view, "cancel_button");
+  EXPECT_EQ (procedure->clauses_count, clauses_count - 1);
+  press (test.window, "undo_button");
+  ASSERT_EQ (procedure->clauses_count, clauses_count);
+  EXPECT_EQ (procedure->clauses[clauses_count - 1], clause);
+  EXPECT_EQ (get_text (clause->view, "text_view"), "a new clause");
+  EXPECT_TRUE (is_sensitive (clause->view, "commit_button"));
+}
+
 // ---- Request ids ----
 
 TEST (generate_xmpp_id, counts_from_one_in_each_window)

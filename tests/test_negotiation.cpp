@@ -75,6 +75,7 @@ struct Account {
 
   void unload ()
   {
+    negotiation_end_undo (&negotiation);
     dealloc_contact_stack (contacts);
     dealloc_procedure_stack (procedures);
   }
@@ -350,6 +351,111 @@ TEST (negotiation_delete, takes_all_of_the_procedure_and_nothing_else)
   EXPECT_EQ (account.rows (REVISIONS_SQL), "1|5000|alice@alpha.test|COMMITTED|Kept\n");
   EXPECT_EQ (account.rows (DECISIONS_SQL), "");
   EXPECT_EQ (account.rows ("SELECT db_id FROM clause_messages"), "");
+}
+
+// All nine tables, row ids aside: each row with the time and author of what it belongs to.
+static std::string
+list_store (Account *account)
+{
+  return account->rows ("SELECT * FROM app_info") +
+         account->rows ("SELECT bare_jid FROM accounts") +
+         account->rows ("SELECT bare_jid FROM contacts") +
+         account->rows ("SELECT author, body FROM contact_messages") +
+         account->rows ("SELECT account_db_id, time, initiator, contractor, title, finished_time, "
+                        "updated_time, last_seen_time FROM procedures ORDER BY time, initiator") +
+         account->rows (
+           "SELECT p.time, p.initiator, c.time, c.initiator, c.position FROM clauses c "
+           "JOIN procedures p ON p.db_id = c.procedure_db_id ORDER BY 1, 2, 3, 4") +
+         account->rows (
+           "SELECT c.time, c.initiator, m.time, m.author, m.text FROM clause_messages m "
+           "JOIN clauses c ON c.db_id = m.clause_db_id ORDER BY 1, 2, 3, 4, 5") +
+         account->rows ("SELECT c.time, c.initiator, r.time, r.author, r.status, r.text FROM "
+                        "clause_revisions r JOIN clauses c ON c.db_id = r.clause_db_id "
+                        "ORDER BY 1, 2, 3, 4, 5") +
+         account->rows ("SELECT r.time, r.author, d.time, d.author, d.status FROM "
+                        "clause_revision_decisions d JOIN clause_revisions r ON r.db_id = "
+                        "d.clause_revision_db_id ORDER BY 1, 2, 3, 4");
+}
+
+static Procedure *
+begin_with_everything (Account *account, const char *text)
+{
+  // No two clauses or revisions of the store share a second.
+  now += 100;
+  Procedure *procedure = begin (account);
+  Clause *clause = negotiation_add_clause (&account->negotiation, procedure);
+  ClauseRevision *revision = commit (account, clause, text);
+  negotiation_decide (&account->negotiation, revision, to_string (OWN), DECISION_AGREE);
+  negotiation_say (&account->negotiation, clause, to_string ("It's why?"));
+  negotiation_save_draft (&account->negotiation, clause, to_string ("Nine 'crates'"));
+  clause = negotiation_add_clause (&account->negotiation, procedure);
+  negotiation_save_draft (&account->negotiation, clause, to_string ("New"));
+  return procedure;
+}
+
+TEST (negotiation_undo_delete, brings_back_all_nine_tables_and_the_place)
+{
+  for (u32 index = 0; index < 3; index++) {
+    Account account;
+    for (const char *text : {"One", "Two", "Three"}) {
+      begin_with_everything (&account, text);
+    }
+    std::string before = list_store (&account);
+    std::string counts = account.rows ("SELECT count(*) FROM clause_revisions");
+    Procedure *procedure = account.procedures.procedures[index];
+    negotiation_delete (&account.negotiation, procedure);
+    EXPECT_EQ (account.rows ("SELECT count(*) FROM procedures"), "2\n");
+    negotiation_undo_delete (&account.negotiation);
+    EXPECT_EQ (list_store (&account), before);
+    EXPECT_EQ (account.rows ("SELECT count(*) FROM clause_revisions"), counts);
+    ASSERT_EQ (account.procedures.count, 3u);
+    EXPECT_EQ (account.procedures.procedures[index], procedure);
+    // What is changed then changes the new rows, and those are what a restart loads.
+    Clause *clause = procedure->clauses[0];
+    commit (&account, clause, "After the undo");
+    negotiation_decide (&account.negotiation, clause->revisions[0], to_string (OWN),
+                        DECISION_DISAGREE);
+    std::string order = list_store (&account);
+    account.restart ();
+    EXPECT_EQ (list_store (&account), order);
+    EXPECT_EQ (account.procedures.procedures[index]->clauses[0]->revisions_count, 2u);
+  }
+}
+
+TEST (negotiation_undo_delete, brings_a_clause_back_to_its_place)
+{
+  Account account;
+  Procedure *procedure = begin (&account);
+  for (const char *text : {"One", "Two", "Three"}) {
+    Clause *clause = negotiation_add_clause (&account.negotiation, procedure);
+    negotiation_save_draft (&account.negotiation, clause, to_string (text));
+  }
+  std::string before = list_store (&account);
+  Clause *clause = procedure->clauses[1];
+  negotiation_delete_clause (&account.negotiation, procedure, clause);
+  EXPECT_NE (list_store (&account), before);
+  negotiation_undo_delete (&account.negotiation);
+  EXPECT_EQ (list_store (&account), before);
+  ASSERT_EQ (procedure->clauses_count, 3u);
+  EXPECT_EQ (procedure->clauses[1], clause);
+}
+
+TEST (negotiation_undo_delete, is_for_the_last_deletion_only)
+{
+  Account account;
+  Procedure *kept = begin (&account);
+  Clause *clause = negotiation_add_clause (&account.negotiation, kept);
+  negotiation_delete_clause (&account.negotiation, kept, clause);
+  negotiation_delete (&account.negotiation, begin (&account));
+  negotiation_undo_delete (&account.negotiation);
+  EXPECT_EQ (account.rows ("SELECT count(*) FROM procedures"), "2\n");
+  EXPECT_EQ (account.rows ("SELECT count(*) FROM clauses"), "0\n");
+  EXPECT_DEATH (negotiation_undo_delete (&account.negotiation),
+                "src/negotiation.*deletion.procedure");
+  negotiation_delete (&account.negotiation, kept);
+  negotiation_end_undo (&account.negotiation);
+  EXPECT_DEATH (negotiation_undo_delete (&account.negotiation),
+                "src/negotiation.*deletion.procedure");
 }
 
 TEST (negotiation_delete, takes_nothing_when_it_is_interrupted)

@@ -1,0 +1,21 @@
+// What the user deleted last can be brought back for ten seconds, or until the next deletion: a bar
+// below the lists says what is gone and offers Undo. The store has forgotten it meanwhile.
+//
+// Ownership: the window owns the bar and the records that wait; the negotiation what was deleted.
+// Threads: the interface thread only.
+#pragma once
+
+#include "app_window.h"
+
+// Makes the window's bar, which nobody sees yet.
+void deletion_init (AppWindow *window);
+// Something was deleted just now, by a call of `negotiation.h`; `text` says what.
+void deletion_offer_undo (AppWindow *window, const char *text);
+// Brings it back, with what came for it meanwhile. Nothing happens where there is nothing to undo.
+void deletion_undo (AppWindow *window);
+// What is deleted stays deleted.
+void deletion_end (AppWindow *window);
+// Keeps a record that was dropped only because its procedure is deleted: true when it is kept, which
+// takes the record over. After an undo `handler` gets it once more.
+bool deletion_hold (AppWindow *window, String procedure_initiator, s64 procedure_time,
+                    GSourceFunc handler, void *record, GDestroyNotify dealloc_record);
