@@ -81,10 +81,10 @@ struct _ClauseView {
   guint refusal_source;  // ends the showing of a refusal; 0 while none is shown
   char *status_before;   // in whose place a refusal is shown; owned, NULL while none is
   // The draft.
-  KeptDrafts kept_drafts;
-  TextHistory *history;  // owned; of the draft
-  int draft_cursor;      // where the cursor was when the draft was left, in characters
-  guint save_source;     // stores the typing; 0 when there is none to be stored
+  KeptDrafts *kept_drafts;  // borrowed, as all that stays when the view goes
+  TextHistory *history;     // owned; of the draft
+  int draft_cursor;         // where the cursor was when the draft was left, in characters
+  guint save_source;        // stores the typing; 0 when there is none to be stored
   // What a revision that arrived took the place of.
   bool was_draft_left;      // the user was at the draft
   ComparisonAside aside;    // the user was at a comparison
@@ -325,7 +325,7 @@ clause_view_bring_back_handle (GtkWidget *chosen, ClauseView *self)
 static void
 clause_view_prepare_kept_draft (ClauseView *self, GtkWidget *widget, const char *signal, u32 index)
 {
-  char *excerpt = alloc_kept_draft_excerpt (&self->kept_drafts, index);
+  char *excerpt = alloc_kept_draft_excerpt (self->kept_drafts, index);
   gtk_widget_set_tooltip_text (widget, excerpt);
   g_free (excerpt);
   g_object_set_data (G_OBJECT (widget), "index", GUINT_TO_POINTER (index));
@@ -337,12 +337,12 @@ clause_view_prepare_kept_draft (ClauseView *self, GtkWidget *widget, const char 
 static GtkWidget *
 clause_view_make_kept_draft_buttons (ClauseView *self)
 {
-  u32 count = kept_drafts_count (&self->kept_drafts);
+  u32 count = kept_drafts_count (self->kept_drafts);
   if (!count)
     return NULL;
   GtkWidget *box = gtk_box_new (GTK_ORIENTATION_VERTICAL, 0);
   for (u32 i = 0; i < count; i++) {
-    char *label = alloc_kept_draft_label (&self->kept_drafts, i);
+    char *label = alloc_kept_draft_label (self->kept_drafts, i);
     GtkWidget *button = gtk_button_new_with_label (label);
     g_free (label);
     gtk_button_set_relief (GTK_BUTTON (button), GTK_RELIEF_NONE);
@@ -376,7 +376,7 @@ clause_view_keep_draft (ClauseView *self)
 {
   if (!self->clause->draft)
     return;
-  kept_drafts_add (&self->kept_drafts, self->clause->draft->text);
+  kept_drafts_add (self->kept_drafts, self->clause->draft->text);
   clause_view_show_kept_drafts (self);
 }
 
@@ -656,8 +656,8 @@ clause_view_populate_popup_handle (GtkTextView *, GtkWidget *popup, ClauseView *
 {
   if (!GTK_IS_MENU (popup))
     return;
-  for (u32 i = 0; i < kept_drafts_count (&self->kept_drafts); i++) {
-    char *label = alloc_kept_draft_label (&self->kept_drafts, i);
+  for (u32 i = 0; i < kept_drafts_count (self->kept_drafts); i++) {
+    char *label = alloc_kept_draft_label (self->kept_drafts, i);
     GtkWidget *item = gtk_menu_item_new_with_label (label);
     g_free (label);
     clause_view_prepare_kept_draft (self, item, "activate", i);
@@ -963,7 +963,6 @@ clause_view_finalize (GObject *object)
   clause_view_drop_refusal (self);
   clause_view_drop_aside (self);
   dealloc_text_history (self->history);
-  dealloc_kept_drafts (&self->kept_drafts);
   clause_comparison_finalize (&self->comparison);
   G_OBJECT_CLASS (clause_view_parent_class)->finalize (object);
 }
@@ -1157,6 +1156,8 @@ clause_view_new (Procedure *procedure, Clause *clause)
   ClauseView *self = MORVANE_CLAUSE_VIEW (g_object_new (clause_view_get_type (), NULL));
   self->procedure = procedure;
   self->clause = clause;
+  self->kept_drafts = get_kept_drafts (procedure->account_db_id, procedure->initiator,
+                                       procedure->time, clause->initiator, clause->time);
   clause_view_make_revision_selector (self);
   if (clause->revisions_count)
     clause_view_enable_chat (self);
@@ -1168,6 +1169,8 @@ clause_view_new (Procedure *procedure, Clause *clause)
   if (clause->draft)
     clause_view_add_draft_row (self);
   clause_view_show_waiting_draft (self);
+  if (kept_drafts_count (self->kept_drafts))
+    clause_view_show_kept_drafts (self);
   clause_view_connect_handlers (self);
   return GTK_WIDGET (self);
 }
@@ -1527,7 +1530,10 @@ static void
 clause_view_bring_back (ClauseView *self, u32 index)
 {
   clause_view_leave_text (self);
-  char *text = kept_drafts_take (&self->kept_drafts, index);
+  char *text = kept_drafts_take (self->kept_drafts, index);
+  // A view of the same clause in a procedure that came twice may have taken it.
+  if (!text)
+    return;
   clause_view_keep_draft (self);
   negotiation_save_draft (clause_view_get_negotiation (self), self->clause, to_string (text));
   g_free (text);

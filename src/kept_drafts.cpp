@@ -5,11 +5,41 @@
 // Of a text in a label, in characters.
 static const glong EXCERPT_MAX = 40;
 
-void
-dealloc_kept_drafts (KeptDrafts *self)
+// The records by their clause's identity. NULL until the first is asked for.
+static GHashTable *records;
+
+static void
+dealloc_kept_drafts (gpointer data)
 {
+  KeptDrafts *self = (KeptDrafts *) data;
   g_slist_free_full (self->texts, g_free);
-  self->texts = NULL;
+  g_free (self);
+}
+
+KeptDrafts *
+get_kept_drafts (u64 account_db_id, String procedure_initiator, s64 procedure_time,
+                 String clause_initiator, s64 clause_time)
+{
+  if (!records)
+    records = g_hash_table_new_full (g_str_hash, g_str_equal, g_free, dealloc_kept_drafts);
+  // No address has a line break.
+  char *identity =
+    g_strdup_printf ("%lu\n%.*s\n%ld\n%.*s\n%ld", account_db_id, STRING_ARGS (procedure_initiator),
+                     procedure_time, STRING_ARGS (clause_initiator), clause_time);
+  KeptDrafts *self = (KeptDrafts *) g_hash_table_lookup (records, identity);
+  if (self) {
+    g_free (identity);
+  } else {
+    self = g_new0 (KeptDrafts, 1);
+    g_hash_table_insert (records, identity, self);
+  }
+  return self;
+}
+
+void
+forget_kept_drafts ()
+{
+  g_clear_pointer (&records, g_hash_table_destroy);
 }
 
 void
@@ -36,6 +66,8 @@ char *
 kept_drafts_take (KeptDrafts *self, u32 index)
 {
   GSList *link = g_slist_nth (self->texts, index);
+  if (!link)
+    return NULL;
   char *text = (char *) link->data;
   self->texts = g_slist_delete_link (self->texts, link);
   return text;

@@ -7,6 +7,7 @@
 #include "app.h"
 #include "app_window.h"
 #include "db.h"
+#include "kept_drafts.h"
 #include "network.h"
 
 int
@@ -24,6 +25,7 @@ main (int argc, char **argv)
   App *app = app_new (tls_credentials, db);
   app_end_on_signals (app);
   int status = g_application_run (G_APPLICATION (app), argc, argv);
+  forget_kept_drafts ();
   db_close (db);
   // A worker that did not come back in time may still be inside of the library.
   if (!app_window_count_stray_workers ())

@@ -331,6 +331,23 @@ TEST (clause_view_drafts, several_pile_up_and_each_can_be_brought_back)
   EXPECT_EQ (join (list_kept (drafts.clause)), "four\nthree\ntwo\n");
 }
 
+// The views are made anew then.
+TEST (clause_view_drafts, the_replaced_ones_stay_at_hand_when_a_deletion_is_undone)
+{
+  Drafts drafts ({"first"}, "old draft");
+  type (drafts.clause->view, "text_view", "typed on the revision");
+  clause_view_save_draft (drafts.clause->view);
+  app_window_remove_procedure (drafts.test->window, drafts.procedure);
+  press (drafts.test->window, "undo_button");
+  pump ();
+  drafts.procedure = drafts.test->window->procedures.procedures[0];
+  drafts.clause = drafts.procedure->clauses[0];
+  EXPECT_EQ (join (list_kept (drafts.clause)), "old draft\n");
+  EXPECT_TRUE (choose (drafts.clause, BRING_BACK));
+  EXPECT_EQ (drafts.stored (), "old draft\n");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "typed on the revision\n");
+}
+
 TEST (clause_view_drafts, cancel_and_commit_leave_the_replaced_ones_at_hand)
 {
   Drafts drafts ({"first"}, "old draft");

@@ -13,6 +13,7 @@
 #include <gnutls/gnutls.h>
 
 #include "db.h"
+#include "kept_drafts.h"
 #include "login_page.h"
 #include "network.h"
 
@@ -191,6 +192,7 @@ TestWindow::~TestWindow ()
   g_object_unref (window);
   pump ();
   g_object_unref (console);
+  forget_kept_drafts ();
   db_close (db);
   for (const char *name : {".morvanerc", ".morvane.db"}) {
     unlink ((directory + "/" + name).c_str ());

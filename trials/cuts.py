@@ -624,7 +624,7 @@ def try_out(trial, plan, cuts_max):
     trial.figure("%s: cuts" % plan.name, ", ".join(
         "%s %d" % (kind.replace("_", " of the "), counts[kind]) for kind in plan.kinds))
     if plan.is_counted:
-        held = "; nothing went to the other party at %d of them" % counts["held"]
+        held = ", %d of them while nothing went to the other" % counts["held"]
         trial.figure("%s: lost" % plan.name, "%d of %d objects, in %d of %d cuts%s" % (
             counts["lost"], counts["objects"], counts["cuts that lost"], counts["cuts"],
             held if "kill_server" in plan.kinds else ""))
