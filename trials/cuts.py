@@ -509,12 +509,16 @@ class Cuts:
                     when = "during a login"
                     player.act("key Escape")
                     self.counts["given up"] += 1
-                player.wait(lambda: player.act("ready 0 Login")[0] != "none", "the login page shows")
-                if when == "during a login":
-                    player.wait(lambda: player.act("ready 0 Login")[0] == "ok", "the login ends")
+                player.wait(lambda: player.act("ready 0 Login")[0] != "none" or
+                            when == "during a login", "the login page shows")
+                player.wait(lambda: player.act("ready 0 Login")[0] != "off" or
+                            when == "in a session", "the login ends")
+                # A login that succeeds at that moment shows its session.
+                if player.act("ready 0 Login")[0] != "none":
+                    return
             except Gone:
                 self.collect(player, when)
-            return
+                return
         self.leave(player)
 
     def is_stuck(self, player):
