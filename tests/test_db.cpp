@@ -1415,7 +1415,7 @@ TEST (db_statements, stop_the_program_when_they_fill_their_room)
   String half = make_oversized_string (&text, (u64) 1 << 63);
   String third = make_oversized_string (&text, UINT64_MAX / 3 + 1);
   String author = to_string ("a");
-  ContactMessage contact_message = {0, 5, 1000, author, third};
+  ContactMessage contact_message = {0, 5, 1000, author, third, 0};
   ClauseMessage clause_message = {0, 5, 1000, author, half};
   ClauseRevision revision = {7, 5, 1000, author, REVISION_DRAFT, half, 0, 0, NULL};
   std::string stop = stop_at ("sql_buffer_p.size > 0");
