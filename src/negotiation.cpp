@@ -22,6 +22,10 @@ negotiation_begin (Negotiation *negotiation, String title, String contractor)
 {
   String own = negotiation->own;
   s64 time = procedures_stack_get_free_time (negotiation->procedures, own, get_posix_time ());
+  // The one that can be brought back keeps its second.
+  Procedure *deleted = negotiation->deletion.procedure;
+  if (deleted && deleted->initiator == own && deleted->time == time)
+    time = procedures_stack_get_free_time (negotiation->procedures, own, time + 1);
   Procedure *procedure =
     alloc_procedure (0, negotiation->account_db_id, time, title, own, contractor);
   db_begin (negotiation->db);
@@ -48,6 +52,27 @@ negotiation_delete (Negotiation *negotiation, Procedure *procedure)
   negotiation->deletion.index = (u32) index;
 }
 
+static bool
+is_same_procedure (Procedure *procedure, Procedure *other)
+{
+  return procedure->initiator == other->initiator && procedure->time == other->time;
+}
+
+// The first second from `time` on that is free beside what was deleted last, which keeps its seconds
+// for the day that it is brought back.
+static s64
+negotiation_skip_deleted_clauses (Negotiation *negotiation, Procedure *procedure, s64 time)
+{
+  NegotiationDeletion *deletion = &negotiation->deletion;
+  String own = negotiation->own;
+  if (deletion->procedure && is_same_procedure (deletion->procedure, procedure))
+    return procedure_get_free_clause_time (deletion->procedure, own, time);
+  Clause *clause = deletion->clause;
+  bool is_taken = clause && is_same_procedure (deletion->parent, procedure) &&
+                  clause->initiator == own && clause->time == time;
+  return is_taken ? time + 1 : time;
+}
+
 // A procedure that came twice stands in two rows, and the other party knows the clauses of both as
 // those of one procedure: a second is free when no row has it.
 static s64
@@ -58,10 +83,10 @@ negotiation_get_free_clause_time (Negotiation *negotiation, Procedure *procedure
   s64 first_time;
   do {
     first_time = time;
+    time = negotiation_skip_deleted_clauses (negotiation, procedure, time);
     for (u32 i = 0; i < procedures->count; i++) {
-      Procedure *row = procedures->procedures[i];
-      if (row->initiator == procedure->initiator && row->time == procedure->time)
-        time = procedure_get_free_clause_time (row, negotiation->own, time);
+      if (is_same_procedure (procedures->procedures[i], procedure))
+        time = procedure_get_free_clause_time (procedures->procedures[i], negotiation->own, time);
     }
   } while (time != first_time);
   return time;
@@ -224,6 +249,18 @@ negotiation_get_next_revision_time (Negotiation *negotiation, Clause *clause)
   return clause_get_free_revision_time (clause, negotiation->own, time);
 }
 
+// Someone who guesses the second of a clause that was never sent can put a revision into it: a count
+// of revisions does not tell whether the clause was sent.
+static bool
+clause_has_revision_of (Clause *clause, String author)
+{
+  for (u32 i = 0; i < clause->revisions_count; i++) {
+    if (clause->revisions[i]->author == author)
+      return true;
+  }
+  return false;
+}
+
 ClauseRevision *
 negotiation_commit (Negotiation *negotiation, Clause *clause, String text)
 {
@@ -231,14 +268,15 @@ negotiation_commit (Negotiation *negotiation, Clause *clause, String text)
   negotiation_remove_draft (negotiation, clause);
   if (!clause->db_id)
     db_insert_clause (negotiation->db, clause);
+  bool is_first = !clause_has_revision_of (clause, negotiation->own);
   s64 time = negotiation_get_next_revision_time (negotiation, clause);
   ClauseRevision *revision =
     alloc_clause_revision (0, clause->db_id, time, negotiation->own, REVISION_COMMITTED, text);
   clause_add_revision (clause, revision);
   clause_order_last_revision (clause);
   db_insert_clause_revision (negotiation->db, revision);
-  // The other party knows its own clauses, and this one's after the first revision.
-  if (clause->revisions_count == 1 && clause->initiator == negotiation->own)
+  // The other party knows its own clauses, and this one's after this one's first revision.
+  if (is_first && clause->initiator == negotiation->own)
     negotiation_owe (negotiation, OUTBOX_CLAUSE, clause->db_id);
   negotiation_owe (negotiation, OUTBOX_REVISION, revision->db_id);
   db_commit (negotiation->db);
@@ -419,9 +457,8 @@ negotiation_get_clause (Negotiation *negotiation, Procedure *procedure, String i
   ProceduresStack *procedures = negotiation->procedures;
   Clause *clause = get_clause_by_initiator_and_time (procedure, initiator, time);
   for (u32 i = 0; i < procedures->count && !clause; i++) {
-    Procedure *row = procedures->procedures[i];
-    if (row->initiator == procedure->initiator && row->time == procedure->time)
-      clause = get_clause_by_initiator_and_time (row, initiator, time);
+    if (is_same_procedure (procedures->procedures[i], procedure))
+      clause = get_clause_by_initiator_and_time (procedures->procedures[i], initiator, time);
   }
   return clause;
 }

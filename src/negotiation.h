@@ -32,13 +32,14 @@ struct Negotiation {
 
 // ---- What the user does ----
 
-// A procedure with `contractor`. `title` has no apostrophe.
+// A procedure with `contractor`. `title` has no apostrophe. It shares its second with no own procedure,
+// nor with the one that can be brought back.
 Procedure *negotiation_begin (Negotiation *negotiation, String title, String contractor);
 // Takes the procedure, with all that it holds, out of model and store. Its widgets must be gone. It
 // can be brought back until the next deletion or `negotiation_end_undo`, which free it.
 void negotiation_delete (Negotiation *negotiation, Procedure *procedure);
 // A clause at the end, without a revision. It shares its second with no own clause of the procedure,
-// nor of another row of it where it came twice.
+// nor of another row of it where it came twice, nor with one that can be brought back.
 Clause *negotiation_add_clause (Negotiation *negotiation, Procedure *procedure);
 // The same as `negotiation_delete` for a clause that was never sent.
 void negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, Clause *clause);

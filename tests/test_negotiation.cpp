@@ -281,6 +281,23 @@ TEST (negotiation_commit, stores_a_new_clause_with_its_revision_or_not_at_all)
   EXPECT_EQ (account.rows ("SELECT * FROM clauses"), "");
 }
 
+TEST (negotiation_commit, owes_a_clause_whose_second_someone_guessed)
+{
+  Account account;
+  Outbox outbox = outbox_load (account.negotiation.db, account.negotiation.account_db_id);
+  account.negotiation.outbox = &outbox;
+  Procedure *procedure = begin (&account);
+  Clause *clause = negotiation_add_clause (&account.negotiation, procedure);
+  ASSERT_TRUE (receive_revision (&account, {OWN, 5000}, {OWN, 5000}, {OTHER, 4000}, "Guessed"));
+  commit (&account, clause, "Ten crates");
+  commit (&account, clause, "Nine crates");
+  EXPECT_EQ (account.rows ("SELECT kind FROM outbox ORDER BY sequence"),
+             "procedure\nclause\nrevision\nrevision\n");
+  negotiation_end_undo (&account.negotiation);
+  account.negotiation.outbox = NULL;
+  dealloc_outbox (&outbox);
+}
+
 TEST (negotiation_commit, dumps_what_it_writes_and_no_transaction)
 {
   Account account;
@@ -456,6 +473,38 @@ TEST (negotiation_undo_delete, is_for_the_last_deletion_only)
   negotiation_end_undo (&account.negotiation);
   EXPECT_DEATH (negotiation_undo_delete (&account.negotiation),
                 "src/negotiation.*deletion.procedure");
+}
+
+TEST (negotiation_undo_delete, shares_no_second_with_what_was_made_meanwhile)
+{
+  Account account;
+  Procedure *procedure = begin (&account);
+  negotiation_delete (&account.negotiation, procedure);
+  Procedure *later = begin (&account);
+  negotiation_undo_delete (&account.negotiation);
+  EXPECT_EQ (account.rows ("SELECT time FROM procedures ORDER BY time"), "5000\n5001\n");
+
+  Clause *clause = negotiation_add_clause (&account.negotiation, later);
+  negotiation_delete_clause (&account.negotiation, later, clause);
+  negotiation_add_clause (&account.negotiation, later);
+  negotiation_undo_delete (&account.negotiation);
+  EXPECT_EQ (account.rows ("SELECT time FROM clauses ORDER BY time"), "5000\n5001\n");
+}
+
+TEST (negotiation_undo_delete, shares_no_second_with_a_clause_of_another_row)
+{
+  Account account;
+  receive_procedure (&account, {OTHER, 4000}, "Planks");
+  receive_procedure (&account, {OTHER, 4000}, "Planks");
+  Procedure *first = account.procedures.procedures[0];
+  Procedure *second = account.procedures.procedures[1];
+  commit (&account, negotiation_add_clause (&account.negotiation, first), "One");
+  negotiation_delete (&account.negotiation, first);
+  Clause *clause = negotiation_add_clause (&account.negotiation, second);
+  negotiation_undo_delete (&account.negotiation);
+  EXPECT_EQ (clause->time, 5001);
+  negotiation_delete_clause (&account.negotiation, second, clause);
+  EXPECT_EQ (negotiation_add_clause (&account.negotiation, first)->time, 5002);
 }
 
 TEST (negotiation_delete, takes_nothing_when_it_is_interrupted)
