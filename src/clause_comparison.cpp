@@ -332,6 +332,19 @@ clause_comparison_find_return_mark (ClauseComparison *self, GtkTextIter *iter)
   return found;
 }
 
+char *
+clause_comparison_alloc_text (ClauseComparison *self, GtkTextBuffer *text_buffer)
+{
+  GString *text = g_string_new (NULL);
+  GtkTextIter iter;
+  gtk_text_buffer_get_start_iter (text_buffer, &iter);
+  for (; !gtk_text_iter_is_end (&iter); gtk_text_iter_forward_char (&iter)) {
+    if (!clause_comparison_find_return_mark (self, &iter))
+      g_string_append_unichar (text, gtk_text_iter_get_char (&iter));
+  }
+  return g_string_free (text, FALSE);
+}
+
 // Takes the return symbols of a run out again, so that its line breaks are alone. The iterators stay
 // good.
 static void

@@ -48,6 +48,9 @@ const char *get_comparison_refusal (ClauseRevision *revision, ClauseRevision *ot
 // Appends the comparison to the text, which the caller has emptied, in place of an earlier one. Both
 // texts must have words. Edits the buffer.
 void clause_comparison_show (ClauseComparison *self, String older, String newer);
+// The text as it stands, without the return symbols. `text_buffer` has the comparison, also while the
+// text view shows another buffer. Belongs to the caller (`g_free`).
+char *clause_comparison_alloc_text (ClauseComparison *self, GtkTextBuffer *text_buffer);
 // The text view has the buffer of a comparison that is shown again: lets the user type there, or not.
 void clause_comparison_restore (ClauseComparison *self);
 // Takes the tags and marks out of the buffer; the text stays, and can be edited. Nothing when no

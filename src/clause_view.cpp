@@ -949,10 +949,32 @@ clause_view_drop_aside (ClauseView *self)
   g_clear_pointer (&self->aside.status, g_free);
 }
 
+// What the user has decided in a comparison is at hand afterwards, as a replaced draft is.
+static void
+clause_view_keep_decisions (ClauseView *self, ClauseComparison *comparison,
+                            GtkTextBuffer *text_buffer)
+{
+  char *text = clause_comparison_alloc_text (comparison, text_buffer);
+  String sendable = alloc_sendable_text (to_string (text));
+  kept_drafts_add (self->kept_drafts, sendable);
+  dealloc_string (sendable);
+  g_free (text);
+}
+
+// A view may go without its user's doing, or come back with the undo of a deletion.
 static void
 clause_view_dispose (GObject *object)
 {
-  clause_view_drop_save_source (MORVANE_CLAUSE_VIEW (object));
+  ClauseView *self = MORVANE_CLAUSE_VIEW (object);
+  clause_view_drop_save_source (self);
+  if (self->aside.text_buffer)
+    clause_view_keep_decisions (self, &self->aside.comparison, self->aside.text_buffer);
+  clause_view_drop_aside (self);
+  if (self->comparison.is_shown && self->comparison.has_decisions)
+    clause_view_keep_decisions (self, &self->comparison,
+                                gtk_text_view_get_buffer (self->text_view));
+  // Once: the text is gone when the view is disposed again.
+  self->comparison.has_decisions = false;
   G_OBJECT_CLASS (clause_view_parent_class)->dispose (object);
 }
 
@@ -961,7 +983,6 @@ clause_view_finalize (GObject *object)
 {
   ClauseView *self = MORVANE_CLAUSE_VIEW (object);
   clause_view_drop_refusal (self);
-  clause_view_drop_aside (self);
   dealloc_text_history (self->history);
   clause_comparison_finalize (&self->comparison);
   G_OBJECT_CLASS (clause_view_parent_class)->finalize (object);
@@ -1687,6 +1708,10 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
   // Of comparisons in a row, the first says what was shown before.
   if (self->is_draft)
     self->was_draft_shown = true;
+  if (self->aside.text_buffer) {
+    clause_view_keep_decisions (self, &self->aside.comparison, self->aside.text_buffer);
+    clause_view_show_kept_drafts (self);
+  }
   clause_view_drop_aside (self);
   char *status = alloc_format_cstr ("%.*s:%ld > %.*s:%ld", STRING_ARGS (older->author), older->time,
                                     STRING_ARGS (newer->author), newer->time);

@@ -1,5 +1,6 @@
-// The drafts of one clause that others have taken the place of, kept until the program ends, the last
-// one first. No text is kept twice, and none that is empty.
+// The drafts of one clause that others have taken the place of, and the texts of comparisons with
+// decisions in them that went without their user's doing; kept until the program ends, the last one
+// first. No text is kept twice, and none that is empty.
 //
 // Ownership: this module owns the record of each clause and its texts: views come and go with a
 // login and with the undo of a deletion, the kept drafts stay.

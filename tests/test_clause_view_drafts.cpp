@@ -595,6 +595,98 @@ TEST (clause_view_arrival, closes_well_with_a_comparison_kept)
   EXPECT_EQ (drafts.text (), "their words");
 }
 
+// ---- Decisions in a comparison that goes ----
+
+// Takes the first change as the newer text has it, and leaves the others, in
+// which there is a return symbol. Returns the text as it stands then, without the symbol.
+static std::string
+begin_to_decide (Drafts *drafts)
+{
+  static const std::string SYMBOL = "\u23ce";
+  EXPECT_TRUE (choose (drafts->clause, WITH_PREVIOUS));
+  press_key (drafts->test.get (), GDK_KEY_F8);
+  press (drafts->clause->view, "diff_add_button");
+  std::string text = drafts->text ();
+  size_t place = text.find (SYMBOL);
+  EXPECT_NE (place, std::string::npos) << text;
+  if (place != std::string::npos)
+    text.erase (place, SYMBOL.size ());
+  EXPECT_EQ (text.find (SYMBOL), std::string::npos) << text;
+  return text;
+}
+
+// In their tooltips, line breaks are blanks.
+static std::string
+excerpt (std::string text)
+{
+  for (char &c : text)
+    c = c == '\n' ? ' ' : c;
+  return text;
+}
+
+TEST (clause_view_decisions, stay_at_hand_when_another_comparison_begins)
+{
+  Drafts drafts ({"one two x\nthree", "eins two y three"});
+  std::string text = begin_to_decide (&drafts);
+  drafts.receive (6000, "their words");
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_FALSE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+  EXPECT_EQ (join (list_kept (drafts.clause)), excerpt (text) + "\n");
+  EXPECT_TRUE (choose (drafts.clause, BRING_BACK));
+  EXPECT_EQ (drafts.text (), text);
+  EXPECT_EQ (drafts.stored (), text + "\n");
+}
+
+// A U+23CE of the user's own is text.
+TEST (clause_view_decisions, stay_at_hand_with_the_symbols_that_were_typed)
+{
+  Drafts drafts ({"a \u23ce b", "a \u23ce c"});
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  drafts.receive (6000, "their words");
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_EQ (join (list_kept (drafts.clause)), "a \u23ce c\n");
+}
+
+TEST (clause_view_decisions, stay_in_the_comparison_when_a_row_is_chosen)
+{
+  Drafts drafts ({"one two x\nthree", "eins two y three"});
+  begin_to_decide (&drafts);
+  std::string text = drafts.text ();
+  drafts.receive (6000, "their words");
+  show_row (drafts.clause, ALICE ":3000");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "");
+  EXPECT_TRUE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+  EXPECT_EQ (drafts.text (), text);
+}
+
+TEST (clause_view_decisions, given_up_with_escape_are_gone)
+{
+  Drafts drafts ({"one two x\nthree", "eins two y three"});
+  begin_to_decide (&drafts);
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (join (list_kept (drafts.clause)), "");
+}
+
+class ClauseViewDecisions : public testing::TestWithParam<bool> {};
+
+// Shown, or kept behind a revision that has arrived.
+TEST_P (ClauseViewDecisions, stay_at_hand_when_a_deletion_is_undone)
+{
+  Drafts drafts ({"one two x\nthree", "eins two y three"});
+  std::string text = begin_to_decide (&drafts);
+  if (GetParam ())
+    drafts.receive (6000, "their words");
+  app_window_remove_procedure (drafts.test->window, drafts.procedure);
+  press (drafts.test->window, "undo_button");
+  pump ();
+  drafts.procedure = drafts.test->window->procedures.procedures[0];
+  drafts.clause = drafts.procedure->clauses[0];
+  EXPECT_EQ (join (list_kept (drafts.clause)), excerpt (text) + "\n");
+}
+
+INSTANTIATE_TEST_SUITE_P (shown_or_aside, ClauseViewDecisions, testing::Bool ());
+
 // ---- A press in haste ----
 
 static void
