@@ -64,15 +64,17 @@ app_new (gnutls_certificate_credentials_t tls_credentials, sqlite3 *db)
   return self;
 }
 
-// GTK closes no window while a menu, which is a window of its own, holds the input.
-static void
-release_input ()
+void
+app_release_input ()
 {
   GtkWidget *holder;
   while ((holder = gtk_grab_get_current ()) != NULL) {
+    // The menu of a row goes when it is given up.
+    g_object_ref (holder);
     if (GTK_IS_MENU_SHELL (holder))
       gtk_menu_shell_cancel (GTK_MENU_SHELL (holder));
     gtk_grab_remove (holder);
+    g_object_unref (holder);
   }
 }
 
@@ -82,7 +84,7 @@ static gboolean
 app_end_signal_handle (gpointer data)
 {
   App *self = MORVANE_APP (data);
-  release_input ();
+  app_release_input ();
   GList *windows = gtk_application_get_windows (GTK_APPLICATION (self));
   if (!windows)
     g_application_quit (G_APPLICATION (self));

@@ -211,3 +211,11 @@ procedure_creation_page_set_contractor_vcard_button_sensitive (ProcedureCreation
 {
   gtk_widget_set_sensitive (GTK_WIDGET (self->contractor_vcard_button), sensitive);
 }
+
+void
+procedure_creation_page_clear (ProcedureCreationPage *self)
+{
+  gtk_entry_set_text (self->title_entry, "");
+  gtk_entry_set_text (self->contractor_entry, "");
+  gtk_label_set_text (self->status_label, "");
+}

@@ -18,3 +18,5 @@ GtkWidget *procedure_creation_page_get_begin_button (ProcedureCreationPage *self
 // Off when the contractor turned out to have no vCard; typing another contractor turns it on again.
 void procedure_creation_page_set_contractor_vcard_button_sensitive (ProcedureCreationPage *self,
                                                                     gboolean sensitive);
+// Nothing is left of what was typed.
+void procedure_creation_page_clear (ProcedureCreationPage *self);

@@ -2,18 +2,22 @@
 
 #include <glib-unix.h>
 
+#include "app.h"
 #include "app_window.h"
 #include "clause_view.h"
 #include "deletion.h"
 #include "delivery.h"
 #include "morvane.h"
 #include "network.h"
+#include "procedure_creation_page.h"
 #include "procedure_view.h"
 #include "vcard_page.h"
 
 static const char TITLE[] = "Morvane";
 static const char LOST_TITLE[] = "Morvane (not connected: Ctrl+Shift+L logs in again)";
 static const char *const LOG_IN_AGAIN_KEYS[] = {"<Primary><Shift>l", NULL};
+
+static const char NOTIFICATION_SERVICE[] = "org.freedesktop.Notifications";
 
 // How long a session that the user ends may take to end, in milliseconds.
 static const guint STREAM_END_WAIT = 2000;
@@ -85,35 +89,71 @@ app_window_send_notification (AppWindow *self, GApplication *application)
   g_object_unref (notification);
 }
 
-// Without a notification service GLib would warn, so the bus is asked first. `data` is the window,
-// with a reference for this call.
+static void
+app_window_ask_bus (AppWindow *self, GDBusConnection *bus, const char *method, GVariant *parameters,
+                    GAsyncReadyCallback handle)
+{
+  g_dbus_connection_call (bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                          "org.freedesktop.DBus", method, parameters, NULL, G_DBUS_CALL_FLAGS_NONE,
+                          -1, NULL, handle, g_object_ref (self));
+}
+
+// Whether the bus has answered with anything but an error.
+static bool
+accept_bus_reply (GObject *bus, GAsyncResult *result)
+{
+  GVariant *reply = g_dbus_connection_call_finish (G_DBUS_CONNECTION (bus), result, NULL);
+  if (reply)
+    g_variant_unref (reply);
+  return reply;
+}
+
+// There is a service now; the window may have a session again.
+static void
+app_window_notification_service_found (AppWindow *self)
+{
+  GtkApplication *application = gtk_window_get_application (GTK_WINDOW (self));
+  bool is_due = app_window_is_open (self) && self->account_db_id && !self->is_connected;
+  if (application && is_due && !self->is_login_wanted)
+    app_window_send_notification (self, G_APPLICATION (application));
+}
+
+// `data` is the window, with a reference for this call.
 static void
 app_window_notification_service_handle (GObject *bus, GAsyncResult *result, gpointer data)
 {
   AppWindow *self = MORVANE_APP_WINDOW (data);
-  GVariant *reply = g_dbus_connection_call_finish (G_DBUS_CONNECTION (bus), result, NULL);
-  GtkApplication *application = gtk_window_get_application (GTK_WINDOW (self));
-  bool is_due = app_window_is_open (self) && self->account_db_id && !self->is_connected;
-  if (reply && application && is_due && !self->is_login_wanted)
-    app_window_send_notification (self, G_APPLICATION (application));
-  if (reply)
-    g_variant_unref (reply);
+  if (accept_bus_reply (bus, result))
+    app_window_notification_service_found (self);
   g_object_unref (self);
 }
 
+// A bus knows how to start only those services that have a file there, which a service that runs
+// already need not have. `data` is the window, with a reference for this call.
+static void
+app_window_notification_owner_handle (GObject *bus, GAsyncResult *result, gpointer data)
+{
+  AppWindow *self = MORVANE_APP_WINDOW (data);
+  if (accept_bus_reply (bus, result)) {
+    app_window_notification_service_found (self);
+  } else {
+    app_window_ask_bus (self, G_DBUS_CONNECTION (bus), "StartServiceByName",
+                        g_variant_new ("(su)", NOTIFICATION_SERVICE, 0),
+                        app_window_notification_service_handle);
+  }
+  g_object_unref (self);
+}
+
+// Without a notification service GLib would warn, so the bus is asked first.
 static void
 app_window_notify (AppWindow *self)
 {
   GtkApplication *application = gtk_window_get_application (GTK_WINDOW (self));
   GDBusConnection *bus =
     application ? g_application_get_dbus_connection (G_APPLICATION (application)) : NULL;
-  if (!bus)
-    return;
-  g_dbus_connection_call (bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                          "org.freedesktop.DBus", "StartServiceByName",
-                          g_variant_new ("(su)", "org.freedesktop.Notifications", 0), NULL,
-                          G_DBUS_CALL_FLAGS_NONE, -1, NULL, app_window_notification_service_handle,
-                          g_object_ref (self));
+  if (bus)
+    app_window_ask_bus (self, bus, "GetNameOwner", g_variant_new ("(s)", NOTIFICATION_SERVICE),
+                        app_window_notification_owner_handle);
 }
 
 static void
@@ -187,6 +227,7 @@ app_window_stop_sending (AppWindow *self)
 static void
 app_window_unload_account (AppWindow *self)
 {
+  app_release_input ();
   gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (self->procedure_creation_page));
   for (u32 i = 0; i < self->procedures.count; i++) {
     gtk_widget_destroy (GTK_WIDGET (self->procedures.procedures[i]->list_item));
@@ -197,6 +238,7 @@ app_window_unload_account (AppWindow *self)
     gtk_widget_destroy (gtk_widget_get_parent (GTK_WIDGET (contact->list_item)));
     gtk_widget_destroy (GTK_WIDGET (contact->chat_page));
   }
+  procedure_creation_page_clear (self->procedure_creation_page);
   vcard_page_clear_vcard (self->vcard_page);
   dealloc_contact_stack (self->contacts);
   dealloc_procedure_stack (self->procedures);
