@@ -598,6 +598,8 @@ def try_real_server(trial, tally):
     for real, who, step in peers:
         tally.add(who, "opening", victim.judge(real.peer.opening(), real.send, real.head))
         relay_cases(trial, victim, real, tally, who, step)
+    try_nested(victim, bert, carol, tally)
+    try_offline(victim, bert, carol, tally)
     look_back(victim, tally, "over the real server")
     try_real_stops(trial, victim, [real for real, _, _ in peers], tally)
     victim.end()
@@ -615,6 +617,61 @@ def befriend(victim, bert):
     bert.send(b"<presence type='unavailable'/>")
     victim.deliver(b"", bert.send, bert.head)
     victim.adopt()
+
+
+def try_nested(victim, bert, carol, tally):
+    """A stranger's stanza holds another one in a contact's name, behind an element with a name that
+    is rare and enough blanks to fill a record."""
+    own = victim.full
+    for what, body in (("a revision", [bert.peer.element("x-revision", b"Forged")]),
+                       ("a procedure", [bert.peer.element("x-procedure", b"Forged")]),
+                       ("a line of the chat", [b"Forged"])):
+        inner = cases.encode(bert.peer.message(*body))
+        outer = b"<message to='%s' type='chat'><_x>t</_x>%s%s</message>" % (own, b" " * 20000, inner)
+        lines = victim.deliver(outer, carol.send, carol.head)
+        speaks = [line for line in lines if line.startswith(b"Received") and b"bert" in line]
+        difference = check_store(victim) or ("lines %r" % speaks if speaks else None)
+        if difference:
+            victim.adopt()
+        tally.add("nested", "nested: " + what, difference)
+
+
+def settle(real, number):
+    """Waits until the server has taken all that this peer sent."""
+    real.send(b"<iq type='get' id='settle%d' to='%s'><ping xmlns='urn:xmpp:ping'/></iq>" % (
+        number, real.host.encode()))
+    real.wire.wait(b"<iq [^>]*id=.settle%d" % number)
+
+
+def try_offline(victim, bert, carol, tally):
+    """Procedures that wait at the server come in one go with a stranger's stanza that gives no
+    tree."""
+    victim.party.close()
+    victim.pending = b""
+    victim.console.seek(0, os.SEEK_END)
+    stanzas = [bert.peer.message(bert.peer.element("x-procedure")) for _ in range(20)]
+    for number, stanza in enumerate(stanzas):
+        bert.send(cases.encode(stanza))
+        if number == 9:
+            settle(bert, 1)
+            carol.send(b"<message to='%s' type='chat'><a_b/></message>" % cases.bare(victim.full))
+            settle(carol, 1)
+    settle(bert, 2)
+    lines, records = cases.read(cases.Case("offline", "procedures", stanzas), victim.full)
+    start = len(victim.books.tables["procedures"])
+    victim.books.apply(records, lines)
+    victim.start()
+    victim.wait_console(b"SELECT * FROM procedures")
+    deadline = time.monotonic() + 20 * driver.SLOW
+    while len(victim.read_rows("procedures", start)) < 20 and time.monotonic() < deadline:
+        time.sleep(driver.POLL)
+    stored = victim.read_rows("procedures", start)
+    for number, row in enumerate(victim.books.tables["procedures"][start:]):
+        tally.add("offline", "offline: procedure %d" % number,
+                  None if row in stored else "not among %d rows" % len(stored))
+    if len(stored) < 20:
+        victim.adopt()
+    settle(carol, 2)
 
 
 def try_real_stops(trial, victim, reals, tally):
@@ -737,6 +794,10 @@ def try_real(trial, _, tally):
                         "with the lines and rows laid down")
     tally.check(trial, "through Prosody: NUL, control characters, bad UTF-8, doubled attributes, "
                 "over 256 KB", ["refused"], "refused by the server, nothing seen by the window")
+    tally.check(trial, "through Prosody: a stranger's stanza around one in a contact's name",
+                ["nested"], "of which nothing is stored")
+    tally.check(trial, "through Prosody: procedures that waited beside a stranger's stanza that gives "
+                "no tree", ["offline"], "stored")
     tally.check(trial, "through Prosody: cases that end the program", ["real stops"],
                 "with exactly their assertion")
     tally.check(trial, "the store after each of these", ["real stores after stops"],
