@@ -103,9 +103,10 @@ static bool
 accept_bus_reply (GObject *bus, GAsyncResult *result)
 {
   GVariant *reply = g_dbus_connection_call_finish (G_DBUS_CONNECTION (bus), result, NULL);
+  bool is_accepted = reply != NULL;
   if (reply)
     g_variant_unref (reply);
-  return reply;
+  return is_accepted;
 }
 
 // There is a service now; the window may have a session again.
