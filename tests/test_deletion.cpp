@@ -287,6 +287,12 @@ is_nothing_owed (void *data)
   return owed (&((Session *) data)->test).empty ();
 }
 
+static bool
+is_marked (GtkWidget *widget)
+{
+  return gtk_style_context_has_class (gtk_widget_get_style_context (widget), "not-sent");
+}
+
 TEST (deletion, takes_what_waits_out_of_the_outbox_and_an_undo_brings_it_back)
 {
   Session first;
@@ -305,6 +311,11 @@ TEST (deletion, takes_what_waits_out_of_the_outbox_and_an_undo_brings_it_back)
   press (first.window, "undo_button");
   // Each at its place, ahead of what is younger.
   EXPECT_EQ (owed (&first.test), ALL);
+  // Its new widgets say so.
+  procedure = first.window->procedures.procedures[0];
+  EXPECT_TRUE (is_marked (GTK_WIDGET (procedure->list_item)));
+  EXPECT_TRUE (is_marked (GTK_WIDGET (procedure->clauses[0]->view)));
+  EXPECT_TRUE (is_marked (find_widget (procedure->clauses[0]->view, "agree_button")));
   first.finish ();
 
   Session second;
