@@ -80,6 +80,8 @@ log_in (TestWindow *test, const char *bare_jid)
   window->connection.opened_tls_session = true;
   window->connection.socket = sockets[0];
   window->connection.tls_session = session;
+  // A worker may have been started for an account already.
+  dealloc_xmpp_account (window->account);
   window->account =
     alloc_xmpp_account (to_string (bare_jid), to_string ("secret"), to_string ("morvane"));
   app_window_load_account (window);
