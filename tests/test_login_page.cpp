@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <string.h>
 
+#include "delivery.h"
 #include "morvane.h"
 #include "widget_test.h"
 
@@ -309,6 +310,7 @@ TEST (login_page_handle_login_success, empties_the_password_and_shows_the_main_p
   LoginPage *page = test.window->login_page;
   log_in (&test);
   fill (&test, "alice@alpha.test", "secret");
+  delivery_end (test.window);
   dealloc_contact_stack (test.window->contacts);
   dealloc_procedure_stack (test.window->procedures);
   dealloc_xmpp_account (test.window->account);
