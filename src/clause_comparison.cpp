@@ -12,6 +12,7 @@ static const gunichar RETURN_SYMBOL = 0x23ce;
 // ---- Making ----
 
 void
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as the template has them.
 clause_comparison_init (ClauseComparison *self, GtkTextView *text_view, GtkWidget *tools,
                         GtkWidget *keep_button, GtkWidget *remove_button)
 {
@@ -84,6 +85,7 @@ append_diff_word (DiffKind kind, u32 index, void *data)
 }
 
 static void
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the older one first, everywhere.
 clause_comparison_fill (ClauseComparison *self, String older, String newer)
 {
   DiffDisplay display = {};

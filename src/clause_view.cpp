@@ -354,6 +354,7 @@ clause_view_make_kept_draft_buttons (ClauseView *self)
 }
 
 static void
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as GTK calls it.
 clause_view_revision_select_list_header_handle (GtkListBoxRow *row, GtkListBoxRow *before,
                                                 gpointer self)
 {

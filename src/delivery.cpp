@@ -102,6 +102,7 @@ find_parcel (ProceduresStack *procedures, OutboxEntry *entry, Parcel *parcel)
 
 // A row that another program has given to somebody else's object names nothing of ours.
 static bool
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): their names tell.
 is_own_parcel (OutboxKind kind, const Parcel *parcel, String own, String own_name)
 {
   switch (kind) {

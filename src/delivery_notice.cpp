@@ -17,6 +17,7 @@ alloc_short_text (String text)
 }
 
 static char *
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): their names tell.
 alloc_notice (String to, String text, String reason)
 {
   char *shown_to = alloc_short_text (to);

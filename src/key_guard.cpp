@@ -53,6 +53,7 @@ key_guard_key_press_handle (GtkWindow *window, GdkEventKey *event, KeyGuard *sel
 }
 
 static void
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as GTK calls it.
 key_guard_pressed_handle (GtkGestureMultiPress *, int, double, double, GtkWindow *window)
 {
   key_guard_end (window);

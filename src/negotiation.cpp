@@ -406,7 +406,7 @@ may_say (Procedure *procedure, String author, const char *event)
 static void
 warn_of_time (s64 time, const char *event)
 {
-  static const s64 DAY = 24 * 60 * 60;
+  static const s64 DAY = (s64) 24 * 60 * 60;  // seconds
   if (time - get_posix_time () > DAY)
     console_log ("Warning: A %s came with a time more than a day ahead.\n", event);
 }

@@ -228,7 +228,7 @@ get_monotonic_ms ()
 }
 
 // What happened of `events`, an error or an end; 0 after `timeout_ms`, which may be -1 for ever.
-static short
+static int
 wait_for_events (SocketDescriptor socket, short events, int timeout_ms)
 {
   struct pollfd entry = {};

@@ -39,6 +39,7 @@ end_outbox_transaction (sqlite3 *db, bool is_alone)
 }
 
 static int
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as SQLite calls it.
 load_rows_count (void *argument, int, char **values, char **)
 {
   *(u64 *) argument = cstr_dec_to_u64 (values[0]);
@@ -326,6 +327,7 @@ outbox_get_next (Outbox *outbox)
 }
 
 void
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): counts of one session.
 outbox_note_sent (Outbox *, OutboxEntry *entry, u64 acknowledge_position, u64 take_position,
                   u64 request_id)
 {

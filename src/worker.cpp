@@ -179,6 +179,7 @@ worker_end_connecting (Worker *worker)
 }
 
 bool
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): both are freed.
 worker_abandon (Worker *worker, void *first_block, void *second_block)
 {
   pthread_mutex_lock (&worker->mutex);

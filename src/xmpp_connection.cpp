@@ -797,6 +797,7 @@ find_error_text (XMLElement *error)
 }
 
 static void
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): whole and part.
 post_message_error_signal (AppWindow *window, XMLElement *element, XMLElement *error)
 {
   XMPPMessageErrorSignal *signal =
