@@ -179,13 +179,6 @@ def act_on_full_disk(party, action):
     return leave_text(party)
 
 
-def wait_delivered(party):
-    """Waits until the store is at rest: what is not delivered yet changes it in the next session."""
-    party.desktop.wait(
-        lambda: not party.rows("SELECT 1 FROM sqlite_master WHERE name = 'outbox'"),
-        "all is delivered")
-
-
 def get_messages(kind):
     """What a disk of that kind makes the console say."""
     return next(messages for name, _, messages in KINDS if name == kind)
@@ -194,8 +187,7 @@ def get_messages(kind):
 def try_window(trial, party, kind, action, number):
     """One action of a user with the disk failing; whether all was as it must be."""
     act = act_on_full_disk(party, action)
-    wait_delivered(party)
-    before = party.everything()
+    before = party.everything_at_rest()
     arm(party, kind, number)
     act()
     status, stop, said = wait_stopped(party)
@@ -252,8 +244,7 @@ def try_commits(party, numbers):
     party.write(0, text)
     party.focus("Clause text", 1)
     party.desktop.wait(lambda: text in party.drafts(), "the draft is stored")
-    wait_delivered(party)
-    before = party.everything()
+    before = party.everything_at_rest()
     kept, ends = 0, set()
     for number in numbers:
         act = press(party, "Commit")

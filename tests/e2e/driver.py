@@ -1210,6 +1210,11 @@ class Party:
             "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name")]
         return {table: self.rows("SELECT * FROM %s ORDER BY 1" % table) for table in tables}
 
+    def everything_at_rest(self):
+        """The same once all is delivered: the outbox's table goes a second after its last row."""
+        self.desktop.wait(lambda: "outbox" not in self.everything(), "all is delivered")
+        return self.everything()
+
     def positions(self, mine):
         """The positions of the clauses that this party opened, or that it received."""
         return [position for (position,) in self.rows(

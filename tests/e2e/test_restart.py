@@ -10,9 +10,7 @@ class Restart(driver.Case):
     def again(self, party, how):
         """Ends and starts the party's program, logs in and opens the procedure."""
         shown = party.labels()
-        # The outbox's table goes a second after its last row.
-        self.desktop.wait(lambda: "outbox" not in party.everything(), "all has left")
-        before = party.everything()
+        before = party.everything_at_rest()
         if how == "kill":
             party.kill()
         else:

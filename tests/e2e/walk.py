@@ -244,7 +244,7 @@ class Walk:
     def come_back(self):
         anna, bert = self.anna, self.bert
         shared = driver.wait_same(anna, bert)
-        before = {party.name: party.everything() for party in (anna, bert)}
+        before = {party.name: party.everything_at_rest() for party in (anna, bert)}
         for party in (anna, bert):
             party.show_list("Contacts")
         bert.close()
