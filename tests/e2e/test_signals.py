@@ -1,6 +1,8 @@
 #!/usr/bin/python3
-"""A signal ends the program as its close button does: typing that is not committed is kept."""
+"""What the system does to the program: a signal ends it as its close button does, with all typing kept;
+a closed pipe does not; and a shell's mask opens nothing."""
 
+import os
 import signal
 
 import driver
@@ -58,6 +60,43 @@ class Signals(driver.Case):
         anna.process.send_signal(signal.SIGTERM)
         anna.wait_end()
         self.assertEqual(anna.drafts(), ["After the hangup"])
+
+    def test_a_closed_pipe_ends_nothing(self):
+        """standard output is a pipe that nobody reads any more: what follows works and is stored"""
+        anna = self.anna()
+        launch = anna.launch
+
+        def launch_into_closed_pipe():
+            file_path = anna.console_path
+            reader, writer = os.pipe()
+            os.close(reader)
+            anna.console_path = "/proc/self/fd/%d" % writer
+            try:
+                return launch()
+            finally:
+                os.close(writer)
+                anna.console_path = file_path
+        with open(anna.console_path, "wb"):
+            pass
+        anna.launch = launch_into_closed_pipe
+        anna.start()
+        anna.login()
+        anna.begin(TITLE, driver.BERT)
+        anna.commit(anna.add_clause(), "Said to nobody")
+        anna.close()
+        self.assertEqual(anna.rows("SELECT text FROM clause_revisions"), [("Said to nobody",)])
+
+    def test_the_store_is_for_its_owner_alone(self):
+        """whatever the mask of the shell that started the program"""
+        before = os.umask(0)
+        try:
+            anna = self.anna().start()
+        finally:
+            os.umask(before)
+        anna.login()
+        anna.begin(TITLE, driver.BERT)
+        anna.close()
+        self.assertEqual(os.stat(anna.store_path).st_mode & 0o777, 0o600)
 
 
 if __name__ == "__main__":
