@@ -9,6 +9,8 @@
 
 // How long the outbox's table has to be empty before it goes, in milliseconds.
 static const u32 EMPTY_TABLE_TIME = 1000;
+// How soon is looked again what the server's system has taken, in milliseconds.
+static const u32 LOOK_TIME = 50;
 
 // ---- Table ----
 
@@ -215,6 +217,35 @@ delivery_send (AppWindow *window)
   delivery_update (window);
 }
 
+static gboolean
+delivery_look_is_due (gpointer data)
+{
+  AppWindow *window = (AppWindow *) data;
+  window->outbox_look_source = 0;
+  delivery_update (window);
+  return G_SOURCE_REMOVE;
+}
+
+static void
+stop_looking (AppWindow *window)
+{
+  if (window->outbox_look_source)
+    g_source_remove (window->outbox_look_source);
+  window->outbox_look_source = 0;
+}
+
+// Without acknowledgements nothing tells when the server's system has taken what was sent.
+static void
+look_later (AppWindow *window)
+{
+  stop_looking (window);
+  bool is_on_its_way = false;
+  for (u32 i = 0; i < window->outbox.count; ++i)
+    is_on_its_way = is_on_its_way || window->outbox.entries[i].state == OUTBOX_SENT;
+  if (is_on_its_way && window->is_delivering)
+    window->outbox_look_source = g_timeout_add (LOOK_TIME, delivery_look_is_due, window);
+}
+
 void
 delivery_update (AppWindow *window)
 {
@@ -225,8 +256,10 @@ delivery_update (AppWindow *window)
   if (stream_management_is_enabled (counts)) {
     outbox_note_acknowledged (outbox, stream_management_get_acknowledged_count (counts));
   } else {
-    outbox_note_taken (outbox, stream_management_get_taken_count (counts), g_get_monotonic_time ());
+    u64 taken_count = stream_management_get_taken_count (counts);
+    outbox_note_taken (outbox, taken_count, stream_management_get_taken_time (counts));
     outbox_note_heard (outbox, stream_management_get_confirmed_time (counts));
+    look_later (window);
   }
   show_marks (window);
   watch_table (window);
@@ -259,6 +292,7 @@ delivery_end_session (AppWindow *window)
   if (!window->is_delivering)
     return;
   delivery_update (window);
+  stop_looking (window);
   window->is_delivering = false;
   outbox_end_session (&window->outbox);
   show_marks (window);

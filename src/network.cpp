@@ -241,6 +241,19 @@ get_tls_send_state (gnutls_session_t session)
 }
 
 bool
+has_all_tls_data_left (gnutls_session_t session)
+{
+  SendQueue *queue = get_send_queue (session);
+  if (!queue)
+    return true;
+  pthread_mutex_lock (&queue->mutex);
+  // Looked at with the queue held: nothing may go from one to the other meanwhile.
+  bool has_left = !queue->state.waiting_size && !os_get_unconfirmed_size (queue->socket);
+  pthread_mutex_unlock (&queue->mutex);
+  return has_left;
+}
+
+bool
 flush_tls_data (gnutls_session_t session, u32 timeout)
 {
   SendQueue *queue = get_send_queue (session);

@@ -70,6 +70,10 @@ struct TLSSendState {
 };
 TLSSendState get_tls_send_state (gnutls_session_t session);
 
+// Whether all that was sent has reached the other side's system, which says nothing about whether the
+// server has read it.
+bool has_all_tls_data_left (gnutls_session_t session);
+
 typedef void (*TLSSendHandler) (void *data);
 // Has `handler` called after a call here changed the state, by the thread of that call, which holds
 // no lock of the session but may hold others; what a send does at once to its own stanza does not

@@ -5,11 +5,13 @@
 #include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -203,6 +205,13 @@ os_send_now (SocketDescriptor socket, String data)
     if (errno != EINTR)
       return -1;
   }
+}
+
+u64
+os_get_unconfirmed_size (SocketDescriptor socket)
+{
+  int size = 0;
+  return ioctl (socket, SIOCOUTQ, &size) == 0 && size > 0 ? (u64) size : 0;
 }
 
 String

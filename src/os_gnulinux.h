@@ -50,6 +50,9 @@ bool os_send_all (SocketDescriptor socket, String data);
 // What the socket takes without waiting: a count of bytes, maybe 0. -1 on error, with the reason in
 // `errno` and nothing on the console.
 s64 os_send_now (SocketDescriptor socket, String data);
+// Bytes that the socket took and that the other side's system has not confirmed to have (TCP's
+// acknowledgement); 0 on error. What the other side's program has read of the rest nobody tells.
+u64 os_get_unconfirmed_size (SocketDescriptor socket);
 // What one `recv` brought, as a view over the front of `buffer`; empty with the buffer's pointer
 // when the peer has closed, empty with a null pointer on error.
 String os_recv (SocketDescriptor socket, Buffer buffer);

@@ -29,7 +29,7 @@ enum OutboxState {
   OUTBOX_WAITING,  // has a row; to be sent
   OUTBOX_SENT,     // has a row; given to the session, which has not told yet what became of it
   OUTBOX_REFUSED,  // has a row; came back with an error, and is sent again in the next session
-  OUTBOX_TAKEN,    // no row; the socket took it, and the server was not heard of since
+  OUTBOX_TAKEN,    // no row; the server's system took it, and the server was not heard of since
   OUTBOX_DONE,     // no row; kept until the session ends, for an error that may still come back
 };
 
@@ -40,8 +40,8 @@ struct OutboxEntry {
   u64 object_db_id;  // row of the object
   OutboxState state;
   u64 acknowledge_position;  // where it stands in what the server acknowledges
-  u64 take_position;         // where it stands in what the socket takes
-  s64 taken_time;            // when the socket was known to have taken it; monotonic, microseconds
+  u64 take_position;         // where it stands in what the server's system takes
+  s64 taken_time;            // when that was known to have taken it; monotonic, microseconds
   u64 request_id;            // of the stanza that carried it last; 0 before the first
   bool is_marked;  // the object's widgets say that it did not go out; its owner's business
   // The object's record while its deletion can be undone: the entry has no row meanwhile. Else NULL.
@@ -87,10 +87,10 @@ OutboxEntry *outbox_get_next (Outbox *outbox);
 // The stanza with this id was given to the session; the positions are where it ends.
 void outbox_note_sent (Outbox *outbox, OutboxEntry *entry, u64 acknowledge_position,
                        u64 take_position, u64 request_id);
-// Without acknowledgements: the socket took everything up to there, by `time` at the latest. The rows
-// go.
+// Without acknowledgements: the socket took everything up to there and has passed it on to the server's
+// system, by `time` at the latest. The rows go.
 void outbox_note_taken (Outbox *outbox, u64 take_position, s64 time);
-// The server was heard of, and what the socket took up to `time` is known to have reached it.
+// The server was heard of, and what its system took up to `time` is known to have reached it.
 void outbox_note_heard (Outbox *outbox, s64 time);
 // The server has acknowledged everything up to there. The rows go.
 void outbox_note_acknowledged (Outbox *outbox, u64 acknowledge_position);

@@ -155,28 +155,63 @@ ask_after_burst (StreamManagement *counts)
   hand_over_mark (counts, stream_management_ask);
 }
 
-// What waits in the session's queue the socket has not taken. The counts are locked.
+// What waits in the session's queue the socket has not taken, and what waits in the socket the
+// server's system has not. A server that was found not to read is given as long to read what its
+// system holds as all before that took. The counts are locked.
 static void
-note_taken (StreamManagement *counts)
+look_for_taken (StreamManagement *counts)
 {
-  bool is_all_taken =
-    counts->window && !counts->is_broken && !get_tls_send_state (counts->tls_session).waiting_size;
-  if (is_all_taken)
+  if (!counts->window || counts->is_broken || counts->taken_count == counts->sent_count)
+    return;
+  s64 now = g_get_monotonic_time ();
+  s64 backlog = now - counts->backlog_time;
+  if (has_all_tls_data_left (counts->tls_session)) {
+    if (counts->is_stuck)
+      counts->trusted_time = now + backlog;
+    counts->is_stuck = false;
     counts->taken_count = counts->sent_count;
+    counts->taken_time = now;
+  } else if (backlog > counts->heard_delay) {
+    counts->is_stuck = true;
+  }
+}
+
+// The mutex is held.
+static StreamManagement *
+find_counts (gnutls_session_t tls_session)
+{
+  StreamManagement *counts = first_counts;
+  while (counts && counts->tls_session != tls_session)
+    counts = counts->next;
+  return counts;
+}
+
+// What was sent before may have left long ago, without anybody having looked: a backlog begins here
+// unless it really stands.
+static void
+note_backlog (gnutls_session_t tls_session)
+{
+  pthread_mutex_lock (&counts_mutex);
+  StreamManagement *counts = find_counts (tls_session);
+  if (counts) {
+    look_for_taken (counts);
+    if (counts->taken_count == counts->sent_count)
+      counts->backlog_time = g_get_monotonic_time ();
+  }
+  pthread_mutex_unlock (&counts_mutex);
 }
 
 u64
 send_stanza (gnutls_session_t tls_session, String stanza)
 {
+  note_backlog (tls_session);
   u64 sent_size = send_all_tls_data (tls_session, stanza);
   pthread_mutex_lock (&counts_mutex);
-  StreamManagement *counts = first_counts;
-  while (counts && counts->tls_session != tls_session)
-    counts = counts->next;
+  StreamManagement *counts = find_counts (tls_session);
   if (counts) {
     counts->sent_count++;
     counts->is_broken = counts->is_broken || sent_size != stanza.size;
-    note_taken (counts);
+    look_for_taken (counts);
     ask_after_burst (counts);
   }
   pthread_mutex_unlock (&counts_mutex);
@@ -190,10 +225,15 @@ stream_management_note_heard (StreamManagement *counts, String data)
 {
   String end = to_string ("</stream:stream>");
   bool is_end = data.size >= end.size && string_advance (data, data.size - end.size) == end;
-  s64 time = g_get_monotonic_time ();
+  // In answer to ours it has read all; one that leaves by itself may not have.
+  bool is_answer = is_end && has_ended_xmpp_stream (counts->window);
   pthread_mutex_lock (&counts_mutex);
-  counts->heard_time = time;
-  if (is_end)
+  look_for_taken (counts);
+  s64 time = g_get_monotonic_time ();
+  bool is_trusted = !counts->is_stuck && time >= counts->trusted_time;
+  if (is_trusted)
+    counts->heard_time = time;
+  if (is_answer || (is_end && is_trusted))
     counts->ended_time = time;
   pthread_mutex_unlock (&counts_mutex);
 }
@@ -421,10 +461,19 @@ u64
 stream_management_get_taken_count (StreamManagement *counts)
 {
   pthread_mutex_lock (&counts_mutex);
-  note_taken (counts);
+  look_for_taken (counts);
   u64 count = counts->taken_count;
   pthread_mutex_unlock (&counts_mutex);
   return count;
+}
+
+s64
+stream_management_get_taken_time (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  s64 time = counts->taken_time;
+  pthread_mutex_unlock (&counts_mutex);
+  return time;
 }
 
 u64

@@ -4,8 +4,9 @@
 //
 // A server that offers it acknowledges what it has taken over, and so do we: a received stanza is
 // acknowledged when the interface has stored what it brought. Without it the server's word is missing,
-// and the nearest to it is that bytes came some time after the socket had taken what was sent: what
-// comes at once may have been on its way.
+// and the nearest to it is that bytes came some time after the server's system had taken what was
+// sent: what comes at once may have been on its way. Bytes of a server that does not read confirm
+// nothing, nor do those that come before it has had as long to read the rest as the backlog stood.
 //
 // Ownership: the record is a field of its window, and belongs to the session that it was begun for.
 // Threads: any, but for the functions that name one. The session thread begins it; it ends on the
@@ -29,17 +30,21 @@ struct StreamManagement {
   bool is_broken;                // a stanza could not be sent whole; nothing more goes out
   // All of these count stanzas since the session began.
   u64 sent_count;
-  u64 taken_count;         // of those, the ones that the socket has taken whole
+  u64 taken_count;         // of those, the ones that the server's system has taken whole
   u64 acknowledged_count;  // what the server has acknowledged
   u64 received_count;      // since the server agreed
   u64 applied_count;       // of those, the ones that the interface has applied
   // Interface thread.
   u64 told_count;  // what we have acknowledged last
   // Monotonic, microseconds; 0 for never.
-  s64 heard_time;       // when bytes last came from the server
-  s64 ended_time;       // when the server ended its stream
-  s64 heard_delay;      // how much earlier the socket must have taken what those bytes confirm
-  bool is_asking;       // `<r/>` goes out as soon as the interface has nothing else to do
+  s64 taken_time;    // when the server's system was last found to have taken all
+  s64 backlog_time;  // since when there is something that it has not taken
+  s64 trusted_time;  // bytes that come before this confirm nothing: the server has read too little
+  s64 heard_time;    // when bytes that confirm last came from the server
+  s64 ended_time;    // when the server ended its stream
+  s64 heard_delay;  // how much earlier the server's system must have taken what those bytes confirm
+  bool is_stuck;    // the server's system has not taken something for longer than that
+  bool is_asking;   // `<r/>` goes out as soon as the interface has nothing else to do
   guint tell_source;    // a timer that will acknowledge; 0 for none
   guint answer_source;  // a timer for an answer that is due; 0 for none
   u32 answer_time_max;  // milliseconds that the server has for an answer
@@ -83,11 +88,15 @@ void stream_management_tell (StreamManagement *counts);
 
 // ---- Looking ----
 
-// What was sent, what of that the socket has taken whole, and what the server has acknowledged.
+// What was sent, what of that the server's system has taken whole, and what the server has
+// acknowledged.
 u64 stream_management_get_sent_count (StreamManagement *counts);
+// Looks, and so has to be called again while something is not taken: nothing tells.
 u64 stream_management_get_taken_count (StreamManagement *counts);
+// When that was seen, or later. Monotonic, microseconds.
+s64 stream_management_get_taken_time (StreamManagement *counts);
 u64 stream_management_get_acknowledged_count (StreamManagement *counts);
-// What the socket took up to this time has reached the server, as far as anybody can know without
+// What was taken up to this time has reached the server, as far as anybody can know without
 // acknowledgements. Monotonic, microseconds; 0 for nothing.
 s64 stream_management_get_confirmed_time (StreamManagement *counts);
 // Whether the server acknowledges, as far as is known: asked for, and not refused.

@@ -117,6 +117,35 @@ struct Session {
   }
 };
 
+// ---- A server that does not read ----
+
+// Reads nothing from one call of `end_deafness` to the next. As `server_wait`, which reads, but goes
+// on when it has waited in vain.
+inline void
+stay_deaf (void *queue)
+{
+  g_async_queue_timeout_pop ((GAsyncQueue *) queue, (guint64) 10 * G_USEC_PER_SEC);
+}
+
+inline void
+end_deafness (GAsyncQueue *queue)
+{
+  g_async_queue_push (queue, queue);
+}
+
+// To a server that is deaf: text until its system takes no more and the own socket holds the rest,
+// and nothing waits in front of that.
+inline void
+fill_socket (Session *session)
+{
+  Connection *connection = &session->window->connection;
+  std::string text =
+    "<message to='bob@beta.test'><body>" + std::string (4000, 'x') + "</body></message>";
+  while (os_get_unconfirmed_size (connection->socket) < 1000000)
+    send_stanza (connection->tls_session, {(u8 *) &text[0], text.size ()});
+  EXPECT_EQ (get_tls_send_state (connection->tls_session).waiting_size, 0u);
+}
+
 inline size_t
 count_of (const std::string &text, const std::string &part)
 {

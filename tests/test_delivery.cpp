@@ -98,13 +98,13 @@ static const char ALL_OWED[] = "procedure\nclause\nrevision\ndecision\nmessage\n
 
 // ---- Without stream management ----
 
-TEST (delivery, what_the_socket_took_is_no_longer_owed_and_the_table_goes)
+TEST (delivery, what_the_servers_system_took_is_no_longer_owed_and_the_table_goes)
 {
   Session session;
   session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait ()},
                  {});
   do_everything (&session);
-  EXPECT_TRUE (is_table_empty (&session));
+  EXPECT_TRUE (pump_until (is_table_empty, &session));
   EXPECT_TRUE (pump_until (is_table_gone, &session));
   scripted_server_signal (session.server);
   EXPECT_EQ (list_sent (session.finish ().received), ALL_SENT);
@@ -178,6 +178,51 @@ TEST (delivery, a_word_of_the_server_settles_what_was_taken_before_it)
   EXPECT_TRUE (pump_until (is_idle, session.window));
   EXPECT_EQ (owed (&session.test), "revision\n");
   session.finish ();
+}
+
+static bool
+has_contact (void *data)
+{
+  return ((AppWindow *) data)->contacts.count == 1;
+}
+
+TEST (delivery, what_stands_in_the_socket_is_owed_whatever_the_server_says)
+{
+  GAsyncQueue *queue = g_async_queue_new ();
+  Session session;
+  session.begin ({server_run (stay_deaf, queue),
+                  server_send ("<presence from='bob@beta.test' to='alice@alpha.test'/>"),
+                  server_run (stay_deaf, queue), server_reset ()},
+                 {});
+  session.window->stream_management.heard_delay = 0;
+  fill_socket (&session);
+  do_everything (&session);
+  EXPECT_EQ (get_tls_send_state (session.window->connection.tls_session).waiting_size, 0u);
+  end_deafness (queue);
+  EXPECT_TRUE (pump_until (has_contact, session.window));
+  EXPECT_EQ (owed (&session.test), ALL_OWED);
+  end_deafness (queue);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (owed (&session.test), ALL_OWED);
+  session.finish ();
+  g_async_queue_unref (queue);
+}
+
+TEST (delivery, a_server_that_reads_on_settles_it)
+{
+  GAsyncQueue *queue = g_async_queue_new ();
+  Session session;
+  session.begin ({server_run (stay_deaf, queue),
+                  server_expect_until ("</x-clause-message></body></message>"), server_wait ()},
+                 {});
+  fill_socket (&session);
+  do_everything (&session);
+  EXPECT_EQ (owed (&session.test), ALL_OWED);
+  end_deafness (queue);
+  EXPECT_TRUE (pump_until (is_table_gone, &session));
+  scripted_server_signal (session.server);
+  session.finish ();
+  g_async_queue_unref (queue);
 }
 
 TEST (delivery, the_end_of_the_servers_stream_settles_too)

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "morvane.h"
 #include "network.h"
 #include "scripted_server.h"
 
@@ -1237,6 +1238,7 @@ TEST (send_all_tls_data, does_not_wait_for_a_server_that_does_not_read)
   EXPECT_LT (state.taken_count, state.given_count);
   EXPECT_LE (state.taken_size, state.taken_count * (all.size () / DEAF_STANZAS + 100));
   EXPECT_FALSE (state.is_lost);
+  EXPECT_FALSE (has_all_tls_data_left (link.client.session));
   EXPECT_GE (calls_count, 1);
   EXPECT_FALSE (flush_tls_data (link.client.session, 0));
   int calls_before_count = calls_count;
@@ -1253,6 +1255,35 @@ TEST (send_all_tls_data, does_not_wait_for_a_server_that_does_not_read)
   EXPECT_TRUE (report.received == all + "!");
   std::vector<size_t> sizes = record_sizes (report);
   EXPECT_LE (*std::max_element (sizes.begin (), sizes.end ()), 10u);
+}
+
+// Long stanzas until the socket holds some that the server's system does not take, and nothing waits in
+// front of the socket. Returns all of them.
+static std::string
+fill_socket (const Client &client)
+{
+  std::string all;
+  for (int number = 0; os_get_unconfirmed_size (client.socket) < 1000000; ++number) {
+    std::string stanza = make_stanza ('a', number).substr (0, 4000);
+    EXPECT_EQ (send_all_tls_data (client.session, to_view (stanza)), stanza.size ());
+    all += stanza;
+  }
+  EXPECT_EQ (get_tls_send_state (client.session).waiting_size, 0u);
+  return all;
+}
+
+TEST (has_all_tls_data_left, counts_what_the_socket_holds)
+{
+  Link link = open_link ({server_wait (), server_expect_until ("!"), server_expect_end ()});
+  std::string all = fill_socket (link.client);
+  EXPECT_FALSE (has_all_tls_data_left (link.client.session));
+  EXPECT_EQ (send_all (link.client.session, "!").size, 1u);
+  scripted_server_signal (link.server);
+  s64 end = g_get_monotonic_time () + 10000000;
+  while (!has_all_tls_data_left (link.client.session) && g_get_monotonic_time () < end)
+    g_usleep (1000);
+  EXPECT_TRUE (has_all_tls_data_left (link.client.session));
+  EXPECT_TRUE (close_link (&link).received == all + "!");
 }
 
 TEST (send_all_tls_data, keeps_the_order_when_some_of_it_waits)

@@ -1064,6 +1064,28 @@ TEST_F (os_stream, send_now_takes_what_there_is_room_for)
   EXPECT_TRUE (os_wait_readable_or_writable (near));
 }
 
+TEST_F (os_stream, what_the_other_side_has_not_taken_is_unconfirmed)
+{
+  std::string block (1 << 16, 'x');
+  s64 taken_size = 0;
+  s64 size = os_send_now (near, {(u8 *) &block[0], block.size ()});
+  for (; size > 0; size = os_send_now (near, {(u8 *) &block[0], block.size ()}))
+    taken_size += size;
+  EXPECT_GT (os_get_unconfirmed_size (near), 0u);
+  EXPECT_LE (os_get_unconfirmed_size (near), (u64) taken_size);
+  while (taken_size > 0) {
+    ssize_t received_size = recv (far, &block[0], block.size (), 0);
+    ASSERT_GT (received_size, 0);
+    taken_size -= received_size;
+  }
+  // The last confirmation may be late.
+  s64 end = g_get_monotonic_time () + 10000000;
+  while (os_get_unconfirmed_size (near) && g_get_monotonic_time () < end)
+    g_usleep (1000);
+  EXPECT_EQ (os_get_unconfirmed_size (near), 0u);
+  EXPECT_EQ (os_get_unconfirmed_size (-1), 0u);
+}
+
 TEST_F (os_stream, send_now_tells_of_a_lost_connection)
 {
   os_shutdown_connection (near);

@@ -328,6 +328,89 @@ TEST (stream_management, without_it_bytes_confirm_what_was_taken_some_time_befor
   session.finish ();
 }
 
+static bool
+is_all_taken (void *data)
+{
+  StreamManagement *counts = (StreamManagement *) data;
+  return stream_management_get_taken_count (counts) == stream_management_get_sent_count (counts);
+}
+
+TEST (stream_management, without_it_a_server_that_does_not_read_confirms_nothing)
+{
+  GAsyncQueue *queue = g_async_queue_new ();
+  Session session;
+  session.begin ({server_run (stay_deaf, queue), server_expect_until ("!"), server_wait ()}, {});
+  StreamManagement *counts = &session.window->stream_management;
+  EXPECT_TRUE (pump_until (has_own_presence, &session));
+  EXPECT_TRUE (pump_until (is_all_taken, counts));
+  counts->heard_delay = 0;
+  fill_socket (&session);
+  EXPECT_FALSE (is_all_taken (counts));
+  EXPECT_TRUE (counts->is_stuck);
+  s64 heard_time = counts->heard_time;
+  stream_management_note_heard (counts, to_string ("<presence/>"));
+  EXPECT_EQ (counts->heard_time, heard_time);
+
+  // As if it had stood for an hour: so long the server has for the rest, too.
+  const s64 HOUR = (s64) 3600 * 1000000;
+  counts->backlog_time = g_get_monotonic_time () - HOUR;
+  send_all_tls_data (session.window->connection.tls_session, to_string ("!"));
+  end_deafness (queue);
+  EXPECT_TRUE (pump_until (is_all_taken, counts));
+  EXPECT_FALSE (counts->is_stuck);
+  EXPECT_GE (counts->trusted_time, stream_management_get_taken_time (counts) + HOUR);
+  stream_management_note_heard (counts, to_string ("<presence/>"));
+  EXPECT_EQ (counts->heard_time, heard_time);
+  counts->trusted_time = g_get_monotonic_time ();
+  stream_management_note_heard (counts, to_string ("<presence/>"));
+  EXPECT_GE (stream_management_get_confirmed_time (counts),
+             stream_management_get_taken_time (counts));
+  scripted_server_signal (session.server);
+  session.finish ();
+  g_async_queue_unref (queue);
+}
+
+TEST (stream_management, what_left_long_ago_is_no_backlog_though_nobody_has_looked)
+{
+  Session session;
+  session.begin ({server_wait ()}, {});
+  StreamManagement *counts = &session.window->stream_management;
+  EXPECT_TRUE (pump_until (is_all_taken, counts));
+  s64 before = g_get_monotonic_time ();
+  counts->taken_count = 0;
+  counts->backlog_time = 1;
+  std::string line = message ("line");
+  send_stanza (session.window->connection.tls_session, {(u8 *) &line[0], line.size ()});
+  EXPECT_GE (counts->backlog_time, before);
+  EXPECT_FALSE (counts->is_stuck);
+  EXPECT_EQ (counts->trusted_time, 0);
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+TEST (stream_management, without_it_an_end_confirms_all_only_when_the_server_has_read_or_answers)
+{
+  for (bool is_answer : {false, true}) {
+    Session session;
+    session.begin ({server_wait (), server_send ("</stream:stream>"), server_wait ()}, {});
+    StreamManagement *counts = &session.window->stream_management;
+    EXPECT_TRUE (pump_until (is_all_taken, counts));
+    counts->trusted_time = G_MAXINT64;
+    if (is_answer)
+      end_xmpp_stream (session.window);
+    scripted_server_signal (session.server);
+    EXPECT_TRUE (pump_until (
+      [] (void *data) {
+        return ((Session *) data)->console ().find ("</stream:stream>\" (String)") !=
+               std::string::npos;
+      },
+      &session));
+    EXPECT_EQ (counts->ended_time > 0, is_answer);
+    scripted_server_signal (session.server);
+    session.finish ();
+  }
+}
+
 TEST (stream_management, without_it_the_servers_end_confirms_at_once)
 {
   Session session;
