@@ -93,6 +93,7 @@ class Player(driver.Party):
         super().__init__(name, jid)
         self.cuts = cuts
         self.is_online = False
+        self.has_session = False    # shows one, dead or alive; else the login page
         self.answers = None
         self.unread = b""
         self.ended = None
@@ -128,7 +129,7 @@ class Player(driver.Party):
         self.process.stdin.close()
         os.close(self.answers)
         self.process = self.answers = None
-        self.is_online = False
+        self.is_online = self.has_session = False
         return status
 
     def discard(self):
@@ -359,7 +360,7 @@ class Cuts:
             try:
                 self.do(player, kind)
             except Gone:
-                self.collect(player, "in a session")
+                self.collect(player)
 
     def flood(self, player):
         """More than the system takes for a server that does not read."""
@@ -372,7 +373,7 @@ class Cuts:
                 if player.commit(0, text):
                     self.done.append((player, "clause_revisions", "text", text))
         except Gone:
-            self.collect(player, "in a session")
+            self.collect(player)
 
     # ---- Cuts ----
 
@@ -410,8 +411,7 @@ class Cuts:
             kind, victim.name, where, direction, point, [actor.name for actor in actors],
             away))
         self.burst(actors)
-        # Without acknowledgements nobody knows how much of that has left the own machine.
-        if kind == "stall" and self.plan.is_managed and not self.trial.short:
+        if kind == "stall" and not self.plan.is_counted and not self.trial.short:
             if self.source.random() < 0.1:
                 self.flood(victim)
         self.suffer(victim, kind)
@@ -458,8 +458,9 @@ class Cuts:
 
     # ---- Coming back ----
 
-    def collect(self, player, when):
+    def collect(self, player):
         """Takes leave of a program that has ended by itself: by the cut, or in a designed stop."""
+        when = "in a session" if player.has_session else "during a login"
         self.judge_end(player, player.take_leave(), when)
 
     def judge_end(self, player, status, when):
@@ -495,37 +496,39 @@ class Cuts:
         try:
             player.is_online = self.log_in(player, kind)
         except Gone:
-            self.collect(player, "during a login")
+            self.collect(player)
 
     def give_up(self, player):
         """The user logs in again in the same window, or closes it."""
         if self.source.random() < 0.5:
-            when = "in a session"
             try:
-                if player.act("count Login")[0] == "0":
+                if self.look(player) == "none":
                     player.act("do log-in-again")
                     self.counts["again"] += 1
+                    player.wait(lambda: self.look(player) != "none", "the login page shows")
                 else:
-                    when = "during a login"
                     player.act("key Escape")
                     self.counts["given up"] += 1
-                player.wait(lambda: player.act("ready 0 Login")[0] != "none" or
-                            when == "during a login", "the login page shows")
-                player.wait(lambda: player.act("ready 0 Login")[0] != "off" or
-                            when == "in a session", "the login ends")
+                    player.wait(lambda: self.look(player) != "off", "the login ends")
                 # A login that succeeds at that moment shows its session.
-                if player.act("ready 0 Login")[0] != "none":
+                if not player.has_session:
                     return
             except Gone:
-                self.collect(player, when)
+                self.collect(player)
                 return
         self.leave(player)
 
+    def look(self, player):
+        """The state of the login button; without one there is a session."""
+        state = player.act("ready 0 Login")[0]
+        player.has_session = state == "none"
+        return state
+
     def is_stuck(self, player):
         try:
-            return player.act("ready 0 Login")[0] != "ok"
+            return self.look(player) != "ok"
         except Gone:
-            self.collect(player, "during a login")
+            self.collect(player)
             return False
 
     def log_in(self, player, kind):
@@ -536,6 +539,7 @@ class Cuts:
         while True:
             page, ready = player.act("count New procedure", "ready 0 Login")
             if page != "0":
+                player.has_session = True
                 titles = player.rows("SELECT title FROM procedures ORDER BY db_id DESC LIMIT 1")
                 for (title,) in titles:
                     player.open(title)
@@ -585,7 +589,7 @@ class Cuts:
                 other.wait(lambda other=other, title=title: other.holds(
                     "procedures", "title", title), "%s arrives" % title)
             except Gone:
-                self.collect(other, "in a session")
+                self.collect(other)
             player.open(title)
             self.done.append((player, "procedures", "title", title))
 
