@@ -990,6 +990,7 @@ app_window_apply_clause (AppWindow *self, XMPPClause *message)
   if (!clause || self->closing)
     return;
   procedure_view_add_clause (procedure->view, clause);
+  procedure_view_order_clause (procedure->view, clause);
   clause_view_enable_chat (clause->view);
 }
 

@@ -445,6 +445,7 @@ db_load_clause (void *argument, int columns_count, char **values, char **names)
   if (initiator) {
     procedure_add_clause (procedure, alloc_clause (db_id, procedure_db_id, time,
                                                    to_string (initiator), position));
+    procedure_order_last_clause (procedure);
   }
   return 0;
 }
@@ -475,6 +476,7 @@ db_load_clause_message (void *argument, int columns_count, char **values, char *
   if (author && text) {
     clause_add_message (clause, alloc_clause_message (db_id, clause_db_id, time, to_string (author),
                                                       to_string (text)));
+    clause_order_last_message (clause);
   }
   return 0;
 }
@@ -485,6 +487,7 @@ clause_take_revision (Clause *clause, ClauseRevision *revision)
 {
   if (revision->status != REVISION_DRAFT) {
     clause_add_revision (clause, revision);
+    clause_order_last_revision (clause);
     return;
   }
   assert (!clause->draft);

@@ -101,6 +101,7 @@ negotiation_add_clause (Negotiation *negotiation, Procedure *procedure)
   Clause *clause = alloc_clause (0, procedure->db_id, time, own, position);
   db_insert_clause (negotiation->db, clause);
   procedure_add_clause (procedure, clause);
+  procedure_order_last_clause (procedure);
   return clause;
 }
 
@@ -118,7 +119,6 @@ negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, Claus
   db_commit (negotiation->db);
   negotiation->deletion.clause = clause;
   negotiation->deletion.parent = procedure;
-  negotiation->deletion.index = (u32) index;
 }
 
 void
@@ -189,7 +189,8 @@ negotiation_undo_delete (Negotiation *negotiation)
     negotiation_store_clause_again (negotiation, deletion.parent, deletion.clause);
     if (negotiation->outbox)
       outbox_restore_clause (negotiation->outbox, deletion.clause);
-    procedure_insert_clause (deletion.parent, deletion.clause, deletion.index);
+    procedure_add_clause (deletion.parent, deletion.clause);
+    procedure_order_last_clause (deletion.parent);
   }
   db_commit (negotiation->db);
 }
@@ -492,6 +493,7 @@ negotiation_receive_clause (Negotiation *negotiation, XMPPClause *record, Proced
     alloc_clause (0, procedure->db_id, record->clause_time, record->clause_initiator, 1);
   db_insert_clause (negotiation->db, clause);
   procedure_add_clause (procedure, clause);
+  procedure_order_last_clause (procedure);
   warn_of_time (record->clause_time, EVENT);
   *procedure_out = procedure;
   return clause;

@@ -262,18 +262,6 @@ clause_add_revision (Clause *clause, ClauseRevision *revision)
 }
 
 void
-clause_order_last_revision (Clause *clause)
-{
-  assert (clause->revisions_count);
-  u32 index = clause->revisions_count - 1;
-  ClauseRevision *revision = clause->revisions[index];
-  for (; index > 0 && clause->revisions[index - 1]->time > revision->time; --index) {
-    clause->revisions[index] = clause->revisions[index - 1];
-  }
-  clause->revisions[index] = revision;
-}
-
-void
 procedure_add_clause (Procedure *procedure, Clause *clause)
 {
   assert (procedure->clauses_max);
@@ -296,17 +284,6 @@ procedures_stack_add_procedure (ProceduresStack *stack, Procedure *procedure)
 }
 
 void
-procedure_insert_clause (Procedure *procedure, Clause *clause, u32 index)
-{
-  assert (index <= procedure->clauses_count);
-  procedure_add_clause (procedure, clause);
-  for (u32 i = procedure->clauses_count - 1; i > index; --i) {
-    procedure->clauses[i] = procedure->clauses[i - 1];
-  }
-  procedure->clauses[index] = clause;
-}
-
-void
 procedures_stack_insert_procedure (ProceduresStack *stack, Procedure *procedure, u32 index)
 {
   assert (index <= stack->count);
@@ -315,6 +292,82 @@ procedures_stack_insert_procedure (ProceduresStack *stack, Procedure *procedure,
     stack->procedures[i] = stack->procedures[i - 1];
   }
   stack->procedures[index] = procedure;
+}
+
+// ---- Order ----
+
+// Byte by byte, a text ahead of those that it begins: below, at or above 0.
+static int
+compare_bytes (String text, String other_text)
+{
+  u64 size = text.size < other_text.size ? text.size : other_text.size;
+  int order = size ? memcmp (text.data, other_text.data, size) : 0;
+  if (order != 0) {
+    return order;
+  }
+  return text.size < other_text.size ? -1 : text.size > other_text.size;
+}
+
+static int
+compare_marks (s64 time, String author, s64 other_time, String other_author)
+{
+  if (time != other_time) {
+    return time < other_time ? -1 : 1;
+  }
+  return compare_bytes (author, other_author);
+}
+
+static int
+compare_messages (ClauseMessage *message, ClauseMessage *other_message)
+{
+  int order =
+    compare_marks (message->time, message->author, other_message->time, other_message->author);
+  // Two parties may share a user name.
+  return order != 0 ? order : compare_bytes (message->text, other_message->text);
+}
+
+void
+clause_order_last_message (Clause *clause)
+{
+  assert (clause->messages_count);
+  u32 index = clause->messages_count - 1;
+  ClauseMessage *message = clause->messages[index];
+  for (; index > 0 && compare_messages (clause->messages[index - 1], message) > 0; --index) {
+    clause->messages[index] = clause->messages[index - 1];
+  }
+  clause->messages[index] = message;
+}
+
+void
+clause_order_last_revision (Clause *clause)
+{
+  assert (clause->revisions_count);
+  u32 index = clause->revisions_count - 1;
+  ClauseRevision *revision = clause->revisions[index];
+  for (; index > 0; --index) {
+    ClauseRevision *previous = clause->revisions[index - 1];
+    if (compare_marks (previous->time, previous->author, revision->time, revision->author) <= 0) {
+      break;
+    }
+    clause->revisions[index] = previous;
+  }
+  clause->revisions[index] = revision;
+}
+
+void
+procedure_order_last_clause (Procedure *procedure)
+{
+  assert (procedure->clauses_count);
+  u32 index = procedure->clauses_count - 1;
+  Clause *clause = procedure->clauses[index];
+  for (; index > 0; --index) {
+    Clause *previous = procedure->clauses[index - 1];
+    if (compare_marks (previous->time, previous->initiator, clause->time, clause->initiator) <= 0) {
+      break;
+    }
+    procedure->clauses[index] = previous;
+  }
+  procedure->clauses[index] = clause;
 }
 
 // ---- Removing ----

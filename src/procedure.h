@@ -72,10 +72,10 @@ struct Clause {
   u64 position;               // place in the procedure, from 1
   u32 messages_max;
   u32 messages_count;
-  ClauseMessage **messages;  // owned, with the messages
+  ClauseMessage **messages;  // owned, with the messages; as loaded, and then in the order added
   u32 revisions_max;
   u32 revisions_count;
-  ClauseRevision **revisions;  // owned, with the revisions; oldest first; the draft is not here
+  ClauseRevision **revisions;  // owned, with the revisions; in their order; the draft is not here
   ClauseRevision *draft;       // owned; the user's unsent revision, NULL when there is none
 };
 
@@ -90,7 +90,7 @@ struct Procedure {
   String contractor;         // owned; bare JID
   u32 clauses_max;
   u32 clauses_count;
-  Clause **clauses;  // owned, with the clauses
+  Clause **clauses;  // owned, with the clauses; in their order
 };
 
 // All procedures of the loaded account.
@@ -141,14 +141,20 @@ String alloc_procedure_title (String text);
 void clause_revision_add_decision (ClauseRevision *revision, ClauseRevisionDecision *decision);
 void clause_add_message (Clause *clause, ClauseMessage *message);
 void clause_add_revision (Clause *clause, ClauseRevision *revision);
-// Puts the revision that was added last behind all that are not later, which is the order in which
-// the store is loaded.
-void clause_order_last_revision (Clause *clause);
 void procedure_add_clause (Procedure *procedure, Clause *clause);
 void procedures_stack_add_procedure (ProceduresStack *stack, Procedure *procedure);
 // The same at `index`, which is the count at most: what stands there and later moves up.
-void procedure_insert_clause (Procedure *procedure, Clause *clause, u32 index);
 void procedures_stack_insert_procedure (ProceduresStack *stack, Procedure *procedure, u32 index);
+
+// ---- Order ----
+
+// What the parties have made goes by time. What both made in one second goes by author, and lines of
+// a chat that share even that go by text, byte by byte: so both parties come to the same order and the
+// same last revision, whatever arrived first where. Each puts what was added last behind all that are
+// not above it.
+void clause_order_last_message (Clause *clause);
+void clause_order_last_revision (Clause *clause);
+void procedure_order_last_clause (Procedure *procedure);
 
 // ---- Removing ----
 

@@ -328,6 +328,7 @@ procedure_view_add_clause_button_handle (GtkButton *, ProcedureView *self)
   AppWindow *window = MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
   Clause *clause = negotiation_add_clause (app_window_get_negotiation (window), self->procedure);
   procedure_view_add_clause (self, clause);
+  procedure_view_order_clause (self, clause);
   clause_view_set_draft_mode (clause->view);
   clause_view_focus_text (clause->view);
   g_signal_connect_after (clause->view, "size-allocate",
@@ -465,11 +466,20 @@ procedure_view_add_clause (ProcedureView *self, Clause *clause)
 }
 
 void
+procedure_view_order_clause (ProcedureView *self, Clause *clause)
+{
+  ClausesBox *box = (ClausesBox *) self->clauses_box;
+  s64 index = procedure_get_clause_index_reversed (self->procedure, clause);
+  gtk_box_reorder_child (GTK_BOX (box), GTK_WIDGET (clause->view), (gint) index);
+  // Those from here on are laid out ahead once more.
+  box->ahead_count = MIN (box->ahead_count, (u32) index);
+}
+
+void
 procedure_view_put_clause_back (ProcedureView *self, Clause *clause)
 {
   procedure_view_add_clause (self, clause);
-  s64 index = procedure_get_clause_index_reversed (self->procedure, clause);
-  gtk_box_reorder_child (GTK_BOX (self->clauses_box), GTK_WIDGET (clause->view), (gint) index);
+  procedure_view_order_clause (self, clause);
   clause_view_set_draft_mode (clause->view);
   if (clause->draft)
     clause_view_show_draft (clause->view);

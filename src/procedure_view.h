@@ -23,8 +23,10 @@ void procedure_view_fill (ProcedureView *self, String own);
 
 // ---- Clauses ----
 
-// Makes view and chat page of a clause that the procedure has.
+// Makes view and chat page of a clause that the procedure has; the view is the last.
 void procedure_view_add_clause (ProcedureView *self, Clause *clause);
+// Moves the view of a clause to the clause's place in the procedure.
+void procedure_view_order_clause (ProcedureView *self, Clause *clause);
 // Shows a clause whose deletion was undone, at its old place.
 void procedure_view_put_clause_back (ProcedureView *self, Clause *clause);
 // Where the keyboard is to go on when nothing else of the page is meant.

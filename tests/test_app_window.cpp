@@ -9,6 +9,7 @@
 #include "clause_view.h"
 #include "contact_list_item.h"
 #include "db.h"
+#include "deletion.h"
 #include "fake_session.h"
 #include "login_page.h"
 #include "morvane.h"
@@ -1849,6 +1850,59 @@ TEST (app_window_get_xmpp_clause, stores_it_at_the_first_position_and_lets_the_u
   EXPECT_EQ (get_text (clause->view, "text_view"), "");
   EXPECT_FALSE (is_sensitive (clause->view, "commit_button"));
   EXPECT_FALSE (is_sensitive (clause->view, "agree_button"));
+}
+
+// The clauses as they stand one below the other, by the revisions that they show.
+static std::string
+list_clause_views (Procedure *procedure)
+{
+  GList *views =
+    gtk_container_get_children (GTK_CONTAINER (find_widget (procedure->view, "clauses_box")));
+  std::string list;
+  for (GList *link = views; link; link = link->next)
+    list += get_text (GTK_WIDGET (link->data), "revision_status_label") + " ";
+  g_list_free (views);
+  return list;
+}
+
+TEST (app_window_get_xmpp_clause, stands_where_its_time_and_its_initiator_belong)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Procedure *procedure = test.window->procedures.procedures[0];
+  EXPECT_EQ (list_clause_views (procedure), ALICE ":3000 ");
+  // Another one's second of CLAUSE, a second before it and one far ahead.
+  const WireName clauses[] = {{BOB, 2000}, {BOB, 999999999998}, {BOB, 1999}};
+  for (WireName clause : clauses) {
+    deliver_clause (test.window, RENT, clause);
+    deliver_revision (test.window, RENT, clause, {BOB, clause.time + 1}, "text");
+  }
+  std::string order = BOB ":2000 " ALICE ":3000 " BOB ":2001 " BOB ":999999999999 ";
+  EXPECT_EQ (list_clause_views (procedure), order);
+  // A new one of the user's stands above what is said to come later.
+  press (procedure->view, "add_clause_button");
+  order = BOB ":2000 " ALICE ":3000 " BOB ":2001 draft " BOB ":999999999999 ";
+  EXPECT_EQ (list_clause_views (procedure), order);
+  EXPECT_TRUE (gtk_widget_has_focus (find_widget (procedure->clauses[3]->view, "text_view")));
+  // Cancelled, and brought back.
+  press (procedure->clauses[3]->view, "cancel_button");
+  deletion_undo (test.window);
+  EXPECT_EQ (list_clause_views (procedure), order);
+}
+
+TEST (app_window_get_xmpp_clause_revision, that_shares_a_second_goes_by_its_author)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Clause *clause = get_clause (&test);
+  const WireName revisions[] = {{BOB, 4242}, {BOB, 3000}, {BOB, 2999}};
+  for (WireName revision : revisions)
+    deliver_revision (test.window, RENT, CLAUSE, revision, "text");
+  std::string order;
+  for (u32 i = 0; i < clause->revisions_count; i++)
+    order += to_std_string (clause->revisions[i]->author) +
+             std::to_string (clause->revisions[i]->time) + " ";
+  EXPECT_EQ (order, BOB "2999 " ALICE "3000 " BOB "3000 " BOB "4242 ");
 }
 
 TEST (app_window_get_xmpp_clause, without_its_procedure_is_dropped_with_all_that_follows)

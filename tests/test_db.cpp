@@ -724,6 +724,31 @@ TEST (db_load_account, orders_clause_messages_and_revisions_by_time)
   EXPECT_EQ (clause->draft, nullptr);
 }
 
+TEST (db_load_account, orders_what_shares_a_second_by_author)
+{
+  Store store;
+  store.rows (
+    "INSERT INTO procedures (db_id, account_db_id, time, initiator, contractor, title) VALUES (1, 1, 1, 'a', 'b', 't');"
+    "INSERT INTO clauses VALUES (1, 1, 5, 'b', 1), (2, 1, 5, 'a', 1);"
+    "INSERT INTO clause_messages VALUES (1, 1, 9, 'b', 'x'), (2, 1, 9, 'a', 'z'), (3, 1, 9, 'a', 'y');"
+    "INSERT INTO clause_revisions VALUES (1, 1, 9, 'b', 'COMMITTED', 'x'), (2, 1, 9, 'a', 'DRAFT', 'y'), (3, 1, 9, 'a', 'COMMITTED', 'z');");
+  Loaded loaded (&store, 1);
+  Procedure *procedure = loaded.procedures.procedures[0];
+  ASSERT_EQ (procedure->clauses_count, 2u);
+  EXPECT_EQ (procedure->clauses[0]->db_id, 2u);
+  Clause *clause = procedure->clauses[1];
+  EXPECT_EQ (clause->db_id, 1u);
+  ASSERT_EQ (clause->messages_count, 3u);
+  EXPECT_EQ (clause->messages[0]->db_id, 3u);
+  EXPECT_EQ (clause->messages[1]->db_id, 2u);
+  EXPECT_EQ (clause->messages[2]->db_id, 1u);
+  ASSERT_EQ (clause->revisions_count, 2u);
+  EXPECT_EQ (clause->revisions[0]->db_id, 3u);
+  EXPECT_EQ (clause->revisions[1]->db_id, 1u);
+  ASSERT_TRUE (clause->draft);
+  EXPECT_EQ (clause->draft->db_id, 2u);
+}
+
 TEST (db_load_account, keeps_the_draft_apart_and_its_decisions_where_they_are)
 {
   Store store;

@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <filesystem>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,12 @@ collect_row (void *argument, int columns_count, char **values, char **)
   return 0;
 }
 
+static std::string
+text_of (String string)
+{
+  return std::string ((const char *) string.data, string.size);
+}
+
 // An account that is loaded from a store in a directory of its own.
 struct Account {
   std::filesystem::path directory;
@@ -44,7 +51,7 @@ struct Account {
   ProceduresStack procedures;
   Negotiation negotiation;
 
-  Account ()
+  Account (const char *own = OWN, const char *own_name = "alice")
   {
     now = 5000;
     std::string pattern =
@@ -52,8 +59,8 @@ struct Account {
     directory = mkdtemp (pattern.data ());
     path = (directory / "store.db").string ();
     negotiation = {};
-    negotiation.own = to_string (OWN);
-    negotiation.own_name = to_string ("alice");
+    negotiation.own = to_string (own);
+    negotiation.own_name = to_string (own_name);
     negotiation.procedures = &procedures;
     negotiation.db = db_connect (path.c_str ());
     db_insert_account (negotiation.db, negotiation.own);
@@ -879,6 +886,165 @@ TEST (negotiation_commit, stays_the_last_whatever_the_clocks_say)
   std::string order = list_revisions (clause);
   account.restart ();
   EXPECT_EQ (list_revisions (account.procedures.procedures[0]->clauses[0]), order);
+}
+
+// ---- The order ----
+
+// What one party makes and the other one gets some time later.
+struct Parcel {
+  Name clause, revision;  // the revision's time is 0 for the clause itself, -1 for a line
+  std::string text;
+};
+
+// A procedure of Alice's with Bob, in which both do what comes to their minds while what they have
+// made is on its way, in few seconds and in any order of arrival between the two.
+struct Parties {
+  Account accounts[2];
+  std::vector<Parcel> ways[2];  // to whom
+  std::mt19937 source;
+
+  Parties (u32 seed) : accounts{{OWN, "alice"}, {OTHER, "bob"}}, source (seed)
+  {
+    Procedure *procedure = begin (&accounts[0]);
+    receive_procedure (&accounts[1], {OWN, procedure->time}, "Planks");
+  }
+
+  u32 pick (size_t count)
+  {
+    return (u32) (source () % count);
+  }
+
+  Procedure *procedure (int side)
+  {
+    return accounts[side].procedures.procedures[0];
+  }
+
+  Name name ()
+  {
+    return {OWN, procedure (0)->time};
+  }
+
+  static Name name_of (Clause *clause)
+  {
+    return {text_of (clause->initiator) == OWN ? OWN : OTHER, clause->time};
+  }
+
+  void act (int side)
+  {
+    const char *own = side ? OTHER : OWN;
+    Procedure *procedure = this->procedure (side);
+    u32 index = pick (procedure->clauses_count + 1);
+    std::string text = std::string (1, (char) ('a' + pick (4)));
+    bool is_new = index == procedure->clauses_count;
+    Clause *clause = is_new ? negotiation_add_clause (&accounts[side].negotiation, procedure)
+                            : procedure->clauses[index];
+    if (is_new)
+      ways[!side].push_back ({name_of (clause), {own, 0}, ""});
+    if (is_new || pick (2)) {
+      ClauseRevision *revision = commit (&accounts[side], clause, text.c_str ());
+      ways[!side].push_back ({name_of (clause), {own, revision->time}, text});
+    } else {
+      ClauseMessage *line =
+        negotiation_say (&accounts[side].negotiation, clause, to_string (text.c_str ()));
+      ways[!side].push_back ({name_of (clause), {own, -line->time}, text});
+    }
+  }
+
+  void deliver (int side)
+  {
+    if (ways[side].empty ())
+      return;
+    Parcel parcel = ways[side].front ();
+    ways[side].erase (ways[side].begin ());
+    Account *account = &accounts[side];
+    s64 time = parcel.revision.time;
+    if (!time)
+      receive_clause (account, name (), parcel.clause);
+    else if (time > 0)
+      receive_revision (account, name (), parcel.clause, parcel.revision, parcel.text.c_str ());
+    else
+      receive_message (account, name (), parcel.clause, {side ? "alice" : "bob", -time},
+                       parcel.text.c_str ());
+  }
+};
+
+// What a window would show from above, of clauses and revisions and, after a restart, of lines too.
+static std::string
+list_procedure (Account *account, bool has_lines)
+{
+  Procedure *procedure = account->procedures.procedures[0];
+  std::string list;
+  for (u32 i = 0; i < procedure->clauses_count; i++) {
+    Clause *clause = procedure->clauses[i];
+    list += std::to_string (clause->time) + text_of (clause->initiator) + "\n";
+    for (u32 j = 0; j < clause->revisions_count; j++) {
+      ClauseRevision *revision = clause->revisions[j];
+      list += " " + std::to_string (revision->time) + text_of (revision->author) + "\n";
+    }
+    for (u32 j = 0; j < clause->messages_count && has_lines; j++) {
+      ClauseMessage *line = clause->messages[j];
+      list +=
+        " " + std::to_string (line->time) + text_of (line->author) + text_of (line->text) + "\n";
+    }
+  }
+  return list;
+}
+
+// The same from the rows, in the order of the test's own.
+static std::string
+sort_rows (Account *account, bool has_lines)
+{
+  // SQLite compares texts byte by byte.
+  std::string clauses =
+    account->rows ("SELECT db_id, time || initiator FROM clauses ORDER BY time, initiator");
+  std::string list;
+  for (size_t start = 0; start < clauses.size ();) {
+    size_t end = clauses.find ('\n', start);
+    size_t bar = clauses.find ('|', start);
+    std::string db_id = clauses.substr (start, bar - start);
+    list += clauses.substr (bar + 1, end - bar);
+    std::string order =
+      " FROM clause_revisions WHERE clause_db_id = " + db_id + " ORDER BY time, author";
+    list += account->rows (("SELECT ' ' || time || author" + order).c_str ());
+    order = " FROM clause_messages WHERE clause_db_id = " + db_id + " ORDER BY time, author, text";
+    if (has_lines)
+      list += account->rows (("SELECT ' ' || time || author || text" + order).c_str ());
+    start = end + 1;
+  }
+  return list;
+}
+
+TEST (negotiation, comes_to_one_order_on_both_sides)
+{
+  u32 ties = 0;
+  for (u32 seed = 1; seed <= 20; seed++) {
+    Parties parties (seed);
+    for (int step = 0; step < 60; step++) {
+      if (!parties.pick (4))
+        now += (s64) parties.pick (3) - 1;
+      if (parties.pick (2))
+        parties.act ((int) parties.pick (2));
+      else
+        parties.deliver ((int) parties.pick (2));
+    }
+    for (int side = 0; side < 2; side++) {
+      while (!parties.ways[side].empty ())
+        parties.deliver (side);
+    }
+    std::string order = sort_rows (&parties.accounts[0], false);
+    EXPECT_EQ (sort_rows (&parties.accounts[1], false), order);
+    for (Account &account : parties.accounts)
+      EXPECT_EQ (list_procedure (&account, false), order) << "seed " << seed;
+    order = sort_rows (&parties.accounts[0], true);
+    for (Account &account : parties.accounts) {
+      account.restart ();
+      EXPECT_EQ (list_procedure (&account, true), order) << "seed " << seed;
+    }
+    std::string doubles =
+      "SELECT 1 FROM clause_revisions GROUP BY clause_db_id, time HAVING count (*) > 1";
+    ties += (u32) parties.accounts[0].rows (doubles.c_str ()).size ();
+  }
+  EXPECT_GT (ties, 0u);
 }
 
 TEST (negotiation_say, takes_the_next_free_second)

@@ -13,6 +13,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "negotiation.h"
@@ -127,6 +128,44 @@ static bool
 is_one_name (const std::string &name, const std::string &other)
 {
   return NAMES.at (name) == NAMES.at (other);
+}
+
+// What both parties have goes by time and then by author, a chat also by text.
+static bool
+is_ahead (const Version &a, const Version &b)
+{
+  return std::tie (a.time, a.author) < std::tie (b.time, b.author);
+}
+
+static bool
+is_ahead (const Part &a, const Part &b)
+{
+  return std::tie (a.time, a.initiator) < std::tie (b.time, b.initiator);
+}
+
+static bool
+is_ahead (const Line &a, const Line &b)
+{
+  return std::tie (a.time, a.author, a.text) < std::tie (b.time, b.author, b.text);
+}
+
+template <typename Object>
+static void
+order (std::vector<Object> *objects)
+{
+  std::stable_sort (objects->begin (), objects->end (),
+                    [] (const Object &a, const Object &b) { return is_ahead (a, b); });
+}
+
+// An order of both sides that a restart must not change.
+template <typename Object>
+static void
+check_order (std::vector<Object> objects)
+{
+  std::vector<Object> before = objects;
+  order (&objects);
+  for (size_t i = 0; i < before.size (); i++)
+    EXPECT_EQ (before[i].id, objects[i].id);
 }
 
 template <typename Object>
@@ -563,6 +602,7 @@ struct Walk {
     int id = make_id ();
     deal->parts.push_back (
       {id, id, time, side->own, deal->parts.size () + 1, {}, {}, false, 0, ""});
+    order (&deal->parts);
     negotiation_add_clause (&side->negotiation, side->procedures.procedures[index]);
   }
 
@@ -641,19 +681,15 @@ struct Walk {
       collect_ids (deleted.part, &ids);
       renumber (&deleted.part);
       for (Deal &deal : side->deals) {
-        if (deal.id == deleted.parent)
-          deal.parts.insert (deal.parts.begin () + (long) deleted.index, deleted.part);
+        if (deal.id != deleted.parent)
+          continue;
+        deal.parts.push_back (deleted.part);
+        order (&deal.parts);
       }
     }
     set_removed (side, ids, false);
     side->deleted = {};
     negotiation_undo_delete (&side->negotiation);
-  }
-
-  static void order_last (std::vector<Version> *versions)
-  {
-    std::stable_sort (versions->begin (), versions->end (),
-                      [] (const Version &a, const Version &b) { return a.time < b.time; });
   }
 
   void commit (Side *side, Part *part, Clause *clause)
@@ -670,7 +706,7 @@ struct Walk {
     std::string text = make_text ();
     int id = make_id ();
     versions->push_back ({id, id, time, side->own, text, {}});
-    order_last (versions);
+    order (versions);
     part->has_draft = false;
     if (is_first && part->initiator == side->own)
       owe (side, "clause", part->id);
@@ -885,8 +921,10 @@ struct Walk {
     record.clause_initiator = view (initiator);
     record.clause_time = time;
     int id = make_id ();
-    if (is_taken)
+    if (is_taken) {
       deal->parts.push_back ({id, id, time, initiator, 1, {}, {}, false, 0, ""});
+      order (&deal->parts);
+    }
     Procedure *target = NULL;
     Clause *clause = negotiation_receive_clause (&side->negotiation, &record, &target);
     EXPECT_EQ (clause != NULL, target != NULL);
@@ -923,7 +961,7 @@ struct Walk {
     int id = make_id ();
     if (is_taken) {
       part->versions.push_back ({id, id, time, author, text, {}});
-      order_last (&part->versions);
+      order (&part->versions);
     }
     Clause *target = NULL;
     ClauseRevision *revision = negotiation_receive_revision (&side->negotiation, &record, &target);
@@ -1101,14 +1139,10 @@ struct Walk {
     end_undo (side);
     sort_as_loaded (&side->deals);
     for (Deal &deal : side->deals) {
-      sort_as_loaded (&deal.parts);
+      check_order (deal.parts);
       for (Part &part : deal.parts) {
-        sort_as_loaded (&part.lines);
-        // The one order that a restart must not change.
-        std::vector<Version> before = part.versions;
-        sort_as_loaded (&part.versions);
-        for (size_t i = 0; i < before.size (); i++)
-          EXPECT_EQ (before[i].id, part.versions[i].id);
+        order (&part.lines);
+        check_order (part.versions);
       }
     }
     unload (side);

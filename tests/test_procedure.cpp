@@ -1,9 +1,12 @@
 // The negotiation model: records, growable arrays, lookups, free seconds.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "procedure.h"
 
@@ -722,6 +725,93 @@ TEST (procedures_stack_get_index, looks_at_the_oldest_first)
   EXPECT_EQ (procedures_stack_get_index (&stack, procedure), 0);
   procedures_stack_remove_procedure (&stack, 1);
   dealloc_procedure_stack (stack);
+}
+
+// The seconds and authors that the tests of orders draw from; one author begins another.
+static const char *const ORDERED_AUTHORS[] = {"a@h", "b@h", "a@ha", "A@h", "\xc3\xa4@h", ""};
+
+// What the test itself puts into order: std::string compares byte by byte.
+typedef std::vector<std::pair<s64, std::string>> Marks;
+
+static Marks
+draw_marks (u32 seed)
+{
+  std::mt19937 source (seed);
+  std::set<std::pair<s64, std::string>> marks;
+  for (u32 i = 0; i < 12; i++) {
+    marks.insert ({(s64) (source () % 4) - 1, ORDERED_AUTHORS[source () % 6]});
+  }
+  Marks arrival (marks.begin (), marks.end ());
+  std::shuffle (arrival.begin (), arrival.end (), source);
+  return arrival;
+}
+
+TEST (clause_order_last_revision, goes_by_time_and_author_whatever_came_first)
+{
+  for (u32 seed = 1; seed <= 200; seed++) {
+    Marks marks = draw_marks (seed);
+    Clause *clause = alloc_test_clause (1);
+    for (const auto &mark : marks) {
+      clause_add_revision (clause, alloc_test_revision (1, mark.second.c_str (), mark.first));
+      clause_order_last_revision (clause);
+    }
+    std::sort (marks.begin (), marks.end ());
+    ASSERT_EQ (clause->revisions_count, marks.size ());
+    for (u32 i = 0; i < clause->revisions_count; i++) {
+      EXPECT_EQ (clause->revisions[i]->time, marks[i].first);
+      EXPECT_EQ (text_of (clause->revisions[i]->author), marks[i].second);
+    }
+    dealloc_clause (clause);
+  }
+}
+
+TEST (procedure_order_last_clause, goes_by_time_and_initiator_whatever_came_first)
+{
+  for (u32 seed = 1; seed <= 200; seed++) {
+    Marks marks = draw_marks (seed);
+    Procedure *procedure = alloc_test_procedure (1);
+    for (const auto &mark : marks) {
+      procedure_add_clause (procedure, alloc_test_clause (1, mark.second.c_str (), mark.first));
+      procedure_order_last_clause (procedure);
+    }
+    std::sort (marks.begin (), marks.end ());
+    ASSERT_EQ (procedure->clauses_count, marks.size ());
+    for (u32 i = 0; i < procedure->clauses_count; i++) {
+      EXPECT_EQ (procedure->clauses[i]->time, marks[i].first);
+      EXPECT_EQ (text_of (procedure->clauses[i]->initiator), marks[i].second);
+    }
+    dealloc_procedure (procedure);
+  }
+}
+
+TEST (clause_order_last_message, goes_by_text_where_two_share_a_name)
+{
+  const char *lines[][2] = {{"b", "x"}, {"a", "yes"}, {"a", "no"}, {"a", ""}, {"a", "yes!"}};
+  Clause *clause = alloc_test_clause (1);
+  for (const auto &line : lines) {
+    clause_add_message (clause,
+                        alloc_clause_message (1, 1, 5, to_string (line[0]), to_string (line[1])));
+    clause_order_last_message (clause);
+  }
+  clause_add_message (clause, alloc_clause_message (1, 1, 4, to_string ("c"), to_string ("z")));
+  clause_order_last_message (clause);
+  std::string order;
+  for (u32 i = 0; i < clause->messages_count; i++) {
+    order += text_of (clause->messages[i]->author) + text_of (clause->messages[i]->text) + " ";
+  }
+  EXPECT_EQ (order, "cz a ano ayes ayes! bx ");
+  dealloc_clause (clause);
+}
+
+TEST (clause_order_last, needs_one)
+{
+  Clause *clause = alloc_test_clause (1);
+  EXPECT_DEATH (clause_order_last_revision (clause), "src/procedure.*clause->revisions_count");
+  EXPECT_DEATH (clause_order_last_message (clause), "src/procedure.*clause->messages_count");
+  dealloc_clause (clause);
+  Procedure *procedure = alloc_test_procedure (1);
+  EXPECT_DEATH (procedure_order_last_clause (procedure), "src/procedure.*procedure->clauses_count");
+  dealloc_procedure (procedure);
 }
 
 TEST (clause_order_last_revision, puts_it_behind_all_that_are_not_later)

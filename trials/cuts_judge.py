@@ -2,6 +2,8 @@
 
 What must be the same is named by what goes over the wire: authors, times and texts, never by the
 rows of one store. Nothing but a procedure may be there twice, and that at its contractor's only.
+The order in which both parties see clauses and revisions follows from times and authors alone, so two
+stores that hold the same show the same, provided that no revision shares both with another one.
 """
 
 import collections
@@ -18,6 +20,10 @@ QUERIES = {
         WHERE c.initiator != :own OR EXISTS (SELECT 1 FROM clause_revisions r
             WHERE r.clause_db_id = c.db_id AND r.status = 'COMMITTED')""",
     "revision": """SELECT p.initiator, p.time, c.initiator, c.time, r.author, r.time, r.text
+        FROM clause_revisions r JOIN clauses c ON c.db_id = r.clause_db_id
+        JOIN procedures p ON p.db_id = c.procedure_db_id WHERE r.status = 'COMMITTED'""",
+    # A text more or less does not tell two revisions apart: what is last must be one of them.
+    "revision's name": """SELECT p.initiator, p.time, c.initiator, c.time, r.author, r.time
         FROM clause_revisions r JOIN clauses c ON c.db_id = r.clause_db_id
         JOIN procedures p ON p.db_id = c.procedure_db_id WHERE r.status = 'COMMITTED'""",
     "message": """SELECT p.initiator, p.time, c.initiator, c.time, m.author, m.time, m.text

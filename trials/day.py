@@ -581,9 +581,8 @@ class Day:
         if clause is None:
             return False
         for one, same in ((player, clause), (other, player.counterpart(clause))):
-            # The one that both have as the last: those that came in another order differ.
-            revision = next(row for row in same["revisions"] if all(
-                row[column] == clause["revisions"][-1][column] for column in ("author", "time")))
+            # The last of both, whatever came in which order.
+            revision = same["revisions"][-1]
             if same["shown"] is not revision:
                 one.choose(same, revision)
             before = one.model.decision(revision, one.model.jid)

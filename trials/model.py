@@ -30,6 +30,10 @@ TABLES = {
 }
 APP_INFO = [(1, "Morvane", "0.1")]
 
+# What both parties have is in the same order at both: by time, and within a second by author.
+BY_INITIATOR = operator.itemgetter("time", "initiator")
+BY_AUTHOR = operator.itemgetter("time", "author")
+
 
 # ---- Texts ----
 
@@ -166,9 +170,9 @@ class Party:
         by_time = operator.itemgetter("time")
         self.procedures = sorted(self.rows["procedures"], key=by_time)
         for procedure in self.procedures:
-            procedure["clauses"] = sorted(self.children("clauses", procedure), key=by_time)
+            procedure["clauses"] = sorted(self.children("clauses", procedure), key=BY_INITIATOR)
             for clause in procedure["clauses"]:
-                revisions = sorted(self.children("clause_revisions", clause), key=by_time)
+                revisions = sorted(self.children("clause_revisions", clause), key=BY_AUTHOR)
                 clause["revisions"] = [row for row in revisions if row["status"] == "COMMITTED"]
                 clause["draft"] = next(
                     (row for row in revisions if row["status"] == "DRAFT"), None)
@@ -240,6 +244,7 @@ class Party:
                              position=position)
         clause.update(revisions=[], draft=None, shown=None, base=None, typed=None)
         procedure["clauses"].append(clause)
+        procedure["clauses"].sort(key=BY_INITIATOR)
         return clause
 
     def begin(self, title):
@@ -273,7 +278,7 @@ class Party:
         revision = self.insert("clause_revisions", clause, time=time, author=author,
                                status="COMMITTED", text=text)
         clause["revisions"].append(revision)
-        clause["revisions"].sort(key=operator.itemgetter("time"))
+        clause["revisions"].sort(key=BY_AUTHOR)
         return revision
 
     def type(self, clause, text):
