@@ -105,17 +105,32 @@ end_long_work ()
 
 // ---- Console ----
 
+// The lock of standard output, which a thread may take again while it has it, is the pane's too: both
+// get the pieces in one order.
+void
+console_begin_line ()
+{
+  flockfile (stdout);
+}
+
+void
+console_end_line ()
+{
+  funlockfile (stdout);
+}
+
 void
 _console_put (String string)
 {
-  // "%.*s" would end at a 0 byte; these are the same bytes, whole.
-  if (string.size > 0)
-    (void) fwrite (string.data, 1, string.size, stdout);
-
   ConsoleRecord *record = (ConsoleRecord *) malloc (sizeof (ConsoleRecord));
   record->text = string;
+  console_begin_line ();
+  // Ends at a 0 byte.
+  if (string.size > 0)
+    (void) printf ("%.*s", string.size > INT_MAX ? INT_MAX : (int) string.size, string.data);
   record->is_for_pane = _console_text_buffer != NULL;
   hand_over (_console_put_gdk_thread, record);
+  console_end_line ();
 }
 
 void
@@ -217,101 +232,129 @@ _console_put_gdk_thread (gpointer data)
 void
 _console_put (String name, String value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": \"");
   console_put (value);
   console_put ("\" (String)\n");
+  console_end_line ();
 }
 
 void
 _console_put (String name, const char *value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": \"%s\" (char *)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, const void *value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %p (void *)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, char value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %d (char)\n", (s8) value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, r32 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %f (r32)\n", (r64) value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, r64 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %f (r64)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, u8 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %u (u8)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, u16 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %u (u16)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, u32 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %u (u32)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, u64 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %lu (u64)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, s8 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %d (s8)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, s16 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %d (s16)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, s32 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %d (s32)\n", value);
+  console_end_line ();
 }
 
 void
 _console_put (String name, s64 value)
 {
+  console_begin_line ();
   console_put (name);
   console_log (": %ld (s64)\n", value);
+  console_end_line ();
 }
 
 // ---- Clock and text buffers ----

@@ -2,8 +2,8 @@
 // hand-over of records from one thread to the interface thread, the clock, the text of a buffer.
 //
 // The console is the program's only log. What is written to it goes to standard output at once,
-// unchanged, and, where the console text buffer existed at that moment, is appended to it as valid
-// UTF-8 by an idle callback.
+// unchanged up to a 0 byte, and, where the console text buffer existed at that moment, is appended to
+// it, whole, as valid UTF-8 by an idle callback.
 //
 // Ownership: texts are copied unless a function says that it takes over.
 // Threads: the console, the hand-over and the clock may be used by any thread; the console text
@@ -42,6 +42,10 @@ void end_long_work ();
 
 // ---- Console ----
 
+// Around a line that is written in pieces: those of other threads wait until the line has ended, on
+// standard output and in the pane alike. Lines within a line end with it.
+void console_begin_line ();
+void console_end_line ();
 // Takes over the bytes of `string`, which come from `malloc`.
 void _console_put (String string);
 void console_put (String string);

@@ -381,10 +381,12 @@ os_print_address_info_list (struct addrinfo *address_info_list)
 {
   for (struct addrinfo *address_info = address_info_list; address_info != NULL;
        address_info = address_info->ai_next) {
+    console_begin_line ();
     console_log ("canonname: %s\n", address_info->ai_canonname);
     print_address_family (address_info);
     print_address_socket_type (address_info);
     print_address_protocol (address_info);
+    console_end_line ();
   }
 }
 

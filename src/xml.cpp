@@ -675,6 +675,7 @@ open_elements_push (OpenElements *open, XMLElement *element)
 void
 print_xml_tree (XMLElement *node, u32 depth)
 {
+  console_begin_line ();
   ConsoleText text = {};
   OpenElements open = {};
   if (!node) {
@@ -701,6 +702,7 @@ print_xml_tree (XMLElement *node, u32 depth)
     node = node->next;
   }
   console_text_hand_over (&text);
+  console_end_line ();
   free (open.elements);
 }
 

@@ -36,9 +36,11 @@ dealloc_thread_message (XMPPThreadMessage *message)
 static void
 report_bad_account (String bare_jid, const char *fault)
 {
+  console_begin_line ();
   console_put ("Error: Login account '");
   console_put (bare_jid);
   console_put (fault);
+  console_end_line ();
 }
 
 XMPPAccount

@@ -10,6 +10,8 @@
 
 #include <string>
 
+#include "xml.h"
+
 // ---- Helpers ----
 
 // The clock of this test program, which can be made to fail.
@@ -448,14 +450,15 @@ TEST_F (console, writes_bytes_unchanged_and_shows_them_as_valid_text)
   EXPECT_EQ ("a\xEF\xBF\xBDz", get_pane_text ());
 }
 
-TEST_F (console, writes_0_bytes_unchanged_and_shows_what_follows_them)
+TEST_F (console, ends_at_0_bytes_and_shows_what_follows_them)
 {
   make_pane ();
   testing::internal::CaptureStdout ();
   console_put (make_string ("a\0z", 3));
-  EXPECT_EQ (std::string ("a\0z", 3), testing::internal::GetCapturedStdout ());
+  console_put ("\n");
+  EXPECT_EQ ("a\n", testing::internal::GetCapturedStdout ());
   run_idle_callbacks ();
-  EXPECT_EQ ("a\xEF\xBF\xBDz", get_pane_text ());
+  EXPECT_EQ ("a\xEF\xBF\xBDz\n", get_pane_text ());
 }
 
 TEST_F (console, shows_a_character_that_was_cut_as_replaced)
@@ -710,6 +713,122 @@ TEST_F (console, dumps_an_expression_under_its_source_text)
 }
 
 // ---- Clock and text buffers ----
+
+// What one thread dumps, over and over, and what the console must show of it.
+struct DumpedLine {
+  void (*dump) ();
+  const char *shown;
+};
+
+static const u32 DUMPS_COUNT = 200;
+
+static void
+dump_string ()
+{
+  String request = to_string ("<message/>");
+  CONSOLE_DUMP (request);
+}
+
+static void
+dump_cstr ()
+{
+  const char *sql = "SELECT 1;";
+  CONSOLE_DUMP (sql);
+}
+
+static void
+dump_number ()
+{
+  s64 size = -12;
+  CONSOLE_DUMP (size);
+}
+
+static void
+dump_tree ()
+{
+  u8 block[16384];
+  XMLElement *unclosed;
+  XMLElement *unopened;
+  String text = to_string ("<a b='c'><d>e</d></a>");
+  print_xml_tree (parse_xml_tree ({block, sizeof (block)}, text, &unclosed, &unopened), 0);
+}
+
+static void
+put_in_pieces ()
+{
+  console_begin_line ();
+  console_put ("One ");
+  console_begin_line ();
+  console_put ("line");
+  console_end_line ();
+  console_put ('.');
+  console_put ("\n");
+  console_end_line ();
+}
+
+static void
+put_line ()
+{
+  console_put ("Whole\n");
+}
+
+static const DumpedLine DUMPED_LINES[] = {
+  {dump_string, "request: \"<message/>\" (String)\n"},
+  {dump_cstr, "sql: \"SELECT 1;\" (char *)\n"},
+  {dump_number, "size: -12 (s64)\n"},
+  {dump_tree, "<a b='c'>\n  <d>\n    e\n  </d>\n</a>\n"},
+  {put_in_pieces, "One line.\n"},
+  {put_line, "Whole\n"},
+};
+
+static void *
+dump_often (void *data)
+{
+  for (u32 index = 0; index < DUMPS_COUNT; ++index)
+    ((const DumpedLine *) data)->dump ();
+  return NULL;
+}
+
+// Takes the lines one by one from the front; what none of them begins is torn.
+static void
+expect_whole_lines (const std::string &text)
+{
+  u32 counts[G_N_ELEMENTS (DUMPED_LINES)] = {};
+  for (size_t place = 0; place < text.size ();) {
+    size_t found = 0;
+    while (found < G_N_ELEMENTS (DUMPED_LINES) &&
+           text.compare (place, strlen (DUMPED_LINES[found].shown), DUMPED_LINES[found].shown))
+      ++found;
+    ASSERT_LT (found, G_N_ELEMENTS (DUMPED_LINES)) << text.substr (place, 200);
+    place += strlen (DUMPED_LINES[found].shown);
+    ++counts[found];
+  }
+  for (u32 index = 0; index < G_N_ELEMENTS (counts); ++index)
+    EXPECT_EQ ((index == 2 ? 2 : 1) * DUMPS_COUNT, counts[index]) << index;
+}
+
+TEST_F (console, tears_no_line_of_one_thread_by_those_of_others)
+{
+  make_pane ();
+  pthread_t threads[G_N_ELEMENTS (DUMPED_LINES)];
+  testing::internal::CaptureStdout ();
+  for (u32 index = 0; index < G_N_ELEMENTS (threads); ++index)
+    ASSERT_EQ (0,
+               pthread_create (&threads[index], NULL, dump_often, (void *) &DUMPED_LINES[index]));
+  // The interface thread writes beside them, and shows what they wrote.
+  for (u32 index = 0; index < DUMPS_COUNT; ++index) {
+    dump_number ();
+    g_main_context_iteration (NULL, FALSE);
+  }
+  int lines_count = 11 * (int) DUMPS_COUNT;
+  while (gtk_text_buffer_get_line_count (_console_text_buffer) < lines_count + 1)
+    g_main_context_iteration (NULL, TRUE);
+  for (u32 index = 0; index < G_N_ELEMENTS (threads); ++index)
+    pthread_join (threads[index], NULL);
+  std::string output = testing::internal::GetCapturedStdout ();
+  EXPECT_EQ (output, get_pane_text ());
+  expect_whole_lines (output);
+}
 
 TEST (get_posix_time, is_the_time_of_the_system)
 {
