@@ -556,8 +556,7 @@ app_window_remove_procedure (AppWindow *self, Procedure *procedure)
   gtk_widget_destroy (GTK_WIDGET (procedure->list_item));
   gtk_widget_destroy (view);
   negotiation_delete (app_window_get_negotiation (self), procedure);
-  char *title =
-    g_utf8_make_valid ((const char *) procedure->title.data, (gssize) procedure->title.size);
+  char *title = alloc_shown_text (procedure->title);
   char *text = g_strdup_printf ("\u201c%s\u201d deleted.", title);
   deletion_offer_undo (self, text);
   g_free (text);

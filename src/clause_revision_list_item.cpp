@@ -27,6 +27,15 @@ clause_revision_list_item_init (ClauseRevisionListItem *self)
   gtk_widget_init_template (GTK_WIDGET (self));
 }
 
+char *
+alloc_shown_revision_name (ClauseRevision *revision)
+{
+  char *author = alloc_shown_text (revision->author);
+  char *name = g_strdup_printf ("%s:%ld", author, revision->time);
+  g_free (author);
+  return name;
+}
+
 static ClauseRevisionListItem *
 clause_revision_list_item_make (ClauseRevision *revision, const char *text)
 {
@@ -40,11 +49,10 @@ clause_revision_list_item_make (ClauseRevision *revision, const char *text)
 GtkWidget *
 clause_revision_list_item_new (ClauseRevision *revision)
 {
-  char *author = alloc_shown_text (revision->author);
-  char *text = g_strdup_printf ("%s:%ld", author, revision->time);
-  ClauseRevisionListItem *self = clause_revision_list_item_make (revision, text);
-  g_free (text);
-  g_free (author);
+  char *name = alloc_shown_revision_name (revision);
+  ClauseRevisionListItem *self = clause_revision_list_item_make (revision, name);
+  g_free (name);
+  label_warn_of_address (self->label, revision->author);
   return GTK_WIDGET (self);
 }
 

@@ -12,6 +12,10 @@
 G_DECLARE_FINAL_TYPE (ClauseRevisionListItem, clause_revision_list_item, MORVANE,
                       CLAUSE_REVISION_LIST_ITEM, GtkBox)
 
+// A revision as it is named to the user: its author, as a label shows that, and its time. The caller
+// frees it with `g_free`.
+char *alloc_shown_revision_name (ClauseRevision *revision);
+
 GtkWidget *clause_revision_list_item_new (ClauseRevision *revision);
 GtkWidget *clause_revision_list_item_new_draft ();
 // NULL tells the draft row.

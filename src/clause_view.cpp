@@ -12,6 +12,7 @@
 #include "key_guard.h"
 #include "morvane.h"
 #include "procedure_view.h"
+#include "shown_text.h"
 #include "text_history.h"
 #include "unsent_mark.h"
 
@@ -1297,9 +1298,10 @@ alloc_local_time (s64 time)
 static void
 clause_view_show_revision_status (ClauseView *self, ClauseRevision *revision)
 {
-  char *status = alloc_format_cstr ("%.*s:%ld", STRING_ARGS (revision->author), revision->time);
+  char *status = alloc_shown_revision_name (revision);
   clause_view_set_status (self, status);
-  dealloc_cstr (status);
+  g_free (status);
+  label_warn_of_address (self->revision_status_label, revision->author);
 }
 
 // Says which revision the decision buttons decide on, as the text beside them may be a comparison.
@@ -1307,7 +1309,9 @@ static void
 clause_view_show_decided_revision (ClauseView *self, ClauseRevision *revision)
 {
   char *time = alloc_local_time (revision->time);
-  char *name = g_strdup_printf ("the revision of %.*s, %s", STRING_ARGS (revision->author), time);
+  char *author = alloc_shown_text (revision->author);
+  char *name = g_strdup_printf ("the revision of %s, %s", author, time);
+  g_free (author);
   char *agree = g_strconcat ("Agree with ", name, NULL);
   char *disagree = g_strconcat ("Disagree with ", name, NULL);
   gtk_widget_set_tooltip_text (GTK_WIDGET (self->agree_button), agree);
@@ -1575,6 +1579,7 @@ clause_view_set_draft_mode (ClauseView *self)
   self->is_draft = true;
   self->was_draft_shown = false;
   clause_view_set_status (self, "draft");
+  label_warn_of_address (self->revision_status_label, {});
   gtk_label_set_text (self->decision_status_label, " ");
   clause_view_set_decision_buttons_sensitive (self, FALSE, FALSE);
   unsent_mark_show (GTK_WIDGET (self->revision_status_label), false);
@@ -1714,10 +1719,15 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
     clause_view_show_kept_drafts (self);
   }
   clause_view_drop_aside (self);
-  char *status = alloc_format_cstr ("%.*s:%ld > %.*s:%ld", STRING_ARGS (older->author), older->time,
-                                    STRING_ARGS (newer->author), newer->time);
+  char *older_name = alloc_shown_revision_name (older);
+  char *newer_name = alloc_shown_revision_name (newer);
+  char *status = g_strconcat (older_name, " > ", newer_name, NULL);
   clause_view_show_comparison_state (self, status);
-  dealloc_cstr (status);
+  g_free (status);
+  g_free (newer_name);
+  g_free (older_name);
+  String author = is_misleading_address (older->author) ? older->author : newer->author;
+  label_warn_of_address (self->revision_status_label, author);
 
   clause_view_look_away (self);
   clause_comparison_show (&self->comparison, older->text, newer->text);

@@ -1,5 +1,7 @@
 #include "delivery_notice.h"
 
+#include "shown_text.h"
+
 // Characters of a text and of a reason that are shown; more would push the page away.
 static const glong SHOWN_MAX = 120;
 
@@ -7,10 +9,11 @@ static char *
 alloc_short_text (String text)
 {
   char *valid = g_utf8_make_valid (text.size ? (const char *) text.data : "", (gssize) text.size);
-  if (g_utf8_strlen (valid, -1) <= SHOWN_MAX)
-    return valid;
-  char *start = g_utf8_substring (valid, 0, SHOWN_MAX);
-  char *shortened = g_strconcat (start, "\u2026", NULL);
+  bool is_long = g_utf8_strlen (valid, -1) > SHOWN_MAX;
+  char *start = is_long ? g_utf8_substring (valid, 0, SHOWN_MAX) : g_strdup (valid);
+  char *shown = alloc_shown_text (to_string (start));
+  char *shortened = g_strconcat (shown, is_long ? "\u2026" : NULL, NULL);
+  g_free (shown);
   g_free (start);
   g_free (valid);
   return shortened;

@@ -1,5 +1,7 @@
 #include "search_item.h"
 
+#include "shown_text.h"
+
 struct _SearchItem {
   GtkBox parent_instance;
   AppWindow *window;  // borrowed
@@ -49,7 +51,8 @@ search_item_init (SearchItem *self)
 static void
 search_item_add_tag (SearchItem *self, char *tag)
 {
-  GtkWidget *label = gtk_label_new (tag);
+  GtkWidget *label = gtk_label_new (NULL);
+  label_show_text (GTK_LABEL (label), to_string (tag));
   GtkWidget *frame = gtk_frame_new (NULL);
   gtk_widget_set_margin_start (label, 10);
   gtk_widget_set_margin_end (label, 10);
@@ -67,7 +70,7 @@ search_item_new (const char *account, AppWindow *window, char **tags, unsigned c
   SearchItem *self = MORVANE_SEARCH_ITEM (g_object_new (search_item_get_type (), NULL));
   self->window = window;
   self->account = account;
-  gtk_label_set_text (self->account_label, account);
+  label_show_address (self->account_label, to_string (account));
   g_signal_connect (self->add_button, "clicked", G_CALLBACK (search_item_handle_add_button), self);
   g_signal_connect (self->del_button, "clicked", G_CALLBACK (search_item_handle_del_button), self);
   for (u32 i = 0; i < count && i < SEARCH_ITEM_TAGS_MAX; ++i) {

@@ -23,16 +23,7 @@ has_bidi_control (const char *text)
   return false;
 }
 
-// Ends what the text has opened, and the isolate around it.
-static void
-close_isolates (GString *shown, u32 open_count)
-{
-  for (u32 i = 0; i <= open_count; ++i)
-    g_string_append_unichar (shown, POP_ISOLATE);
-}
-
-// An isolate ends with its paragraph at the latest, so each paragraph gets its own. One end too many
-// would close it early.
+// One end too many would close the isolate around the text early.
 static char *
 alloc_isolated_text (const char *text)
 {
@@ -41,23 +32,45 @@ alloc_isolated_text (const char *text)
   g_string_append_unichar (shown, FIRST_STRONG_ISOLATE);
   for (; *text; text = g_utf8_next_char (text)) {
     gunichar c = g_utf8_get_char (text);
-    if (c == '\n' || c == '\r' || c == 0x1C || c == 0x1D || c == 0x1E || c == 0x85 || c == 0x2029) {
-      close_isolates (shown, open_count);
-      g_string_append_unichar (shown, c);
-      g_string_append_unichar (shown, FIRST_STRONG_ISOLATE);
-      open_count = 0;
-    } else if (c == POP_ISOLATE && !open_count) {
+    if (c == POP_ISOLATE && !open_count) {
       g_string_append_unichar (shown, REPLACEMENT);
-    } else {
-      g_string_append_unichar (shown, c);
-      if (c >= 0x2066 && c <= 0x2068)
-        open_count++;
-      else if (c == POP_ISOLATE)
-        open_count--;
+      continue;
     }
+    g_string_append_unichar (shown, c);
+    if (c >= 0x2066 && c <= 0x2068)
+      open_count++;
+    else if (c == POP_ISOLATE)
+      open_count--;
   }
-  close_isolates (shown, open_count);
+  // What the text has opened, and the isolate around it.
+  for (u32 i = 0; i <= open_count; ++i)
+    g_string_append_unichar (shown, POP_ISOLATE);
   return g_string_free (shown, FALSE);
+}
+
+// ---- Lines ----
+
+static const gunichar RETURN_SYMBOL = 0x23CE;
+
+// What begins a line in a label, or a paragraph of the bidirectional algorithm.
+static bool
+is_line_break (gunichar c)
+{
+  return (c >= 0x0A && c <= 0x0D) || (c >= 0x1C && c <= 0x1E) || c == 0x85 || c == 0x2028 ||
+         c == 0x2029;
+}
+
+static char *
+alloc_line (const char *text)
+{
+  GString *line = g_string_new (NULL);
+  for (; *text; text = g_utf8_next_char (text)) {
+    gunichar c = g_utf8_get_char (text);
+    bool is_pair = c == '\r' && text[1] == '\n';
+    if (!is_pair)
+      g_string_append_unichar (line, is_line_break (c) ? RETURN_SYMBOL : c == '\t' ? ' ' : c);
+  }
+  return g_string_free (line, FALSE);
 }
 
 char *
@@ -65,10 +78,12 @@ alloc_shown_text (String text)
 {
   // Only valid UTF-8 can be shown, and what comes from the network may be anything.
   char *valid = g_utf8_make_valid (text.size ? (const char *) text.data : "", (gssize) text.size);
-  if (!has_bidi_control (valid))
-    return valid;
-  char *shown = alloc_isolated_text (valid);
+  char *line = alloc_line (valid);
   g_free (valid);
+  if (!has_bidi_control (line))
+    return line;
+  char *shown = alloc_isolated_text (line);
+  g_free (line);
   return shown;
 }
 
@@ -185,14 +200,26 @@ is_misleading_address (String address)
 }
 
 void
+label_warn_of_address (GtkLabel *label, String address)
+{
+  static const char WARNING[] =
+    "This address mixes alphabets or holds invisible letters. It may imitate another one.";
+  GtkStyleContext *style = gtk_widget_get_style_context (GTK_WIDGET (label));
+  bool is_misleading = is_misleading_address (address);
+  if (is_misleading == (bool) gtk_style_context_has_class (style, "warning"))
+    return;
+  gtk_widget_set_tooltip_text (GTK_WIDGET (label), is_misleading ? WARNING : NULL);
+  atk_object_set_description (gtk_widget_get_accessible (GTK_WIDGET (label)),
+                              is_misleading ? WARNING : "");
+  if (is_misleading)
+    gtk_style_context_add_class (style, "warning");
+  else
+    gtk_style_context_remove_class (style, "warning");
+}
+
+void
 label_show_address (GtkLabel *label, String address)
 {
   label_show_text (label, address);
-  if (!is_misleading_address (address))
-    return;
-  const char *warning =
-    "This address mixes alphabets or holds invisible letters. It may imitate another one.";
-  gtk_widget_set_tooltip_text (GTK_WIDGET (label), warning);
-  atk_object_set_description (gtk_widget_get_accessible (GTK_WIDGET (label)), warning);
-  gtk_style_context_add_class (gtk_widget_get_style_context (GTK_WIDGET (label)), "warning");
+  label_warn_of_address (label, address);
 }

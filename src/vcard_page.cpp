@@ -1,6 +1,7 @@
 #include "vcard_page.h"
 
 #include "app_window.h"
+#include "shown_text.h"
 
 struct _VCardPage {
   GtkBin parent_instance;
@@ -132,9 +133,10 @@ vcard_page_new ()
 void
 vcard_page_set_title (VCardPage *self, String title)
 {
-  char *text = g_utf8_make_valid (title.size ? (const char *) title.data : "", (gssize) title.size);
-  gtk_label_set_text (self->title_label, text);
-  g_free (text);
+  label_show_text (self->title_label, title);
+  // A resource may be named in any alphabet, and the words for the own card are no address.
+  String bare = {title.data, title.size - find_char (title, '/').size};
+  label_warn_of_address (self->title_label, find_char (bare, '@').size ? bare : (String){});
 }
 
 // A value that holds an unknown entity is shown as it came: what a peer wrote must stop nothing.

@@ -2235,6 +2235,56 @@ TEST (app_window_get_xmpp_message_error_signal, shortens_what_is_long)
                                                 std::string (120, 'x') + "\u2026\u201d");
 }
 
+TEST (app_window_get_xmpp_message_error_signal, keeps_the_size_of_the_window)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  Procedure *procedure = test.window->procedures.procedures[0];
+  Contact *contact = contact_stack_get_by_bare_jid (test.window->contacts, to_string (BOB));
+  GtkWidget *pages[] = {GTK_WIDGET (contact->chat_page), GTK_WIDGET (procedure->view)};
+  for (GtkWidget *page : pages) {
+    gtk_stack_set_visible_child (test.window->main_page_stack, page);
+    pump ();
+    int size[2];
+    gtk_window_get_size (GTK_WINDOW (test.window), &size[0], &size[1]);
+    for (const char *letter : {"gone", "y", "Mind the gap. "}) {
+      if (page == pages[0])
+        send_line (contact, std::string (120, 'x').c_str ());
+      std::string reason;
+      while (reason.size () < 120)
+        reason += letter;
+      u64 id = page == pages[0] ? test.window->last_xmpp_id : 4711;
+      deliver_message_error (test.window, BOB, id, "gone", reason.c_str ());
+      pump ();
+      ASSERT_NE (get_notice (page), "");
+      int told[2];
+      gtk_window_get_size (GTK_WINDOW (test.window), &told[0], &told[1]);
+      EXPECT_EQ (told[0], size[0]) << reason;
+      EXPECT_EQ (told[1], size[1]) << reason;
+      // All of it can be read.
+      GtkLabel *label = GTK_LABEL (find_by_name (page, "notice_label"));
+      EXPECT_FALSE (pango_layout_is_ellipsized (gtk_label_get_layout (label)));
+      int height = 0;
+      pango_layout_get_pixel_size (gtk_label_get_layout (label), NULL, &height);
+      EXPECT_LE (height, gtk_widget_get_allocated_height (GTK_WIDGET (label)));
+      gtk_button_clicked (GTK_BUTTON (find_by_name (page, "dismiss_button")));
+      pump ();
+      gtk_window_get_size (GTK_WINDOW (test.window), &told[0], &told[1]);
+      EXPECT_EQ (told[0], size[0]);
+      EXPECT_EQ (told[1], size[1]);
+    }
+  }
+}
+
+TEST (app_window_get_xmpp_message_error_signal, shows_a_reason_in_one_line)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  deliver_message_error (test.window, BOB, 4711, "gone", "Gone\u202e.\nbob: I agree");
+  EXPECT_EQ (get_notice (test.window->procedures.procedures[0]->view),
+             "Not delivered to " BOB " (\u2068Gone\u202e.\u23cebob: I agree\u2069).");
+}
+
 TEST (app_window_get_xmpp_message_error_signal, tells_in_the_procedures_with_that_party)
 {
   TestWindow test;

@@ -39,6 +39,22 @@ TEST (procedure_list_item_new, shows_a_title_that_looks_like_markup_as_it_is)
   dealloc_procedure (procedure);
 }
 
+TEST (procedure_list_item_new, shows_one_line_whatever_the_title_holds)
+{
+  const char *breaks[] = {"\n", "\r\n", "\v", "\f", "\xc2\x85", "\u2028", "\u2029"};
+  for (const char *line_break : breaks) {
+    Procedure *procedure =
+      make_procedure (("Oak" + std::string (line_break) + "carol@beta.test").c_str ());
+    GtkWidget *toplevel;
+    GtkWidget *item = make_item (procedure, "bob@beta.test", &toplevel);
+    GtkLabel *label = GTK_LABEL (find_widget (item, "title_label"));
+    EXPECT_EQ (get_text (item, "title_label"), "Oak\u23cecarol@beta.test");
+    EXPECT_EQ (pango_layout_get_line_count (gtk_label_get_layout (label)), 1);
+    gtk_widget_destroy (toplevel);
+    dealloc_procedure (procedure);
+  }
+}
+
 TEST (procedure_list_item_new, takes_bytes_that_are_no_text_without_a_warning)
 {
   Procedure *procedure = make_procedure ("\xc3");

@@ -110,3 +110,18 @@ TEST (search_item_handle_del_button, switches_the_buttons_back)
   press (test.item, "add_button");
   EXPECT_FALSE (is_sensitive (test.item, "add_button"));
 }
+
+TEST (search_item_new, shows_names_of_others_in_one_line_and_warns_of_addresses)
+{
+  std::string tag = "rye\nflour";
+  char *tags[] = {tag.data ()};
+  SearchItem *item = search_item_new ("c\u0430rol@alpha.test\u202e", NULL, tags, 1);
+  GtkWidget *toplevel = show_alone (GTK_WIDGET (item));
+  GtkWidget *label = find_widget (item, "account_label");
+  EXPECT_EQ (get_text (item, "account_label"), "\u2068c\u0430rol@alpha.test\u202e\u2069");
+  EXPECT_TRUE (gtk_style_context_has_class (gtk_widget_get_style_context (label), "warning"));
+  EXPECT_TRUE (gtk_widget_get_has_tooltip (label));
+  EXPECT_EQ (list_shown_tags (item), "rye\u23ceflour,");
+  EXPECT_STREQ (search_item_get_tag (item, 0), "rye\nflour");
+  gtk_widget_destroy (toplevel);
+}

@@ -83,7 +83,7 @@ keeps_to_its_place (const std::string &name)
 
 TEST (alloc_shown_text, leaves_a_text_without_controls_alone)
 {
-  for (const char *text : {"", "bert@beta.test", "Miete", "\u05d0\u05d1", "a\nb", "\u4e00"})
+  for (const char *text : {"", "bert@beta.test", "Miete", "\u05d0\u05d1", "\u23ce", "\u4e00"})
     EXPECT_EQ (show (text), text);
   EXPECT_EQ (show ("b\xff"), "b\ufffd");
   char *shown = alloc_shown_text ({});
@@ -91,14 +91,43 @@ TEST (alloc_shown_text, leaves_a_text_without_controls_alone)
   g_free (shown);
 }
 
-TEST (alloc_shown_text, isolates_each_paragraph_with_a_control)
+TEST (alloc_shown_text, isolates_a_text_with_a_control)
 {
   EXPECT_EQ (show ("a\u202eb"), "\u2068a\u202eb\u2069");
   EXPECT_EQ (show ("\u200f"), "\u2068\u200f\u2069");
   EXPECT_EQ (show ("a\u2069\u202eb"), "\u2068a\ufffd\u202eb\u2069");
   EXPECT_EQ (show ("a\u2067b"), "\u2068a\u2067b\u2069\u2069");
   EXPECT_EQ (show ("a\u2066b\u2069c"), "\u2068a\u2066b\u2069c\u2069");
-  EXPECT_EQ (show ("a\u2067\nb\u202e"), "\u2068a\u2067\u2069\u2069\n\u2068b\u202e\u2069");
+  EXPECT_EQ (show ("a\u2067\nb\u202e"), "\u2068a\u2067\u23ceb\u202e\u2069\u2069");
+}
+
+TEST (alloc_shown_text, is_one_line)
+{
+  EXPECT_EQ (show ("a\nb\r\nc\rd\tf"), "a\u23ceb\u23cec\u23ced f");
+  EXPECT_EQ (show ("\n"), "\u23ce");
+  EXPECT_EQ (show ("\r\r\n"), "\u23ce\u23ce");
+}
+
+// ICU knows what ends a line and what ends a paragraph of the bidirectional algorithm.
+TEST (alloc_shown_text, has_no_letter_that_icu_calls_the_end_of_a_line)
+{
+  u32 ends_count = 0;
+  for (UChar32 c = 1; c <= 0x10FFFF; ++c) {
+    if (c >= 0xD800 && c <= 0xDFFF)
+      continue;
+    int breaks = u_getIntPropertyValue (c, UCHAR_LINE_BREAK);
+    bool ends_line = breaks == U_LB_MANDATORY_BREAK || breaks == U_LB_CARRIAGE_RETURN ||
+                     breaks == U_LB_LINE_FEED || breaks == U_LB_NEXT_LINE ||
+                     u_charDirection (c) == U_BLOCK_SEPARATOR;
+    std::string text = encode (std::u32string (1, (char32_t) c));
+    if (ends_line) {
+      ASSERT_EQ (show (text), "\u23ce") << std::hex << c;
+    } else if (u_charDirection (c) != U_SEGMENT_SEPARATOR) {
+      ASSERT_NE (show (text).find (text), std::string::npos) << std::hex << c;
+    }
+    ends_count += ends_line;
+  }
+  EXPECT_EQ (ends_count, 10u);
 }
 
 TEST (alloc_shown_text, keeps_every_name_to_its_place)

@@ -118,6 +118,21 @@ TEST (vcard_page_set_title, shows_the_text_as_it_is)
   EXPECT_EQ (get_text (page, "title_label"), "b\xef\xbf\xbd");
 }
 
+TEST (vcard_page_set_title, warns_of_an_address_that_misleads_while_it_is_shown)
+{
+  TestWindow test;
+  VCardPage *page = show_page (&test);
+  GtkStyleContext *style = gtk_widget_get_style_context (find_widget (page, "title_label"));
+  vcard_page_set_title (page, to_string ("b\u043eb@beta.test\n\u202e/desk"));
+  EXPECT_EQ (get_text (page, "title_label"), "\u2068b\u043eb@beta.test\u23ce\u202e/desk\u2069");
+  EXPECT_TRUE (gtk_style_context_has_class (style, "warning"));
+  vcard_page_set_title (page, to_string ("bob@beta.test/\u0434\u043e\u043c 1"));
+  EXPECT_FALSE (gtk_style_context_has_class (style, "warning"));
+  EXPECT_FALSE (gtk_widget_get_has_tooltip (find_widget (page, "title_label")));
+  vcard_page_set_title (page, to_string ("Your Public Profile"));
+  EXPECT_FALSE (gtk_style_context_has_class (style, "warning"));
+}
+
 TEST (vcard_page_set_title, wraps_a_long_address_instead_of_widening_the_window)
 {
   TestWindow test;
