@@ -1,6 +1,7 @@
 #include "app_window.h"
 
 #include <stdlib.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <memory>
@@ -1163,6 +1164,29 @@ TEST (app_window_close, says_nothing_after_its_farewell)
   deliver_presence (test.window, app_window_get_xmpp_presence_subscribe_signal, "eve@beta.test");
   EXPECT_EQ (end_capture (), "Received <presence type='subscribe' from='eve@beta.test'>\n");
   end_closing (&test);
+}
+
+TEST (app_window_close, says_no_farewell_to_a_server_that_takes_no_more)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  start_worker (&test, run_stubborn_worker);
+  // A full socket in the place of the session's own; what is said all the same still arrives.
+  int pair[2];
+  ASSERT_EQ (socketpair (AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  std::string block (4096, 'x');
+  while (send (pair[0], block.data (), block.size (), MSG_DONTWAIT) > 0) {
+  }
+  SocketDescriptor own = test.window->connection.socket;
+  test.window->connection.socket = pair[0];
+  begin_capture ();
+  begin_closing (&test);
+  EXPECT_FALSE (has (end_capture (), "</stream:stream>"));
+  test.window->connection.socket = own;
+  EXPECT_EQ (take_sent (&test), "");
+  end_closing (&test);
+  close (pair[0]);
+  close (pair[1]);
 }
 
 TEST (app_window_close, asked_for_again_changes_nothing)

@@ -775,6 +775,24 @@ TEST (clause_view_comparison, tools_stand_under_their_change_whichever_way_the_w
   EXPECT_NEAR (shift[0], shift[1], 1);
 }
 
+TEST (clause_view_comparison, tools_are_centred_on_the_pointer)
+{
+  std::string words = repeat ("common ", 6);
+  Comparison comparison ({words + "b", words + "c"});
+  Clause *clause = comparison.clause;
+  choose (clause, WITH_PREVIOUS);
+  place_tools (clause, 42);
+  GtkTextIter iter;
+  gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, 42);
+  GdkRectangle location;
+  gtk_text_view_get_iter_location (get_text_view (clause), &iter, &location);
+  GtkWidget *tools = find_widget (clause->view, "diff_overlay_tools");
+  // The pointer is a pixel behind the start of the change, and the text has a border of 12.
+  int start = location.x + 1 + 2 * 12 - gtk_widget_get_allocated_width (tools) / 2;
+  EXPECT_GT (start, 0);
+  EXPECT_EQ (gtk_widget_get_margin_start (tools), start);
+}
+
 // The offset of the cursor, and of the change that the tools would decide on.
 static int
 get_cursor (Clause *clause)

@@ -306,6 +306,34 @@ TEST (outbox_note_acknowledged, with_acknowledgements_the_rows_go_by_it)
   EXPECT_EQ (store.rows (), "3|message|3\n");
 }
 
+static int
+count_commit (void *count)
+{
+  ++*(int *) count;
+  return 0;
+}
+
+TEST (outbox_note_acknowledged, is_one_transaction_or_belongs_to_the_one_around)
+{
+  Store store;
+  u64 position = 0;
+  for (u64 i = 1; i <= 4; ++i)
+    outbox_add (&store.outbox, OUTBOX_MESSAGE, i);
+  store.send_all (&position);
+  int commits_count = 0;
+  sqlite3_commit_hook (store.db, count_commit, &commits_count);
+  outbox_note_acknowledged (&store.outbox, 3);
+  EXPECT_EQ (commits_count, 1);
+  EXPECT_EQ (store.rows (), "3|message|4\n");
+  db_begin (store.db);
+  outbox_note_acknowledged (&store.outbox, 4);
+  EXPECT_EQ (commits_count, 1);
+  EXPECT_EQ (store.rows (), "3|message|4\n");
+  db_commit (store.db);
+  EXPECT_EQ (commits_count, 2);
+  EXPECT_EQ (store.rows (), "");
+}
+
 TEST (outbox_note_refused, what_was_done_is_in_the_outbox_for_the_next_session)
 {
   Store store;
