@@ -5,6 +5,10 @@
 // Characters of a text and of a reason that are shown; more would push the page away.
 static const glong SHOWN_MAX = 120;
 
+// What a notice has room for. A wrapped label without a limit asks for the height of one letter a line,
+// and the window would grow to that.
+static const int LINES_MAX = 10;
+
 static char *
 alloc_short_text (String text)
 {
@@ -53,6 +57,8 @@ delivery_notice_new ()
   GtkWidget *label = gtk_label_new (NULL);
   gtk_label_set_line_wrap (GTK_LABEL (label), TRUE);
   gtk_label_set_line_wrap_mode (GTK_LABEL (label), PANGO_WRAP_WORD_CHAR);
+  gtk_label_set_lines (GTK_LABEL (label), LINES_MAX);
+  gtk_label_set_ellipsize (GTK_LABEL (label), PANGO_ELLIPSIZE_END);
   gtk_label_set_xalign (GTK_LABEL (label), 0);
   gtk_widget_set_name (label, "notice_label");
   gtk_container_add (GTK_CONTAINER (gtk_info_bar_get_content_area (GTK_INFO_BAR (bar))), label);
@@ -72,7 +78,9 @@ delivery_notice_show (GtkBox *page, String to, String text, String reason)
     gtk_box_reorder_child (page, bar, 0);
   }
   char *notice = alloc_notice (to, text, reason);
-  gtk_label_set_text (GTK_LABEL (g_object_get_data (G_OBJECT (bar), "label")), notice);
+  GtkWidget *label = GTK_WIDGET (g_object_get_data (G_OBJECT (bar), "label"));
+  gtk_label_set_text (GTK_LABEL (label), notice);
+  gtk_widget_set_tooltip_text (label, notice);
   g_free (notice);
   gtk_widget_show_all (bar);
 }
