@@ -30,7 +30,8 @@ deletion_init (AppWindow *window)
   gtk_label_set_ellipsize (window->undo_label, PANGO_ELLIPSIZE_END);
   GtkWidget *button = gtk_button_new_with_mnemonic ("_Undo");
   gtk_buildable_set_name (GTK_BUILDABLE (button), "undo_button");
-  gtk_widget_set_tooltip_text (button, "Bring back what was deleted");
+  gtk_widget_set_tooltip_text (button,
+                               "Bring back what was deleted, until the next deletion or login");
   g_signal_connect (button, "clicked", G_CALLBACK (deletion_undo_button_handle), window);
   gtk_container_add (GTK_CONTAINER (window->undo_bar), GTK_WIDGET (window->undo_label));
   gtk_container_add (GTK_CONTAINER (window->undo_bar), button);

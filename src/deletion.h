@@ -1,4 +1,4 @@
-// What the user deleted last can be brought back for ten seconds, or until the next deletion: a bar
+// What the user deleted last can be brought back for ten seconds, or until the next deletion or login: a bar
 // below the lists says what is gone and offers Undo. The store has forgotten it meanwhile.
 //
 // Ownership: the window owns the bar and the records that wait; the negotiation what was deleted.
