@@ -1047,6 +1047,31 @@ TEST (negotiation, comes_to_one_order_on_both_sides)
   EXPECT_GT (ties, 0u);
 }
 
+// Bob says that his revision comes last of all, and Alice goes on.
+TEST (negotiation, has_one_last_revision_on_both_sides_when_the_seconds_are_used_up)
+{
+  Parties parties (1);
+  now = 5000;
+  Procedure *procedure = parties.procedure (0);
+  Clause *clause = negotiation_add_clause (&parties.accounts[0].negotiation, procedure);
+  Name name = {OWN, clause->time};
+  receive_clause (&parties.accounts[1], parties.name (), name);
+  now = 999999999999;
+  commit (&parties.accounts[1], parties.procedure (1)->clauses[0], "Last");
+  now = 5001;
+  receive_revision (&parties.accounts[0], parties.name (), name, {OTHER, 999999999999}, "Last");
+  for (int i = 0; i < 3; i++) {
+    s64 time = commit (&parties.accounts[0], clause, "Mine")->time;
+    receive_revision (&parties.accounts[1], parties.name (), name, {OWN, time}, "Mine");
+  }
+  for (Account &account : parties.accounts) {
+    std::string order = "5001:Mine 5002:Mine 5003:Mine 999999999999:Last ";
+    EXPECT_EQ (list_revisions (account.procedures.procedures[0]->clauses[0]), order);
+    account.restart ();
+    EXPECT_EQ (list_revisions (account.procedures.procedures[0]->clauses[0]), order);
+  }
+}
+
 TEST (negotiation_say, takes_the_next_free_second)
 {
   Account account;
