@@ -865,8 +865,8 @@ clause_view_commit_button_handle (GtkButton *, ClauseView *self)
   clause_view_go_to_revision (self, revision, clause_view_get_window (self)->account.bare_jid);
   clause_view_order_revision (self, revision);
   clause_view_focus_revisions_button (self);
-  if (self->clause->revisions_count == 1)
-    clause_view_enable_chat (self);
+  // The other party gets the clause with it, whoever has put a revision in before.
+  clause_view_enable_chat (self);
   delivery_send (clause_view_get_window (self));
 }
 

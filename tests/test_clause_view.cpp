@@ -1638,6 +1638,21 @@ TEST_P (ClauseViewDiff, is_shown_word_by_word)
   EXPECT_EQ (list_runs (clause), GetParam ().runs);
 }
 
+TEST (clause_view_commit, lets_the_user_chat_although_someone_guessed_the_clauses_second)
+{
+  TestWindow test;
+  Clause *clause = open_new_clause (&test);
+  EXPECT_FALSE (is_sensitive (clause->view, "chat_button"));
+  deliver_revision (test.window, {ALICE, 1000}, {ALICE, clause->time}, {BOB, clause->time},
+                    "guessed");
+  // The other party does not know the clause.
+  EXPECT_FALSE (is_sensitive (clause->view, "chat_button"));
+  type (clause->view, "text_view", "own text");
+  press (clause->view, "commit_button");
+  EXPECT_EQ (clause->revisions_count, 2u);
+  EXPECT_TRUE (is_sensitive (clause->view, "chat_button"));
+}
+
 // The menu item with this label, as the text's menu has it; NULL when there is none.
 static GtkWidget *
 find_menu_item (GtkWidget *menu, const std::string &label)
