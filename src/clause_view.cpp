@@ -89,6 +89,7 @@ struct _ClauseView {
   // What a revision that arrived took the place of.
   bool was_draft_left;      // the user was at the draft
   ComparisonAside aside;    // the user was at a comparison
+  bool is_draft_newer;      // the user was at the draft after the comparison
   GtkLabel *note_label;     // says so; NULL until there is something to say
   s64 arrival_time;         // of the monotonic clock, in microseconds; 0 before the first
   s64 press_time;           // of a decision button, likewise; 0 when none is pressed
@@ -113,6 +114,8 @@ static void clause_view_use_as_draft (ClauseView *self);
 static void clause_view_go_to_revision (ClauseView *self, ClauseRevision *revision, String own);
 static void clause_view_select_draft_row (ClauseView *self);
 static void clause_view_go_back (ClauseView *self);
+static void clause_view_go_back_to_comparison (ClauseView *self);
+static void clause_view_go_back_to_draft (ClauseView *self);
 static void clause_view_bring_back (ClauseView *self, u32 index);
 
 // ---- The popover of the revisions ----
@@ -665,11 +668,12 @@ clause_view_populate_popup_handle (GtkTextView *, GtkWidget *popup, ClauseView *
     clause_view_prepare_kept_draft (self, item, "activate", i);
     gtk_menu_shell_append (GTK_MENU_SHELL (popup), item);
   }
-  if (self->aside.text_buffer || (self->was_draft_left && self->clause->draft)) {
-    const char *label =
-      self->aside.text_buffer ? "Go back to your comparison" : "Go back to your text";
-    clause_view_append_menu_item (self, popup, label, true, clause_view_go_back);
-  }
+  if (self->aside.text_buffer)
+    clause_view_append_menu_item (self, popup, "Go back to your comparison", true,
+                                  clause_view_go_back_to_comparison);
+  if (self->was_draft_left && self->clause->draft)
+    clause_view_append_menu_item (self, popup, "Go back to your text", true,
+                                  clause_view_go_back_to_draft);
   if (self->comparison.is_shown) {
     bool has_changes = clause_comparison_has_changes (&self->comparison);
     clause_view_append_menu_item (self, popup, "Take all of the newer text", has_changes,
@@ -1487,9 +1491,11 @@ clause_view_make_room (ClauseView *self)
   clause_view_save_draft (self);
   if (self->comparison.is_shown && self->comparison.has_decisions) {
     clause_view_put_comparison_aside (self);
+    self->is_draft_newer = false;
     clause_view_show_note (self, "Your comparison is kept: Escape goes back to it.");
   } else if (self->is_draft && self->is_on_draft && self->clause->draft) {
     self->was_draft_left = true;
+    self->is_draft_newer = true;
     clause_view_show_note (self, "Your text is kept: Escape goes back to it.");
   }
   self->was_about_to_press = false;
@@ -1510,26 +1516,41 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
   clause_view_go_to_revision (self, revision, own);
 }
 
-// Back to what a revision took the place of.
 static void
-clause_view_go_back (ClauseView *self)
+clause_view_go_back_to_comparison (ClauseView *self)
 {
   gtk_widget_hide (GTK_WIDGET (self->note_label));
   ComparisonAside *aside = &self->aside;
-  if (aside->text_buffer) {
-    clause_view_leave_text (self);
-    clause_comparison_end (&self->comparison);
-    clause_view_change_text_buffer (self, aside->text_buffer);
-    self->comparison = aside->comparison;
-    clause_view_show_comparison_state (self, aside->status);
-    self->was_draft_shown = aside->was_draft_shown;
-    clause_comparison_restore (&self->comparison);
-    g_clear_object (&aside->text_buffer);
-    g_clear_pointer (&aside->status, g_free);
-  } else {
-    clause_view_show_draft (self);
-  }
+  clause_view_leave_text (self);
+  clause_comparison_end (&self->comparison);
+  clause_view_change_text_buffer (self, aside->text_buffer);
+  self->comparison = aside->comparison;
+  clause_view_show_comparison_state (self, aside->status);
+  self->was_draft_shown = aside->was_draft_shown;
+  clause_comparison_restore (&self->comparison);
+  g_clear_object (&aside->text_buffer);
+  g_clear_pointer (&aside->status, g_free);
   clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
+}
+
+static void
+clause_view_go_back_to_draft (ClauseView *self)
+{
+  clause_view_show_draft (self);
+  clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
+}
+
+// Back to what a revision took the place of last, as the note says. What else is kept is in the text's
+// menu.
+static void
+clause_view_go_back (ClauseView *self)
+{
+  bool is_draft_next = self->was_draft_left && self->clause->draft && self->is_draft_newer;
+  if (self->aside.text_buffer && !is_draft_next) {
+    clause_view_go_back_to_comparison (self);
+  } else {
+    clause_view_go_back_to_draft (self);
+  }
 }
 
 void

@@ -585,6 +585,51 @@ TEST (clause_view_arrival, keeps_a_comparison_with_its_decisions)
   EXPECT_EQ (drafts.text (), "one three");
 }
 
+TEST (clause_view_arrival, goes_back_to_the_text_that_was_left_after_a_comparison)
+{
+  Drafts drafts ({"one two", "one three"});
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  std::string status = drafts.status ();
+  drafts.receive (6000, "their words");
+  gtk_text_buffer_insert_at_cursor (drafts.buffer (), "my words", -1);
+  std::string draft = drafts.text ();
+  drafts.receive (6001, "their next words");
+  EXPECT_TRUE (is_note_shown (drafts.clause, TEXT_IS_KEPT));
+  drafts.focus (drafts.widget ("agree_button"));
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), draft);
+  EXPECT_EQ (drafts.status (), "draft");
+  EXPECT_FALSE (is_note_shown (drafts.clause, TEXT_IS_KEPT));
+  // The comparison is still at hand.
+  EXPECT_TRUE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+  EXPECT_EQ (drafts.text (), "one three");
+  EXPECT_EQ (drafts.status (), status);
+  EXPECT_EQ (drafts.stored (), draft + "\n");
+  EXPECT_FALSE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+}
+
+TEST (clause_view_arrival, goes_back_to_the_comparison_that_was_left_after_a_text)
+{
+  Drafts drafts ({"one two", "one three"});
+  gtk_text_buffer_insert_at_cursor (drafts.buffer (), "my words", -1);
+  std::string draft = drafts.text ();
+  drafts.receive (6000, "their words");
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  std::string status = drafts.status ();
+  drafts.receive (6001, "their next words");
+  EXPECT_TRUE (is_note_shown (drafts.clause, COMPARISON_IS_KEPT));
+  drafts.focus (drafts.widget ("agree_button"));
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), "their words");
+  EXPECT_EQ (drafts.status (), status);
+  EXPECT_FALSE (is_note_shown (drafts.clause, COMPARISON_IS_KEPT));
+  EXPECT_TRUE (choose (drafts.clause, GO_BACK));
+  EXPECT_EQ (drafts.text (), draft);
+  EXPECT_EQ (drafts.status (), "draft");
+}
+
 TEST (clause_view_arrival, closes_well_with_a_comparison_kept)
 {
   Drafts drafts ({"one two", "one three"});
