@@ -1747,8 +1747,9 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
   g_free (status);
   g_free (newer_name);
   g_free (older_name);
-  String author = is_misleading_address (older->author) ? older->author : newer->author;
-  label_warn_of_address (self->revision_status_label, author);
+  bool is_older_misleading = is_misleading_address (older->author);
+  label_warn_of_address (self->revision_status_label,
+                         (is_older_misleading ? older : newer)->author);
 
   clause_view_look_away (self);
   clause_comparison_show (&self->comparison, older->text, newer->text);
