@@ -1305,6 +1305,31 @@ TEST (send_all_tls_data, keeps_the_order_when_some_of_it_waits)
   EXPECT_TRUE (report.received == all + "!");
 }
 
+TEST (send_all_tls_data, tells_what_was_taken_while_the_rest_waits)
+{
+  Link link = open_link ({server_wait (), server_expect_until ("id='3'"), server_wait (),
+                          server_expect_until ("!"), server_expect_end ()});
+  int calls_count = 0;
+  set_tls_send_handler (link.client.session, count_call, &calls_count);
+  give_long_stanzas (link.client.session, DEAF_STANZAS + 20);
+  TLSSendState before = get_tls_send_state (link.client.session);
+  calls_count = 0;
+  scripted_server_signal (link.server);
+  // The server reads a little, and stops again.
+  TLSSendState state = before;
+  for (int i = 0; i < 300 && state.taken_count == before.taken_count; ++i) {
+    EXPECT_FALSE (flush_tls_data (link.client.session, 100));
+    state = get_tls_send_state (link.client.session);
+  }
+  EXPECT_GT (state.taken_count, before.taken_count);
+  EXPECT_GT (state.waiting_size, 0u);
+  EXPECT_GE (calls_count, 1);
+  scripted_server_signal (link.server);
+  send_all_tls_data (link.client.session, to_string ("!"));
+  EXPECT_TRUE (flush_tls_data (link.client.session, 30000));
+  close_link (&link);
+}
+
 TEST (recv_tls_data, sends_what_waits_while_nobody_else_sees_to_it)
 {
   Link link = open_link (

@@ -144,6 +144,23 @@ TEST (app_add_session_actions, leads_from_a_notification_to_its_window)
   EXPECT_FALSE (is_login_page_shown (other.window));
 }
 
+static bool
+is_active (void *window)
+{
+  return gtk_window_is_active (GTK_WINDOW (window));
+}
+
+TEST (app_add_session_actions, bring_the_window_of_a_notification_to_the_front)
+{
+  Loaded loaded;
+  Loaded other;
+  add_actions (&loaded);
+  gtk_window_present (GTK_WINDOW (other.window));
+  ASSERT_TRUE (pump_until (is_active, other.window));
+  activate_for (&loaded, gtk_application_window_get_id (GTK_APPLICATION_WINDOW (loaded.window)));
+  EXPECT_TRUE (pump_until (is_active, loaded.window));
+}
+
 // ---- Unloading ----
 
 TEST (app_window_log_in_again, while_a_comparison_is_shown)

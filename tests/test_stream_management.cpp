@@ -106,6 +106,25 @@ TEST (stream_management, the_word_of_the_server_may_come_among_stanzas)
   session.finish ();
 }
 
+TEST (stream_management_end, what_is_under_way_does_not_count_in_the_next_session)
+{
+  TestWindow test;
+  log_in (&test);
+  gnutls_session_t tls_session = test.window->connection.tls_session;
+  StreamManagement *counts = &test.window->stream_management;
+  stream_management_begin (counts, test.window, tls_session, true);
+  counts->is_counting = true;
+  stream_management_leave_stanza (counts);
+  EXPECT_EQ (counts->received_count, 1u);
+  // The interface hears of it in the next session.
+  stream_management_end (counts);
+  stream_management_begin (counts, test.window, tls_session, true);
+  pump ();
+  EXPECT_EQ (counts->received_count, 0u);
+  EXPECT_EQ (counts->applied_count, 0u);
+  stream_management_end (counts);
+}
+
 // ---- What is received ----
 
 // A look into the store from the server's thread.
