@@ -149,7 +149,11 @@ app_window_begin_closing (AppWindow *self)
     give_up_long_work ();
   self->closing_source = g_timeout_add (CLOSING_WAIT, app_window_go_on_closing, self);
   if (!self->account_db_id && interrupt_xmpp_login (self)) {
-    interrupt_xmpp_connection (self);
+    // One that connects nothing wakes: it is left behind, and the window goes as soon as it can.
+    if (app_window_give_up_worker (self)) {
+      g_source_remove (self->closing_source);
+      self->closing_source = g_idle_add (app_window_go_on_closing, self);
+    }
   } else if (stream_management_is_counting (&self->stream_management)) {
     stop_taking_stanzas (self);
     hand_over (app_window_say_farewell, g_object_ref (self));
@@ -776,7 +780,7 @@ app_window_apply_message_error (AppWindow *self, XMPPMessageErrorSignal *signal)
   }
   // Only a party is believed, and whoever else was meant had nothing of a procedure.
   if (told_count)
-    delivery_note_refused (self, signal->id);
+    delivery_note_refused (self, signal->id, to);
   if (contact && !told_count)
     contact_chat_page_tell_undelivered (contact->chat_page, {}, reason);
 }

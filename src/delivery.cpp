@@ -265,10 +265,24 @@ delivery_update (AppWindow *window)
   watch_table (window);
 }
 
-bool
-delivery_note_refused (AppWindow *window, u64 request_id)
+// Of an object that is deleted nobody knows to whom it went.
+static bool
+is_request_to (AppWindow *window, u64 request_id, String party)
 {
-  bool is_ours = window->outbox.db && outbox_note_refused (&window->outbox, request_id);
+  for (u32 i = 0; i < window->outbox.count; ++i) {
+    OutboxEntry *entry = &window->outbox.entries[i];
+    Parcel parcel = {};
+    if (entry->request_id == request_id && find_parcel (&window->procedures, entry, &parcel))
+      return procedure_get_other_party (parcel.procedure, window->account.bare_jid) == party;
+  }
+  return true;
+}
+
+bool
+delivery_note_refused (AppWindow *window, u64 request_id, String party)
+{
+  bool is_ours = window->outbox.db && is_request_to (window, request_id, party) &&
+                 outbox_note_refused (&window->outbox, request_id);
   if (is_ours) {
     show_marks (window);
     watch_table (window);

@@ -306,6 +306,34 @@ owes_revision (void *data)
   return owed (&((Session *) data)->test) == "revision\n";
 }
 
+static bool
+is_told_undelivered (void *data)
+{
+  return ((Session *) data)->console ().find ("couldn't be delivered") != std::string::npos;
+}
+
+// As a bounce of an earlier session, whose ids were the same.
+TEST (delivery, what_came_back_from_another_party_is_none_of_this_one)
+{
+  Session session;
+  session.begin ({server_expect_until (">Sale</x-procedure></body></message>"), server_wait (),
+                  server_send ("<message type='error' id='5' from='carla@beta.test' "
+                               "to='alice@alpha.test/morvane'><error type='cancel'>"
+                               "<service-unavailable xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/>"
+                               "</error></message>"),
+                  server_wait ()},
+                 {});
+  do_everything (&session);
+  app_window_create_new_procedure (session.window, to_string ("Sale"),
+                                   to_string ("carla@beta.test"));
+  EXPECT_TRUE (pump_until (is_table_empty, &session));
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_told_undelivered, &session));
+  EXPECT_TRUE (is_table_empty (&session));
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
 TEST (delivery, what_came_back_is_owed_and_goes_out_in_the_next_session_only)
 {
   Session first;
