@@ -99,6 +99,27 @@ class OutboxWithManagement(Outbox):
         for party in (anna, bert):
             party.close()
 
+    def test_notice(self):
+        """what comes back undelivered leaves the window its size"""
+        anna = self.anna().start()
+        anna.login()
+
+        def size():
+            return self.desktop.xdotool("getwindowgeometry", anna.windows[0].xid).split()[-1]
+
+        def told():
+            return [text for text in anna.labels() if text.startswith("Not delivered to nobody@")]
+        before = size()
+        anna.begin(TITLE, "nobody@" + driver.HOST)
+        anna.add_clause()
+        anna.commit(0, "Nobody reads this.")
+        self.desktop.wait(told, "the notice is there")
+        self.assertEqual(size(), before)
+        anna.press("Dismiss")
+        self.desktop.wait(lambda: not told(), "the notice is gone")
+        self.assertEqual(size(), before)
+        anna.close()
+
     def test_frozen_server(self):
         """a server that takes everything and answers nothing any more"""
         anna, bert = self.begin()
