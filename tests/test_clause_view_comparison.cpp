@@ -1111,6 +1111,25 @@ TEST (clause_view_comparison, decision_buttons_name_a_revision_beyond_the_calend
 
 // ---- How it ends ----
 
+TEST (clause_view_comparison, a_rows_menu_that_a_key_opens_has_its_item_selected)
+{
+  Comparison comparison ({"a b", "a c"});
+  gtk_button_clicked (
+    GTK_BUTTON (find_widget (comparison.clause->view, "revision_select_menu_button")));
+  pump ();
+  GtkWidget *row = GTK_WIDGET (gtk_list_box_get_row_at_index (get_list (comparison.clause), 0));
+  gtk_widget_grab_focus (row);
+  press_key (&comparison.test, GDK_KEY_Menu);
+  pump ();
+  GList *menus = gtk_menu_get_for_attach_widget (row);
+  ASSERT_TRUE (menus);
+  GtkMenuShell *menu = GTK_MENU_SHELL (menus->data);
+  EXPECT_EQ (gtk_menu_shell_get_selected_item (menu),
+             find_menu_item (GTK_WIDGET (menu), "Compare with the revision shown"));
+  gtk_menu_shell_deactivate (menu);
+  pump ();
+}
+
 TEST (clause_view_comparison, escape_in_the_text_leaves_it)
 {
   Comparison comparison ({"a b", "a c"});
