@@ -1714,7 +1714,7 @@ clause_view_set_others_revision_decision (ClauseView *self, ClauseRevision *revi
   if (self->is_draft || revision != self->revision)
     return;
   String own = clause_view_get_window (self)->account.bare_jid;
-  if (decision->author != procedure_get_other_party (self->procedure, own))
+  if (!is_same_party (decision->author, procedure_get_other_party (self->procedure, own)))
     return;
   clause_view_show_others_decision (self, decision->status);
 }

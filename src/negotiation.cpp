@@ -3,8 +3,6 @@
 
 #include <assert.h>
 
-#include <glib.h>
-
 #include "morvane.h"
 
 // ---- What the user does ----
@@ -333,45 +331,17 @@ negotiation_say (Negotiation *negotiation, Clause *clause, String text)
 
 // ---- What arrives ----
 
-// A name as parties are compared; freed with `g_free`. NULL for one that is not UTF-8.
-static char *
-alloc_folded_name (String name)
-{
-  if (!name.size || !g_utf8_validate ((const char *) name.data, (gssize) name.size, NULL))
-    return NULL;
-  char *normal = g_utf8_normalize ((const char *) name.data, (gssize) name.size, G_NORMALIZE_NFKC);
-  char *folded = g_utf8_casefold (normal, -1);
-  g_free (normal);
-  // Folding may leave letters apart that normalising joins.
-  normal = g_utf8_normalize (folded, -1, G_NORMALIZE_NFKC);
-  g_free (folded);
-  return normal;
-}
-
-static bool
-is_same_name (String name, String other_name)
-{
-  if (name == other_name)
-    return true;
-  char *folded = alloc_folded_name (name);
-  char *other_folded = alloc_folded_name (other_name);
-  bool is_same = folded && other_folded && !g_strcmp0 (folded, other_folded);
-  g_free (folded);
-  g_free (other_folded);
-  return is_same;
-}
-
 static bool
 is_user_name_of (String name, String bare_jid)
 {
-  return is_same_name (name, {bare_jid.data, bare_jid.size - find_char (bare_jid, '@').size});
+  return is_same_party (name, {bare_jid.data, bare_jid.size - find_char (bare_jid, '@').size});
 }
 
 // What the account itself has made never arrives here: it is a bounce, or someone else's forgery.
 static bool
 negotiation_is_own (Negotiation *negotiation, String author, const char *event)
 {
-  bool is_own = is_same_name (author, negotiation->own);
+  bool is_own = is_same_party (author, negotiation->own);
   if (is_own)
     console_log ("Warning: A %s came in this account's own name.\n", event);
   return is_own;
@@ -385,7 +355,7 @@ negotiation_may_make (Negotiation *negotiation, Procedure *procedure, String aut
   if (negotiation_is_own (negotiation, author, event))
     return false;
   bool is_party =
-    is_same_name (author, procedure->initiator) || is_same_name (author, procedure->contractor);
+    is_same_party (author, procedure->initiator) || is_same_party (author, procedure->contractor);
   if (!is_party)
     console_log ("Warning: A %s came from someone who is no party of its procedure.\n", event);
   return is_party;
@@ -397,7 +367,7 @@ may_say (Procedure *procedure, String author, const char *event)
 {
   String initiator = procedure->initiator;
   String contractor = procedure->contractor;
-  bool is_party = is_same_name (author, initiator) || is_same_name (author, contractor) ||
+  bool is_party = is_same_party (author, initiator) || is_same_party (author, contractor) ||
                   is_user_name_of (author, initiator) || is_user_name_of (author, contractor);
   if (!is_party)
     console_log ("Warning: A %s came from someone who is no party of its procedure.\n", event);

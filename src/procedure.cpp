@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <glib.h>
+
 static const u32 DECISIONS_INITIAL_MAX = 32;
 static const u32 MESSAGES_INITIAL_MAX = 32;
 static const u32 REVISIONS_INITIAL_MAX = 32;
@@ -411,13 +413,49 @@ procedures_stack_remove_procedure (ProceduresStack *stack, u32 index)
   }
 }
 
+// ---- Parties ----
+
+// A name as parties are compared; freed with `g_free`. NULL for one that is not UTF-8.
+static char *
+alloc_folded_name (String name)
+{
+  if (!name.size || !g_utf8_validate ((const char *) name.data, (gssize) name.size, NULL))
+    return NULL;
+  char *normal = g_utf8_normalize ((const char *) name.data, (gssize) name.size, G_NORMALIZE_NFKC);
+  char *folded = g_utf8_casefold (normal, -1);
+  g_free (normal);
+  // Folding may leave letters apart that normalising joins.
+  normal = g_utf8_normalize (folded, -1, G_NORMALIZE_NFKC);
+  g_free (folded);
+  return normal;
+}
+
+bool
+is_same_party (String name, String other_name)
+{
+  if (name == other_name)
+    return true;
+  char *folded = alloc_folded_name (name);
+  char *other_folded = alloc_folded_name (other_name);
+  bool is_same = folded && other_folded && !g_strcmp0 (folded, other_folded);
+  g_free (folded);
+  g_free (other_folded);
+  return is_same;
+}
+
+String
+procedure_get_other_party (Procedure *procedure, String party)
+{
+  return is_same_party (party, procedure->initiator) ? procedure->contractor : procedure->initiator;
+}
+
 // ---- Lookups ----
 
 ClauseRevisionDecision *
 get_revision_decision_by_author (ClauseRevision *revision, String author)
 {
   for (u32 i = 0; i < revision->decisions_count; ++i) {
-    if (revision->decisions[i]->author == author) {
+    if (is_same_party (revision->decisions[i]->author, author)) {
       return revision->decisions[i];
     }
   }
@@ -458,12 +496,6 @@ get_procedure_by_initiator_and_time (ProceduresStack *stack, String initiator, s
     }
   }
   return NULL;
-}
-
-String
-procedure_get_other_party (Procedure *procedure, String party)
-{
-  return party == procedure->initiator ? procedure->contractor : procedure->initiator;
 }
 
 s64

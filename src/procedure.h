@@ -164,6 +164,15 @@ void clause_remove_revision (Clause *clause, u32 index);
 void procedure_remove_clause (Procedure *procedure, u32 index);
 void procedures_stack_remove_procedure (ProceduresStack *stack, u32 index);
 
+// ---- Parties ----
+
+// Whether two names, addresses or user names, mean the same party: after NFKC and case folding, since
+// a contractor is typed by hand and servers normalise. Who wrote something is found so everywhere; what
+// an object is called in a stanza, and a sender's "from", are compared byte for byte.
+bool is_same_party (String name, String other_name);
+// The party that `party` negotiates with.
+String procedure_get_other_party (Procedure *procedure, String party);
+
 // ---- Lookups ----
 
 // The first match in the order added, NULL when there is none. The record stays its owner's.
@@ -171,9 +180,6 @@ ClauseRevisionDecision *get_revision_decision_by_author (ClauseRevision *revisio
 ClauseRevision *get_clause_revision_by_author_and_time (Clause *clause, String author, s64 time);
 Clause *get_clause_by_initiator_and_time (Procedure *procedure, String initiator, s64 time);
 Procedure *get_procedure_by_initiator_and_time (ProceduresStack *stack, String initiator, s64 time);
-
-// The party that `party` negotiates with.
-String procedure_get_other_party (Procedure *procedure, String party);
 
 // The index of this very record, 0 the oldest, -1 when it is not there. The reversed ones look at
 // the newest first, which is what they are nearly always asked for.

@@ -71,7 +71,7 @@ procedure_creation_page_contractor_entry_changed_handle (GtkEditable *, Procedur
   AppWindow *window = procedure_creation_page_get_window (self);
   char *text = procedure_creation_page_get_contractor (self);
   String contractor = to_string (text);
-  bool is_valid = is_bare_jid (contractor) && contractor != window->account.bare_jid;
+  bool is_valid = is_bare_jid (contractor) && !is_same_party (contractor, window->account.bare_jid);
   gtk_widget_set_sensitive (GTK_WIDGET (self->contractor_add_button), is_valid);
   gtk_widget_set_sensitive (GTK_WIDGET (self->contractor_vcard_button), is_valid);
   self->is_contractor_valid = is_valid;

@@ -1400,6 +1400,34 @@ TEST (clause_view_set_others_revision_decision, passes_over_who_is_not_the_other
   EXPECT_EQ (get_markup (clause), " ");
 }
 
+// As a user may have typed the contractor, and as the server names it.
+TEST (clause_view_set_others_revision_decision, knows_the_other_party_however_it_is_spelled)
+{
+  TestWindow test;
+  Clause *clause =
+    open_clause (&test,
+                 "INSERT INTO accounts VALUES (1, '" ALICE "');"
+                 "INSERT INTO procedures (db_id, account_db_id, time, initiator, contractor, title)"
+                 " VALUES (1, 1, 1000, '" ALICE "', 'anna@B\u00dcCHER.test', 'Rent');" +
+                   std::string (OWN_CLAUSE) + FIRST_REVISION +
+                   "INSERT INTO clause_revisions VALUES (2, 1, 4000, '" ALICE
+                   "', 'COMMITTED', 'second text');");
+  WireName revision = {ALICE, 4000};
+  deliver_decision (test.window, {ALICE, 1000}, {ALICE, 2000}, revision,
+                    {"anna@b\u00fccher.test", 5000}, DECISION_AGREE);
+  EXPECT_EQ (get_markup (clause), AGREES);
+  // And where it is shown again.
+  activate_row (clause, 0);
+  EXPECT_EQ (get_markup (clause), " ");
+  activate_row (clause, 1);
+  EXPECT_EQ (get_markup (clause), AGREES);
+  // However it is spelled, it is one party with one decision.
+  deliver_decision (test.window, {ALICE, 1000}, {ALICE, 2000}, revision,
+                    {"anna@b\u00fcche\uff52.test", 5001}, DECISION_DISAGREE);
+  EXPECT_EQ (get_markup (clause), DISAGREES);
+  EXPECT_EQ (query (&test, "SELECT status FROM clause_revision_decisions"), "DISAGREE\n");
+}
+
 TEST (clause_view_set_others_revision_decision, does_not_disturb_a_draft)
 {
   TestWindow test;

@@ -82,20 +82,19 @@ TEST_P (ProcedureCreationPageValidation, switches_the_buttons)
   EXPECT_EQ (is_sensitive (page, "begin_button"), GetParam ().can_begin);
 }
 
-INSTANTIATE_TEST_SUITE_P (procedure_creation_page_validate_fields, ProcedureCreationPageValidation,
-                          testing::Values (Validity{"Planks", "bob@beta.test", true, true},
-                                           Validity{"  Planks", "bob@beta.test", true, true},
-                                           Validity{"", "bob@beta.test", true, false},
-                                           Validity{"   ", "bob@beta.test", true, false},
-                                           Validity{" \t\n", "bob@beta.test", true, false},
-                                           Validity{"Planks", "", false, false},
-                                           Validity{"Planks", "bob", false, false},
-                                           Validity{"Planks", "@beta.test", false, false},
-                                           Validity{"Planks", "bob@", false, false},
-                                           Validity{"Planks", "bob@beta@test", false, false},
-                                           Validity{"Planks", "bob@beta.test/x", false, false},
-                                           Validity{"Planks", "alice@alpha.test", false, false},
-                                           Validity{"Planks", "ALICE@Alpha.Test", false, false}));
+INSTANTIATE_TEST_SUITE_P (
+  procedure_creation_page_validate_fields, ProcedureCreationPageValidation,
+  testing::Values (
+    Validity{"Planks", "bob@beta.test", true, true},
+    Validity{"  Planks", "bob@beta.test", true, true}, Validity{"", "bob@beta.test", true, false},
+    Validity{"   ", "bob@beta.test", true, false}, Validity{" \t\n", "bob@beta.test", true, false},
+    Validity{"Planks", "", false, false}, Validity{"Planks", "bob", false, false},
+    Validity{"Planks", "@beta.test", false, false}, Validity{"Planks", "bob@", false, false},
+    Validity{"Planks", "bob@beta@test", false, false},
+    Validity{"Planks", "bob@beta.test/x", false, false},
+    Validity{"Planks", "alice@alpha.test", false, false},
+    Validity{"Planks", "ALICE@Alpha.Test", false, false},
+    Validity{"Planks", "\uff41lice@alpha.test", false, false}));
 
 TEST (procedure_creation_page_contractor_entry_changed, follows_every_change)
 {
