@@ -94,6 +94,7 @@ struct _ClauseView {
   s64 arrival_time;         // of the monotonic clock, in microseconds; 0 before the first
   s64 press_time;           // of a decision button, likewise; 0 when none is pressed
   bool was_about_to_press;  // a button, when the revision arrived
+  bool is_as_arrived;  // a revision took its place in sight, and the user has chosen nothing since
 };
 
 G_DEFINE_TYPE (ClauseView, clause_view, GTK_TYPE_BOX)
@@ -416,6 +417,7 @@ clause_view_leave_text (ClauseView *self)
   }
   text_history_set_aside (self->history);
   self->is_on_draft = false;
+  self->is_as_arrived = false;
 }
 
 static gboolean
@@ -443,6 +445,7 @@ clause_view_text_changed_handle (GtkTextBuffer *text_buffer, ClauseView *self)
   CONSOLE_DUMP ("CLAUSE CHANGE");
   self->revision = NULL;
   self->is_text_changed = true;
+  self->is_as_arrived = false;
   clause_view_replace_draft (self);
   if (!self->is_draft)
     clause_view_begin_draft (self);
@@ -1514,6 +1517,13 @@ clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String ow
 {
   clause_view_make_room (self);
   clause_view_go_to_revision (self, revision, own);
+  self->is_as_arrived = gtk_widget_get_mapped (GTK_WIDGET (self));
+}
+
+bool
+clause_view_is_as_arrived (ClauseView *self)
+{
+  return self->is_as_arrived;
 }
 
 static void

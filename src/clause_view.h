@@ -26,6 +26,9 @@ void clause_view_add_revision (ClauseView *self, ClauseRevision *revision);
 // `own` is the bare JID of the account. Unsaved typing is kept as the draft first. A revision
 // without a row stops the program.
 void clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String own);
+// Whether what is shown is what a revision that arrived while the view was seen has put there, and not
+// what the user has chosen or typed since.
+bool clause_view_is_as_arrived (ClauseView *self);
 // The clause must have a draft.
 void clause_view_show_draft (ClauseView *self);
 void clause_view_set_draft_mode (ClauseView *self);

@@ -128,11 +128,13 @@ clauses_box_page_moved_handle (ClausesBox *self, GtkAdjustment *page)
   clauses_box_map_near (self);
 }
 
-// The clause whose place in sight is kept when the clauses above it change: the one with the focus
-// or, when that is out of sight, the first that begins in sight, or else the one that fills the
-// page. None without a page.
+// The clause whose place in sight is kept when others change. None without a page. What the user does
+// in the clause with the focus leaves that one in its place; a revision that arrives there is not the
+// user's doing. Else it is the first in sight that keeps its height or, where none does, the first that
+// begins in sight, or the one that fills the page. `heights` are those that the children get.
 static GtkWidget *
-clauses_box_find_anchor (ClausesBox *self, GList *children, GtkAdjustment *page)
+clauses_box_find_anchor (ClausesBox *self, GList *children, const GtkRequestedSize *heights,
+                         GtkAdjustment *page)
 {
   if (!page)
     return NULL;
@@ -140,18 +142,20 @@ clauses_box_find_anchor (ClausesBox *self, GList *children, GtkAdjustment *page)
   double end = start + gtk_adjustment_get_page_size (page);
   GtkWidget *focus = gtk_container_get_focus_child (GTK_CONTAINER (self));
   GtkWidget *found = NULL;
-  bool begins_in_sight = false;
-  for (GList *link = children; link; link = link->next) {
+  int found_rank = 0;
+  for (GList *link = children; link; link = link->next, heights++) {
     GtkWidget *child = GTK_WIDGET (link->data);
     GtkAllocation place;
     gtk_widget_get_allocation (child, &place);
     if (!has_place (child) || place.y >= end || place.y + place.height <= start)
       continue;
-    if (child == focus)
+    bool is_changing = heights->minimum_size != place.height;
+    if (child == focus && !(is_changing && clause_view_is_as_arrived (MORVANE_CLAUSE_VIEW (child))))
       return child;
-    if (!found || (!begins_in_sight && place.y >= start)) {
+    int rank = !is_changing ? 3 : place.y >= start ? 2 : 1;
+    if (rank > found_rank) {
       found = child;
-      begins_in_sight = place.y >= start;
+      found_rank = rank;
     }
   }
   return found;
@@ -241,11 +245,11 @@ clauses_box_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
   gtk_widget_set_allocation (widget, allocation);
   GtkAdjustment *page = procedure_view_get_page (widget);
   GList *children = gtk_container_get_children (GTK_CONTAINER (self));
-  GtkWidget *anchor = clauses_box_find_anchor (self, children, page);
+  GtkRequestedSize *heights = clauses_box_alloc_heights (self, children, *allocation);
+  GtkWidget *anchor = clauses_box_find_anchor (self, children, heights, page);
   GtkAllocation anchor_place = {};
   if (anchor)
     gtk_widget_get_allocation (anchor, &anchor_place);
-  GtkRequestedSize *heights = clauses_box_alloc_heights (self, children, *allocation);
   GtkAllocation place = *allocation;
   GtkRequestedSize *height = heights;
   for (GList *link = children; link; link = link->next, height++) {

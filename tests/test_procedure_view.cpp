@@ -518,6 +518,70 @@ INSTANTIATE_TEST_SUITE_P (
                    ReaderCase{"grows_at_the_end", true, -1, 39, 900}),
   [] (const testing::TestParamInfo<ReaderCase> &reader) { return reader.param.name; });
 
+// After a decision the focus is on the clause that is going to change, whose end is still in sight.
+TEST (procedure_view, keeps_the_lines_below_the_clause_with_the_focus)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  Clause *changed = procedure->clauses[10];
+  Clause *read = procedure->clauses[11];
+  read_clause (read);
+  gtk_adjustment_set_value (get_page (read), gtk_adjustment_get_value (get_page (read)) - 40);
+  pump ();
+  double value = gtk_adjustment_get_value (get_page (read));
+  gtk_widget_grab_focus (find_widget (changed->view, "revision_select_menu_button"));
+  pump ();
+  // A button that gets the focus comes into sight.
+  gtk_adjustment_set_value (get_page (read), value);
+  pump ();
+  ASSERT_LT (get_place_in_sight (changed), 0);
+  int place = get_place_in_sight (read);
+  static int height;
+  for (const char *text : {"Planks", "Planks\nof oak\nand\nof elm\nand\nof ash\nand more"}) {
+    height = gtk_widget_get_allocated_height (GTK_WIDGET (changed->view));
+    add_revision (&test, changed, text);
+    ClauseRevision *revision = changed->revisions[changed->revisions_count - 1];
+    clause_view_add_revision (changed->view, revision);
+    clause_view_show_revision (changed->view, revision, test.window->account.bare_jid);
+    EXPECT_TRUE (pump_until (
+      [] (void *data) { return gtk_widget_get_allocated_height (GTK_WIDGET (data)) != height; },
+      changed->view));
+    pump ();
+    EXPECT_EQ (get_place_in_sight (read), place) << text;
+  }
+}
+
+// What the user chooses in a clause changes the clause below its buttons.
+TEST (procedure_view, keeps_the_buttons_of_the_clause_that_the_user_changes)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  Clause *changed = procedure->clauses[10];
+  add_revision (&test, changed, "Planks");
+  clause_view_add_revision (changed->view, changed->revisions[1]);
+  read_clause (changed);
+  gtk_widget_grab_focus (find_widget (changed->view, "revision_select_menu_button"));
+  pump ();
+  int place = get_place_in_sight (changed);
+  static int height;
+  height = gtk_widget_get_allocated_height (GTK_WIDGET (changed->view));
+  GtkMenuButton *button =
+    GTK_MENU_BUTTON (find_widget (changed->view, "revision_select_menu_button"));
+  GtkWidget *scroller = gtk_bin_get_child (GTK_BIN (gtk_menu_button_get_popover (button)));
+  GtkListBox *list =
+    GTK_LIST_BOX (gtk_bin_get_child (GTK_BIN (gtk_bin_get_child (GTK_BIN (scroller)))));
+  g_signal_emit_by_name (list, "row-activated", gtk_list_box_get_row_at_index (list, 1));
+  EXPECT_TRUE (
+    pump_until ([] (
+                  void *
+                    data) { return gtk_widget_get_allocated_height (GTK_WIDGET (data)) != height; },
+                changed->view));
+  pump ();
+  EXPECT_EQ (get_place_in_sight (changed), place);
+}
+
 TEST (procedure_view_new, shows_the_button_that_gets_the_focus)
 {
   TestWindow test;
