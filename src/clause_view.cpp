@@ -1340,6 +1340,14 @@ clause_view_focus_in_place (ClauseView *self, GtkWidget *widget)
     gtk_adjustment_set_value (page, place);
 }
 
+// Whether labels and buttons beside the text speak of this revision. Beside a draft, and a comparison
+// begun at a draft, they speak of none.
+static bool
+clause_view_is_decided_on (ClauseView *self, ClauseRevision *revision)
+{
+  return !self->is_draft && !self->was_draft_shown && revision == self->revision;
+}
+
 void
 clause_view_show_unsent (ClauseView *self, ClauseRevision *revision)
 {
@@ -1352,9 +1360,11 @@ clause_view_show_unsent (ClauseView *self, ClauseRevision *revision)
   GtkListBoxRow *row = clause_view_find_row (self, revision);
   if (row)
     unsent_mark_show (GTK_WIDGET (row), is_unsent);
-  if (self->is_draft || revision != self->revision)
+  if (!clause_view_is_decided_on (self, revision))
     return;
-  unsent_mark_show (GTK_WIDGET (self->revision_status_label), is_unsent);
+  // In a comparison the label names two revisions, or a draft.
+  unsent_mark_show (GTK_WIDGET (self->revision_status_label),
+                    is_unsent && !self->comparison.is_shown);
   ClauseRevisionDecision *decision =
     get_revision_decision_by_author (revision, window->account.bare_jid);
   bool is_owed = decision && delivery_is_unsent (window, OUTBOX_DECISION, decision->db_id);
@@ -1370,6 +1380,7 @@ clause_view_show_comparison_state (ClauseView *self, const char *status)
   self->is_draft = false;
   clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
   clause_view_set_status (self, status);
+  unsent_mark_show (GTK_WIDGET (self->revision_status_label), false);
   clause_view_show_waiting_draft (self);
 }
 
@@ -1721,7 +1732,7 @@ void
 clause_view_set_others_revision_decision (ClauseView *self, ClauseRevision *revision,
                                           ClauseRevisionDecision *decision)
 {
-  if (self->is_draft || revision != self->revision)
+  if (!clause_view_is_decided_on (self, revision))
     return;
   String own = clause_view_get_window (self)->account.bare_jid;
   if (!is_same_party (decision->author, procedure_get_other_party (self->procedure, own)))

@@ -499,6 +499,52 @@ TEST (clause_view_comparison, decision_buttons_stay_and_edit_buttons_are_insensi
   EXPECT_FALSE (is_sensitive (comparison.clause->view, "cancel_button"));
 }
 
+static bool
+is_marked_unsent (Clause *clause, const char *name)
+{
+  GtkWidget *widget = find_widget (clause->view, name);
+  return gtk_style_context_has_class (gtk_widget_get_style_context (widget), "not-sent");
+}
+
+// A comparison is nothing that goes out.
+TEST (clause_view_comparison, is_not_marked_as_unsent)
+{
+  Comparison comparison ({"a b", "a c", "a d"});
+  Clause *clause = comparison.clause;
+  ClauseRevision *shown = clause->revisions[2];
+  outbox_add (&comparison.test.window->outbox, OUTBOX_REVISION, shown->db_id);
+  clause_view_show_unsent (clause->view, shown);
+  ASSERT_TRUE (is_marked_unsent (clause, "revision_status_label"));
+  choose (clause, WITH_PREVIOUS);
+  EXPECT_FALSE (is_marked_unsent (clause, "revision_status_label"));
+  clause_view_show_unsent (clause->view, shown);
+  EXPECT_FALSE (is_marked_unsent (clause, "revision_status_label"));
+  choose (clause, LEAVE);
+  EXPECT_TRUE (is_marked_unsent (clause, "revision_status_label"));
+}
+
+// What stands beside a comparison with the draft says nothing of a revision that was shown before.
+TEST (clause_view_comparison, with_the_draft_is_left_alone_by_decisions)
+{
+  Comparison comparison ({"a b", "a c"}, "a d");
+  Clause *clause = comparison.clause;
+  ClauseRevision *shown = clause->revisions[1];
+  press (clause->view, "agree_button");
+  activate_row (clause, 2);
+  compare_row (&comparison.test, clause, 0);
+  ASSERT_EQ (show_runs (clause), "a [-b-][+d+]");
+  std::string before = get_text (clause->view, "decision_status_label");
+  deliver_decision (comparison.test.window, {ALICE, 1000}, {ALICE, 2000}, {BOB, 3001}, {BOB, 4000},
+                    DECISION_DISAGREE);
+  EXPECT_EQ (get_text (clause->view, "decision_status_label"), before);
+  Outbox *outbox = &comparison.test.window->outbox;
+  outbox_add (outbox, OUTBOX_REVISION, shown->db_id);
+  outbox_add (outbox, OUTBOX_DECISION, shown->decisions[0]->db_id);
+  clause_view_show_unsent (clause->view, shown);
+  EXPECT_FALSE (is_marked_unsent (clause, "revision_status_label"));
+  EXPECT_FALSE (is_marked_unsent (clause, "agree_button"));
+}
+
 TEST (clause_view_comparison, text_is_not_editable_while_a_change_is_undecided)
 {
   Comparison comparison ({"a b", "a c"});
