@@ -795,12 +795,18 @@ clause_view_decision_button_pressed_handle (GtkButton *, ClauseView *self)
   self->press_time = g_get_monotonic_time ();
 }
 
+// After the click, where the press ended on the button.
+static void
+clause_view_decision_button_released_handle (GtkButton *, ClauseView *self)
+{
+  self->press_time = 0;
+}
+
 // Whether a press was on its way when a revision arrived below it, which the user has not seen yet.
 static bool
 clause_view_is_hasty (ClauseView *self)
 {
   s64 time = self->press_time ? self->press_time : g_get_monotonic_time ();
-  self->press_time = 0;
   return self->was_about_to_press && time < self->arrival_time + HASTE_MAX;
 }
 
@@ -1139,10 +1145,13 @@ clause_view_connect_handlers (ClauseView *self)
   clause_view_connect_text_buffer (self);
   g_signal_connect (self, "map", G_CALLBACK (clause_view_map_handle), NULL);
   g_signal_connect (self, "key-press-event", G_CALLBACK (clause_view_key_press_handle), self);
-  g_signal_connect (self->agree_button, "pressed",
-                    G_CALLBACK (clause_view_decision_button_pressed_handle), self);
-  g_signal_connect (self->disagree_button, "pressed",
-                    G_CALLBACK (clause_view_decision_button_pressed_handle), self);
+  GtkButton *decision_buttons[] = {self->agree_button, self->disagree_button};
+  for (GtkButton *button : decision_buttons) {
+    g_signal_connect (button, "pressed", G_CALLBACK (clause_view_decision_button_pressed_handle),
+                      self);
+    g_signal_connect (button, "released", G_CALLBACK (clause_view_decision_button_released_handle),
+                      self);
+  }
   g_signal_connect (self->agree_button, "clicked", G_CALLBACK (clause_view_agree_button_handle),
                     self);
   g_signal_connect (self->disagree_button, "clicked",

@@ -818,6 +818,23 @@ TEST (clause_view_haste, press_that_began_before_decides_nothing)
   EXPECT_EQ (list_decisions (&drafts), "");
 }
 
+// A press that ended beside the button is over, and says nothing of a key hours later.
+TEST (clause_view_haste, press_that_ended_elsewhere_is_forgotten)
+{
+  Drafts drafts ({"first", "second"});
+  point_at (&drafts, "text_view");
+  g_signal_emit_by_name (drafts.widget ("agree_button"), "pressed");
+  g_signal_emit_by_name (drafts.widget ("agree_button"), "released");
+  ASSERT_EQ (list_decisions (&drafts), "");
+  point_at (&drafts, "agree_button");
+  drafts.receive (6000, "their words");
+  static s64 end;
+  end = g_get_monotonic_time () + 500000;
+  EXPECT_TRUE (pump_until ([] (void *) { return g_get_monotonic_time () > end; }, NULL));
+  press (drafts.clause->view, "agree_button");
+  EXPECT_EQ (list_decisions (&drafts), "AGREE\n");
+}
+
 // ---- Undoing ----
 
 static void
