@@ -1445,6 +1445,30 @@ clause_view_show_note (ClauseView *self, const char *text)
   gtk_widget_show (GTK_WIDGET (self->note_label));
 }
 
+// Whether it begins above what is in sight of the page.
+static bool
+clause_view_is_above_page (ClauseView *self, GtkWidget *widget)
+{
+  GtkWidget *viewport = gtk_widget_get_ancestor (GTK_WIDGET (self), GTK_TYPE_VIEWPORT);
+  int y = 0;
+  return viewport &&
+         gtk_widget_translate_coordinates (widget, gtk_bin_get_child (GTK_BIN (viewport)), 0, 0,
+                                           NULL, &y) &&
+         y < gtk_adjustment_get_value (procedure_view_get_page (GTK_WIDGET (self)));
+}
+
+const char *
+clause_view_get_unseen_note (ClauseView *self)
+{
+  GtkWidget *status = GTK_WIDGET (self->revision_status_label);
+  if (self->status_before && clause_view_is_above_page (self, status))
+    return gtk_label_get_text (self->revision_status_label);
+  GtkWidget *note = GTK_WIDGET (self->note_label);
+  if (note && gtk_widget_get_visible (note) && clause_view_is_above_page (self, note))
+    return gtk_label_get_text (self->note_label);
+  return NULL;
+}
+
 static bool
 clause_view_is_below_pointer (GtkButton *button)
 {

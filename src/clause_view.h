@@ -41,6 +41,10 @@ void clause_view_set_text (ClauseView *self, String text);
 // Finds out the sizes of a view whose page is not shown yet, so that this is not to be done for all
 // views when the page is opened.
 void clause_view_measure (ClauseView *self);
+// What the view tells the user, as that his text is kept or why it is not committed, above what is in
+// sight of the page; NULL when there is nothing, or when it is in sight. The view's, until its next
+// change.
+const char *clause_view_get_unseen_note (ClauseView *self);
 void clause_view_enable_chat (ClauseView *self);
 void clause_view_focus_text (ClauseView *self);
 

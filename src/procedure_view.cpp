@@ -33,6 +33,8 @@ struct ClausesBoxClass {
   GtkBoxClass parent_class;
 };
 
+static void procedure_view_look_for_note (ProcedureView *self);
+
 G_DEFINE_TYPE (ClausesBox, clauses_box, GTK_TYPE_BOX)
 
 static bool
@@ -118,6 +120,15 @@ clauses_box_map_near (ClausesBox *self)
   g_list_free (children);
 }
 
+// Whenever the page moves or is laid out, as it is when a clause has something to say.
+static void
+clauses_box_look_for_note (ClausesBox *self)
+{
+  GtkWidget *view = gtk_widget_get_ancestor (GTK_WIDGET (self), procedure_view_get_type ());
+  if (view)
+    procedure_view_look_for_note (MORVANE_PROCEDURE_VIEW (view));
+}
+
 // A page that became less high moves by itself when it stood at its end. That is no place that
 // anybody chose.
 static void
@@ -126,6 +137,7 @@ clauses_box_page_moved_handle (ClausesBox *self, GtkAdjustment *page)
   if (gtk_adjustment_get_upper (page) == self->page_upper)
     self->page_value = gtk_adjustment_get_value (page);
   clauses_box_map_near (self);
+  clauses_box_look_for_note (self);
 }
 
 // The clause whose place in sight is kept when others change. None without a page. What the user does
@@ -268,6 +280,7 @@ clauses_box_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
     clauses_box_keep_in_sight (self, anchor, anchor_place.y, page);
   clauses_box_map_near (self);
   clauses_box_begin_laying_out_ahead (self, allocation->width);
+  clauses_box_look_for_note (self);
 }
 
 static void
@@ -298,9 +311,55 @@ struct _ProcedureView {
   GtkLabel *title_label;
   GtkBox *clauses_box;
   GtkButton *add_clause_button;
+  GtkLabel *unseen_note_label;
+  guint note_source;  // looks for a note that is out of sight; 0 for none
 };
 
 G_DEFINE_TYPE (ProcedureView, procedure_view, GTK_TYPE_BOX)
+
+// ---- What a clause says above what is in sight of it ----
+
+// The clause that begins above the page and reaches into it; NULL for none.
+static ClauseView *
+procedure_view_find_clause_at_top (ProcedureView *self)
+{
+  double start =
+    gtk_adjustment_get_value (procedure_view_get_page (GTK_WIDGET (self->clauses_box)));
+  ClauseView *found = NULL;
+  GList *children = gtk_container_get_children (GTK_CONTAINER (self->clauses_box));
+  for (GList *link = children; link && !found; link = link->next) {
+    GtkAllocation place;
+    gtk_widget_get_allocation (GTK_WIDGET (link->data), &place);
+    if (place.y < start && place.y + place.height > start)
+      found = MORVANE_CLAUSE_VIEW (link->data);
+  }
+  g_list_free (children);
+  return found;
+}
+
+// At the page's edge it can be read wherever in a long text the user is.
+static gboolean
+procedure_view_show_unseen_note (gpointer data)
+{
+  ProcedureView *self = MORVANE_PROCEDURE_VIEW (data);
+  self->note_source = 0;
+  ClauseView *clause_view = procedure_view_find_clause_at_top (self);
+  const char *note = clause_view ? clause_view_get_unseen_note (clause_view) : NULL;
+  if (note)
+    gtk_label_set_text (self->unseen_note_label, note);
+  gtk_widget_set_visible (GTK_WIDGET (self->unseen_note_label), note != NULL);
+  return G_SOURCE_REMOVE;
+}
+
+// Later, when the page is laid out. A page that nobody sees is looked at when it is shown.
+static void
+procedure_view_look_for_note (ProcedureView *self)
+{
+  if (!self->note_source && gtk_widget_get_mapped (GTK_WIDGET (self->main_box)))
+    self->note_source = gdk_threads_add_idle (procedure_view_show_unseen_note, self);
+}
+
+// ---- Clauses that are added ----
 
 // Behind the layout, which has to be over before the page is moved.
 static gboolean
@@ -348,6 +407,16 @@ procedure_view_delete_button_handle (GtkButton *, ProcedureView *self)
 }
 
 static void
+procedure_view_dispose (GObject *object)
+{
+  ProcedureView *self = MORVANE_PROCEDURE_VIEW (object);
+  if (self->note_source)
+    g_source_remove (self->note_source);
+  self->note_source = 0;
+  G_OBJECT_CLASS (procedure_view_parent_class)->dispose (object);
+}
+
+static void
 procedure_view_class_init (ProcedureViewClass *view_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
@@ -361,6 +430,8 @@ procedure_view_class_init (ProcedureViewClass *view_class)
   gtk_widget_class_bind_template_child (widget_class, ProcedureView, title_label);
   gtk_widget_class_bind_template_child (widget_class, ProcedureView, clauses_box);
   gtk_widget_class_bind_template_child (widget_class, ProcedureView, add_clause_button);
+  gtk_widget_class_bind_template_child (widget_class, ProcedureView, unseen_note_label);
+  G_OBJECT_CLASS (view_class)->dispose = procedure_view_dispose;
 }
 
 // What gets the focus comes into sight. A text keeps its place: it may be higher than the page, and
@@ -408,6 +479,7 @@ procedure_view_init (ProcedureView *self)
   gtk_container_set_focus_vadjustment (GTK_CONTAINER (viewport), NULL);
   g_signal_connect (viewport, "set-focus-child", G_CALLBACK (procedure_view_set_focus_child_handle),
                     self);
+  g_signal_connect_swapped (self->main_box, "map", G_CALLBACK (procedure_view_look_for_note), self);
   g_signal_connect (self->delete_button, "clicked",
                     G_CALLBACK (procedure_view_delete_button_handle), self);
   g_signal_connect (self->add_clause_button, "clicked",

@@ -457,6 +457,150 @@ is_popover_shown (Drafts *drafts)
   return gtk_toggle_button_get_active (GTK_TOGGLE_BUTTON (button));
 }
 
+static void
+get_labels (GtkWidget *widget, gpointer labels)
+{
+  if (GTK_IS_LABEL (widget))
+    ((std::vector<GtkWidget *> *) labels)->push_back (widget);
+  if (GTK_IS_CONTAINER (widget))
+    gtk_container_forall (GTK_CONTAINER (widget), get_labels, labels);
+}
+
+// Whether the widget lies within the window and, where the page scrolls it, within what is in sight
+// of the page.
+static bool
+is_in_sight (GtkWidget *widget)
+{
+  if (!gtk_widget_get_mapped (widget) || !gtk_widget_get_child_visible (widget))
+    return false;
+  GtkWidget *scroller = gtk_widget_get_ancestor (widget, GTK_TYPE_SCROLLED_WINDOW);
+  GtkWidget *frames[] = {gtk_widget_get_toplevel (widget), scroller};
+  for (GtkWidget *frame : frames) {
+    int y = 0;
+    if (!frame)
+      continue;
+    EXPECT_TRUE (gtk_widget_translate_coordinates (widget, frame, 0, 0, NULL, &y));
+    int height = gtk_widget_get_allocated_height (widget);
+    if (height <= 1 || y < 0 || y + height > gtk_widget_get_allocated_height (frame))
+      return false;
+  }
+  return true;
+}
+
+// How often these words can be read without scrolling.
+static u32
+count_in_sight (Drafts *drafts, const char *text)
+{
+  std::vector<GtkWidget *> labels;
+  get_labels (GTK_WIDGET (drafts->test->window), &labels);
+  u32 count = 0;
+  for (GtkWidget *label : labels)
+    count += !strcmp (gtk_label_get_text (GTK_LABEL (label)), text) && is_in_sight (label);
+  return count;
+}
+
+static std::string
+make_lines (int count)
+{
+  std::string lines;
+  for (int i = 0; i < count; i++)
+    lines += "Planks of oak\n";
+  return lines;
+}
+
+static bool
+is_page_high (void *clause)
+{
+  GtkAdjustment *page = procedure_view_get_page (GTK_WIDGET (((Clause *) clause)->view));
+  return gtk_adjustment_get_upper (page) > 3000;
+}
+
+static bool
+has_left_the_top (void *clause)
+{
+  GtkAdjustment *page = procedure_view_get_page (GTK_WIDGET (((Clause *) clause)->view));
+  return gtk_adjustment_get_value (page) > 1000;
+}
+
+// With the cursor at the end of a clause that is higher than the page.
+static void
+type_at_the_end (Drafts *drafts, const char *word)
+{
+  EXPECT_TRUE (pump_until (is_page_high, drafts->clause));
+  drafts->focus ("text_view");
+  press_key (drafts->test.get (), GDK_KEY_End, GDK_CONTROL_MASK);
+  EXPECT_TRUE (pump_until (has_left_the_top, drafts->clause));
+  drafts->keys (word);
+}
+
+struct NoteInSight {
+  Drafts *drafts;
+  const char *text;
+  u32 count;
+};
+
+static bool
+is_count_in_sight (void *data)
+{
+  NoteInSight *note = (NoteInSight *) data;
+  return count_in_sight (note->drafts, note->text) == note->count;
+}
+
+TEST (clause_view_note, can_be_read_at_the_end_of_a_high_clause)
+{
+  std::string lines = make_lines (200);
+  Drafts drafts ({lines.c_str ()});
+  type_at_the_end (&drafts, "x");
+  drafts.receive (6000, make_lines (220).c_str ());
+  NoteInSight once = {&drafts, TEXT_IS_KEPT, 1};
+  EXPECT_TRUE (pump_until (is_count_in_sight, &once));
+  EXPECT_TRUE (has_left_the_top (drafts.clause));
+  // Scrolling to the clause's beginning leads to the same words, and not to a second copy of them.
+  GtkAdjustment *page = procedure_view_get_page (GTK_WIDGET (drafts.clause->view));
+  for (double value : {0.0, 1500.0, 0.0, gtk_adjustment_get_upper (page)}) {
+    gtk_adjustment_set_value (page, value);
+    pump ();
+    EXPECT_TRUE (pump_until (is_count_in_sight, &once)) << value;
+  }
+  drafts.focus ("revision_select_menu_button");
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  NoteInSight none = {&drafts, TEXT_IS_KEPT, 0};
+  EXPECT_TRUE (pump_until (is_count_in_sight, &none));
+  EXPECT_EQ (drafts.text (), lines + "x");
+}
+
+TEST (clause_view_note, waits_for_who_comes_back_to_the_page)
+{
+  std::string lines = make_lines (200);
+  Drafts drafts ({lines.c_str ()});
+  type_at_the_end (&drafts, "x");
+  AppWindow *window = drafts.test->window;
+  gtk_stack_set_visible_child (window->main_page_stack,
+                               GTK_WIDGET (window->procedure_creation_page));
+  pump ();
+  drafts.receive (6000, make_lines (220).c_str ());
+  NoteInSight none = {&drafts, TEXT_IS_KEPT, 0};
+  EXPECT_TRUE (pump_until (is_count_in_sight, &none));
+  gtk_stack_set_visible_child (window->main_page_stack, GTK_WIDGET (drafts.procedure->view));
+  NoteInSight once = {&drafts, TEXT_IS_KEPT, 1};
+  EXPECT_TRUE (pump_until (is_count_in_sight, &once));
+}
+
+TEST (clause_view_note, says_where_he_looks_why_blanks_are_not_committed)
+{
+  std::string blanks (300, '\n');
+  Drafts drafts ({"first"}, blanks.c_str ());
+  show_row (drafts.clause, "draft");
+  type_at_the_end (&drafts, " ");
+  press_key (drafts.test.get (), GDK_KEY_Return, GDK_CONTROL_MASK);
+  NoteInSight once = {&drafts, "A text of blanks can't be committed.", 1};
+  EXPECT_TRUE (pump_until (is_count_in_sight, &once));
+  EXPECT_TRUE (has_left_the_top (drafts.clause));
+  // As long as in its own place.
+  NoteInSight none = {&drafts, "A text of blanks can't be committed.", 0};
+  EXPECT_TRUE (pump_until (is_count_in_sight, &none));
+}
+
 TEST (clause_view_arrival, swallows_the_keys_of_who_types_on)
 {
   Drafts drafts ({"first"});
