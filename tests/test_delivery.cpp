@@ -498,6 +498,20 @@ TEST (marks, the_rows_of_revisions_bear_them)
   session.finish ();
 }
 
+TEST (marks, an_undo_brings_them_back)
+{
+  Session session;
+  session.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  app_window_remove_procedure (session.window, do_everything (&session));
+  press (session.window, "undo_button");
+  ASSERT_EQ (session.window->procedures.count, 1u);
+  Marked marked = find_marked (session.window->procedures.procedures[0]);
+  for (GtkWidget *widget : {marked.procedure, marked.clause, marked.revision, marked.message})
+    EXPECT_EQ (mark_of (widget), MARK);
+  session.finish ();
+}
+
 // ---- Neighbours ----
 
 TEST (delivery, a_deleted_procedure_is_not_sent)
