@@ -29,9 +29,11 @@ contact_chat_page_send (ContactChatPage *self, String text)
   db_insert_contact_message (window->db, message);
   contact_chat_page_add_message (self, message);
   contact_add_message (self->contact, message);
-  xmpp_send_message (window, self->contact->bare_jid, text);
+  bool is_sent = xmpp_send_message (window, self->contact->bare_jid, text);
   // Ids are drawn on this thread alone once the login is over: the last one went with this line.
   message->request_id = window->last_xmpp_id;
+  if (!is_sent)
+    contact_chat_page_tell_undelivered (self, text, to_string ("not connected"));
 }
 
 static void

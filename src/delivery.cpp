@@ -196,7 +196,8 @@ delivery_send (AppWindow *window)
 {
   Outbox *outbox = &window->outbox;
   StreamManagement *counts = &window->stream_management;
-  while (window->is_delivering) {
+  // What is committed behind our end of the stream waits for the next session.
+  while (window->is_delivering && !has_ended_xmpp_stream (window)) {
     OutboxEntry *entry = outbox_get_next (outbox);
     if (!entry)
       break;

@@ -12,7 +12,8 @@ typedef struct _AppWindow AppWindow;
 
 // The account was loaded: loads its outbox and sends it.
 void delivery_begin (AppWindow *window);
-// Sends what waits, as far as the session takes it. Does nothing without a session.
+// Sends what waits, as far as the session takes it: without one, or behind our end of its stream, it
+// goes on waiting.
 void delivery_send (AppWindow *window);
 // What the session has learnt about what was sent: entries go on, rows go.
 void delivery_update (AppWindow *window);

@@ -11,5 +11,5 @@
 #include "buffers.h"
 
 // `page` is a vertical box. `text` is what was not delivered, shown shortened; it may be empty.
-// `reason` is the server's.
+// `reason` is the server's, or our own.
 void delivery_notice_show (GtkBox *page, String to, String text, String reason);

@@ -201,9 +201,24 @@ note_backlog (gnutls_session_t tls_session)
   pthread_mutex_unlock (&counts_mutex);
 }
 
+// RFC 6120, 4.4: behind our end of the stream the server reads nothing more.
+static bool
+may_send (gnutls_session_t tls_session)
+{
+  pthread_mutex_lock (&counts_mutex);
+  StreamManagement *counts = find_counts (tls_session);
+  AppWindow *window = counts ? counts->window : NULL;
+  pthread_mutex_unlock (&counts_mutex);
+  return !window || !has_ended_xmpp_stream (window);
+}
+
 u64
 send_stanza (gnutls_session_t tls_session, String stanza)
 {
+  if (!may_send (tls_session)) {
+    console_put ("Warning: The stream has ended, and a stanza isn't sent.\n");
+    return 0;
+  }
   note_backlog (tls_session);
   u64 sent_size = send_all_tls_data (tls_session, stanza);
   pthread_mutex_lock (&counts_mutex);

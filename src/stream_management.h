@@ -63,7 +63,8 @@ bool is_stream_management_offered (XMLElement *features);
 
 // ---- Sending ----
 
-// Sends one whole stanza, and counts it where its session is counted. Returns the bytes sent.
+// Sends one whole stanza, and counts it where its session is counted. Returns the bytes sent: none,
+// with a warning, once our end of a counted session's stream was sent.
 u64 send_stanza (gnutls_session_t tls_session, String stanza);
 
 // ---- Receiving ----

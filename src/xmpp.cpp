@@ -206,18 +206,19 @@ is_storable_jid (String bare_jid)
 
 // ---- Presence, roster and chat ----
 
-static void
+// Returns whether the session took all of it.
+static bool
 send_request (gnutls_session_t tls_session, String request)
 {
   CONSOLE_DUMP (request);
-  send_stanza (tls_session, request);
+  return send_stanza (tls_session, request) == request.size;
 }
 
 // Sends what was written since `start`.
-static void
+static bool
 send_built_request (gnutls_session_t tls_session, Buffer start, Buffer request_p)
 {
-  send_request (tls_session, {start.data, start.size - request_p.size});
+  return send_request (tls_session, {start.data, start.size - request_p.size});
 }
 
 // Sends a stanza that was formatted whole. One that fills the buffer may have been cut, and half a
@@ -303,7 +304,7 @@ xmpp_iq_get_disco1_vcard4 (AppWindow *window, String to)
   send_window_request (window, request);
 }
 
-void
+bool
 xmpp_send_message (AppWindow *window, String to, String text)
 {
   u64 id = generate_xmpp_id (window);
@@ -314,7 +315,8 @@ xmpp_send_message (AppWindow *window, String to, String text)
   buffer_p = buffer_append_escaped_xml (buffer_p, text);
   buffer_p = buffer_append_cstr (buffer_p, "</body></message>");
   assert (buffer_p.size);
-  send_built_request (window->connection.tls_session, window->output_stream_buffer, buffer_p);
+  return send_built_request (window->connection.tls_session, window->output_stream_buffer,
+                             buffer_p);
 }
 
 // ---- vCards ----

@@ -186,7 +186,8 @@ u64 xmpp_iq_get_roster (AppWindow *window);
 void xmpp_iq_set_roster (gnutls_session_t tls_session, Buffer buffer, u64 id, String from,
                          String jid);
 void xmpp_iq_get_disco1_vcard4 (AppWindow *window, String to);
-void xmpp_send_message (AppWindow *window, String to, String text);
+// Returns whether the session took all of it.
+bool xmpp_send_message (AppWindow *window, String to, String text);
 
 // ---- vCards ----
 

@@ -124,7 +124,7 @@ bool interrupt_xmpp_login (AppWindow *window);
 void stop_taking_stanzas (AppWindow *window);
 // Sends our end of the stream, the first time that it is called in a session.
 void end_xmpp_stream (AppWindow *window);
-// Whether our end was sent: what would answer a stanza is then not sent.
+// Whether our end was sent: nothing is sent behind it.
 bool has_ended_xmpp_stream (AppWindow *window);
 
 // Wakes a worker that waits for the server, by shutting its socket down without closing it. Nothing

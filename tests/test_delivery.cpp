@@ -7,6 +7,7 @@
 #include "clause_revision_list_item.h"
 #include "clause_view.h"
 #include "procedure_view.h"
+#include "session.h"
 #include "session_test.h"
 
 static const char OWED[] = "SELECT kind FROM outbox ORDER BY sequence";
@@ -510,6 +511,98 @@ TEST (marks, an_undo_brings_them_back)
   for (GtkWidget *widget : {marked.procedure, marked.clause, marked.revision, marked.message})
     EXPECT_EQ (mark_of (widget), MARK);
   session.finish ();
+}
+
+// ---- Our end of the stream ----
+
+// The server ends its side when the test says so, as one that first sends what it still has.
+static ServerScript
+end_late ()
+{
+  return {server_expect_until ("</stream:stream>"), server_wait (),
+          server_send ("</stream:stream>"), server_close_notify ()};
+}
+
+static bool
+has_ended (void *data)
+{
+  return has_ended_xmpp_stream ((AppWindow *) data);
+}
+
+static bool
+is_login_page_shown (void *data)
+{
+  return get_page ((AppWindow *) data, "stack") == "login_page";
+}
+
+TEST (delivery, what_is_committed_behind_our_end_of_the_stream_is_owed_and_marked)
+{
+  for (bool is_managed : {false, true}) {
+    LoginOptions options = is_managed ? managed () : LoginOptions ();
+    Session first;
+    first.begin (end_late (), options);
+    AppWindow *window = first.window;
+    app_window_log_in_again (window);
+    EXPECT_TRUE (pump_until (has_ended, window));
+    Marked marked = find_marked (do_everything (&first));
+    for (GtkWidget *widget : {marked.procedure, marked.clause, marked.revision, marked.message})
+      EXPECT_EQ (mark_of (widget), MARK);
+    EXPECT_EQ (owed (&first.test), ALL_OWED);
+    scripted_server_signal (first.server);
+    EXPECT_TRUE (pump_until (is_login_page_shown, window));
+    EXPECT_EQ (owed (&first.test), ALL_OWED);
+    ServerReport report = first.finish ();
+    EXPECT_EQ (list_sent (report.received), "");
+    EXPECT_EQ (report.rest, "");
+
+    Session second;
+    restart_from (&second, &first);
+    second.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait ()},
+                  {});
+    EXPECT_TRUE (pump_until (is_table_gone, &second));
+    scripted_server_signal (second.server);
+    EXPECT_EQ (list_sent (second.finish ().received), ALL_SENT);
+  }
+}
+
+TEST (delivery, what_went_out_ahead_of_our_end_is_settled_by_the_servers)
+{
+  Session session;
+  session.begin (end_late (), {});
+  begin_procedure (&session);
+  app_window_log_in_again (session.window);
+  EXPECT_TRUE (pump_until (has_ended, session.window));
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_login_page_shown, session.window));
+  EXPECT_EQ (owed (&session.test), "no table");
+  EXPECT_EQ (list_sent (session.finish ().received), "x-procedure ");
+}
+
+TEST (contact_chat_page_send, tells_of_a_line_behind_our_end_of_the_stream)
+{
+  Session session;
+  session.begin (end_late (), {});
+  AppWindow *window = session.window;
+  app_window_create_new_contact (window, to_string (BOB), to_string ("available"));
+  Contact *contact = window->contacts.contacts[0];
+  gtk_stack_set_visible_child (window->main_page_stack, GTK_WIDGET (contact->chat_page));
+  type (contact->chat_page, "chat_entry", "on time");
+  press (contact->chat_page, "send_button");
+  EXPECT_EQ (g_object_get_data (G_OBJECT (contact->chat_page), "delivery-notice"), nullptr);
+  app_window_log_in_again (window);
+  EXPECT_TRUE (pump_until (has_ended, window));
+  type (contact->chat_page, "chat_entry", "too late");
+  press (contact->chat_page, "send_button");
+  gpointer bar = g_object_get_data (G_OBJECT (contact->chat_page), "delivery-notice");
+  ASSERT_NE (bar, nullptr);
+  std::string notice = gtk_label_get_text (GTK_LABEL (g_object_get_data (G_OBJECT (bar), "label")));
+  EXPECT_NE (notice.find ("too late"), std::string::npos) << notice;
+  EXPECT_NE (notice.find ("not connected"), std::string::npos) << notice;
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_login_page_shown, window));
+  ServerReport report = session.finish ();
+  EXPECT_NE (report.received.find ("on time"), std::string::npos);
+  EXPECT_EQ (report.received.find ("too late"), std::string::npos);
 }
 
 // ---- Neighbours ----
