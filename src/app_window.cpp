@@ -754,8 +754,8 @@ app_window_get_xmpp_message_signal (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-// Told where the user wrote: in the chat when one of its lines came back, else in the procedures
-// with that party, and in the chat when there are none.
+// Told where the user wrote: in the chat when one of its lines came back, else in the procedure that
+// the object belongs to. Whoever sends back what never went there is told of on the console only.
 static void
 app_window_apply_message_error (AppWindow *self, XMPPMessageErrorSignal *signal)
 {
@@ -770,19 +770,11 @@ app_window_apply_message_error (AppWindow *self, XMPPMessageErrorSignal *signal)
     contact_chat_page_tell_undelivered (contact->chat_page, message->body, reason);
     return;
   }
-  u32 told_count = 0;
-  for (u32 i = 0; i < self->procedures.count; ++i) {
-    Procedure *procedure = self->procedures.procedures[i];
-    if (procedure->initiator == to || procedure->contractor == to) {
-      procedure_view_tell_undelivered (procedure->view, to, reason);
-      told_count++;
-    }
-  }
-  // Only a party is believed, and whoever else was meant had nothing of a procedure.
-  if (told_count)
-    delivery_note_refused (self, signal->id, to);
-  if (contact && !told_count)
-    contact_chat_page_tell_undelivered (contact->chat_page, {}, reason);
+  UndeliveredObject undelivered;
+  bool is_ours = delivery_note_refused (self, signal->id, to, &undelivered);
+  if (is_ours && undelivered.procedure)
+    procedure_view_tell_undelivered (undelivered.procedure->view, to, undelivered.kind,
+                                     undelivered.text, reason);
 }
 
 gboolean

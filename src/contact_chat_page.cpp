@@ -123,5 +123,5 @@ contact_chat_page_add_message (ContactChatPage *self, ContactMessage *message)
 void
 contact_chat_page_tell_undelivered (ContactChatPage *self, String text, String reason)
 {
-  delivery_notice_show (GTK_BOX (self), self->contact->bare_jid, text, reason);
+  delivery_notice_show (GTK_BOX (self), self->contact->bare_jid, "", text, reason);
 }

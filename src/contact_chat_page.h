@@ -15,5 +15,5 @@ G_DECLARE_FINAL_TYPE (ContactChatPage, contact_chat_page, MORVANE, CONTACT_CHAT_
 GtkWidget *contact_chat_page_new (Contact *contact);
 // Appends one line, on the screen only; a page at its end stays at its end.
 void contact_chat_page_add_message (ContactChatPage *self, ContactMessage *message);
-// Tells in a bar that this line, or something when it is empty, did not reach the contact, and why.
+// Tells in a bar that this line did not reach the contact, and why.
 void contact_chat_page_tell_undelivered (ContactChatPage *self, String text, String reason);

@@ -266,29 +266,69 @@ delivery_update (AppWindow *window)
   watch_table (window);
 }
 
-// Of an object that is deleted nobody knows to whom it went.
-static bool
-is_request_to (AppWindow *window, u64 request_id, String party)
+// ---- What comes back ----
+
+static OutboxEntry *
+find_sent (Outbox *outbox, u64 request_id)
 {
-  for (u32 i = 0; i < window->outbox.count; ++i) {
-    OutboxEntry *entry = &window->outbox.entries[i];
-    Parcel parcel = {};
-    if (entry->request_id == request_id && find_parcel (&window->procedures, entry, &parcel))
-      return procedure_get_other_party (parcel.procedure, window->account.bare_jid) == party;
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    bool is_out = entry->state != OUTBOX_WAITING && entry->state != OUTBOX_REFUSED;
+    if (is_out && entry->request_id == request_id)
+      return entry;
   }
-  return true;
+  return NULL;
+}
+
+// A clause is known by its first revision, which went out with it.
+static UndeliveredObject
+describe_parcel (OutboxKind kind, const Parcel *parcel)
+{
+  switch (kind) {
+  case OUTBOX_PROCEDURE:
+    return {parcel->procedure, "the procedure ", parcel->procedure->title};
+  case OUTBOX_CLAUSE: {
+    Clause *clause = parcel->clause;
+    return {parcel->procedure, "the clause ",
+            clause->revisions_count ? clause->revisions[0]->text : String{}};
+  }
+  case OUTBOX_REVISION:
+    return {parcel->procedure, "the revision ", parcel->revision->text};
+  case OUTBOX_MESSAGE:
+    return {parcel->procedure, "the line ", parcel->message->text};
+  default:
+    return {parcel->procedure,
+            parcel->decision->status == DECISION_AGREE ? "your agreement with "
+                                                       : "your disagreement with ",
+            parcel->revision->text};
+  }
 }
 
 bool
-delivery_note_refused (AppWindow *window, u64 request_id, String party)
+delivery_note_refused (AppWindow *window, u64 request_id, String party,
+                       UndeliveredObject *undelivered_out)
 {
-  bool is_ours = window->outbox.db && is_request_to (window, request_id, party) &&
-                 outbox_note_refused (&window->outbox, request_id);
-  if (is_ours) {
-    show_marks (window);
-    watch_table (window);
+  *undelivered_out = {};
+  OutboxEntry *entry = window->outbox.db ? find_sent (&window->outbox, request_id) : NULL;
+  if (!entry)
+    return false;
+  Parcel parcel = {};
+  NegotiationDeletion *deletion = &app_window_get_negotiation (window)->deletion;
+  Procedure *procedure = NULL;
+  // The row of a deleted object may be another's by now.
+  if (entry->removed_object) {
+    procedure = deletion->procedure ? deletion->procedure : deletion->parent;
+  } else if (find_parcel (&window->procedures, entry, &parcel)) {
+    procedure = parcel.procedure;
+    *undelivered_out = describe_parcel (entry->kind, &parcel);
   }
-  return is_ours;
+  String own = window->account.bare_jid;
+  if (!procedure || !is_same_party (procedure_get_other_party (procedure, own), party))
+    return false;
+  outbox_note_refused (&window->outbox, request_id);
+  show_marks (window);
+  watch_table (window);
+  return true;
 }
 
 // ---- Sessions ----

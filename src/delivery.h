@@ -19,10 +19,20 @@ void delivery_send (AppWindow *window);
 void delivery_update (AppWindow *window);
 // Whether the object did not go out: what shows such an object marks it.
 bool delivery_is_unsent (AppWindow *window, OutboxKind kind, u64 object_db_id);
+
+// An object that came back, as the user knows it.
+struct UndeliveredObject {
+  Procedure *procedure;  // borrowed; NULL while the object is deleted
+  const char *kind;      // stands in front of the text, as "the revision "
+  String text;           // borrowed; of a decision, that of the revision decided on
+};
+
 // The message with this id came back with an error from this party. Whether it carried one of these
 // objects, and to that party: ids begin anew with each session, and what an earlier one has sent may
-// come back in this one.
-bool delivery_note_refused (AppWindow *window, u64 request_id, String party);
+// come back in this one. Says which one it was.
+bool delivery_note_refused (AppWindow *window, u64 request_id, String party,
+                            UndeliveredObject *undelivered_out);
+
 // The session is over: what is in doubt is in the outbox again. Called after the worker's last use of
 // the session, and before the session is released; more than once does no harm.
 void delivery_end_session (AppWindow *window);

@@ -25,14 +25,13 @@ alloc_short_text (String text)
 
 static char *
 // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): their names tell.
-alloc_notice (String to, String text, String reason)
+alloc_notice (String to, const char *kind, String text, String reason)
 {
   char *shown_to = alloc_short_text (to);
   char *shown_text = alloc_short_text (text);
   char *shown_reason = alloc_short_text (reason);
-  char *notice = text.size ? g_strdup_printf ("Not delivered to %s (%s): \u201c%s\u201d", shown_to,
-                                              shown_reason, shown_text)
-                           : g_strdup_printf ("Not delivered to %s (%s).", shown_to, shown_reason);
+  char *notice = g_strdup_printf ("Not delivered to %s (%s): %s\u201c%s\u201d", shown_to,
+                                  shown_reason, kind, shown_text);
   g_free (shown_reason);
   g_free (shown_text);
   g_free (shown_to);
@@ -68,7 +67,7 @@ delivery_notice_new ()
 }
 
 void
-delivery_notice_show (GtkBox *page, String to, String text, String reason)
+delivery_notice_show (GtkBox *page, String to, const char *kind, String text, String reason)
 {
   GtkWidget *bar = (GtkWidget *) g_object_get_data (G_OBJECT (page), "delivery-notice");
   if (!bar) {
@@ -77,7 +76,7 @@ delivery_notice_show (GtkBox *page, String to, String text, String reason)
     gtk_box_pack_start (page, bar, FALSE, FALSE, 0);
     gtk_box_reorder_child (page, bar, 0);
   }
-  char *notice = alloc_notice (to, text, reason);
+  char *notice = alloc_notice (to, kind, text, reason);
   GtkWidget *label = GTK_WIDGET (g_object_get_data (G_OBJECT (bar), "label"));
   gtk_label_set_text (GTK_LABEL (label), notice);
   gtk_widget_set_tooltip_text (label, notice);

@@ -10,6 +10,7 @@
 
 #include "buffers.h"
 
-// `page` is a vertical box. `text` is what was not delivered, shown shortened; it may be empty.
-// `reason` is the server's, or our own.
-void delivery_notice_show (GtkBox *page, String to, String text, String reason);
+// `page` is a vertical box. `kind`, which may be "", stands in front of the text of what was not
+// delivered, as "the revision "; the text is shown shortened. `reason` is the server's,
+// or our own.
+void delivery_notice_show (GtkBox *page, String to, const char *kind, String text, String reason);

@@ -589,7 +589,9 @@ procedure_view_show_clause_chat_page (ProcedureView *self, ClauseChatPage *chat_
 }
 
 void
-procedure_view_tell_undelivered (ProcedureView *self, String to, String reason)
+procedure_view_tell_undelivered (ProcedureView *self, String to, const char *kind, String text,
+                                 String reason)
 {
-  delivery_notice_show (GTK_BOX (gtk_stack_get_visible_child (self->stack)), to, {}, reason);
+  delivery_notice_show (GTK_BOX (gtk_stack_get_visible_child (self->stack)), to, kind, text,
+                        reason);
 }

@@ -39,5 +39,7 @@ GtkAdjustment *procedure_view_get_page (GtkWidget *widget);
 // Leaves the chat page of a clause.
 void procedure_view_show_clause (ProcedureView *self);
 void procedure_view_show_clause_chat_page (ProcedureView *self, ClauseChatPage *chat_page);
-// Tells in a bar, on the page that is shown, that something did not reach this party, and why.
-void procedure_view_tell_undelivered (ProcedureView *self, String to, String reason);
+// Tells in a bar, on the page that is shown, what did not reach this party, and why; `kind` and `text` as
+// in `delivery_notice_show`.
+void procedure_view_tell_undelivered (ProcedureView *self, String to, const char *kind, String text,
+                                      String reason);

@@ -2278,13 +2278,14 @@ TEST (app_window_get_xmpp_message_error_signal, keeps_the_size_of_the_window)
     int size[2];
     gtk_window_get_size (GTK_WINDOW (test.window), &size[0], &size[1]);
     for (const char *letter : {"gone", "y", "Mind the gap. "}) {
-      if (page == pages[0])
-        send_line (contact, std::string (120, 'x').c_str ());
+      GtkWidget *chat_page = GTK_WIDGET (page == pages[0] ? (void *) contact->chat_page
+                                                          : (void *) get_clause (&test)->chat_page);
+      type (chat_page, "chat_entry", std::string (120, 'x').c_str ());
+      press (chat_page, "send_button");
       std::string reason;
       while (reason.size () < 120)
         reason += letter;
-      u64 id = page == pages[0] ? test.window->last_xmpp_id : 4711;
-      deliver_message_error (test.window, BOB, id, "gone", reason.c_str ());
+      deliver_message_error (test.window, BOB, test.window->last_xmpp_id, "gone", reason.c_str ());
       pump ();
       ASSERT_NE (get_notice (page), "");
       int told[2];
@@ -2316,20 +2317,78 @@ TEST (app_window_get_xmpp_message_error_signal, shows_a_reason_in_one_line)
 {
   TestWindow test;
   open_negotiation (&test);
-  deliver_message_error (test.window, BOB, 4711, "gone", "Gone\u202e.\nbob: I agree");
+  press (get_clause (&test)->view, "disagree_button");
+  deliver_message_error (test.window, BOB, test.window->last_xmpp_id, "gone",
+                         "Gone\u202e.\nbob: I agree");
   EXPECT_EQ (get_notice (test.window->procedures.procedures[0]->view),
-             "Not delivered to " BOB " (\u2068Gone\u202e.\u23cebob: I agree\u2069).");
+             "Not delivered to " BOB " (\u2068Gone\u202e.\u23cebob: I agree\u2069): your "
+             "disagreement with \u201cfirst text\u201d");
 }
 
-TEST (app_window_get_xmpp_message_error_signal, tells_in_the_procedures_with_that_party)
+// Where it came from, and nowhere else: not in the chat, nor in the party's other procedures.
+TEST (app_window_get_xmpp_message_error_signal, tells_in_the_procedure_what_came_back)
 {
   TestWindow test;
   open_negotiation (&test);
   Contact *contact = contact_stack_get_by_bare_jid (test.window->contacts, to_string (BOB));
-  Procedure *procedure = test.window->procedures.procedures[0];
-  deliver_message_error (test.window, BOB, 4711, "", "");
-  EXPECT_EQ (get_notice (procedure->view), "Not delivered to " BOB " (no reason given).");
+  Procedure *other = test.window->procedures.procedures[0];
+  app_window_create_new_procedure (test.window, to_string ("Roof"), to_string (BOB));
+  Procedure *procedure = test.window->procedures.procedures[test.window->procedures.count - 1];
+  u64 id = test.window->last_xmpp_id;
+  press (procedure->view, "add_clause_button");
+  Clause *clause = procedure->clauses[0];
+  type (clause->view, "text_view", "Slate\u202e,\nand tiles");
+  press (clause->view, "commit_button");
+  ASSERT_EQ (test.window->last_xmpp_id, id + 2);
+  press (clause->view, "agree_button");
+  type (clause->chat_page, "chat_entry", "why?");
+  press (clause->chat_page, "send_button");
+  ASSERT_EQ (test.window->last_xmpp_id, id + 4);
+  std::string text = "\u201c\u2068Slate\u202e,\u23ceand tiles\u2069\u201d";
+  std::string names[] = {"the procedure \u201cRoof\u201d", "the clause " + text,
+                         "the revision " + text, "your agreement with " + text,
+                         "the line \u201cwhy?\u201d"};
+  for (std::string name : names) {
+    deliver_message_error (test.window, BOB "/desk", id, "gone", "");
+    EXPECT_EQ (get_notice (procedure->view), "Not delivered to " BOB " (gone): " + name);
+    id++;
+  }
+  EXPECT_EQ (get_notice (other->view), "");
   EXPECT_EQ (get_notice (contact->chat_page), "");
+}
+
+// An earlier session's, which this one has no name for, or a stranger's invention.
+TEST (app_window_get_xmpp_message_error_signal, leaves_what_it_cannot_name_to_the_console)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  press (get_clause (&test)->view, "disagree_button");
+  begin_capture ();
+  deliver_message_error (test.window, BOB, 4711, "", "");
+  EXPECT_EQ (end_capture (),
+             "Warning: A message to '" BOB "' couldn't be delivered: no reason given.\n");
+  EXPECT_EQ (find_by_name (test.window, "delivery_notice"), nullptr);
+  // Nor does another party speak for the one that it went to.
+  deliver_message_error (test.window, CAROL, test.window->last_xmpp_id, "gone", "");
+  EXPECT_EQ (find_by_name (test.window, "delivery_notice"), nullptr);
+  EXPECT_NE (test.window->outbox.entries[0].state, OUTBOX_REFUSED);
+}
+
+// The undo brings it back marked, and until then there is no place to tell of it.
+TEST (app_window_get_xmpp_message_error_signal,
+      notes_what_comes_back_after_its_procedure_was_deleted)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  app_window_create_new_procedure (test.window, to_string ("Roof"), to_string (BOB));
+  Procedure *procedure = test.window->procedures.procedures[test.window->procedures.count - 1];
+  OutboxEntry *entry = &test.window->outbox.entries[0];
+  app_window_remove_procedure (test.window, procedure);
+  deliver_message_error (test.window, CAROL, entry->request_id, "gone", "");
+  EXPECT_NE (entry->state, OUTBOX_REFUSED);
+  deliver_message_error (test.window, BOB, entry->request_id, "gone", "");
+  EXPECT_EQ (entry->state, OUTBOX_REFUSED);
+  EXPECT_EQ (find_by_name (test.window, "delivery_notice"), nullptr);
 }
 
 TEST (app_window_get_xmpp_message_error_signal, puts_what_came_back_into_the_outbox_again)
@@ -2350,23 +2409,34 @@ TEST (app_window_get_xmpp_message_error_signal, puts_what_came_back_into_the_out
   EXPECT_EQ (outbox->entries[0].state, OUTBOX_REFUSED);
 }
 
+// As a user may have typed the contractor, and as the server names it.
+TEST (app_window_get_xmpp_message_error_signal, knows_the_party_however_it_is_spelled)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  app_window_create_new_procedure (test.window, to_string ("Roof"),
+                                   to_string ("anna@B\u00dcCHER.test"));
+  OutboxEntry *entry = &test.window->outbox.entries[0];
+  deliver_message_error (test.window, "anna@b\u00fccher.test/desk", entry->request_id, "gone", "");
+  EXPECT_EQ (entry->state, OUTBOX_REFUSED);
+  Procedure *procedure = test.window->procedures.procedures[test.window->procedures.count - 1];
+  EXPECT_TRUE (has (get_notice (procedure->view), "Not delivered to anna@b\u00fccher.test"));
+}
+
 TEST (app_window_get_xmpp_message_error_signal, takes_no_strangers_word_for_it)
 {
   TestWindow test;
   open_negotiation (&test);
   app_window_create_new_contact (test.window, to_string ("dave@beta.test"),
                                  to_string ("available"));
-  Contact *contact =
-    contact_stack_get_by_bare_jid (test.window->contacts, to_string ("dave@beta.test"));
   begin_capture ();
   deliver_message_error (test.window, "eve@beta.test", 1, "gone", "");
   EXPECT_EQ (end_capture (),
              "Warning: A message to 'eve@beta.test' couldn't be delivered: gone.\n");
   EXPECT_EQ (find_by_name (test.window, "delivery_notice"), nullptr);
-  // A contact without a procedure has a chat at least.
+  // Nor a contact's who was sent nothing.
   deliver_message_error (test.window, "dave@beta.test", 0, "gone", "");
-  EXPECT_EQ (get_notice (contact->chat_page), "Not delivered to dave@beta.test (gone).");
-  EXPECT_EQ (get_notice (test.window->procedures.procedures[0]->view), "");
+  EXPECT_EQ (find_by_name (test.window, "delivery_notice"), nullptr);
 }
 
 // ---- Network events: after the window was closed ----
