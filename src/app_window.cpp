@@ -150,7 +150,7 @@ app_window_begin_closing (AppWindow *self)
   self->closing_source = g_timeout_add (CLOSING_WAIT, app_window_go_on_closing, self);
   if (!self->account_db_id && interrupt_xmpp_login (self)) {
     // One that connects nothing wakes: it is left behind, and the window goes as soon as it can.
-    if (app_window_give_up_worker (self)) {
+    if (app_window_give_up_worker (self) && !self->loading) {
       g_source_remove (self->closing_source);
       self->closing_source = g_idle_add (app_window_go_on_closing, self);
     }
