@@ -1779,6 +1779,8 @@ clause_view_make_new_decision (ClauseView *self, String author, DecisionStatus s
   assert (self->revision);
   negotiation_decide (clause_view_get_negotiation (self), self->revision, author, status);
   delivery_send (clause_view_get_window (self));
+  // The entry may have waited already, for the other decision and with its mark.
+  clause_view_show_unsent (self, self->revision);
 }
 
 // ---- Comparison ----

@@ -84,6 +84,7 @@ deletion_offer_undo (AppWindow *window, const char *text)
 {
   deletion_drop_held (window);
   deletion_hide_bar (window);
+  delivery_watch_table (window);
   gtk_label_set_text (window->undo_label, text);
   gtk_widget_set_tooltip_text (GTK_WIDGET (window->undo_label), text);
   gtk_widget_show (window->undo_bar);

@@ -33,14 +33,13 @@ has_rows (Outbox *outbox)
   return false;
 }
 
-// Lets the table go a second after its last row.
-static void
-watch_table (AppWindow *window)
+void
+delivery_watch_table (AppWindow *window)
 {
   if (window->outbox_table_source)
     g_source_remove (window->outbox_table_source);
   window->outbox_table_source = 0;
-  if (!has_rows (&window->outbox)) {
+  if (window->outbox.db && !has_rows (&window->outbox)) {
     window->outbox_table_source =
       g_timeout_add (EMPTY_TABLE_TIME, delivery_table_is_unused, window);
   }
@@ -263,7 +262,7 @@ delivery_update (AppWindow *window)
     look_later (window);
   }
   show_marks (window);
-  watch_table (window);
+  delivery_watch_table (window);
 }
 
 // ---- What comes back ----
@@ -327,7 +326,7 @@ delivery_note_refused (AppWindow *window, u64 request_id, String party,
     return false;
   outbox_note_refused (&window->outbox, request_id);
   show_marks (window);
-  watch_table (window);
+  delivery_watch_table (window);
   return true;
 }
 
@@ -351,7 +350,7 @@ delivery_end_session (AppWindow *window)
   window->is_delivering = false;
   outbox_end_session (&window->outbox);
   show_marks (window);
-  watch_table (window);
+  delivery_watch_table (window);
 }
 
 void

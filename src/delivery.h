@@ -17,6 +17,8 @@ void delivery_begin (AppWindow *window);
 void delivery_send (AppWindow *window);
 // What the session has learnt about what was sent: entries go on, rows go.
 void delivery_update (AppWindow *window);
+// Lets the outbox's table go a second after its last row. After what may have taken the last one.
+void delivery_watch_table (AppWindow *window);
 // Whether the object did not go out: what shows such an object marks it.
 bool delivery_is_unsent (AppWindow *window, OutboxKind kind, u64 object_db_id);
 

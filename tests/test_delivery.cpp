@@ -513,6 +513,24 @@ TEST (marks, an_undo_brings_them_back)
   session.finish ();
 }
 
+TEST (marks, of_a_decision_goes_to_the_other_button_with_it)
+{
+  Session session;
+  session.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  Clause *clause = do_everything (&session)->clauses[0];
+  GtkWidget *agree = find_widget (clause->view, "agree_button");
+  GtkWidget *disagree = find_widget (clause->view, "disagree_button");
+  EXPECT_EQ (mark_of (agree).find ("class"), 0u);
+  EXPECT_EQ (mark_of (disagree).find ("class"), std::string::npos);
+  press (clause->view, "disagree_button");
+  EXPECT_EQ (query (&session.test, "SELECT status FROM clause_revision_decisions"), "DISAGREE\n");
+  EXPECT_EQ (mark_of (agree).find ("class"), std::string::npos);
+  EXPECT_EQ (mark_of (agree).find ("not sent yet"), std::string::npos);
+  EXPECT_EQ (mark_of (disagree).find ("class"), 0u);
+  session.finish ();
+}
+
 // ---- Our end of the stream ----
 
 // The server ends its side when the test says so, as one that first sends what it still has.
@@ -617,6 +635,19 @@ TEST (delivery, a_deleted_procedure_is_not_sent)
   app_window_remove_procedure (first.window, first.window->procedures.procedures[0]);
   EXPECT_EQ (owed (&first.test), "procedure\n");
   first.finish ();
+}
+
+TEST (delivery, the_table_goes_after_a_deletion_that_took_its_last_row)
+{
+  Session session;
+  session.begin ({server_reset ()}, {});
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  app_window_remove_procedure (session.window, begin_procedure (&session));
+  EXPECT_EQ (owed (&session.test), "");
+  EXPECT_TRUE (pump_until (is_table_gone, &session));
+  press (session.window, "undo_button");
+  EXPECT_EQ (owed (&session.test), "procedure\n");
+  session.finish ();
 }
 
 TEST (delivery, another_accounts_rows_stay_and_unknown_ones_go)
