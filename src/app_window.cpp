@@ -52,16 +52,6 @@ app_window_save_drafts (AppWindow *self)
   }
 }
 
-// Neither to a server that has ended the session itself, nor to one that takes no more.
-static bool
-app_window_end_stream (AppWindow *self)
-{
-  bool is_told = self->worker_active && os_is_writable (self->connection.socket);
-  if (is_told)
-    end_xmpp_stream (self);
-  return is_told;
-}
-
 // Ends the session, lets the worker leave and releases the connection; without the worker's leave
 // it stays the worker's, and is released when that comes back.
 static void
@@ -74,7 +64,7 @@ app_window_end_session (AppWindow *self)
   if (self->worker_active)
     worker_interrupt (self->worker);
   struct timespec end_deadline = get_deadline (STREAM_END_WAIT);
-  if (is_logged_in && app_window_end_stream (self))
+  if (is_logged_in && app_window_say_farewell (self))
     flush_tls_data (self->connection.tls_session, STREAM_END_WAIT);
   if (self->worker_active) {
     bool left = is_logged_in && worker_wait_until_left (self->worker, end_deadline);
@@ -99,20 +89,6 @@ app_window_disappear (AppWindow *self)
   // While the account is loaded there is nothing to type into, and not every clause has a view.
   if (!self->loading)
     app_window_save_drafts (self);
-}
-
-// The last word in a session with stream management, behind all that the worker has taken: what the
-// server delivers after it stays the server's, and comes again.
-static gboolean
-app_window_say_farewell (gpointer data)
-{
-  AppWindow *self = (AppWindow *) accept_hand_over (data);
-  if (!self->closed && self->worker_active) {
-    stream_management_tell (&self->stream_management);
-    app_window_end_stream (self);
-  }
-  g_object_unref (self);
-  return G_SOURCE_REMOVE;
 }
 
 // A window that closes has waited long enough: for the server first, then for the worker.
@@ -154,11 +130,8 @@ app_window_begin_closing (AppWindow *self)
       g_source_remove (self->closing_source);
       self->closing_source = g_idle_add (app_window_go_on_closing, self);
     }
-  } else if (stream_management_is_counting (&self->stream_management)) {
-    stop_taking_stanzas (self);
-    hand_over (app_window_say_farewell, g_object_ref (self));
   } else {
-    app_window_end_stream (self);
+    app_window_begin_farewell (self);
   }
 }
 

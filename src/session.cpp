@@ -345,6 +345,44 @@ app_window_note_worker_left (AppWindow *self)
     app_window_leave_account (self);
 }
 
+// ---- Farewell ----
+
+// No end to a server that has ended the session itself, or to one that takes no more.
+bool
+app_window_say_farewell (AppWindow *self)
+{
+  if (!self->worker_active)
+    return false;
+  stream_management_tell (&self->stream_management);
+  bool is_told = os_is_writable (self->connection.socket);
+  if (is_told)
+    end_xmpp_stream (self);
+  return is_told;
+}
+
+// The last word in a session with stream management, behind all that the worker has taken: what the
+// server delivers after it stays the server's, and comes again.
+static gboolean
+app_window_farewell_is_due (gpointer data)
+{
+  AppWindow *self = (AppWindow *) accept_hand_over (data);
+  if (!self->closed)
+    app_window_say_farewell (self);
+  g_object_unref (self);
+  return G_SOURCE_REMOVE;
+}
+
+void
+app_window_begin_farewell (AppWindow *self)
+{
+  if (stream_management_is_counting (&self->stream_management)) {
+    stop_taking_stanzas (self);
+    hand_over (app_window_farewell_is_due, g_object_ref (self));
+  } else {
+    app_window_say_farewell (self);
+  }
+}
+
 // ---- Logging in again ----
 
 // The server has not ended the stream in time.
@@ -370,7 +408,7 @@ app_window_log_in_again (AppWindow *self)
   }
   self->is_login_wanted = true;
   if (self->is_connected) {
-    end_xmpp_stream (self);
+    app_window_begin_farewell (self);
     self->stream_end_source =
       g_timeout_add (STREAM_END_WAIT, app_window_stream_end_due_handle, self);
   }

@@ -39,9 +39,18 @@ void app_window_note_worker_left (AppWindow *window);
 // Before the connection is released: nobody sees to what waits to be sent any more.
 void app_window_stop_sending (AppWindow *window);
 
+// ---- Farewell ----
+
+// Ends our side of a session. With stream management the worker takes no more stanzas, what it took is
+// applied and acknowledged first, and what comes later stays the server's.
+void app_window_begin_farewell (AppWindow *window);
+// The same at once, for a window whose main loop has ended: acknowledges what was applied. False when
+// our end was not sent, because the session is over or the server takes no more.
+bool app_window_say_farewell (AppWindow *window);
+
 // ---- Logging in again ----
 
 // Ends the session if there is one and leads to the login page, with the account's address filled in
 // and the account unloaded. What the server delivers until its own end of the stream is applied
-// first, for two seconds at most. Nothing happens without a loaded account.
+// first, for two seconds at most; with stream management it stays the server's. Nothing happens without a loaded account.
 void app_window_log_in_again (AppWindow *window);

@@ -60,27 +60,6 @@ send_element (StreamManagement *counts, String request)
 }
 
 void
-stream_management_begin (StreamManagement *counts, AppWindow *window, gnutls_session_t tls_session,
-                         bool is_offered)
-{
-  assert (!counts->window);
-  pthread_mutex_lock (&counts_mutex);
-  u64 session_number = counts->session_number + 1;
-  *counts = {};
-  counts->window = window;
-  counts->tls_session = tls_session;
-  counts->session_number = session_number;
-  counts->is_enabled = is_offered;
-  counts->answer_time_max = ANSWER_TIME_MAX;
-  counts->heard_delay = HEARD_DELAY;
-  counts->next = first_counts;
-  first_counts = counts;
-  pthread_mutex_unlock (&counts_mutex);
-  if (is_offered)
-    send_element (counts, to_string ("<enable xmlns='urn:xmpp:sm:3'/>"));
-}
-
-void
 stream_management_end (StreamManagement *counts)
 {
   if (!counts->window)
@@ -125,6 +104,69 @@ stream_management_answer_is_late (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
+static void
+stop_awaiting_answer (StreamManagement *counts)
+{
+  if (counts->answer_source)
+    g_source_remove (counts->answer_source);
+  counts->answer_source = 0;
+}
+
+static void
+await_answer (StreamManagement *counts)
+{
+  stop_awaiting_answer (counts);
+  counts->answer_source =
+    g_timeout_add (counts->answer_time_max, stream_management_answer_is_late, counts);
+}
+
+// Idle handler; counting was offered and asked for.
+static gboolean
+stream_management_await_word (gpointer data)
+{
+  StreamManagementMark *mark = (StreamManagementMark *) accept_hand_over (data);
+  StreamManagement *counts = get_counts_of_mark (mark);
+  if (counts && stream_management_is_enabled (counts) && !stream_management_is_counting (counts))
+    await_answer (counts);
+  dealloc_xmpp_record (mark);
+  return G_SOURCE_REMOVE;
+}
+
+void
+stream_management_begin (StreamManagement *counts, AppWindow *window, gnutls_session_t tls_session,
+                         bool is_offered)
+{
+  assert (!counts->window);
+  pthread_mutex_lock (&counts_mutex);
+  u64 session_number = counts->session_number + 1;
+  *counts = {};
+  counts->window = window;
+  counts->tls_session = tls_session;
+  counts->session_number = session_number;
+  counts->is_enabled = is_offered;
+  counts->answer_time_max = ANSWER_TIME_MAX;
+  counts->heard_delay = HEARD_DELAY;
+  counts->next = first_counts;
+  first_counts = counts;
+  pthread_mutex_unlock (&counts_mutex);
+  if (is_offered) {
+    send_element (counts, to_string ("<enable xmlns='urn:xmpp:sm:3'/>"));
+    hand_over_mark (counts, stream_management_await_word);
+  }
+}
+
+// Idle handler; the server agrees or refuses.
+static gboolean
+stream_management_note_word (gpointer data)
+{
+  StreamManagementMark *mark = (StreamManagementMark *) accept_hand_over (data);
+  StreamManagement *counts = get_counts_of_mark (mark);
+  if (counts)
+    stop_awaiting_answer (counts);
+  dealloc_xmpp_record (mark);
+  return G_SOURCE_REMOVE;
+}
+
 // Idle handler behind a burst of stanzas.
 static gboolean
 stream_management_ask (gpointer data)
@@ -136,10 +178,8 @@ stream_management_ask (gpointer data)
     counts->is_asking = false;
     pthread_mutex_unlock (&counts_mutex);
     send_element (counts, to_string ("<r xmlns='urn:xmpp:sm:3'/>"));
-    if (!counts->answer_source) {
-      counts->answer_source =
-        g_timeout_add (counts->answer_time_max, stream_management_answer_is_late, counts);
-    }
+    if (!counts->answer_source)
+      await_answer (counts);
   }
   dealloc_xmpp_record (mark);
   return G_SOURCE_REMOVE;
@@ -273,15 +313,25 @@ take_acknowledgement (StreamManagement *counts, String h)
 
 // Idle handlers; the session thread hands them over in the order of what it received.
 
+// Whether an answer is still due: all that was sent was asked about, unless it is about to be.
+static bool
+is_more_asked (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  bool is_more = !counts->is_asking && counts->sent_count != counts->acknowledged_count;
+  pthread_mutex_unlock (&counts_mutex);
+  return is_more;
+}
+
 static gboolean
 stream_management_note_answer (gpointer data)
 {
   StreamManagementMark *mark = (StreamManagementMark *) accept_hand_over (data);
   StreamManagement *counts = get_counts_of_mark (mark);
   if (counts) {
-    if (counts->answer_source)
-      g_source_remove (counts->answer_source);
-    counts->answer_source = 0;
+    stop_awaiting_answer (counts);
+    if (is_more_asked (counts))
+      await_answer (counts);
     app_window_note_acknowledged (mark->window);
   }
   dealloc_xmpp_record (mark);
@@ -343,8 +393,10 @@ stream_management_take (StreamManagement *counts, XMLElement *element)
     take_acknowledgement (counts, get_xml_attribute (element, "h"));
     hand_over_mark (counts, stream_management_note_answer);
   } else if (element->name == "enabled") {
+    hand_over_mark (counts, stream_management_note_word);
     begin_counting (counts);
   } else if (element->name == "failed") {
+    hand_over_mark (counts, stream_management_note_word);
     give_up_counting (counts);
   } else {
     return false;

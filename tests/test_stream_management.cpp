@@ -8,6 +8,7 @@
 
 #include <sqlite3.h>
 
+#include "session.h"
 #include "session_test.h"
 
 static const char ASK[] = "<r xmlns='urn:xmpp:sm:3'/>";
@@ -318,16 +319,133 @@ TEST (stream_management, a_server_that_does_not_answer_is_lost)
   session.finish ();
 }
 
-static bool
-has_own_presence (void *data)
+// As if the time of a timer had passed.
+static void
+make_due (guint source)
 {
-  return ((Session *) data)->console ().find ("Received <presence from=") != std::string::npos;
+  g_source_set_ready_time (g_main_context_find_source_by_id (NULL, source), 0);
 }
 
 static bool
 has_procedure (void *data)
 {
   return ((AppWindow *) data)->procedures.count == 1;
+}
+
+static bool
+is_first_asked (void *data)
+{
+  size_t login_steps_count = script_login (JID, managed ()).size ();
+  return scripted_server_steps_done ((ScriptedServer *) data) > login_steps_count;
+}
+
+TEST (stream_management, an_answer_to_an_earlier_question_leaves_the_later_one_due)
+{
+  Session session;
+  session.begin ({server_expect_until (ASK), server_wait (), server_expect_until ("</message>"),
+                  server_expect_until (ASK), server_send (answer (2) + procedure (100)),
+                  server_wait ()},
+                 managed ());
+  EXPECT_TRUE (pump_until (is_first_asked, session.server));
+  scripted_server_signal (session.server);
+  xmpp_send_message (session.window, to_string ("bob@beta.test"), to_string ("one"));
+  EXPECT_TRUE (pump_until (has_procedure, session.window));
+  StreamManagement *counts = &session.window->stream_management;
+  ASSERT_NE (counts->answer_source, 0u);
+  make_due (counts->answer_source);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (count_of (session.console (), "Warning: The server doesn't answer.\n"), 1u);
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+TEST (stream_management, an_answer_to_all_leaves_none_due)
+{
+  Session session;
+  session.begin ({server_expect_until (ASK), server_send (answer (2) + procedure (100)),
+                  server_wait ()},
+                 managed ());
+  EXPECT_TRUE (pump_until (has_procedure, session.window));
+  EXPECT_EQ (session.window->stream_management.answer_source, 0u);
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+TEST (stream_management, a_server_that_neither_agrees_nor_refuses_is_lost)
+{
+  LoginOptions options = managed ();
+  options.enable_answer = {""};
+  Session session;
+  session.begin ({server_send (procedure (100)), server_wait ()}, options);
+  EXPECT_TRUE (pump_until (has_procedure, session.window));
+  StreamManagement *counts = &session.window->stream_management;
+  ASSERT_NE (counts->answer_source, 0u);
+  make_due (counts->answer_source);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (count_of (session.console (), "Warning: The server doesn't answer.\n"), 1u);
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+TEST (stream_management, a_server_that_refuses_owes_nothing_more)
+{
+  LoginOptions options = managed ();
+  options.enable_answer = {""};
+  Session session;
+  session.begin ({server_send ("<failed xmlns='urn:xmpp:sm:3'/>" + procedure (100)),
+                  server_wait ()},
+                 options);
+  EXPECT_TRUE (pump_until (has_procedure, session.window));
+  EXPECT_EQ (session.window->stream_management.answer_source, 0u);
+  scripted_server_signal (session.server);
+  session.finish ();
+}
+
+// ---- The end ----
+
+static void
+close_it (AppWindow *window)
+{
+  gtk_window_close (GTK_WINDOW (window));
+}
+
+static void
+destroy_it (AppWindow *window)
+{
+  gtk_widget_destroy (GTK_WIDGET (window));
+}
+
+TEST (stream_management, what_was_applied_is_acknowledged_ahead_of_the_end_and_no_more_is_taken)
+{
+  typedef void End (AppWindow * window);
+  for (End *end : {close_it, app_window_log_in_again, destroy_it}) {
+    Session session;
+    session.begin ({server_send (procedure (100)),
+                    server_expect_until (answer (3) + "</stream:stream>"),
+                    server_send (procedure (101) + "</stream:stream>"), server_close_notify ()},
+                   managed ());
+    EXPECT_TRUE (pump_until (has_procedure, session.window));
+    end (session.window);
+    EXPECT_TRUE (pump_until (is_idle, session.window));
+    session.finish ();
+    EXPECT_EQ (query (&session.test, "SELECT time FROM procedures"), "100\n");
+  }
+}
+
+TEST (stream_management, a_stanza_that_is_too_long_counts_too)
+{
+  Session session;
+  session.begin ({server_send (message (std::string (5000000, 'x')) + procedure (100)),
+                  server_expect_until (answer (4))},
+                 managed ());
+  session.finish ();
+  EXPECT_EQ (count_of (session.console (), "Warning: Received a stanza that is too long.\n"), 1u);
+}
+
+static bool
+has_own_presence (void *data)
+{
+  return ((Session *) data)->console ().find ("Received <presence from=") != std::string::npos;
 }
 
 TEST (stream_management, without_it_bytes_confirm_what_was_taken_some_time_before)
