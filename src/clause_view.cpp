@@ -1416,7 +1416,7 @@ clause_view_go_to_revision (ClauseView *self, ClauseRevision *revision, String o
   clause_view_show_own_decision (self, revision, own);
 
   String other = procedure_get_other_party (self->procedure, own);
-  ClauseRevisionDecision *decision = get_revision_decision_by_author (revision, other);
+  ClauseRevisionDecision *decision = get_revision_decision_by_party (revision, other);
   if (decision) {
     clause_view_show_others_decision (self, decision->status);
   } else {

@@ -476,7 +476,6 @@ db_load_clause_message (void *argument, int columns_count, char **values, char *
   if (author && text) {
     clause_add_message (clause, alloc_clause_message (db_id, clause_db_id, time, to_string (author),
                                                       to_string (text)));
-    clause_order_last_message (clause);
   }
   return 0;
 }

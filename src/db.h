@@ -50,8 +50,8 @@ int _db_get_db_version (void *argument, int columns_count, char **values, char *
 u64 db_get_account_db_id (sqlite3 *db, String bare_jid);
 u64 db_insert_account (sqlite3 *db, String bare_jid);
 // Fills both with stacks of the caller's: contacts in the order of their rows with their messages,
-// procedures and all below them by time, what one procedure holds also by author. Decisions on a draft are not loaded. A row that this
-// program would not have written stops it.
+// procedures and all below them by time, clauses and revisions of one second by author. Decisions on a
+// draft are not loaded. A row that this program would not have written stops it.
 void db_load_account (sqlite3 *db, u64 account_db_id, ContactStack *contacts_out,
                       ProceduresStack *procedures_out);
 

@@ -287,7 +287,7 @@ static ClauseRevisionDecision *
 negotiation_set_decision (Negotiation *negotiation, ClauseRevision *revision, String author,
                           DecisionStatus status)
 {
-  ClauseRevisionDecision *decision = get_revision_decision_by_author (revision, author);
+  ClauseRevisionDecision *decision = get_revision_decision_by_party (revision, author);
   if (decision) {
     decision->time = get_posix_time ();
     decision->status = status;

@@ -38,8 +38,8 @@ Procedure *negotiation_begin (Negotiation *negotiation, String title, String con
 // Takes the procedure, with all that it holds, out of model and store. Its widgets must be gone. It
 // can be brought back until the next deletion or `negotiation_end_undo`, which free it.
 void negotiation_delete (Negotiation *negotiation, Procedure *procedure);
-// A clause without a revision, where its time belongs. It shares its second with no own clause of the procedure,
-// nor of another row of it where it came twice, nor with one that can be brought back.
+// A clause without a revision, where its time belongs. It shares its second with no own clause of the
+// procedure, nor of another row of it where it came twice, nor with one that can be brought back.
 Clause *negotiation_add_clause (Negotiation *negotiation, Procedure *procedure);
 // The same as `negotiation_delete` for a clause that was never sent.
 void negotiation_delete_clause (Negotiation *negotiation, Procedure *procedure, Clause *clause);
@@ -71,8 +71,8 @@ ClauseMessage *negotiation_say (Negotiation *negotiation, Clause *clause, String
 // someone who is no party of the procedure. A procedure may repeat, a decision takes the place of an
 // earlier one. The `_out` parameters are only filled with a result.
 //
-// A clause or a revision goes where its time and author belong, as it will be after the next start. A time more than a day
-// ahead of the clock is taken, and costs a line.
+// A clause or a revision goes where its time and author belong, as it will be after the next start. A
+// time more than a day ahead of the clock is taken, and costs a line.
 //
 // Parties are compared as people read them, after NFKC and case folding, because the user types a
 // contractor by hand and servers normalise addresses. A line of a clause's chat is signed with the

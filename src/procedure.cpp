@@ -319,27 +319,6 @@ compare_marks (s64 time, String author, s64 other_time, String other_author)
   return compare_bytes (author, other_author);
 }
 
-static int
-compare_messages (ClauseMessage *message, ClauseMessage *other_message)
-{
-  int order =
-    compare_marks (message->time, message->author, other_message->time, other_message->author);
-  // Two parties may share a user name.
-  return order != 0 ? order : compare_bytes (message->text, other_message->text);
-}
-
-void
-clause_order_last_message (Clause *clause)
-{
-  assert (clause->messages_count);
-  u32 index = clause->messages_count - 1;
-  ClauseMessage *message = clause->messages[index];
-  for (; index > 0 && compare_messages (clause->messages[index - 1], message) > 0; --index) {
-    clause->messages[index] = clause->messages[index - 1];
-  }
-  clause->messages[index] = message;
-}
-
 void
 clause_order_last_revision (Clause *clause)
 {
@@ -455,7 +434,18 @@ ClauseRevisionDecision *
 get_revision_decision_by_author (ClauseRevision *revision, String author)
 {
   for (u32 i = 0; i < revision->decisions_count; ++i) {
-    if (is_same_party (revision->decisions[i]->author, author)) {
+    if (revision->decisions[i]->author == author) {
+      return revision->decisions[i];
+    }
+  }
+  return NULL;
+}
+
+ClauseRevisionDecision *
+get_revision_decision_by_party (ClauseRevision *revision, String party)
+{
+  for (u32 i = 0; i < revision->decisions_count; ++i) {
+    if (is_same_party (revision->decisions[i]->author, party)) {
       return revision->decisions[i];
     }
   }

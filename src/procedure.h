@@ -148,11 +148,10 @@ void procedures_stack_insert_procedure (ProceduresStack *stack, Procedure *proce
 
 // ---- Order ----
 
-// What the parties have made goes by time. What both made in one second goes by author, and lines of
-// a chat that share even that go by text, byte by byte: so both parties come to the same order and the
-// same last revision, whatever arrived first where. Each puts what was added last behind all that are
-// not above it.
-void clause_order_last_message (Clause *clause);
+// Clauses and revisions go by time. What both parties made in one second goes by author, byte by byte:
+// so both come to the same order and the same last revision, whatever arrived first where. Each puts
+// what was added last behind all that are not above it. Lines of a chat stay as they came: an answer
+// in the second of its question follows it.
 void clause_order_last_revision (Clause *clause);
 void procedure_order_last_clause (Procedure *procedure);
 
@@ -177,6 +176,8 @@ String procedure_get_other_party (Procedure *procedure, String party);
 
 // The first match in the order added, NULL when there is none. The record stays its owner's.
 ClauseRevisionDecision *get_revision_decision_by_author (ClauseRevision *revision, String author);
+// The same, however the author's name is spelled (`is_same_party`).
+ClauseRevisionDecision *get_revision_decision_by_party (ClauseRevision *revision, String party);
 ClauseRevision *get_clause_revision_by_author_and_time (Clause *clause, String author, s64 time);
 Clause *get_clause_by_initiator_and_time (Procedure *procedure, String initiator, s64 time);
 Procedure *get_procedure_by_initiator_and_time (ProceduresStack *stack, String initiator, s64 time);

@@ -733,11 +733,24 @@ are_tools_laid_out (void *data)
          top == gtk_widget_get_margin_top (tools);
 }
 
+// A text that is not laid out yet has all its characters in one place.
+static bool
+is_laid_out (void *data)
+{
+  Clause *clause = (Clause *) data;
+  GtkTextIter iter;
+  gtk_text_buffer_get_end_iter (get_buffer (clause), &iter);
+  GdkRectangle location;
+  gtk_text_view_get_iter_location (get_text_view (clause), &iter, &location);
+  return location.x > 0;
+}
+
 // Shows the tools at a character of the text. When they are shown for the first time, they come to
 // their place with the second motion.
 static void
 place_tools (Clause *clause, int offset)
 {
+  ASSERT_TRUE (pump_until (is_laid_out, clause));
   for (int i = 0; i < 2; i++) {
     hover (clause, offset);
     ASSERT_TRUE (are_tools_shown (clause));

@@ -739,9 +739,10 @@ TEST (db_load_account, orders_what_shares_a_second_by_author)
   Clause *clause = procedure->clauses[1];
   EXPECT_EQ (clause->db_id, 1u);
   ASSERT_EQ (clause->messages_count, 3u);
-  EXPECT_EQ (clause->messages[0]->db_id, 3u);
+  // An answer in the second of its question follows it.
+  EXPECT_EQ (clause->messages[0]->db_id, 1u);
   EXPECT_EQ (clause->messages[1]->db_id, 2u);
-  EXPECT_EQ (clause->messages[2]->db_id, 1u);
+  EXPECT_EQ (clause->messages[2]->db_id, 3u);
   ASSERT_EQ (clause->revisions_count, 2u);
   EXPECT_EQ (clause->revisions[0]->db_id, 3u);
   EXPECT_EQ (clause->revisions[1]->db_id, 1u);

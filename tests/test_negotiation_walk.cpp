@@ -130,7 +130,7 @@ is_one_name (const std::string &name, const std::string &other)
   return NAMES.at (name) == NAMES.at (other);
 }
 
-// What both parties have goes by time and then by author, a chat also by text.
+// What both parties have goes by time and then by author; a chat is as it came.
 static bool
 is_ahead (const Version &a, const Version &b)
 {
@@ -141,12 +141,6 @@ static bool
 is_ahead (const Part &a, const Part &b)
 {
   return std::tie (a.time, a.initiator) < std::tie (b.time, b.initiator);
-}
-
-static bool
-is_ahead (const Line &a, const Line &b)
-{
-  return std::tie (a.time, a.author, a.text) < std::tie (b.time, b.author, b.text);
 }
 
 template <typename Object>
@@ -1141,7 +1135,7 @@ struct Walk {
     for (Deal &deal : side->deals) {
       check_order (deal.parts);
       for (Part &part : deal.parts) {
-        order (&part.lines);
+        sort_as_loaded (&part.lines);
         check_order (part.versions);
       }
     }
