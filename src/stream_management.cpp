@@ -281,7 +281,8 @@ stream_management_note_heard (StreamManagement *counts, String data)
   String end = to_string ("</stream:stream>");
   bool is_end = data.size >= end.size && string_advance (data, data.size - end.size) == end;
   // In answer to ours it has read all; one that leaves by itself may not have.
-  bool is_answer = is_end && has_ended_xmpp_stream (counts->window);
+  // A server may end the stream during a login, too, where nothing is counted yet.
+  bool is_answer = is_end && counts->window && has_ended_xmpp_stream (counts->window);
   pthread_mutex_lock (&counts_mutex);
   look_for_taken (counts);
   s64 time = g_get_monotonic_time ();

@@ -836,13 +836,13 @@ TEST (clause_view_comparison, tools_stand_under_their_change_whichever_way_the_w
 
 TEST (clause_view_comparison, tools_are_centred_on_the_pointer)
 {
-  std::string words = repeat ("common ", 6);
+  std::string words = repeat ("common ", 4);
   Comparison comparison ({words + "b", words + "c"});
   Clause *clause = comparison.clause;
   choose (clause, WITH_PREVIOUS);
-  place_tools (clause, 42);
+  place_tools (clause, 28);
   GtkTextIter iter;
-  gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, 42);
+  gtk_text_buffer_get_iter_at_offset (get_buffer (clause), &iter, 28);
   GdkRectangle location;
   gtk_text_view_get_iter_location (get_text_view (clause), &iter, &location);
   GtkWidget *tools = find_widget (clause->view, "diff_overlay_tools");
