@@ -567,3 +567,11 @@ TEST (stream_management, without_it_the_servers_end_confirms_at_once)
   scripted_server_signal (session.server);
   session.finish ();
 }
+
+// Behind no login at all, and behind a session that is over.
+TEST (stream_management_note_heard, takes_an_end_where_nothing_is_counted)
+{
+  StreamManagement counts = {};
+  stream_management_note_heard (&counts, to_string ("</stream:stream>"));
+  EXPECT_EQ (stream_management_get_taken_count (&counts), 0u);
+}
