@@ -280,10 +280,10 @@ stream_management_note_heard (StreamManagement *counts, String data)
 {
   String end = to_string ("</stream:stream>");
   bool is_end = data.size >= end.size && string_advance (data, data.size - end.size) == end;
-  // In answer to ours it has read all; one that leaves by itself may not have.
-  // A server may end the stream during a login, too, where nothing is counted yet.
-  bool is_answer = is_end && counts->window && has_ended_xmpp_stream (counts->window);
   pthread_mutex_lock (&counts_mutex);
+  // In answer to ours it has read all; one that leaves by itself may not have. There is no window
+  // during a login, where nothing is counted yet, and none when the interface has ended the counts.
+  bool is_answer = is_end && counts->window && has_ended_xmpp_stream (counts->window);
   look_for_taken (counts);
   s64 time = g_get_monotonic_time ();
   bool is_trusted = !counts->is_stuck && time >= counts->trusted_time;
