@@ -1,5 +1,7 @@
 // Delivery: a real main window commits in front of a scripted server that takes, withholds, breaks
 // off and comes back. What is owed is read from the store's rows, what was sent from the wire.
+#include <sys/socket.h>
+
 #include <string>
 #include <vector>
 
@@ -222,6 +224,35 @@ TEST (delivery, a_server_that_reads_on_settles_it)
   end_deafness (queue);
   EXPECT_TRUE (pump_until (is_table_gone, &session));
   scripted_server_signal (session.server);
+  session.finish ();
+  g_async_queue_unref (queue);
+}
+
+// The interface is to hear of what waits, and hears of the loss first. Of a real loss the worker would
+// write its end of the stream, and nothing would wait any more.
+TEST (delivery, a_lost_session_does_not_watch_its_socket)
+{
+  GAsyncQueue *queue = g_async_queue_new ();
+  Session session;
+  session.begin ({server_run (stay_deaf, queue)}, {});
+  pump ();
+  gnutls_session_t tls_session = session.window->connection.tls_session;
+  int room = 10000;
+  setsockopt (session.window->connection.socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof (room));
+  std::string text (10000, 'x');
+  for (int i = 0; i < 1000 && !get_tls_send_state (tls_session).waiting_size; ++i)
+    send_all_tls_data (tls_session, {(u8 *) text.data (), text.size ()});
+  EXPECT_EQ (g_atomic_int_get (&session.window->is_send_change_known), 1);
+  session.window->is_connected = false;
+  EXPECT_TRUE (pump_until (
+    [] (void *data) { return g_atomic_int_get (&((AppWindow *) data)->is_send_change_known) == 0; },
+    session.window));
+  EXPECT_GT (get_tls_send_state (tls_session).waiting_size, 0u);
+  EXPECT_EQ (session.window->send_source, 0u);
+  session.window->is_connected = true;
+  end_deafness (queue);
+  app_window_lose_session (session.window);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
   session.finish ();
   g_async_queue_unref (queue);
 }

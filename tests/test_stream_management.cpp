@@ -3,6 +3,8 @@
 // stanzas that the server has got.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <string>
 #include <vector>
 
@@ -237,6 +239,31 @@ TEST (stream_management, a_stanza_that_stops_the_program_is_acknowledged_first)
     "string_has_only_digits [(]id_attrib[)]");
   ServerReport report = scripted_server_finish (server);
   EXPECT_EQ (report.failure, "") << report.transcript;
+}
+
+// The roster's result and the presence are acknowledged, and a stanza of this thread; the signal comes
+// when that is left behind.
+TEST (stream_management_leave_stanza, leaves_nothing_that_a_stop_acknowledges)
+{
+  Session session;
+  session.begin ({server_expect_until ("</stream:stream>"), server_send ("</stream:stream>"),
+                  server_close_notify ()},
+                 managed ());
+  StreamManagement *counts = &session.window->stream_management;
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return ((StreamManagement *) data)->applied_count == 2; },
+                counts));
+  EXPECT_TRUE (stream_management_is_counting (counts));
+  stream_management_enter_stanza (counts);
+  stream_management_leave_stanza (counts);
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return ((StreamManagement *) data)->applied_count == 3; },
+                counts));
+  raise (SIGABRT);
+  session.close ();
+  ServerReport report = session.finish ();
+  EXPECT_NE (report.received.find (answer (3)), std::string::npos);
+  EXPECT_EQ (report.received.find (answer (4)), std::string::npos);
 }
 
 // ---- What is sent ----
