@@ -942,7 +942,12 @@ class Window:
         self.wait_label(expected or title)
 
     def add_clause(self):
-        """Adds a clause and returns its number in the view."""
+        """Adds a clause behind all others and returns its number in the view.
+
+        Clauses of one second are in the order of their authors, so that second goes by first."""
+        (latest,), = self.party.rows("SELECT max(time) FROM clauses")
+        self.desktop.wait(lambda: time.time() >= (latest or 0) + 1,
+                          "the second of %s's last clause is over" % self.party.name)
         nth = self.count("Clause text")
         self.click("Add clause")
         self.wait_for("Clause text", ENTRY_ROLES, nth)

@@ -3,6 +3,7 @@
 
 import os
 import signal
+import time
 
 import driver
 
@@ -158,6 +159,48 @@ class Negotiation(driver.Case):
         anna.open_procedure("The other way round")
         self.assertEqual(len(self.check_rows(anna, bert)), 2)
         self.finish(anna, bert)
+
+    def add_clauses_together(self, *parties):
+        """Each adds a clause in the same second: the presses wait in the X server for both."""
+        buttons = [party.wait_for("Add clause", driver.BUTTON_ROLES).extents() for party in parties]
+        for party in parties:
+            party.process.send_signal(signal.SIGSTOP)
+        try:
+            for left, top, width, height in buttons:
+                self.desktop.press_at(left + width // 2, top + height // 2)
+            self.desktop.wait(lambda: time.time() % 1 < 0.3, "a second begins")
+        finally:
+            for party in parties:
+                party.process.send_signal(signal.SIGCONT)
+        for party in parties:
+            party.wait_for("Clause text", driver.ENTRY_ROLES)
+        return [party.rows("SELECT time FROM clauses") for party in parties]
+
+    def test_tie(self):
+        """clauses of one second stand in the order of their authors on both sides, also later"""
+        anna, bert = self.begun()
+        for _ in range(5):
+            times = self.add_clauses_together(bert, anna)
+            if times[0] == times[1]:
+                break
+            for party in (bert, anna):
+                party.click("Cancel")
+                self.desktop.wait(lambda: not party.count("Clause text"), "the clause is gone")
+        self.assertEqual(times[0], times[1])
+        bert.commit(0, "Bert's clause")
+        anna.wait_text("Clause text", "Bert's clause", 1)
+        anna.commit(0, "Anna's clause")
+        for party in (anna, bert):
+            party.wait_text("Clause text", "Anna's clause")
+            party.wait_text("Clause text", "Bert's clause", 1)
+        driver.wait_same(anna, bert)
+        self.finish(anna, bert)
+        anna.start()
+        anna.login()
+        anna.open_procedure("Delivery of apples")
+        anna.wait_text("Clause text", "Anna's clause")
+        anna.wait_text("Clause text", "Bert's clause", 1)
+        anna.close()
 
     def test_draft_and_received_revision(self):
         """a revision that arrives while the other types is shown; the typing becomes the draft"""
