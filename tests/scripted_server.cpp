@@ -820,6 +820,8 @@ start_listening (ScriptedServer *server)
   int on = 1;
   server->listener = socket (AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   setsockopt (server->listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof (on));
+  int window = 64 * 1024;  // bytes: little, for the servers that do not read
+  setsockopt (server->listener, SOL_SOCKET, SO_RCVBUF, &window, sizeof (window));
   socklen_t size = sizeof (address);
   if (bind (server->listener, (struct sockaddr *) &address, size) ||
       listen (server->listener, 16) ||
