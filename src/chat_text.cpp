@@ -53,7 +53,6 @@ chat_text_init (ChatText *self, GtkWidget *page, GtkTextView *text_view,
 {
   self->text_view = text_view;
   self->scrolled_window = scrolled_window;
-  self->is_at_end = false;
   gtk_text_view_place (text_view, LIKELY_WIDTH);
   self->author_tag =
     gtk_text_buffer_create_tag (gtk_text_view_get_buffer (text_view), NULL, "scale",

@@ -19,8 +19,8 @@ struct ChatText {
   bool is_at_end;  // the newest line is in sight, and stays so as the text grows
 };
 
-// `page` is the widget that holds `self` and both others: each time it appears, the chat is at its
-// end.
+// `self` is all zero. `page` is the widget that holds it and both others: each time it appears, the
+// chat is at its end.
 void chat_text_init (ChatText *self, GtkWidget *page, GtkTextView *text_view,
                      GtkScrolledWindow *scrolled_window);
 // Appends a message: the author small and bold, then the text as it is, whose lines all hang under

@@ -26,9 +26,7 @@ clause_comparison_init (ClauseComparison *self, GtkTextView *text_view, GtkWidge
 void
 clause_comparison_finalize (ClauseComparison *self)
 {
-  if (self->return_marks)
-    g_hash_table_destroy (self->return_marks);
-  self->return_marks = NULL;
+  g_clear_pointer (&self->return_marks, g_hash_table_destroy);
 }
 
 // ---- Showing ----
@@ -146,8 +144,7 @@ clause_comparison_end (ClauseComparison *self)
   while (g_hash_table_iter_next (&iter, &mark, NULL)) {
     gtk_text_buffer_delete_mark (text_buffer, GTK_TEXT_MARK (mark));
   }
-  g_hash_table_destroy (self->return_marks);
-  self->return_marks = NULL;
+  g_clear_pointer (&self->return_marks, g_hash_table_destroy);
   clause_comparison_hide_tools (self);
   gtk_text_view_set_bottom_margin (self->text_view, 0);
   gtk_text_view_set_editable (self->text_view, TRUE);

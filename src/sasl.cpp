@@ -13,8 +13,6 @@ get_plain_auth (Buffer buffer, String user, String password)
   rest = buffer_append_char (rest, '\0');
   rest = buffer_append_string (rest, user);
   rest = buffer_append_char (rest, '\0');
-  rest = buffer_append_string (rest, password);
-  // The appends clamp: the view holds what was written, whatever the sizes say.
-  plain_auth.size = rest.data - buffer.data;
+  buffer_append_string (rest, password);
   return plain_auth;
 }

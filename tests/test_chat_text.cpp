@@ -110,3 +110,21 @@ TEST (chat_text_add_line, keeps_an_author_to_his_place)
   EXPECT_STREQ (text, "\u2068an\u202ena\u2069: 5000");
   g_free (text);
 }
+
+// Whether there is more than the page shows, and the end of that is shown.
+static bool
+is_end_in_sight (void *data)
+{
+  GtkScrolledWindow *scrolled_window = ((TestChat *) data)->chat_text->scrolled_window;
+  GtkAdjustment *adjustment = gtk_scrolled_window_get_vadjustment (scrolled_window);
+  double end = gtk_adjustment_get_upper (adjustment) - gtk_adjustment_get_page_size (adjustment);
+  return end > 100 && gtk_adjustment_get_value (adjustment) >= end - 1;
+}
+
+TEST (chat_text_init, keeps_a_chat_that_appeared_empty_at_its_end)
+{
+  TestChat test;
+  for (int i = 0; i < 60; ++i)
+    chat_text_add_line (test.chat_text, to_string ("bert"), to_string ("I agree"));
+  EXPECT_TRUE (pump_until (is_end_in_sight, &test));
+}
