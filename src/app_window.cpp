@@ -518,6 +518,23 @@ app_window_add_procedure (AppWindow *self, Procedure *procedure)
   procedure->list_item = GTK_LIST_BOX_ROW (gtk_widget_get_parent (list_item));
 }
 
+// A stack that loses the page it shows would be left blank.
+static void
+app_window_leave_page (AppWindow *self, GtkWidget *page)
+{
+  if (gtk_stack_get_visible_child (self->main_page_stack) != page)
+    return;
+  GtkWidget *focus = gtk_window_get_focus (GTK_WINDOW (self));
+  bool has_focus = focus && gtk_widget_is_ancestor (focus, page);
+  // A stack gives it back with the page, as to the button that deletes.
+  if (has_focus)
+    gtk_window_set_focus (GTK_WINDOW (self), NULL);
+  GtkWidget *next = GTK_WIDGET (self->procedure_creation_page);
+  gtk_stack_set_visible_child (self->main_page_stack, next);
+  if (has_focus)
+    gtk_widget_child_focus (next, GTK_DIR_TAB_FORWARD);
+}
+
 void
 app_window_remove_procedure (AppWindow *self, Procedure *procedure)
 {
@@ -525,14 +542,12 @@ app_window_remove_procedure (AppWindow *self, Procedure *procedure)
   for (u32 i = 0; i < procedure->clauses_count; i++) {
     clause_view_save_draft (procedure->clauses[i]->view);
   }
-  GtkWidget *view = GTK_WIDGET (procedure->view);
-  if (gtk_stack_get_visible_child (self->main_page_stack) == view) {
-    // A stack that loses the page it shows would be left blank.
-    gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (self->procedure_creation_page));
-  }
-  gtk_widget_destroy (GTK_WIDGET (procedure->list_item));
-  gtk_widget_destroy (view);
+  deletion_end (self);
   negotiation_delete (app_window_get_negotiation (self), procedure);
+  app_window_leave_page (self, GTK_WIDGET (procedure->view));
+  gtk_list_box_unselect_row (self->procedures_list_box, procedure->list_item);
+  gtk_widget_hide (GTK_WIDGET (procedure->list_item));
+  gtk_widget_hide (GTK_WIDGET (procedure->view));
   char *title = alloc_shown_text (procedure->title);
   char *text = g_strdup_printf ("\u201c%s\u201d deleted.", title);
   deletion_offer_undo (self, text);
@@ -543,15 +558,11 @@ app_window_remove_procedure (AppWindow *self, Procedure *procedure)
 void
 app_window_put_procedure_back (AppWindow *self, Procedure *procedure)
 {
-  app_window_add_procedure (self, procedure);
-  // The list has the newest on top.
-  s64 index = procedures_stack_get_index (&self->procedures, procedure);
-  GtkWidget *row = GTK_WIDGET (procedure->list_item);
-  g_object_ref (row);
-  gtk_container_remove (GTK_CONTAINER (self->procedures_list_box), row);
-  gtk_list_box_insert (self->procedures_list_box, row, (gint) (self->procedures.count - 1 - index));
-  g_object_unref (row);
+  gtk_widget_show (GTK_WIDGET (procedure->list_item));
+  gtk_widget_show (GTK_WIDGET (procedure->view));
   gtk_list_box_select_row (self->procedures_list_box, procedure->list_item);
+  // A stack hands the focus on to what comes first on the page, and that would scroll it.
+  gtk_window_set_focus (GTK_WINDOW (self), NULL);
   gtk_stack_set_visible_child (self->main_page_stack, GTK_WIDGET (procedure->view));
 }
 

@@ -117,7 +117,7 @@ void app_window_add_contact_message (AppWindow *window, Contact *contact, String
 void app_window_add_procedure (AppWindow *window, Procedure *procedure);
 // From the lists, the store and memory; nobody is told. It can be undone for a while.
 void app_window_remove_procedure (AppWindow *window, Procedure *procedure);
-// Shows a procedure whose deletion was undone, at its old place in the list.
+// Shows a procedure whose deletion was undone, at its old place in the list, as the user left it.
 void app_window_put_procedure_back (AppWindow *window, Procedure *procedure);
 // Makes, stores, shows and sends a procedure that the user opens. `title` has no apostrophe.
 void app_window_create_new_procedure (AppWindow *window, String title, String contractor);

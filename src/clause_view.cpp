@@ -883,25 +883,18 @@ clause_view_commit_button_handle (GtkButton *, ClauseView *self)
   delivery_send (clause_view_get_window (self));
 }
 
-// Deletes an own clause that nobody else knows, and this view with it.
+// Deletes an own clause that nobody else knows. This view goes with it when that cannot be undone any
+// more.
 static void
 clause_view_remove_clause (ClauseView *self)
 {
   AppWindow *window = clause_view_get_window (self);
-  Negotiation *negotiation = app_window_get_negotiation (window);
-  Procedure *procedure = self->procedure;
-  Clause *clause = self->clause;
   // What is typed is there again after an undo.
   clause_view_save_draft (self);
-  // A text that is destroyed still loses the focus.
-  clause_view_disconnect_text_changed (self);
-  g_signal_handlers_disconnect_by_func (self->text_view, (gpointer) clause_view_focus_out_handle,
-                                        self);
-  if (clause->chat_page)
-    gtk_widget_destroy (GTK_WIDGET (clause->chat_page));
-  gtk_widget_destroy (GTK_WIDGET (self));
-  procedure_view_focus_add_clause_button (procedure->view);
-  negotiation_delete_clause (negotiation, procedure, clause);
+  deletion_end (window);
+  negotiation_delete_clause (app_window_get_negotiation (window), self->procedure, self->clause);
+  procedure_view_put_clause_away (self->procedure->view, self->clause);
+  procedure_view_focus_add_clause_button (self->procedure->view);
   deletion_offer_undo (window, "Clause deleted.");
 }
 
@@ -976,7 +969,7 @@ clause_view_keep_decisions (ClauseView *self, ClauseComparison *comparison,
   g_free (text);
 }
 
-// A view may go without its user's doing, or come back with the undo of a deletion.
+// A view may go without its user's doing.
 static void
 clause_view_dispose (GObject *object)
 {

@@ -1,5 +1,7 @@
 #include "deletion.h"
 
+#include "clause_chat_page.h"
+#include "clause_view.h"
 #include "delivery.h"
 #include "procedure_view.h"
 
@@ -82,8 +84,6 @@ deletion_drop_held (AppWindow *window)
 void
 deletion_offer_undo (AppWindow *window, const char *text)
 {
-  deletion_drop_held (window);
-  deletion_hide_bar (window);
   delivery_watch_table (window);
   gtk_label_set_text (window->undo_label, text);
   gtk_widget_set_tooltip_text (GTK_WIDGET (window->undo_label), text);
@@ -91,11 +91,26 @@ deletion_offer_undo (AppWindow *window, const char *text)
   window->undo_source = g_timeout_add_seconds (UNDO_SECONDS, deletion_end_in_time, window);
 }
 
+// They borrow the records that are freed next.
+static void
+deletion_destroy_widgets (NegotiationDeletion *deletion)
+{
+  if (deletion->procedure) {
+    gtk_widget_destroy (GTK_WIDGET (deletion->procedure->list_item));
+    gtk_widget_destroy (GTK_WIDGET (deletion->procedure->view));
+  }
+  if (deletion->clause) {
+    gtk_widget_destroy (GTK_WIDGET (deletion->clause->chat_page));
+    gtk_widget_destroy (GTK_WIDGET (deletion->clause->view));
+  }
+}
+
 void
 deletion_end (AppWindow *window)
 {
   deletion_hide_bar (window);
   deletion_drop_held (window);
+  deletion_destroy_widgets (&app_window_get_negotiation (window)->deletion);
   negotiation_end_undo (app_window_get_negotiation (window));
 }
 

@@ -3,7 +3,7 @@
 // first. No text is kept twice, and none that is empty.
 //
 // Ownership: this module owns the record of each clause and its texts: views come and go with a
-// login and with the undo of a deletion, the kept drafts stay.
+// login, the kept drafts stay.
 //
 // Threads: the interface thread only.
 #pragma once

@@ -35,8 +35,8 @@ struct Negotiation {
 // A procedure with `contractor`. `title` has no apostrophe. It shares its second with no own procedure,
 // nor with the one that can be brought back.
 Procedure *negotiation_begin (Negotiation *negotiation, String title, String contractor);
-// Takes the procedure, with all that it holds, out of model and store. Its widgets must be gone. It
-// can be brought back until the next deletion or `negotiation_end_undo`, which free it.
+// Takes the procedure, with all that it holds, out of model and store. It can be brought back until the
+// next deletion or `negotiation_end_undo`, which free it: its widgets must be gone by then.
 void negotiation_delete (Negotiation *negotiation, Procedure *procedure);
 // A clause without a revision, where its time belongs. It shares its second with no own clause of the
 // procedure, nor of another row of it where it came twice, nor with one that can be brought back.

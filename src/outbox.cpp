@@ -230,8 +230,6 @@ remove_object (Outbox *outbox, OutboxKind kind, u64 object_db_id, const void *ob
     OutboxEntry *entry = &outbox->entries[i];
     if (is_entry_of (entry, kind, object_db_id)) {
       entry->removed_object = object;
-      // Widgets of an object that comes back are new ones.
-      entry->is_marked = false;
       settle_row (outbox, entry);
     }
   }

@@ -37,6 +37,17 @@ static void procedure_view_look_for_note (ProcedureView *self);
 
 G_DEFINE_TYPE (ClausesBox, clauses_box, GTK_TYPE_BOX)
 
+// The children but for a deleted one, which is hidden behind them. Freed with `g_list_free`.
+static GList *
+clauses_box_list_shown (ClausesBox *self)
+{
+  GList *children = gtk_container_get_children (GTK_CONTAINER (self));
+  GList *last = g_list_last (children);
+  if (last && !gtk_widget_get_visible (GTK_WIDGET (last->data)))
+    children = g_list_delete_link (children, last);
+  return children;
+}
+
 static bool
 has_place (gpointer child)
 {
@@ -62,7 +73,7 @@ clauses_box_lay_out_ahead (gpointer box)
 {
   ClausesBox *self = (ClausesBox *) box;
   s64 end = g_get_monotonic_time () + AHEAD_MAX;
-  GList *children = gtk_container_get_children (GTK_CONTAINER (self));
+  GList *children = clauses_box_list_shown (self);
   GList *link = g_list_nth (children, self->ahead_count);
   for (; link && has_place (link->data) && g_get_monotonic_time () < end; link = link->next) {
     GtkWidget *child = GTK_WIDGET (link->data);
@@ -109,7 +120,7 @@ clauses_box_map_near (ClausesBox *self)
   double page_size = gtk_adjustment_get_page_size (vadjustment);
   double start = gtk_adjustment_get_value (vadjustment) - page_size;
   double end = start + 3 * page_size;
-  GList *children = gtk_container_get_children (GTK_CONTAINER (self));
+  GList *children = clauses_box_list_shown (self);
   for (GList *link = children; link; link = link->next) {
     GtkWidget *child = GTK_WIDGET (link->data);
     GtkAllocation place;
@@ -213,7 +224,7 @@ static gboolean
 clauses_box_focus (GtkWidget *widget, GtkDirectionType direction)
 {
   GtkWidget *focus = gtk_container_get_focus_child (GTK_CONTAINER (widget));
-  GList *children = gtk_container_get_children (GTK_CONTAINER (widget));
+  GList *children = clauses_box_list_shown ((ClausesBox *) widget);
   GList *link = focus ? g_list_find (children, focus) : g_list_last (children);
   GList *next[] = {link ? link->prev : NULL, link, link ? link->next : NULL};
   for (GList *near : next) {
@@ -256,7 +267,7 @@ clauses_box_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
   ClausesBox *self = (ClausesBox *) widget;
   gtk_widget_set_allocation (widget, allocation);
   GtkAdjustment *page = procedure_view_get_page (widget);
-  GList *children = gtk_container_get_children (GTK_CONTAINER (self));
+  GList *children = clauses_box_list_shown (self);
   GtkRequestedSize *heights = clauses_box_alloc_heights (self, children, *allocation);
   GtkWidget *anchor = clauses_box_find_anchor (self, children, heights, page);
   GtkAllocation anchor_place = {};
@@ -326,7 +337,7 @@ procedure_view_find_clause_at_top (ProcedureView *self)
   double start =
     gtk_adjustment_get_value (procedure_view_get_page (GTK_WIDGET (self->clauses_box)));
   ClauseView *found = NULL;
-  GList *children = gtk_container_get_children (GTK_CONTAINER (self->clauses_box));
+  GList *children = clauses_box_list_shown ((ClausesBox *) self->clauses_box);
   for (GList *link = children; link && !found; link = link->next) {
     GtkAllocation place;
     gtk_widget_get_allocation (GTK_WIDGET (link->data), &place);
@@ -552,13 +563,22 @@ procedure_view_order_clause (ProcedureView *self, Clause *clause)
 }
 
 void
+procedure_view_put_clause_away (ProcedureView *self, Clause *clause)
+{
+  ClausesBox *box = (ClausesBox *) self->clauses_box;
+  gtk_widget_hide (GTK_WIDGET (clause->view));
+  gtk_widget_hide (GTK_WIDGET (clause->chat_page));
+  // Behind all others, each of which has its index in the procedure as its place.
+  gtk_box_reorder_child (GTK_BOX (box), GTK_WIDGET (clause->view), -1);
+  box->ahead_count = 0;
+}
+
+void
 procedure_view_put_clause_back (ProcedureView *self, Clause *clause)
 {
-  procedure_view_add_clause (self, clause);
   procedure_view_order_clause (self, clause);
-  clause_view_set_draft_mode (clause->view);
-  if (clause->draft)
-    clause_view_show_draft (clause->view);
+  gtk_widget_show (GTK_WIDGET (clause->view));
+  gtk_widget_show (GTK_WIDGET (clause->chat_page));
 }
 
 void

@@ -27,7 +27,9 @@ void procedure_view_fill (ProcedureView *self, String own);
 void procedure_view_add_clause (ProcedureView *self, Clause *clause);
 // Moves the view of a clause to the clause's place in the procedure.
 void procedure_view_order_clause (ProcedureView *self, Clause *clause);
-// Shows a clause whose deletion was undone, at its old place.
+// Hides view and chat page of a clause that the procedure has no longer, and shows them at the old place
+// when the deletion was undone, as the user left them.
+void procedure_view_put_clause_away (ProcedureView *self, Clause *clause);
 void procedure_view_put_clause_back (ProcedureView *self, Clause *clause);
 // Where the keyboard is to go on when nothing else of the page is meant.
 void procedure_view_focus_add_clause_button (ProcedureView *self);

@@ -116,13 +116,15 @@ open_revisions (TestWindow *test)
   EXPECT_TRUE (pump_until (is_mapped, gtk_menu_button_get_popover (GTK_MENU_BUTTON (button))));
 }
 
-// The rows of a list, each with what its two labels show.
+// The rows of a list that are seen, each with what its two labels show.
 static std::string
 list_rows (GtkListBox *list_box, const char *label, const char *other_label)
 {
   std::string list;
   for (int i = 0; gtk_list_box_get_row_at_index (list_box, i); i++) {
     GtkListBoxRow *row = gtk_list_box_get_row_at_index (list_box, i);
+    if (!gtk_widget_get_visible (GTK_WIDGET (row)))
+      continue;
     list += (gtk_list_box_row_is_selected (row) ? "*" : "") + get_text (row, label) + "|" +
             get_text (row, other_label) + "\n";
   }
@@ -753,6 +755,10 @@ TEST (app_window_remove_procedure, leaves_nothing_of_it)
   g_object_add_weak_pointer (G_OBJECT (row), &row);
   app_window_remove_procedure (test.window, procedure);
   pump ();
+  EXPECT_FALSE (gtk_widget_get_visible (GTK_WIDGET (view)));
+  EXPECT_FALSE (gtk_widget_get_visible (GTK_WIDGET (row)));
+  // When it cannot be undone any more.
+  deletion_end (test.window);
   EXPECT_FALSE (view);
   EXPECT_FALSE (row);
   EXPECT_EQ (test.window->procedures.count, 0u);

@@ -4,6 +4,7 @@
 
 #include "clause_chat_page.h"
 #include "db.h"
+#include "deletion.h"
 #include "fake_session.h"
 #include "morvane.h"
 #include "procedure_view.h"
@@ -1158,9 +1159,13 @@ struct NewClause {
 static void
 expect_no_clause (NewClause *fresh)
 {
+  EXPECT_EQ (get_procedure (&fresh->test)->clauses_count, 0u);
+  EXPECT_FALSE (gtk_widget_get_visible (GTK_WIDGET (fresh->view)));
+  EXPECT_FALSE (gtk_widget_get_visible (GTK_WIDGET (fresh->chat_page)));
+  // When it cannot be undone any more.
+  deletion_end (fresh->test.window);
   EXPECT_FALSE (fresh->view);
   EXPECT_FALSE (fresh->chat_page);
-  EXPECT_EQ (get_procedure (&fresh->test)->clauses_count, 0u);
   EXPECT_EQ (query (&fresh->test, "SELECT * FROM clauses"), "");
   EXPECT_EQ (query (&fresh->test, "SELECT * FROM clause_revisions"), "");
   EXPECT_EQ (take_sent (&fresh->test), "");

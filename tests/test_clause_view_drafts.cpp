@@ -331,7 +331,6 @@ TEST (clause_view_drafts, several_pile_up_and_each_can_be_brought_back)
   EXPECT_EQ (join (list_kept (drafts.clause)), "four\nthree\ntwo\n");
 }
 
-// The views are made anew then.
 TEST (clause_view_drafts, the_replaced_ones_stay_at_hand_when_a_deletion_is_undone)
 {
   Drafts drafts ({"first"}, "old draft");
@@ -860,18 +859,23 @@ TEST (clause_view_decisions, given_up_with_escape_are_gone)
 class ClauseViewDecisions : public testing::TestWithParam<bool> {};
 
 // Shown, or kept behind a revision that has arrived.
-TEST_P (ClauseViewDecisions, stay_at_hand_when_a_deletion_is_undone)
+TEST_P (ClauseViewDecisions, stay_in_the_comparison_when_a_deletion_is_undone)
 {
   Drafts drafts ({"one two x\nthree", "eins two y three"});
-  std::string text = begin_to_decide (&drafts);
+  begin_to_decide (&drafts);
+  std::string text = drafts.text ();
   if (GetParam ())
     drafts.receive (6000, "their words");
   app_window_remove_procedure (drafts.test->window, drafts.procedure);
   press (drafts.test->window, "undo_button");
   pump ();
-  drafts.procedure = drafts.test->window->procedures.procedures[0];
-  drafts.clause = drafts.procedure->clauses[0];
-  EXPECT_EQ (join (list_kept (drafts.clause)), excerpt (text) + "\n");
+  EXPECT_EQ (join (list_kept (drafts.clause)), "");
+  if (GetParam ()) {
+    EXPECT_EQ (drafts.text (), "their words");
+    EXPECT_TRUE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+  }
+  EXPECT_EQ (drafts.text (), text);
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
 }
 
 INSTANTIATE_TEST_SUITE_P (shown_or_aside, ClauseViewDecisions, testing::Bool ());

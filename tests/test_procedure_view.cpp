@@ -3,6 +3,7 @@
 #include "clause_chat_page.h"
 #include "clause_view.h"
 #include "db.h"
+#include "deletion.h"
 #include "morvane.h"
 #include "widget_test.h"
 
@@ -880,6 +881,8 @@ TEST (procedure_view_delete_button, removes_the_procedure_here_and_tells_nobody)
   EXPECT_EQ (query (&test, "SELECT title FROM procedures"), "Other\n");
   EXPECT_EQ (query (&test, "SELECT COUNT(*) FROM clauses"), "0\n");
   EXPECT_EQ (query (&test, "SELECT COUNT(*) FROM clause_revisions"), "0\n");
+  EXPECT_FALSE (gtk_list_box_get_selected_row (test.window->procedures_list_box));
+  deletion_end (test.window);
   EXPECT_EQ (gtk_list_box_get_row_at_index (test.window->procedures_list_box, 0), other->list_item);
   EXPECT_FALSE (gtk_list_box_get_row_at_index (test.window->procedures_list_box, 1));
   EXPECT_EQ (take_sent (&test), "");
