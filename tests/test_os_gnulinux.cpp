@@ -948,6 +948,33 @@ TEST_F (os_stream, wait_readable_waits_its_time_out_when_interrupted)
   EXPECT_GT (alarms_count, 0);
 }
 
+// The first lasts, and the second comes with data when nothing else ends the wait.
+static void
+lasting_alarm_handle (int number)
+{
+  alarm_handle (number);
+  struct itimerval second = {{}, {5, 0}};
+  struct timespec duration = {0, 50000000};
+  if (alarms_count == 1) {
+    setitimer (ITIMER_REAL, &second, NULL);
+    nanosleep (&duration, NULL);
+  }
+}
+
+TEST_F (os_stream, wait_readable_ends_behind_an_interruption_that_lasts_longer)
+{
+  alarms_count = 0;
+  alarms_before_data = 2;
+  alarm_socket = far;
+  struct sigaction action = {};
+  action.sa_handler = lasting_alarm_handle;
+  sigaction (SIGALRM, &action, NULL);
+  struct itimerval first = {{}, {0, 5000}};
+  setitimer (ITIMER_REAL, &first, NULL);
+  EXPECT_FALSE (os_wait_readable (near, 30));
+  stop_alarms ();
+}
+
 TEST_F (os_stream, wait_readable_sees_data_that_comes_after_interruptions)
 {
   start_alarms (far, 3);
