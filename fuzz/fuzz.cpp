@@ -106,6 +106,35 @@ fuzz_free_kept ()
     fuzz_free (heap.next + 1);
 }
 
+// ---- Locks ----
+// There is one thread, so that nobody ever waits: who takes what is held would wait for ever.
+
+static pthread_mutex_t *held_locks[8];
+static u32 held_locks_count;
+
+int
+fuzz_mutex_lock (pthread_mutex_t *mutex)
+{
+  for (u32 index = 0; index < held_locks_count; ++index)
+    CHECK (held_locks[index] != mutex);
+  CHECK (held_locks_count < G_N_ELEMENTS (held_locks));
+  held_locks[held_locks_count] = mutex;
+  ++held_locks_count;
+  return 0;
+}
+
+int
+fuzz_mutex_unlock (pthread_mutex_t *mutex)
+{
+  u32 index = 0;
+  while (index < held_locks_count && held_locks[index] != mutex)
+    ++index;
+  CHECK (index < held_locks_count);
+  --held_locks_count;
+  held_locks[index] = held_locks[held_locks_count];
+  return 0;
+}
+
 // ---- Checks ----
 
 static jmp_buf *stop_target;
@@ -139,11 +168,14 @@ is_stopped (void (*function) (void *data), void *data)
 {
   jmp_buf target;
   jmp_buf *target_before = stop_target;
+  u32 held_locks_before = held_locks_count;
   stop_target = &target;
   bool stopped = setjmp (target) != 0;
   if (!stopped)
     function (data);
   stop_target = target_before;
+  CHECK (stopped || held_locks_count == held_locks_before);
+  held_locks_count = held_locks_before;
   return stopped;
 }
 

@@ -60,7 +60,25 @@ String take_bytes (String *input, u64 size);
     "string_has_only_digits (message_time)", "string_has_only_digits (decision_time)",             \
     "string_has_only_digits (id_attrib)", "xml->next == NULL", "name.size", "field_name.size"
 
-// Parses and dispatches what was received as a session does it.
+// The window of the account that receives, in good order; nothing is sent or counted on it yet.
+AppWindow *fuzz_get_window ();
+// No reference on the window is lost: nothing that was handed over is left.
+void fuzz_check_window_references ();
+// Parses and dispatches what was received in one piece.
 void run_stanzas (String text);
 // The records handed over since the input began.
 extern u64 fuzz_records_count;
+
+// What a record for the interface says, with the fields that its kind has.
+struct FuzzRecord {
+  const char *kind;
+  String from;        // the sender's address, as received
+  String text;        // a text, a title, a decision or a condition
+  String words;       // an error's own words
+  String authors[4];  // of the pairs, from the procedure's on
+  s64 times[4];
+  u64 id;
+};
+
+// Called for each record, in front of its end, when the target has set it.
+extern void (*fuzz_record_handler) (const FuzzRecord *record);

@@ -1,6 +1,8 @@
-// Included by the build in front of every source: the heap of the sources is the fuzzers' own.
+// Included by the build in front of every source: the heap and the locks of the sources are the
+// fuzzers' own.
 #pragma once
 
+#include <pthread.h>
 #include <stdlib.h>
 
 extern "C" void *fuzz_malloc (size_t size);
@@ -12,3 +14,10 @@ extern "C" void fuzz_free (void *block);
 #define calloc  fuzz_calloc
 #define realloc fuzz_realloc
 #define free    fuzz_free
+
+extern "C" int fuzz_mutex_lock (pthread_mutex_t *mutex);
+extern "C" int fuzz_mutex_unlock (pthread_mutex_t *mutex);
+
+// A designed stop leaves its locks behind as it leaves memory.
+#define pthread_mutex_lock   fuzz_mutex_lock
+#define pthread_mutex_unlock fuzz_mutex_unlock

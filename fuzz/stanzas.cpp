@@ -14,7 +14,7 @@ u64 fuzz_records_count;
 
 // ---- The window ----
 
-// Only the account in it is read. It is no object of GLib's, whose counting is replaced.
+// Only its account and its session are read. It is no object of GLib's, whose counting is replaced.
 static AppWindow fuzz_window;
 static s64 window_references_count;
 
@@ -32,22 +32,27 @@ g_object_unref (gpointer object)
   --window_references_count;
 }
 
-static AppWindow *
-get_window ()
+AppWindow *
+fuzz_get_window ()
 {
-  if (!fuzz_window.account.data) {
-    fuzz_window.account.data = (u8 *) "anna@alpha.test/desk";
-    fuzz_window.account.full_jid = to_string ("anna@alpha.test/desk");
-    fuzz_window.account.bare_jid = to_string ("anna@alpha.test");
-    fuzz_window.account.resource = to_string ("desk");
-  }
+  fuzz_window = {};
+  fuzz_window.account.data = (u8 *) "anna@alpha.test/desk";
+  fuzz_window.account.full_jid = to_string ("anna@alpha.test/desk");
+  fuzz_window.account.bare_jid = to_string ("anna@alpha.test");
+  fuzz_window.account.resource = to_string ("desk");
   window_references_count = 0;
   return &fuzz_window;
 }
 
+void
+fuzz_check_window_references ()
+{
+  CHECK (window_references_count == 0);
+}
+
 // ---- Dispatch ----
 
-// Who sent the message that is being dispatched.
+// Who sent the message that is being dispatched; without data when only the target knows.
 static String message_from;
 
 static void
@@ -69,7 +74,7 @@ dispatch (AppWindow *window, XMLElement *tree, bool is_last_open)
 void
 run_stanzas (String text)
 {
-  AppWindow *window = get_window ();
+  AppWindow *window = fuzz_get_window ();
   XMLScanner scanner = {};
   xml_scanner_feed (&scanner, text);
   bool is_open = !xml_scanner_is_complete (&scanner);
@@ -86,10 +91,20 @@ run_stanzas (String text)
     }
   }
   dealloc (block);
-  CHECK (window_references_count == 0);
+  fuzz_check_window_references ();
 }
 
 // ---- Handlers ----
+
+void (*fuzz_record_handler) (const FuzzRecord *record);
+
+static void
+note_record (FuzzRecord record)
+{
+  ++fuzz_records_count;
+  if (fuzz_record_handler)
+    fuzz_record_handler (&record);
+}
 
 static void
 check_pair (String author, s64 time)
@@ -102,6 +117,8 @@ check_pair (String author, s64 time)
 static void
 check_sender (String author, bool may_name_user)
 {
+  if (!message_from.data)
+    return;
   CHECK (author.size <= message_from.size);
   String rest = string_advance (message_from, author.size);
   CHECK (memcmp (author.data, message_from.data, author.size) == 0);
@@ -115,7 +132,7 @@ app_window_get_xmpp_message_signal (gpointer data)
   XMPPMessageSignal *signal = (XMPPMessageSignal *) accept_hand_over (data);
   CHECK (signal->from.size);
   CHECK (is_storable_text (signal->text));
-  ++fuzz_records_count;
+  note_record ({"message", signal->from, signal->text, {}, {}, {}, 0});
   dealloc_xmpp_message_signal (signal);
   return G_SOURCE_REMOVE;
 }
@@ -126,17 +143,17 @@ app_window_get_xmpp_message_error_signal (gpointer data)
   XMPPMessageErrorSignal *signal = (XMPPMessageErrorSignal *) accept_hand_over (data);
   CHECK (signal->from.size);
   CHECK (is_storable_text (signal->text));
-  ++fuzz_records_count;
+  note_record ({"error", signal->from, signal->condition, signal->text, {}, {}, signal->id});
   dealloc_xmpp_message_error_signal (signal);
   return G_SOURCE_REMOVE;
 }
 
 static gboolean
-take_presence (gpointer data)
+take_presence (gpointer data, const char *kind)
 {
   XMPPPresenceSignal *signal = (XMPPPresenceSignal *) accept_hand_over (data);
   CHECK (signal->from.size);
-  ++fuzz_records_count;
+  note_record ({kind, signal->from, {}, {}, {}, {}, 0});
   dealloc_xmpp_presence_available_signal (signal);
   return G_SOURCE_REMOVE;
 }
@@ -144,38 +161,39 @@ take_presence (gpointer data)
 gboolean
 app_window_get_xmpp_presence_confirm_signal (gpointer data)
 {
-  return take_presence (data);
+  return take_presence (data, "confirm");
 }
 
 gboolean
 app_window_get_xmpp_presence_available_signal (gpointer data)
 {
-  return take_presence (data);
+  return take_presence (data, "available");
 }
 
 gboolean
 app_window_get_xmpp_presence_unavailable_signal (gpointer data)
 {
-  return take_presence (data);
+  return take_presence (data, "unavailable");
 }
 
 gboolean
 app_window_get_xmpp_presence_subscribe_signal (gpointer data)
 {
-  return take_presence (data);
+  return take_presence (data, "subscribe");
 }
 
 gboolean
 app_window_get_xmpp_presence_subscribed_signal (gpointer data)
 {
-  return take_presence (data);
+  return take_presence (data, "subscribed");
 }
 
 gboolean
 app_window_get_iq_error_message (gpointer data)
 {
-  ++fuzz_records_count;
-  dealloc_xmpp_iq_error_signal ((XMPPIQErrorSignal *) accept_hand_over (data));
+  XMPPIQErrorSignal *signal = (XMPPIQErrorSignal *) accept_hand_over (data);
+  note_record ({"iq error", {}, {}, {}, {}, {}, signal->id});
+  dealloc_xmpp_iq_error_signal (signal);
   return G_SOURCE_REMOVE;
 }
 
@@ -184,7 +202,7 @@ app_window_get_vcard_message (gpointer data)
 {
   VCardMessage *message = (VCardMessage *) accept_hand_over (data);
   CHECK (!message->from.data || message->from.size);
-  ++fuzz_records_count;
+  note_record ({"vcard", message->from, {}, {}, {}, {}, message->id});
   dealloc_vcard_message (message);
   return G_SOURCE_REMOVE;
 }
@@ -196,7 +214,7 @@ app_window_get_xmpp_procedure (gpointer data)
   CHECK (message->title.size);
   CHECK (is_storable_text (message->title));
   check_pair (message->initiator, message->time);
-  ++fuzz_records_count;
+  note_record ({"procedure", {}, message->title, {}, {message->initiator}, {message->time}, 0});
   dealloc_xmpp_procedure (message);
   return G_SOURCE_REMOVE;
 }
@@ -208,7 +226,13 @@ app_window_get_xmpp_clause (gpointer data)
   check_pair (message->procedure_initiator, message->procedure_time);
   check_pair (message->clause_initiator, message->clause_time);
   check_sender (message->clause_initiator, false);
-  ++fuzz_records_count;
+  note_record ({"clause",
+                {},
+                {},
+                {},
+                {message->procedure_initiator, message->clause_initiator},
+                {message->procedure_time, message->clause_time},
+                0});
   dealloc_xmpp_clause (message);
   return G_SOURCE_REMOVE;
 }
@@ -222,7 +246,13 @@ app_window_get_xmpp_clause_revision (gpointer data)
   check_pair (message->clause_initiator, message->clause_time);
   check_pair (message->revision_author, message->revision_time);
   check_sender (message->revision_author, false);
-  ++fuzz_records_count;
+  note_record ({"revision",
+                {},
+                message->text,
+                {},
+                {message->procedure_initiator, message->clause_initiator, message->revision_author},
+                {message->procedure_time, message->clause_time, message->revision_time},
+                0});
   dealloc_xmpp_clause_revision (message);
   return G_SOURCE_REMOVE;
 }
@@ -236,7 +266,13 @@ app_window_get_xmpp_clause_message (gpointer data)
   check_pair (message->clause_initiator, message->clause_time);
   check_pair (message->message_author, message->message_time);
   check_sender (message->message_author, true);
-  ++fuzz_records_count;
+  note_record ({"clause message",
+                {},
+                message->text,
+                {},
+                {message->procedure_initiator, message->clause_initiator, message->message_author},
+                {message->procedure_time, message->clause_time, message->message_time},
+                0});
   dealloc_xmpp_clause_message (message);
   return G_SOURCE_REMOVE;
 }
@@ -252,9 +288,31 @@ app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
   check_pair (signal->revision_author, signal->revision_time);
   check_pair (signal->decision_author, signal->decision_time);
   check_sender (signal->decision_author, false);
-  ++fuzz_records_count;
+  note_record (
+    {"decision",
+     {},
+     to_string (signal->status == DECISION_AGREE ? "AGREE" : "DISAGREE"),
+     {},
+     {signal->procedure_initiator, signal->clause_initiator, signal->revision_author,
+      signal->decision_author},
+     {signal->procedure_time, signal->clause_time, signal->revision_time, signal->decision_time},
+     0});
   dealloc_xmpp_clause_revision_decision_signal (signal);
   return G_SOURCE_REMOVE;
+}
+
+// ---- The worker ----
+// Nobody tells it to leave, and what it hands over is applied at once.
+
+void
+app_window_worker_keep_pace (AppWindow *)
+{
+}
+
+bool
+app_window_is_worker_interrupted (AppWindow *)
+{
+  return false;
 }
 
 // ---- Never called ----
@@ -268,18 +326,6 @@ app_window_note_acknowledged (AppWindow *)
 
 void
 app_window_worker_leave (AppWindow *)
-{
-  CHECK (!"called");
-}
-
-void
-app_window_worker_keep_pace (AppWindow *)
-{
-  CHECK (!"called");
-}
-
-bool
-app_window_is_worker_interrupted (AppWindow *)
 {
   CHECK (!"called");
 }

@@ -565,9 +565,8 @@ handle_received (AppWindow *window, Received received)
   }
 }
 
-// Receives until the stream ends. `kept` came ahead of the session.
-static void
-run_session (AppWindow *window, String kept)
+void
+run_xmpp_session (AppWindow *window, String kept)
 {
   Receiver receiver;
   receiver_begin (&receiver, window->connection.tls_session, window->input_stream_buffer, kept);
@@ -634,7 +633,7 @@ start_xmpp_connection_thread (void *argument)
   }
   xmpp_send_presence (tls_session, buffer, window->account.full_jid);
   hand_over (login_page_handle_login_success, g_object_ref (window));
-  run_session (window, kept);
+  run_xmpp_session (window, kept);
   dealloc_string (kept);
   return end_worker (window, NULL, NULL);
 }

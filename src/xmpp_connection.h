@@ -106,6 +106,9 @@ u64 xmpp_iq_set_register (gnutls_session_t tls_session, Buffer buffer, u64 id, S
 
 void *start_xmpp_connection_thread (void *data);
 void *start_xmpp_register_thread (void *data);
+// What the first of them does after a login: receives on the window's session and dispatches, until
+// the server ends the stream; then ends ours. `kept` came ahead of the session, and is copied.
+void run_xmpp_session (AppWindow *window, String kept);
 
 // ---- Dispatch ----
 // Each takes one received top-level element.
