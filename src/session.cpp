@@ -360,15 +360,25 @@ app_window_say_farewell (AppWindow *self)
   return is_told;
 }
 
+// What the interface is asked to say when all that the worker has taken is applied.
+struct Farewell {
+  AppWindow *window;  // with a reference
+  Worker *worker;     // of the session that it ends; with a reference
+};
+
 // The last word in a session with stream management, behind all that the worker has taken: what the
-// server delivers after it stays the server's, and comes again.
+// server delivers after it stays the server's, and comes again. A session that has ended by itself
+// meanwhile needs none, and the window's next one, or a login to it, must not hear it.
 static gboolean
 app_window_farewell_is_due (gpointer data)
 {
-  AppWindow *self = (AppWindow *) accept_hand_over (data);
-  if (!self->closed)
+  Farewell *farewell = (Farewell *) accept_hand_over (data);
+  AppWindow *self = farewell->window;
+  if (!self->closed && self->worker == farewell->worker)
     app_window_say_farewell (self);
+  worker_unref (farewell->worker);
   g_object_unref (self);
+  g_free (farewell);
   return G_SOURCE_REMOVE;
 }
 
@@ -376,8 +386,11 @@ void
 app_window_begin_farewell (AppWindow *self)
 {
   if (stream_management_is_counting (&self->stream_management)) {
+    Farewell *farewell = g_new (Farewell, 1);
+    farewell->window = (AppWindow *) g_object_ref (self);
+    farewell->worker = worker_ref (self->worker);
     stop_taking_stanzas (self);
-    hand_over (app_window_farewell_is_due, g_object_ref (self));
+    hand_over (app_window_farewell_is_due, farewell);
   } else {
     app_window_say_farewell (self);
   }

@@ -459,6 +459,42 @@ TEST (stream_management, what_was_applied_is_acknowledged_ahead_of_the_end_and_n
   }
 }
 
+// Logs in again as soon as that is possible, and goes on when the server has the presence.
+static gboolean
+log_in_next (gpointer data)
+{
+  Session *session = (Session *) data;
+  AppWindow *window = session->window;
+  if (window->account_db_id || app_window_is_worker_running (window))
+    return G_SOURCE_CONTINUE;
+  GtkWidget *password_entry = find_widget (window->login_page, "password_entry");
+  gtk_entry_set_text (GTK_ENTRY (password_entry), "pw");
+  gtk_button_clicked (GTK_BUTTON (find_widget (window->login_page, "login_button")));
+  EXPECT_TRUE (
+    scripted_server_wait_steps (session->server, 2 * script_login (JID, managed ()).size () + 3));
+  return G_SOURCE_REMOVE;
+}
+
+// The user asks for the end while the worker's leave waits to be handled; what stands between the two
+// may take long.
+TEST (stream_management, the_farewell_of_a_session_that_has_ended_meanwhile_is_not_said_to_the_next)
+{
+  ServerScript script = script_login (JID, managed ());
+  script_append (&script, {server_expect_until (ASK), server_wait (), server_close ()});
+  script_append (&script, script_login (JID, managed ()));
+  script_append (&script, {server_send (procedure (100)), server_expect_until (answer (3))});
+  Session session;
+  session.server = scripted_server_start (script);
+  session.log_in ();
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (worker_wait_until_left (session.window->worker, get_deadline (60000)));
+  g_idle_add (log_in_next, &session);
+  app_window_log_in_again (session.window);
+  EXPECT_TRUE (pump_until (has_procedure, session.window));
+  ServerReport report = session.finish ();
+  EXPECT_EQ (count_of (report.received, "</stream:stream>"), 0u);
+}
+
 TEST (stream_management, a_stanza_that_is_too_long_counts_too)
 {
   Session session;
