@@ -315,6 +315,21 @@ clause_comparison_is_at (ClauseComparison *self, int x_root, int y_root)
   return is_inside;
 }
 
+void
+clause_comparison_note_rest (ClauseComparison *self)
+{
+  GdkDisplay *display = gtk_widget_get_display (GTK_WIDGET (self->text_view));
+  GdkDevice *pointer = gdk_seat_get_pointer (gdk_display_get_default_seat (display));
+  gdk_device_get_position (pointer, NULL, &self->rest_x, &self->rest_y);
+  self->has_rest = true;
+}
+
+bool
+clause_comparison_is_at_rest (ClauseComparison *self, int x_root, int y_root)
+{
+  return self->has_rest && x_root == self->rest_x && y_root == self->rest_y;
+}
+
 // ---- Deciding ----
 
 // The mark that makes a return symbol of the character at `iter`; NULL when that is text.

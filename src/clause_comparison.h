@@ -31,6 +31,10 @@ struct ClauseComparison {
   bool has_run;
   GtkTextIter run_start;
   GtkTextIter run_end;
+  // Where the pointer stood on the screen when the cursor brought the tools to their run.
+  bool has_rest;  // else the pointer brought them
+  int rest_x;
+  int rest_y;
 };
 
 // ---- Making ----
@@ -73,6 +77,10 @@ void clause_comparison_hide_tools (ClauseComparison *self);
 bool clause_comparison_has_focus_in_tools (ClauseComparison *self);
 // Whether a place on the screen lies in what is in sight of text and tools.
 bool clause_comparison_is_at (ClauseComparison *self, int x_root, int y_root);
+// The cursor has brought the tools: the pointer rests where it is.
+void clause_comparison_note_rest (ClauseComparison *self);
+// Whether the pointer, now at this place on the screen, has rested since the cursor brought the tools.
+bool clause_comparison_is_at_rest (ClauseComparison *self, int x_root, int y_root);
 
 // ---- Deciding ----
 

@@ -533,17 +533,22 @@ clause_view_text_view_motion_notify_handle (GtkWidget *widget, GdkEventMotion *e
   y += border_width;
   GtkTextIter iter;
   gtk_text_view_get_iter_at_location (text_view, &iter, x, y);
+  self->comparison.has_rest = false;
   clause_view_show_diff_tools (self, iter, x);
   return FALSE;
 }
 
-// From the text, the pointer may go on to the tools, and back.
+// From the text, the pointer may go on to the tools, and back. A text that gets shorter, or is scrolled,
+// leaves a pointer that rests behind: tools that the cursor has brought stay, or a key that is on its
+// way to one of them would be lost.
 static gboolean
 clause_view_diff_leave_notify_handle (GtkWidget *, GdkEventCrossing *event, ClauseView *self)
 {
   int x_root = (int) event->x_root;
   int y_root = (int) event->y_root;
-  if (self->comparison.has_run && !clause_comparison_is_at (&self->comparison, x_root, y_root))
+  bool has_left = !clause_comparison_is_at (&self->comparison, x_root, y_root) &&
+                  !clause_comparison_is_at_rest (&self->comparison, x_root, y_root);
+  if (self->comparison.has_run && has_left)
     clause_view_hide_diff_tools (self);
   return FALSE;
 }
@@ -558,6 +563,7 @@ clause_view_cursor_position_handle (GtkTextBuffer *text_buffer, GParamSpec *, Cl
   gtk_text_buffer_get_iter_at_mark (text_buffer, &iter, gtk_text_buffer_get_insert (text_buffer));
   GdkRectangle location;
   gtk_text_view_get_iter_location (self->text_view, &iter, &location);
+  clause_comparison_note_rest (&self->comparison);
   clause_view_show_diff_tools (self, iter, location.x);
 }
 

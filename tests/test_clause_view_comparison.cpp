@@ -807,6 +807,36 @@ TEST (clause_view_comparison, tools_that_go_give_the_focus_back_to_the_text)
   EXPECT_TRUE (gtk_widget_is_focus (GTK_WIDGET (get_text_view (comparison.clause))));
 }
 
+// A text that gets shorter leaves the pointer behind, and the display tells it when keys are on their
+// way to the next change.
+TEST (clause_view_comparison, tools_stay_for_the_keyboard_while_the_pointer_rests)
+{
+  Comparison comparison ({"common b", "common c"});
+  Clause *clause = comparison.clause;
+  choose (clause, WITH_PREVIOUS);
+  GdkDisplay *display = gtk_widget_get_display (GTK_WIDGET (get_text_view (clause)));
+  GdkDevice *pointer = gdk_seat_get_pointer (gdk_display_get_default_seat (display));
+  gdk_device_warp (pointer, gdk_display_get_default_screen (display), 3, 3);
+  pump ();
+  int x;
+  int y;
+  gdk_device_get_position (pointer, NULL, &x, &y);
+  press_key (&comparison.test, GDK_KEY_F8);
+  press_key (&comparison.test, GDK_KEY_Tab);
+  leave (clause, "text_view", x, y);
+  EXPECT_TRUE (are_tools_shown (clause));
+  press_key (&comparison.test, GDK_KEY_space);
+  EXPECT_EQ (show_runs (clause), "common b[+c+]");
+  // One that moves takes them along, and so does one that brought them.
+  press_key (&comparison.test, GDK_KEY_F8);
+  leave (clause, "text_view", x + 1, y);
+  EXPECT_FALSE (are_tools_shown (clause));
+  press_key (&comparison.test, GDK_KEY_F8);
+  hover (clause, 8);
+  leave (clause, "text_view", x, y);
+  EXPECT_FALSE (are_tools_shown (clause));
+}
+
 TEST (clause_view_comparison, tools_stand_under_their_change_whichever_way_the_window_reads)
 {
   int shift[2];
