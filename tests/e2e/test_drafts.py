@@ -76,6 +76,47 @@ class Drafts(driver.Case):
         anna.close()
         bert.close()
 
+    def bring_back(self, anna):
+        node = anna.wait_for("Clause text", driver.ENTRY_ROLES)
+        anna.open_menu(node, "Bring back the replaced draft")
+        anna.press_menu_item("Bring back the replaced draft")
+
+    def log_in_again(self, anna):
+        anna.activate()
+        self.desktop.key("ctrl+shift+l")
+        anna.wait_for("Login", driver.BUTTON_ROLES)
+        anna.login(driver.ANNA)
+        anna.open_procedure(TITLE)
+
+    def test_second_login_and_undo(self):
+        """a replaced draft is at hand after a second login, what is typed after the undo of a deletion"""
+        anna = self.clause()
+        anna.write(0, "First words")
+        self.log_in_again(anna)
+        self.assertEqual(anna.drafts(), ["First words"])
+        anna.wait_text("Clause text", "Committed text")
+        anna.write(0, "Other words")
+        self.log_in_again(anna)
+        self.assertEqual(anna.drafts(), ["Other words"])
+        self.bring_back(anna)
+        anna.wait_text("Clause text", "First words")
+        self.assertEqual(anna.drafts(), ["First words"])
+        self.says("the procedure is deleted while there is typing in it")
+        anna.write(0, "Words that nobody has stored")
+        anna.click("Delete procedure")
+        anna.wait_no_label(TITLE)
+        self.assertEqual(anna.drafts(), [])
+        self.picture("deleted")
+        anna.click("Undo")
+        anna.wait_text("Clause text", "Words that nobody has stored")
+        self.assertEqual(anna.drafts(), ["Words that nobody has stored"])
+        self.picture("undone")
+        self.says("and deleted for good")
+        anna.click("Delete procedure")
+        anna.wait_no_label(TITLE)
+        anna.close()
+        self.assertEqual(anna.drafts(), [])
+
     def two(self):
         """Both look at a clause of anna's; bert is about to commit, without the keyboard."""
         anna, bert = self.clause(), self.bert().start()
@@ -107,8 +148,7 @@ class Drafts(driver.Case):
         anna.press_menu_item("Bring back the replaced draft")
         anna.wait_text("Clause text", "Words of anna")
         self.assertEqual(anna.drafts(), ["Words of anna"])
-        anna.open_menu(node, "Bring back the replaced draft")
-        anna.press_menu_item("Bring back the replaced draft")
+        self.bring_back(anna)
         anna.wait_text("Clause text", "Words of bertx")
         anna.close()
         bert.close()
