@@ -24,6 +24,14 @@ run (TestWindow *test, const std::string &sql)
   EXPECT_EQ (sqlite3_exec (test->db, sql.c_str (), NULL, NULL, NULL), SQLITE_OK) << sql;
 }
 
+static void
+copy (sqlite3 *from, sqlite3 *to)
+{
+  sqlite3_backup *backup = sqlite3_backup_init (to, "main", from, "main");
+  EXPECT_EQ (sqlite3_backup_step (backup, -1), SQLITE_DONE);
+  sqlite3_backup_finish (backup);
+}
+
 // A window that shows Alice's procedure with Bob, with one clause of hers.
 struct Drafts {
   std::unique_ptr<TestWindow> test = std::make_unique<TestWindow> ();
@@ -65,17 +73,32 @@ struct Drafts {
     pump ();
   }
 
+  // The program is started again over this store.
+  void start (sqlite3 *db)
+  {
+    std::unique_ptr<TestWindow> next = std::make_unique<TestWindow> ();
+    copy (db, next->db);
+    run (next.get (), "PRAGMA synchronous = OFF;");
+    test = std::move (next);
+    show ();
+  }
+
   // The program ends and is started again.
   void restart ()
   {
     close_window (test.get ());
-    std::unique_ptr<TestWindow> next = std::make_unique<TestWindow> ();
-    sqlite3_backup *copy = sqlite3_backup_init (next->db, "main", test->db, "main");
-    EXPECT_EQ (sqlite3_backup_step (copy, -1), SQLITE_DONE);
-    sqlite3_backup_finish (copy);
-    run (next.get (), "PRAGMA synchronous = OFF;");
-    test = std::move (next);
-    show ();
+    start (test->db);
+  }
+
+  // The same without an end: what the store has at this moment is all that is left.
+  void die ()
+  {
+    sqlite3 *store;
+    EXPECT_EQ (sqlite3_open (":memory:", &store), SQLITE_OK);
+    copy (test->db, store);
+    close_window (test.get ());
+    start (store);
+    sqlite3_close (store);
   }
 
   std::string stored ()
@@ -212,6 +235,8 @@ compare_row (Drafts *drafts, const std::string &label)
   pump ();
   GtkListBoxRow *row = find_row (drafts->clause, label);
   ASSERT_TRUE (row);
+  // He waits until keys are heard again.
+  key_guard_end (GTK_WINDOW (drafts->test->window));
   gtk_widget_grab_focus (GTK_WIDGET (row));
   press_key (drafts->test.get (), GDK_KEY_Menu);
   pump ();
@@ -966,11 +991,19 @@ TEST (clause_view_haste, press_that_began_before_decides_nothing)
   EXPECT_EQ (list_decisions (&drafts), "");
 }
 
+static bool
+is_left_by_pointer (void *button)
+{
+  return !(gtk_widget_get_state_flags (GTK_WIDGET (button)) & GTK_STATE_FLAG_PRELIGHT);
+}
+
 // A press that ended beside the button is over, and says nothing of a key hours later.
 TEST (clause_view_haste, press_that_ended_elsewhere_is_forgotten)
 {
   Drafts drafts ({"first", "second"});
   point_at (&drafts, "text_view");
+  // The window may have come up with the pointer above the button.
+  EXPECT_TRUE (pump_until (is_left_by_pointer, drafts.widget ("agree_button")));
   g_signal_emit_by_name (drafts.widget ("agree_button"), "pressed");
   g_signal_emit_by_name (drafts.widget ("agree_button"), "released");
   ASSERT_EQ (list_decisions (&drafts), "");
@@ -1223,6 +1256,18 @@ show_draft (DraftsModel *model)
   model->parent = model->stored;
 }
 
+// The program was started with what is stored, and the page is shown. A clause without a revision
+// shows its draft.
+static void
+begin_again (Drafts *drafts, DraftsModel *model)
+{
+  model->owed.clear ();
+  model->is_unsaved = false;
+  own (model, model->stored);
+  model->shown = drafts->clause->revisions_count ? DraftsModel::REVISION : DraftsModel::DRAFT;
+  model->text = model->stored;
+}
+
 enum Step {
   STEP_TYPE,
   STEP_LEAVE,
@@ -1241,8 +1286,17 @@ enum Step {
   STEP_CANCEL,
   STEP_DECIDE,
   STEP_DELETE_OTHER,
+  STEP_DECIDE_RUN,
+  STEP_DELETE_PROCEDURE,
+  STEP_TEN_SECONDS,
   STEP_RESTART,
+  STEP_KILL,
   STEPS_COUNT
+};
+
+// Of all that can be done, what a walk did.
+struct DraftsFigures {
+  unsigned counts[STEPS_COUNT];
 };
 
 static void
@@ -1252,6 +1306,67 @@ read_shown (Drafts *drafts, DraftsModel *model)
   model->shown = status == "draft"                          ? DraftsModel::DRAFT
                  : status.find (" > ") != std::string::npos ? DraftsModel::COMPARISON
                                                             : DraftsModel::REVISION;
+}
+
+// A clause without a revision that the user cancels is deleted, and comes back with an undo.
+static bool
+is_deleted_by_cancel (Drafts *drafts)
+{
+  return drafts->clause->revisions_count == 0;
+}
+
+static void
+undo_deletion (Drafts *drafts)
+{
+  EXPECT_EQ (drafts->stored (), "");
+  press (drafts->test->window, "undo_button");
+  pump ();
+  EXPECT_EQ (drafts->procedure->clauses[0], drafts->clause);
+}
+
+// What comes for a deleted procedure waits for the undo.
+static void
+send_to_deleted_procedure (Drafts *drafts, s64 time, const char *text)
+{
+  XMPPClauseRevision *record = alloc_record<XMPPClauseRevision> (drafts->test->window);
+  record->text = alloc_string (text);
+  record->procedure_initiator = alloc_string (ALICE);
+  record->procedure_time = 1000;
+  record->clause_initiator = alloc_string (ALICE);
+  record->clause_time = 2000;
+  record->revision_author = alloc_string (BOB);
+  record->revision_time = time;
+  app_window_get_xmpp_clause_revision (record);
+}
+
+// As a timer does when its time has come; the view has another one for what it refuses.
+static void
+let_ten_seconds_pass (Drafts *drafts)
+{
+  gpointer view = drafts->clause->view;
+  for (int i = 0; i < 2; i++) {
+    GSource *source = g_main_context_find_source_by_user_data (NULL, view);
+    if (source)
+      g_source_set_ready_time (source, 0);
+    pump ();
+  }
+  EXPECT_FALSE (g_main_context_find_source_by_user_data (NULL, view));
+}
+
+static bool
+has_changes (Drafts *drafts)
+{
+  GtkTextIter iter;
+  gtk_text_buffer_get_start_iter (drafts->buffer (), &iter);
+  return gtk_text_iter_starts_tag (&iter, NULL) ||
+         gtk_text_iter_forward_to_tag_toggle (&iter, NULL);
+}
+
+// What the popover shows of a text.
+static std::string
+shorten (const std::string &text)
+{
+  return text.size () <= 40 ? text : text.substr (0, 40) + "\u2026";
 }
 
 static bool
@@ -1275,10 +1390,12 @@ take_step (Drafts *drafts, DraftsModel *model, Step step, unsigned number)
     break;
   case STEP_LEAVE:
     drafts->focus ("text_view");
-    drafts->focus ("chat_button");
+    drafts->focus ("revision_select_menu_button");
     save (model);
     break;
   case STEP_SHOW_REVISION: {
+    if (!clause->revisions_count)
+      break;
     ClauseRevision *revision = clause->revisions[number % clause->revisions_count];
     show_row (clause, to_std_string (revision->author) + ":" + std::to_string (revision->time));
     save (model);
@@ -1301,9 +1418,10 @@ take_step (Drafts *drafts, DraftsModel *model, Step step, unsigned number)
       model->shown = DraftsModel::COMPARISON;
     break;
   case STEP_COMPARE_ROW:
-    if (model->shown != DraftsModel::DRAFT || model->text.empty ())
+    if (model->shown != DraftsModel::DRAFT || model->text.empty () || !clause->revisions_count)
       break;
-    compare_row (drafts, to_std_string (clause->revisions[0]->author) + ":3000");
+    compare_row (drafts, to_std_string (clause->revisions[0]->author) + ":" +
+                           std::to_string (clause->revisions[0]->time));
     save (model);
     model->shown = DraftsModel::COMPARISON;
     break;
@@ -1344,8 +1462,9 @@ take_step (Drafts *drafts, DraftsModel *model, Step step, unsigned number)
     pump ();
     save (model);
     model->shown = DraftsModel::DRAFT;
-    model->text = kept[index];
-    own (model, kept[index]);
+    model->text = drafts->text ();
+    EXPECT_EQ (shorten (model->text), kept[index]);
+    own (model, model->text);
     break;
   }
   case STEP_UNDO: {
@@ -1368,6 +1487,11 @@ take_step (Drafts *drafts, DraftsModel *model, Step step, unsigned number)
     if (model->shown != DraftsModel::DRAFT)
       break;
     press (clause->view, "cancel_button");
+    if (is_deleted_by_cancel (drafts)) {
+      undo_deletion (drafts);
+      save (model);
+      break;
+    }
     give_up (model);
     break;
   case STEP_DECIDE: {
@@ -1386,12 +1510,43 @@ take_step (Drafts *drafts, DraftsModel *model, Step step, unsigned number)
     type (drafts->procedure->clauses[1]->view, "text_view", "other clause");
     press (drafts->procedure->clauses[1]->view, "cancel_button");
     break;
+  case STEP_DECIDE_RUN: {
+    if (model->shown != DraftsModel::COMPARISON || !has_changes (drafts))
+      break;
+    drafts->focus ("text_view");
+    key_guard_end (GTK_WINDOW (test->window));
+    press_key (test, GDK_KEY_F8);
+    bool is_removed = number % 2;
+    press (clause->view, is_removed ? "diff_del_button" : "diff_add_button");
+    if (is_removed && !has_changes (drafts)) {
+      edit (model, drafts->text ());
+      save (model);
+    }
+    break;
+  }
+  case STEP_DELETE_PROCEDURE:
+    press (drafts->procedure->view, "delete_button");
+    save (model);
+    EXPECT_EQ (test->window->procedures.count, 0u);
+    if (number % 3 == 0) {
+      send_to_deleted_procedure (drafts, 10000 + (s64) number, text.c_str ());
+      model->shown = DraftsModel::REVISION;
+    }
+    undo_deletion (drafts);
+    break;
+  case STEP_TEN_SECONDS:
+    if (model->is_unsaved)
+      let_ten_seconds_pass (drafts);
+    save (model);
+    break;
   case STEP_RESTART:
     save (model);
     drafts->restart ();
-    model->owed.clear ();
-    own (model, model->stored);
-    model->shown = DraftsModel::REVISION;
+    begin_again (drafts, model);
+    break;
+  case STEP_KILL:
+    drafts->die ();
+    begin_again (drafts, model);
     break;
   case STEPS_COUNT:
     break;
@@ -1409,33 +1564,61 @@ expect_kept (Drafts *drafts, const DraftsModel &model)
   EXPECT_EQ (stored == "\n" ? "" : stored, model.stored.empty () ? "" : model.stored + "\n");
   std::vector<std::string> kept = list_kept (drafts->clause);
   std::set<std::string> at_hand (kept.begin (), kept.end ());
-  at_hand.insert (model.stored);
+  at_hand.insert (shorten (model.stored));
   for (const std::string &text : model.owed)
-    EXPECT_TRUE (at_hand.count (text)) << text << " is gone; at hand:\n" << join (kept);
+    EXPECT_TRUE (at_hand.count (shorten (text))) << text << " is gone; at hand:\n" << join (kept);
+}
+
+// A long walk, or another one, is asked for from outside.
+static unsigned
+get_number (const char *name, unsigned usual)
+{
+  const char *number = getenv (name);
+  return number ? (unsigned) atoi (number) : usual;
+}
+
+static bool
+is_rare (unsigned step)
+{
+  return step == STEP_RESTART || step == STEP_KILL;
 }
 
 class DraftsWalk : public testing::TestWithParam<unsigned> {};
 
+// Every other one begins with a clause that has no revision.
 TEST_P (DraftsWalk, loses_no_saved_text_in_any_order)
 {
-  Drafts drafts ({"first text", "second text"}, "draft of yesterday");
+  unsigned seed = get_number ("MORVANE_SEED", GetParam ());
+  unsigned steps = get_number ("MORVANE_STEPS", 150);
+  std::initializer_list<const char *> texts = {"first text", "second text"};
+  std::initializer_list<const char *> no_texts = {};
+  Drafts drafts (seed % 2 ? texts : no_texts, "draft of yesterday");
   DraftsModel model = {};
-  model.shown = DraftsModel::REVISION;
-  own (&model, "draft of yesterday");
+  model.stored = "draft of yesterday";
+  begin_again (&drafts, &model);
+  DraftsFigures figures = {};
   // A linear congruential generator: the same walk at every run.
-  unsigned random = GetParam ();
+  unsigned random = seed;
   std::string walk;
-  for (unsigned number = 1; number <= 200 && !HasFailure (); number++) {
+  unsigned number = 1;
+  for (; number <= steps && !HasFailure (); number++) {
     random = random * 1664525 + 1013904223;
     unsigned step = (random >> 16) % STEPS_COUNT;
     // A restart forgets much: it is rare.
-    if (step == STEP_RESTART && (random >> 24) % 4)
+    if (is_rare (step) && (random >> 24) % 4)
       step = STEP_TYPE;
+    figures.counts[step]++;
     walk += std::to_string (step) + " ";
     SCOPED_TRACE (walk);
     take_step (&drafts, &model, (Step) step, number);
     expect_kept (&drafts, model);
   }
+  printf ("walk: %u steps; %u texts typed, %u received, %u commits, %u deletions, %u restarts, "
+          "%u kills\n",
+          number - 1, figures.counts[STEP_TYPE], figures.counts[STEP_RECEIVE],
+          figures.counts[STEP_COMMIT],
+          figures.counts[STEP_DELETE_PROCEDURE] + figures.counts[STEP_DELETE_OTHER],
+          figures.counts[STEP_RESTART], figures.counts[STEP_KILL]);
 }
 
 INSTANTIATE_TEST_SUITE_P (clause_view, DraftsWalk, testing::Range (1u, 9u));
