@@ -381,6 +381,8 @@ TEST (delivery, what_came_back_is_owed_and_goes_out_in_the_next_session_only)
   Procedure *procedure = do_everything (&first);
   scripted_server_signal (first.server);
   EXPECT_TRUE (pump_until (owes_revision, &first));
+  // The table stays.
+  EXPECT_EQ (first.window->outbox_table_source, 0u);
   GtkWidget *label = find_widget (procedure->clauses[0]->view, "revision_status_label");
   EXPECT_TRUE (gtk_style_context_has_class (gtk_widget_get_style_context (label), "not-sent"));
   scripted_server_signal (first.server);
@@ -394,6 +396,29 @@ TEST (delivery, what_came_back_is_owed_and_goes_out_in_the_next_session_only)
   EXPECT_TRUE (pump_until (is_table_gone, &second));
   scripted_server_signal (second.server);
   EXPECT_EQ (list_sent (second.finish ().received), "x-revision ");
+}
+
+static bool
+owes_procedure (void *data)
+{
+  return owed (&((Session *) data)->test) == "procedure\n";
+}
+
+TEST (delivery, the_first_object_can_come_back_too)
+{
+  Session session;
+  session.begin ({server_expect_until ("</x-clause-message></body></message>"), server_wait (),
+                  server_send ("<message type='error' id='3' from='bob@beta.test' "
+                               "to='alice@alpha.test/morvane'><error type='cancel'>"
+                               "<service-unavailable xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/>"
+                               "</error></message>"),
+                  server_wait ()},
+                 {});
+  do_everything (&session);
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (owes_procedure, &session));
+  scripted_server_signal (session.server);
+  session.finish ();
 }
 
 // ---- Marks ----
