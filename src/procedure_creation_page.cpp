@@ -175,8 +175,6 @@ static void
 procedure_creation_page_init (ProcedureCreationPage *self)
 {
   gtk_widget_init_template (GTK_WIDGET (self));
-  self->is_title_valid = false;
-  self->is_contractor_valid = false;
   g_signal_connect (self->begin_button, "clicked",
                     G_CALLBACK (procedure_creation_page_begin_button_handle), self);
   g_signal_connect (self->title_entry, "changed",
