@@ -358,3 +358,17 @@ TEST (clause_chat_page_close_button, returns_to_the_clauses)
   press (clause->chat_page, "close_button");
   EXPECT_EQ (get_page (view, "stack"), "main_box");
 }
+
+TEST (clause_chat_page_count_unsent, marks_the_lines_until_the_last_has_gone)
+{
+  TestWindow test;
+  Clause *clause = show_chat (&test);
+  GtkStyleContext *style =
+    gtk_widget_get_style_context (find_widget (clause->chat_page, "chat_text_view"));
+  clause_chat_page_count_unsent (clause->chat_page, true);
+  clause_chat_page_count_unsent (clause->chat_page, true);
+  clause_chat_page_count_unsent (clause->chat_page, false);
+  EXPECT_TRUE (gtk_style_context_has_class (style, "not-sent"));
+  clause_chat_page_count_unsent (clause->chat_page, false);
+  EXPECT_FALSE (gtk_style_context_has_class (style, "not-sent"));
+}
