@@ -477,12 +477,13 @@ class Cuts:
         """The user closes the window and waits for the end."""
         if player.process is None:
             return
-        when = "when it was closed"
         try:
-            if player.act("count Login", "close")[0] != "0":
-                when = "during a login"
+            is_login = player.act("count Login", "close")[0] != "0"
         except Gone:
-            pass
+            # It had ended by itself before.
+            self.collect(player)
+            return
+        when = "during a login" if is_login else "when it was closed"
         self.judge_end(player, player.take_leave(), when)
 
     def come_back(self, player, kind=None):
@@ -497,6 +498,8 @@ class Cuts:
             player.is_online = self.log_in(player, kind)
         except Gone:
             self.collect(player)
+            if not kind:
+                raise Fault("%s's program ended in an undisturbed login" % player.name) from None
 
     def give_up(self, player):
         """The user logs in again in the same window, or closes it."""
