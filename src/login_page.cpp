@@ -247,10 +247,8 @@ gboolean
 login_page_handle_login_success (gpointer data)
 {
   AppWindow *window = MORVANE_APP_WINDOW (accept_hand_over (data));
-  if (app_window_is_open (window) && window->login_page->is_cancelled) {
-    // The worker was told to leave, and the connection is released when it has.
-    login_page_end_login (window->login_page, "");
-  } else if (app_window_is_open (window)) {
+  // One that was given up ends when its worker, which was told to leave, has left.
+  if (app_window_is_open (window) && !window->login_page->is_cancelled) {
     assert (window->account.bare_jid.size);
     login_page_end_login (window->login_page, "");
     // Emptied behind the rest, so that its handler has the last word on the login button.
@@ -259,6 +257,13 @@ login_page_handle_login_success (gpointer data)
   }
   g_object_unref (window);
   return G_SOURCE_REMOVE;
+}
+
+void
+login_page_note_worker_left (LoginPage *self)
+{
+  if (self->is_logging_in && self->is_cancelled)
+    login_page_end_login (self, "");
 }
 
 gboolean

@@ -32,3 +32,6 @@ GtkWidget *login_page_get_login_button (LoginPage *self);
 gboolean login_page_handle_login_success (gpointer data);
 // `data` is an `XMPPThreadMessage`, which is freed. Closes the connection and shows the text.
 gboolean login_page_handle_login_failure (gpointer data);
+// The window's worker has left: an attempt that was given up when it had succeeded is over, and another
+// can begin.
+void login_page_note_worker_left (LoginPage *self);

@@ -7,6 +7,7 @@
 #include "clause_view.h"
 #include "deletion.h"
 #include "delivery.h"
+#include "login_page.h"
 #include "morvane.h"
 #include "network.h"
 #include "procedure_creation_page.h"
@@ -338,6 +339,7 @@ app_window_note_worker_left (AppWindow *self)
   if (!self->account_db_id) {
     // Of a login that was given up just when it had succeeded.
     xmpp_close_connection (self);
+    login_page_note_worker_left (self->login_page);
     return;
   }
   app_window_lose_session (self);

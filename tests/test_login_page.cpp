@@ -283,6 +283,28 @@ TEST (login_page_login_button, refuses_while_another_attempt_runs)
   EXPECT_TRUE (pump_until (is_idle, &test));
 }
 
+// Its worker may still need a moment, in which a press would be refused.
+TEST (login_page_login_button, is_off_after_a_success_that_was_given_up_until_the_worker_has_left)
+{
+  TestWindow test;
+  AppWindow *window = test.window;
+  fill (&test, DEAF_JID, "secret");
+  gtk_button_clicked (GTK_BUTTON (login_page_get_login_button (window->login_page)));
+  EXPECT_TRUE (worker_wait_until_left (window->worker, get_deadline (60000)));
+  GdkEvent *event = gdk_event_new (GDK_KEY_PRESS);
+  event->key.window = GDK_WINDOW (g_object_ref (gtk_widget_get_window (GTK_WIDGET (window))));
+  event->key.keyval = GDK_KEY_Escape;
+  gboolean is_handled = FALSE;
+  g_signal_emit_by_name (window->login_page, "key-press-event", event, &is_handled);
+  EXPECT_TRUE (is_handled);
+  gdk_event_free (event);
+  login_page_handle_login_success (g_object_ref (window));
+  EXPECT_FALSE (is_idle (&test));
+  EXPECT_FALSE (is_sensitive (window->login_page, "login_button"));
+  EXPECT_TRUE (pump_until (is_idle, &test));
+  EXPECT_TRUE (is_sensitive (window->login_page, "login_button"));
+}
+
 TEST (login_page_login_button, refuses_an_account_that_another_window_has_open)
 {
   TestWindow first;

@@ -1243,6 +1243,24 @@ TEST (login, can_be_given_up_at_every_wait)
   }
 }
 
+TEST (login, can_be_given_up_when_it_has_just_succeeded)
+{
+  Wire wire;
+  ServerScript script = script_login (JID);
+  size_t login_steps = script.size ();
+  script.push_back (server_wait ());
+  start_server (&wire, script);
+  press_login (&wire);
+  // The success waits to be handled.
+  EXPECT_TRUE (scripted_server_wait_steps (wire.server, login_steps));
+  press_key (&wire.test, GDK_KEY_Escape);
+  EXPECT_TRUE (pump_until (is_idle, wire.window));
+  EXPECT_EQ (wire.window->account_db_id, 0u);
+  EXPECT_TRUE (is_sensitive (wire.window->login_page, "login_button"));
+  scripted_server_stop (wire.server);
+  wire.server = NULL;
+}
+
 TEST (registration, can_be_given_up_while_it_connects_and_a_login_begins_at_once)
 {
   Wire wire;
