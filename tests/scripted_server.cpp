@@ -140,6 +140,12 @@ server_wait ()
 }
 
 ServerStep
+server_wait_deaf ()
+{
+  return make_step (SERVER_STEP_WAIT_DEAF);
+}
+
+ServerStep
 server_run (void (*action) (void *data), void *data)
 {
   ServerStep step = make_step (SERVER_STEP_RUN);
@@ -262,6 +268,8 @@ wait_events (ScriptedServer *server, int fd, short events, int64_t deadline)
 
 // ---- Reading ----
 
+static const size_t READ_SIZE_MAX = 64 * 1024;  // bytes that are read ahead of a look at them
+
 static void
 set_end (ScriptedServer *server, const char *end)
 {
@@ -319,11 +327,12 @@ read_record (ScriptedServer *server)
   return false;
 }
 
-// Everything that is there.
+// Everything that is there, until about so many bytes wait for a step.
 static void
-read_available (ScriptedServer *server)
+read_available (ScriptedServer *server, size_t pending_size_max)
 {
-  while (server->socket >= 0 && !server->has_ended && !has_failed (server)) {
+  while (server->socket >= 0 && !server->has_ended && !has_failed (server) &&
+         server->pending.size () < pending_size_max) {
     bool is_progress = server->session ? read_record (server) : read_clear (server);
     if (!is_progress) {
       return;
@@ -331,13 +340,14 @@ read_available (ScriptedServer *server)
   }
 }
 
-// Waits for more. False when nothing more comes in time.
+// Waits for more, and leaves much more to the next call: what a step does not ask for stays with the
+// client. False when nothing more comes in time.
 static bool
 read_more (ScriptedServer *server)
 {
   size_t size = server->pending.size ();
   for (;;) {
-    read_available (server);
+    read_available (server, size + READ_SIZE_MAX);
     if (has_failed (server)) {
       return false;
     }
@@ -479,7 +489,7 @@ send_piece (ScriptedServer *server, const std::string &piece)
       }
       return false;
     }
-    read_available (server);
+    read_available (server, SIZE_MAX);
   }
   write_transcript (server, "S: ", piece);
   return true;
@@ -678,18 +688,20 @@ play_reset (ScriptedServer *server)
 
 // What the program sends meanwhile is kept for the next steps.
 static bool
-play_wait (ScriptedServer *server)
+play_wait (ScriptedServer *server, bool is_deaf)
 {
   for (;;) {
     uint64_t value;
     if (read (server->signal_event, &value, sizeof (value)) == sizeof (value)) {
       return true;
     }
-    read_available (server);
+    if (!is_deaf) {
+      read_available (server, SIZE_MAX);
+    }
     if (has_failed (server)) {
       return false;
     }
-    bool is_reading = server->socket >= 0 && !server->has_ended;
+    bool is_reading = !is_deaf && server->socket >= 0 && !server->has_ended;
     struct pollfd fds[] = {{server->stop_event, POLLIN, 0},
                            {server->signal_event, POLLIN, 0},
                            {is_reading ? server->socket : -1, POLLIN, 0}};
@@ -710,7 +722,7 @@ static bool
 is_step_without_connection (ServerStepKind kind)
 {
   return kind == SERVER_STEP_ACCEPT || kind == SERVER_STEP_DELAY || kind == SERVER_STEP_WAIT ||
-         kind == SERVER_STEP_RUN;
+         kind == SERVER_STEP_WAIT_DEAF || kind == SERVER_STEP_RUN;
 }
 
 static bool
@@ -745,7 +757,8 @@ play_step (ScriptedServer *server, const ServerStep &step)
   case SERVER_STEP_DELAY:
     return play_delay (server, step.pause_ms);
   case SERVER_STEP_WAIT:
-    return play_wait (server);
+  case SERVER_STEP_WAIT_DEAF:
+    return play_wait (server, step.kind == SERVER_STEP_WAIT_DEAF);
   case SERVER_STEP_RUN:
     step.action (step.data);
     return true;
@@ -770,12 +783,12 @@ static void
 read_to_stop (ScriptedServer *server)
 {
   while (!server->is_stopped && !has_failed (server)) {
-    read_available (server);
+    read_available (server, SIZE_MAX);
     bool is_reading = server->socket >= 0 && !server->has_ended;
     wait_events (server, is_reading ? server->socket : -1, POLLIN,
                  get_monotonic_ms () + server->options.timeout_ms);
   }
-  read_available (server);
+  read_available (server, SIZE_MAX);
 }
 
 static void *

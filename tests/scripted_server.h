@@ -32,6 +32,7 @@ enum ServerStepKind {
   SERVER_STEP_REFUSED_HANDSHAKE,
   SERVER_STEP_DELAY,
   SERVER_STEP_WAIT,
+  SERVER_STEP_WAIT_DEAF,
   SERVER_STEP_RUN,
   SERVER_STEP_CLOSE_NOTIFY,
   SERVER_STEP_FIN,
@@ -72,8 +73,9 @@ ServerStep server_handshake (const std::string &host, bool with_tickets = false)
 ServerStep server_refused_handshake (const std::string &host);
 // Does nothing for a while, as a slow server would. Not a way to wait for the program.
 ServerStep server_delay (int ms);
-// Goes on when the test has called `scripted_server_signal` once more.
+// Goes on when the test has called `scripted_server_signal` once more. Reads meanwhile, or not.
 ServerStep server_wait ();
+ServerStep server_wait_deaf ();
 ServerStep server_run (void (*action) (void *data), void *data);
 ServerStep server_close_notify ();  // ends the server's TLS stream, keeps reading
 ServerStep server_fin ();           // ends the server's side of the socket, without close-notify
@@ -115,7 +117,7 @@ struct ServerReport {
 ScriptedServer *scripted_server_start (const ServerScript &script,
                                        const ServerOptions &options = {});
 int scripted_server_port (ScriptedServer *server);
-// Lets one `server_wait` pass, this or the next.
+// Lets one wait pass, this or the next.
 void scripted_server_signal (ScriptedServer *server);
 size_t scripted_server_steps_done (ScriptedServer *server);
 // The script is through, or has failed; never waits.

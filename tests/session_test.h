@@ -119,20 +119,6 @@ struct Session {
 
 // ---- A server that does not read ----
 
-// Reads nothing from one call of `end_deafness` to the next. As `server_wait`, which reads, but goes
-// on when it has waited in vain.
-inline void
-stay_deaf (void *queue)
-{
-  g_async_queue_timeout_pop ((GAsyncQueue *) queue, (guint64) 10 * G_USEC_PER_SEC);
-}
-
-inline void
-end_deafness (GAsyncQueue *queue)
-{
-  g_async_queue_push (queue, queue);
-}
-
 // To a server that is deaf: text until its system takes no more and the own socket holds the rest,
 // and nothing waits in front of that.
 inline void

@@ -191,50 +191,45 @@ has_contact (void *data)
 
 TEST (delivery, what_stands_in_the_socket_is_owed_whatever_the_server_says)
 {
-  GAsyncQueue *queue = g_async_queue_new ();
   Session session;
-  session.begin ({server_run (stay_deaf, queue),
+  session.begin ({server_wait_deaf (),
                   server_send ("<presence from='bob@beta.test' to='alice@alpha.test'/>"),
-                  server_run (stay_deaf, queue), server_reset ()},
+                  server_wait_deaf (), server_reset ()},
                  {});
   session.window->stream_management.heard_delay = 0;
   fill_socket (&session);
   do_everything (&session);
   EXPECT_EQ (get_tls_send_state (session.window->connection.tls_session).waiting_size, 0u);
-  end_deafness (queue);
+  scripted_server_signal (session.server);
   EXPECT_TRUE (pump_until (has_contact, session.window));
   EXPECT_EQ (owed (&session.test), ALL_OWED);
-  end_deafness (queue);
+  scripted_server_signal (session.server);
   EXPECT_TRUE (pump_until (is_idle, session.window));
   EXPECT_EQ (owed (&session.test), ALL_OWED);
   session.finish ();
-  g_async_queue_unref (queue);
 }
 
 TEST (delivery, a_server_that_reads_on_settles_it)
 {
-  GAsyncQueue *queue = g_async_queue_new ();
   Session session;
-  session.begin ({server_run (stay_deaf, queue),
-                  server_expect_until ("</x-clause-message></body></message>"), server_wait ()},
+  session.begin ({server_wait_deaf (), server_expect_until ("</x-clause-message></body></message>"),
+                  server_wait ()},
                  {});
   fill_socket (&session);
   do_everything (&session);
   EXPECT_EQ (owed (&session.test), ALL_OWED);
-  end_deafness (queue);
+  scripted_server_signal (session.server);
   EXPECT_TRUE (pump_until (is_table_gone, &session));
   scripted_server_signal (session.server);
   session.finish ();
-  g_async_queue_unref (queue);
 }
 
 // The interface is to hear of what waits, and hears of the loss first. Of a real loss the worker would
 // write its end of the stream, and nothing would wait any more.
 TEST (delivery, a_lost_session_does_not_watch_its_socket)
 {
-  GAsyncQueue *queue = g_async_queue_new ();
   Session session;
-  session.begin ({server_run (stay_deaf, queue)}, {});
+  session.begin ({server_wait_deaf ()}, {});
   pump ();
   gnutls_session_t tls_session = session.window->connection.tls_session;
   int room = 10000;
@@ -250,11 +245,10 @@ TEST (delivery, a_lost_session_does_not_watch_its_socket)
   EXPECT_GT (get_tls_send_state (tls_session).waiting_size, 0u);
   EXPECT_EQ (session.window->send_source, 0u);
   session.window->is_connected = true;
-  end_deafness (queue);
+  scripted_server_signal (session.server);
   app_window_lose_session (session.window);
   EXPECT_TRUE (pump_until (is_idle, session.window));
   session.finish ();
-  g_async_queue_unref (queue);
 }
 
 TEST (delivery, the_end_of_the_servers_stream_settles_too)

@@ -1236,7 +1236,8 @@ count_call (void *data)
 
 TEST (send_all_tls_data, does_not_wait_for_a_server_that_does_not_read)
 {
-  Link link = open_narrow_link ({server_wait (), server_expect_until ("!"), server_expect_end ()});
+  Link link =
+    open_narrow_link ({server_wait_deaf (), server_expect_until ("!"), server_expect_end ()});
   int calls_count = 0;
   set_tls_send_handler (link.client.session, count_call, &calls_count);
   std::string all = give_long_stanzas (link.client.session, DEAF_STANZAS);
@@ -1283,7 +1284,8 @@ fill_socket (const Client &client)
 
 TEST (has_all_tls_data_left, counts_what_the_socket_holds)
 {
-  Link link = open_narrow_link ({server_wait (), server_expect_until ("!"), server_expect_end ()});
+  Link link =
+    open_narrow_link ({server_wait_deaf (), server_expect_until ("!"), server_expect_end ()});
   std::string all = fill_socket (link.client);
   EXPECT_FALSE (has_all_tls_data_left (link.client.session));
   EXPECT_EQ (send_all (link.client.session, "!").size, 1u);
@@ -1297,7 +1299,8 @@ TEST (has_all_tls_data_left, counts_what_the_socket_holds)
 
 TEST (send_all_tls_data, keeps_the_order_when_some_of_it_waits)
 {
-  Link link = open_narrow_link ({server_wait (), server_expect_until ("!"), server_expect_end ()});
+  Link link =
+    open_narrow_link ({server_wait_deaf (), server_expect_until ("!"), server_expect_end ()});
   int calls_count = 0;
   set_tls_send_handler (link.client.session, count_call, &calls_count);
   std::string all = give_long_stanzas (link.client.session, DEAF_STANZAS);
@@ -1316,8 +1319,9 @@ TEST (send_all_tls_data, keeps_the_order_when_some_of_it_waits)
 
 TEST (send_all_tls_data, tells_what_was_taken_while_the_rest_waits)
 {
-  Link link = open_narrow_link ({server_wait (), server_expect_until ("id='3'"), server_wait (),
-                                 server_expect_until ("!"), server_expect_end ()});
+  Link link =
+    open_narrow_link ({server_wait_deaf (), server_expect_until ("id='3'"), server_wait_deaf (),
+                       server_expect_until ("!"), server_expect_end ()});
   int calls_count = 0;
   set_tls_send_handler (link.client.session, count_call, &calls_count);
   give_long_stanzas (link.client.session, DEAF_STANZAS + 4);
@@ -1341,8 +1345,8 @@ TEST (send_all_tls_data, tells_what_was_taken_while_the_rest_waits)
 
 TEST (recv_tls_data, sends_what_waits_while_nobody_else_sees_to_it)
 {
-  Link link = open_narrow_link (
-    {server_wait (), server_expect_until ("!"), server_send ("<done/>"), server_expect_end ()});
+  Link link = open_narrow_link ({server_wait_deaf (), server_expect_until ("!"),
+                                 server_send ("<done/>"), server_expect_end ()});
   std::string all = give_long_stanzas (link.client.session, DEAF_STANZAS);
   EXPECT_EQ (send_all_tls_data (link.client.session, to_string ("!")), 1u);
   EXPECT_GT (get_tls_send_state (link.client.session).waiting_size, 0u);
@@ -1355,7 +1359,7 @@ TEST (recv_tls_data, sends_what_waits_while_nobody_else_sees_to_it)
 
 TEST (recv_tls_data, is_woken_from_a_server_that_does_not_read)
 {
-  Link link = open_narrow_link ({server_wait ()});
+  Link link = open_narrow_link ({server_wait_deaf ()});
   give_long_stanzas (link.client.session, DEAF_STANZAS);
   os_shutdown_connection (link.client.socket);
   EXPECT_EQ (receive (link.client.session).text, "");
@@ -1367,7 +1371,7 @@ TEST (recv_tls_data, is_woken_from_a_server_that_does_not_read)
 
 TEST (send_all_tls_data, loses_the_connection_when_too_much_waits)
 {
-  Link link = open_narrow_link ({server_wait ()});
+  Link link = open_narrow_link ({server_wait_deaf ()});
   int calls_count = 0;
   set_tls_send_handler (link.client.session, count_call, &calls_count);
   std::string stanza = make_long_stanza (1);
@@ -1399,7 +1403,7 @@ TEST (send_all_tls_data, loses_the_connection_when_too_much_waits)
 
 TEST (flush_tls_data, tells_that_the_connection_is_lost)
 {
-  Link link = open_narrow_link ({server_wait ()});
+  Link link = open_narrow_link ({server_wait_deaf ()});
   int calls_count = 0;
   give_long_stanzas (link.client.session, DEAF_STANZAS);
   set_tls_send_handler (link.client.session, count_call, &calls_count);

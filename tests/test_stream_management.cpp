@@ -537,9 +537,8 @@ is_all_taken (void *data)
 
 TEST (stream_management, without_it_a_server_that_does_not_read_confirms_nothing)
 {
-  GAsyncQueue *queue = g_async_queue_new ();
   Session session;
-  session.begin ({server_run (stay_deaf, queue), server_expect_until ("!"), server_wait ()}, {});
+  session.begin ({server_wait_deaf (), server_expect_until ("!"), server_wait ()}, {});
   StreamManagement *counts = &session.window->stream_management;
   EXPECT_TRUE (pump_until (has_own_presence, &session));
   EXPECT_TRUE (pump_until (is_all_taken, counts));
@@ -555,7 +554,7 @@ TEST (stream_management, without_it_a_server_that_does_not_read_confirms_nothing
   const s64 HOUR = (s64) 3600 * 1000000;
   counts->backlog_time = g_get_monotonic_time () - HOUR;
   send_all_tls_data (session.window->connection.tls_session, to_string ("!"));
-  end_deafness (queue);
+  scripted_server_signal (session.server);
   EXPECT_TRUE (pump_until (is_all_taken, counts));
   EXPECT_FALSE (counts->is_stuck);
   EXPECT_GE (counts->trusted_time, stream_management_get_taken_time (counts) + HOUR);
@@ -567,7 +566,6 @@ TEST (stream_management, without_it_a_server_that_does_not_read_confirms_nothing
              stream_management_get_taken_time (counts));
   scripted_server_signal (session.server);
   session.finish ();
-  g_async_queue_unref (queue);
 }
 
 TEST (stream_management, what_left_long_ago_is_no_backlog_though_nobody_has_looked)
