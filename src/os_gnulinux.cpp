@@ -14,7 +14,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "morvane.h"
@@ -228,14 +227,6 @@ os_recv (SocketDescriptor socket, Buffer buffer)
   return received;
 }
 
-static s64
-get_monotonic_ms ()
-{
-  struct timespec now;
-  clock_gettime (CLOCK_MONOTONIC, &now);
-  return (s64) now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
-
 // What happened of `events`, an error or an end; 0 after `timeout_ms`, which may be -1 for ever.
 static int
 wait_for_events (SocketDescriptor socket, short events, int timeout_ms)
@@ -243,10 +234,10 @@ wait_for_events (SocketDescriptor socket, short events, int timeout_ms)
   struct pollfd entry = {};
   entry.fd = socket;
   entry.events = events;
-  s64 end_ms = get_monotonic_ms () + timeout_ms;
+  s64 end_ms = g_get_monotonic_time () / 1000 + timeout_ms;
   int ready_count = poll (&entry, 1, timeout_ms);
   while (ready_count == -1 && errno == EINTR) {
-    s64 left_ms = end_ms - get_monotonic_ms ();
+    s64 left_ms = end_ms - g_get_monotonic_time () / 1000;
     if (timeout_ms < 0)
       left_ms = timeout_ms;
     else if (left_ms < 0)

@@ -2238,6 +2238,9 @@ TEST (app_window_get_xmpp_message_error_signal, tells_in_the_chat_which_line_cam
              "Warning: A message to '" BOB "' couldn't be delivered: service-unavailable.\n");
   EXPECT_EQ (get_notice (contact->chat_page),
              "Not delivered to " BOB " (service-unavailable): \u201cfirst\u201d");
+  char *tooltip = gtk_widget_get_tooltip_text (find_by_name (contact->chat_page, "notice_label"));
+  EXPECT_STREQ (tooltip, get_notice (contact->chat_page).c_str ());
+  g_free (tooltip);
   // Nothing of it counts as something that the contact said.
   EXPECT_EQ (contact->messages_count, messages_count);
   EXPECT_EQ (get_notice (test.window->procedures.procedures[0]->view), "");
