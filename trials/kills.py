@@ -518,10 +518,15 @@ def wait_killed(party):
     party.expected_end = True
     process = party.process
 
+    asked = time.monotonic()
+
     def is_over():
-        # Asked what it shows, a program that is done with its work goes on making calls.
-        if process.poll() is None and party.windows:
+        nonlocal asked
+        # Asked what it shows, a program that is done with its work goes on making calls. One that is
+        # not done, and stops at each call, would get to nothing else when it is asked all the time.
+        if process.poll() is None and party.windows and time.monotonic() > asked + 0.5:
             party.windows[0].labels()
+            asked = time.monotonic()
         return process.poll() is not None
     party.desktop.wait(is_over, "%s's program is killed" % party.name)
     party.process = None
