@@ -459,6 +459,13 @@ TEST (stream_management, what_was_applied_is_acknowledged_ahead_of_the_end_and_n
   }
 }
 
+static bool
+was_asked_once (void *data)
+{
+  return scripted_server_steps_done ((ScriptedServer *) data) >
+         script_login (JID, managed ()).size ();
+}
+
 // Logs in again as soon as that is possible, and goes on when the server has the presence.
 static gboolean
 log_in_next (gpointer data)
@@ -486,6 +493,8 @@ TEST (stream_management, the_farewell_of_a_session_that_has_ended_meanwhile_is_n
   Session session;
   session.server = scripted_server_start (script);
   session.log_in ();
+  // The interface asks; below it waits, and would not.
+  EXPECT_TRUE (pump_until (was_asked_once, session.server));
   scripted_server_signal (session.server);
   EXPECT_TRUE (worker_wait_until_left (session.window->worker, get_deadline (60000)));
   g_idle_add (log_in_next, &session);
