@@ -9,12 +9,10 @@ end the text must be the common words with what was kept, byte for byte, and one
 must give that side's text.
 """
 
-import os
 import re
-import subprocess
 import sys
 
-from trial import ROOT, Trial
+from trial import Trial, run_walk
 
 SEEDS = range(1, 6)
 ROUNDS = 1000  # pairs of texts a seed
@@ -24,28 +22,13 @@ FIGURES = re.compile(r"^walk: (\d+) pairs of texts, (\d+) changes by mouse, (\d+
                      r"(\d+) times all at once$", re.MULTILINE)
 
 
-def run(trial, seed, rounds):
-    """The walk of one seed; returns its figures, or None after it failed."""
-    program = os.path.join(os.path.dirname(trial.binary), "tests", "test_clause_view_comparison")
-    environment = dict(os.environ, MORVANE_SEED=str(seed), MORVANE_ROUNDS=str(rounds))
-    result = subprocess.run(
-        [os.path.join(ROOT, "tests", "run"), "--display", "--", program,
-         "--gtest_filter=clause_view_comparison_law.*"],
-        env=environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=BOUND,
-        encoding="utf-8", errors="replace", check=False)
-    figures = FIGURES.search(result.stdout)
-    if result.returncode != 0 or figures is None:
-        print(result.stdout[-8000:])
-        return None
-    return [int(figure) for figure in figures.groups()]
-
-
 def main():
     trial = Trial("comparison", __doc__)
     seeds, rounds = (SEEDS[:2], SHORT_ROUNDS) if trial.short else (SEEDS, ROUNDS)
     sums = [0, 0, 0, 0]
     for seed in seeds:
-        figures = run(trial, seed, rounds)
+        figures = run_walk(trial, "test_clause_view_comparison", "clause_view_comparison_law.*",
+                           FIGURES, BOUND, MORVANE_SEED=seed, MORVANE_ROUNDS=rounds)
         if figures:
             sums = [sum(pair) for pair in zip(sums, figures)]
     wanted = f"{len(seeds) * rounds:,}"

@@ -8,12 +8,10 @@ ends the program or kills it. A model beside the view says after each step what 
 be, and which texts must be that draft or at hand.
 """
 
-import os
 import re
-import subprocess
 import sys
 
-from trial import ROOT, Trial
+from trial import Trial, run_walk
 
 SEEDS = range(1001, 1021)
 STEPS = 1000  # a seed
@@ -23,28 +21,13 @@ FIGURES = re.compile(r"^walk: (\d+) steps; (\d+) texts typed, (\d+) received, (\
                      r"(\d+) deletions, (\d+) restarts, (\d+) kills$", re.MULTILINE)
 
 
-def run(trial, seed, steps):
-    """The walk of one seed; returns its figures, or None after it failed."""
-    program = os.path.join(os.path.dirname(trial.binary), "tests", "test_clause_view_drafts")
-    environment = dict(os.environ, MORVANE_SEED=str(seed), MORVANE_STEPS=str(steps))
-    result = subprocess.run(
-        [os.path.join(ROOT, "tests", "run"), "--display", "--", program,
-         "--gtest_filter=clause_view/DraftsWalk.*/0"],
-        env=environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=BOUND,
-        encoding="utf-8", errors="replace", check=False)
-    figures = FIGURES.search(result.stdout)
-    if result.returncode != 0 or figures is None:
-        print(result.stdout[-8000:])
-        return None
-    return [int(figure) for figure in figures.groups()]
-
-
 def main():
     trial = Trial("drafts", __doc__)
     seeds, steps = (SEEDS[:1], SHORT_STEPS) if trial.short else (SEEDS, STEPS)
     sums = [0] * 7
     for seed in seeds:
-        figures = run(trial, seed, steps)
+        figures = run_walk(trial, "test_clause_view_drafts", "clause_view/DraftsWalk.*/0",
+                           FIGURES, BOUND, MORVANE_SEED=seed, MORVANE_STEPS=steps)
         if figures:
             sums = [sum(pair) for pair in zip(sums, figures)]
     wanted = f"{len(seeds) * steps:,}"

@@ -9,6 +9,7 @@ docs/reliability.md, where scripts/trial writes them.
 import argparse
 import json
 import os
+import subprocess
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -73,3 +74,20 @@ class Trial:
                 )
         print(f"{self.name}: {len(self.checks)} checks, {self.failures} failed")
         return 1 if self.failures else 0
+
+
+def run_walk(trial, program, test_filter, figures, bound, **environment):
+    """Runs a random walk of a test program, which ends within `bound` seconds; the figures in the line
+    that matches, or None after it failed, with the end of what it printed."""
+    result = subprocess.run(
+        [os.path.join(ROOT, "tests", "run"), "--display", "--",
+         os.path.join(os.path.dirname(trial.binary), "tests", program),
+         "--gtest_filter=" + test_filter],
+        env=dict(os.environ, **{name: str(value) for name, value in environment.items()}),
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=bound,
+        encoding="utf-8", errors="replace", check=False)
+    line = figures.search(result.stdout)
+    if result.returncode != 0 or line is None:
+        print(result.stdout[-8000:])
+        return None
+    return [int(figure) for figure in line.groups()]
