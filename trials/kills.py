@@ -100,7 +100,9 @@ class Watch:
         self.deletions[-1][2] = self.field(REACHED) + 1
 
     def begins(self):
-        """How many calls have changed the store so far, for `cost`."""
+        """How many calls have changed the store so far, for `cost`. What was sent before leaves the
+        outbox first, and its table goes a second later: neither belongs to the action."""
+        self.party.wait_rows("sqlite_master", 0, "name = 'outbox'")
         return self.field(STORE_REACHED)
 
     def cost(self, action, before):
