@@ -501,9 +501,11 @@ static pthread_mutex_t dispatch_mutex = PTHREAD_MUTEX_INITIALIZER;
 static void
 dispatch_stanza (AppWindow *window, XMLElement *element)
 {
-  bool is_message = element->name == "message";
-  bool is_presence = element->name == "presence";
-  if (!is_message && !is_presence && element->name != "iq") {
+  // RFC 6120, 11.1: a processing instruction is never a stanza, whatever its name is.
+  String name = element->is_doctype ? String{} : element->name;
+  bool is_message = name == "message";
+  bool is_presence = name == "presence";
+  if (!is_message && !is_presence && name != "iq") {
     console_put ("Warning: Received unknown XML data.\n");
     return;
   }
@@ -526,7 +528,7 @@ dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
   for (XMLElement *element = tree; element; element = element->next) {
     if (is_last_open && !element->next)
       break;
-    if (stream_management_take (&window->stream_management, element))
+    if (!element->is_doctype && stream_management_take (&window->stream_management, element))
       continue;
     pthread_mutex_lock (&dispatch_mutex);
     bool is_wanted = !app_window_is_worker_interrupted (window);

@@ -109,6 +109,21 @@ TEST (stream_management, the_word_of_the_server_may_come_among_stanzas)
   session.finish ();
 }
 
+TEST (stream_management, a_processing_instruction_is_no_stanza_and_no_word_of_the_server)
+{
+  Session session;
+  const char *const instructions = "<?presence from='b@c' type='subscribe'?><?message from='b@c'?>"
+                                   "<?r xmlns='urn:xmpp:sm:3'?><?a xmlns='urn:xmpp:sm:3' h='99'?>";
+  // The roster's result and the presence come first.
+  session.begin ({server_send (procedure (100) + instructions + ASK),
+                  server_expect_until (answer (3))},
+                 managed ());
+  ServerReport report = session.finish ();
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (count_of (report.received, "<a "), 1u);
+  EXPECT_EQ (count_of (session.console (), "Warning: Received unknown XML data.\n"), 4u);
+}
+
 TEST (stream_management_end, what_is_under_way_does_not_count_in_the_next_session)
 {
   TestWindow test;

@@ -1584,6 +1584,22 @@ TEST (session, warns_of_each_unknown_element)
   EXPECT_EQ (count_of (console, "Warning: Received unknown XML data.\n"), 3u);
 }
 
+// RFC 6120, 11.1 forbids them; they are not stanzas, whatever their names are.
+TEST (session, takes_no_processing_instruction_for_a_stanza)
+{
+  const std::string message = "<message from='b@c'><body>1</body></message>";
+  for (std::string instruction :
+       {"<?presence from='b@c' to='alice@alpha.test'?>", "<?presence from='b@c' type='subscribe'?>",
+        "<?message from='b@c'?>", "<?iq type='error' id='7'?>"}) {
+    for (const Pieces &pieces : {Pieces{instruction, message}, Pieces{instruction + message},
+                                 Pieces{message + instruction}}) {
+      std::string console;
+      EXPECT_EQ (run_pieces (pieces, &console), "message b@c '1'\n") << pieces[0];
+      EXPECT_EQ (count_of (console, "Warning: Received unknown XML data.\n"), 1u) << pieces[0];
+    }
+  }
+}
+
 TEST (session, warns_of_what_is_no_xml_and_goes_on)
 {
   std::string console;
