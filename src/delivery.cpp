@@ -190,6 +190,24 @@ send_parcel (AppWindow *window, OutboxKind kind, const Parcel *parcel)
   return id;
 }
 
+// What came back goes out again ahead of what follows it in the same procedure, which the other party
+// could not attach to anything without it. Returns whether anything does.
+static bool
+wake_refused (AppWindow *window, Procedure *procedure)
+{
+  bool is_woken = false;
+  for (u32 i = 0; i < window->outbox.count; ++i) {
+    OutboxEntry *entry = &window->outbox.entries[i];
+    Parcel parcel = {};
+    if (entry->state == OUTBOX_REFUSED && !entry->removed_object &&
+        find_parcel (&window->procedures, entry, &parcel) && parcel.procedure == procedure) {
+      entry->state = OUTBOX_WAITING;
+      is_woken = true;
+    }
+  }
+  return is_woken;
+}
+
 void
 delivery_send (AppWindow *window)
 {
@@ -208,6 +226,8 @@ delivery_send (AppWindow *window)
       outbox_drop (outbox, entry);
       continue;
     }
+    if (wake_refused (window, parcel.procedure))
+      continue;
     u64 id = send_parcel (window, entry->kind, &parcel);
     if (stream_management_is_broken (counts))
       break;

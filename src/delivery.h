@@ -13,7 +13,8 @@ typedef struct _AppWindow AppWindow;
 // The account was loaded: loads its outbox and sends it.
 void delivery_begin (AppWindow *window);
 // Sends what waits, as far as the session takes it: without one, or behind our end of its stream, it
-// goes on waiting.
+// goes on waiting. What came back from a procedure goes again ahead of what is new there, which the
+// other party could not attach to anything else.
 void delivery_send (AppWindow *window);
 // What the session has learnt about what was sent: entries go on, rows go.
 void delivery_update (AppWindow *window);

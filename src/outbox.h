@@ -28,7 +28,7 @@ extern const char *OUTBOX_KIND_STRINGS[OUTBOX_KINDS_COUNT];
 enum OutboxState {
   OUTBOX_WAITING,  // has a row; to be sent
   OUTBOX_SENT,     // has a row; given to the session, which has not told yet what became of it
-  OUTBOX_REFUSED,  // has a row; came back with an error, and is sent again in the next session
+  OUTBOX_REFUSED,  // has a row; came back with an error, and is sent again ahead of what comes next
   OUTBOX_TAKEN,    // no row; the server's system took it, and the server was not heard of since
   OUTBOX_DONE,     // no row; kept until the session ends, for an error that may still come back
 };

@@ -392,10 +392,48 @@ TEST (delivery, what_came_back_is_owed_and_goes_out_in_the_next_session_only)
   EXPECT_EQ (list_sent (second.finish ().received), "x-revision ");
 }
 
+static std::string
+bounce (const char *id)
+{
+  return std::string ("<message type='error' id='") + id +
+         "' from='bob@beta.test' to='alice@alpha.test/morvane'><error type='cancel'>"
+         "<service-unavailable xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error></message>";
+}
+
+static bool
+owes_all_that_came_back (void *data)
+{
+  return owed (&((Session *) data)->test) == "procedure\nclause\nrevision\nprocedure\n";
+}
+
 static bool
 owes_procedure (void *data)
 {
   return owed (&((Session *) data)->test) == "procedure\n";
+}
+
+// As of a contractor who has an account a minute later. A revision alone would be dropped there.
+TEST (delivery, what_came_back_goes_ahead_of_what_follows_it_in_its_procedure)
+{
+  Session session;
+  session.begin ({server_expect_until (">Lease</x-procedure></body></message>"),
+                  server_expect_until (">First</x-revision></body></message>"),
+                  server_expect_until (">Lease</x-procedure></body></message>"),
+                  server_send (bounce ("3") + bounce ("4") + bounce ("5") + bounce ("6")),
+                  server_expect_until (">Second</x-revision></body></message>"), server_wait ()},
+                 {});
+  Clause *clause = commit_clause (begin_procedure (&session), "First");
+  begin_procedure (&session);
+  EXPECT_TRUE (pump_until (owes_all_that_came_back, &session));
+  type (clause->view, "text_view", "Second");
+  press (clause->view, "commit_button");
+  // What came back of another procedure waits for its own.
+  EXPECT_TRUE (pump_until (owes_procedure, &session));
+  GtkWidget *label = find_widget (clause->view, "revision_status_label");
+  EXPECT_FALSE (gtk_style_context_has_class (gtk_widget_get_style_context (label), "not-sent"));
+  scripted_server_signal (session.server);
+  EXPECT_EQ (list_sent (session.finish ().received), "x-procedure x-clause x-revision x-procedure "
+                                                     "x-procedure x-clause x-revision x-revision ");
 }
 
 TEST (delivery, the_first_object_can_come_back_too)
