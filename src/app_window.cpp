@@ -960,17 +960,20 @@ app_window_get_xmpp_procedure (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-static void
+// Each of these returns whether it was taken.
+
+static bool
 app_window_apply_clause (AppWindow *self, XMPPClause *message)
 {
   Procedure *procedure;
   Clause *clause =
     negotiation_receive_clause (app_window_get_negotiation (self), message, &procedure);
   if (!clause || self->closing)
-    return;
+    return clause;
   procedure_view_add_clause (procedure->view, clause);
   procedure_view_order_clause (procedure->view, clause);
   clause_view_enable_chat (clause->view);
+  return true;
 }
 
 gboolean
@@ -978,27 +981,26 @@ app_window_get_xmpp_clause (gpointer data)
 {
   XMPPClause *message = (XMPPClause *) accept_hand_over (data);
   AppWindow *window = message->window;
-  if (app_window_is_open (window)) {
-    app_window_apply_clause (window, message);
-    if (deletion_hold (window, message->procedure_initiator, message->procedure_time,
-                       app_window_get_xmpp_clause, message, (GDestroyNotify) dealloc_xmpp_clause))
-      return G_SOURCE_REMOVE;
-  }
+  if (app_window_is_open (window) && !app_window_apply_clause (window, message) &&
+      deletion_hold (window, message->procedure_initiator, message->procedure_time,
+                     app_window_get_xmpp_clause, message, (GDestroyNotify) dealloc_xmpp_clause))
+    return G_SOURCE_REMOVE;
   dealloc_xmpp_clause (message);
   return G_SOURCE_REMOVE;
 }
 
-static void
+static bool
 app_window_apply_clause_revision (AppWindow *self, XMPPClauseRevision *message)
 {
   Clause *clause;
   ClauseRevision *revision =
     negotiation_receive_revision (app_window_get_negotiation (self), message, &clause);
   if (!revision || self->closing)
-    return;
+    return revision;
   clause_view_add_revision (clause->view, revision);
   clause_view_show_revision (clause->view, revision, self->account.bare_jid);
   clause_view_order_revision (clause->view, revision);
+  return true;
 }
 
 gboolean
@@ -1006,18 +1008,16 @@ app_window_get_xmpp_clause_revision (gpointer data)
 {
   XMPPClauseRevision *message = (XMPPClauseRevision *) accept_hand_over (data);
   AppWindow *window = message->window;
-  if (app_window_is_open (window)) {
-    app_window_apply_clause_revision (window, message);
-    if (deletion_hold (window, message->procedure_initiator, message->procedure_time,
-                       app_window_get_xmpp_clause_revision, message,
-                       (GDestroyNotify) dealloc_xmpp_clause_revision))
-      return G_SOURCE_REMOVE;
-  }
+  if (app_window_is_open (window) && !app_window_apply_clause_revision (window, message) &&
+      deletion_hold (window, message->procedure_initiator, message->procedure_time,
+                     app_window_get_xmpp_clause_revision, message,
+                     (GDestroyNotify) dealloc_xmpp_clause_revision))
+    return G_SOURCE_REMOVE;
   dealloc_xmpp_clause_revision (message);
   return G_SOURCE_REMOVE;
 }
 
-static void
+static bool
 app_window_apply_clause_message (AppWindow *self, XMPPClauseMessage *xmpp_message)
 {
   CONSOLE_DUMP (xmpp_message);
@@ -1027,6 +1027,7 @@ app_window_apply_clause_message (AppWindow *self, XMPPClauseMessage *xmpp_messag
     negotiation_receive_message (app_window_get_negotiation (self), xmpp_message, &clause);
   if (message && !self->closing)
     clause_chat_page_add_message (clause->chat_page, message);
+  return message;
 }
 
 gboolean
@@ -1034,18 +1035,16 @@ app_window_get_xmpp_clause_message (gpointer data)
 {
   XMPPClauseMessage *message = (XMPPClauseMessage *) accept_hand_over (data);
   AppWindow *window = message->window;
-  if (app_window_is_open (window)) {
-    app_window_apply_clause_message (window, message);
-    if (deletion_hold (window, message->procedure_initiator, message->procedure_time,
-                       app_window_get_xmpp_clause_message, message,
-                       (GDestroyNotify) dealloc_xmpp_clause_message))
-      return G_SOURCE_REMOVE;
-  }
+  if (app_window_is_open (window) && !app_window_apply_clause_message (window, message) &&
+      deletion_hold (window, message->procedure_initiator, message->procedure_time,
+                     app_window_get_xmpp_clause_message, message,
+                     (GDestroyNotify) dealloc_xmpp_clause_message))
+    return G_SOURCE_REMOVE;
   dealloc_xmpp_clause_message (message);
   return G_SOURCE_REMOVE;
 }
 
-static void
+static bool
 app_window_apply_clause_revision_decision (AppWindow *self,
                                            XMPPClauseRevisionDecisionSignal *signal)
 {
@@ -1055,6 +1054,7 @@ app_window_apply_clause_revision_decision (AppWindow *self,
     negotiation_receive_decision (app_window_get_negotiation (self), signal, &clause, &revision);
   if (decision && !self->closing)
     clause_view_set_others_revision_decision (clause->view, revision, decision);
+  return decision;
 }
 
 gboolean
@@ -1063,13 +1063,11 @@ app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
   XMPPClauseRevisionDecisionSignal *signal =
     (XMPPClauseRevisionDecisionSignal *) accept_hand_over (data);
   AppWindow *window = signal->window;
-  if (app_window_is_open (window)) {
-    app_window_apply_clause_revision_decision (window, signal);
-    if (deletion_hold (window, signal->procedure_initiator, signal->procedure_time,
-                       app_window_get_xmpp_clause_revision_decision_signal, signal,
-                       (GDestroyNotify) dealloc_xmpp_clause_revision_decision_signal))
-      return G_SOURCE_REMOVE;
-  }
+  if (app_window_is_open (window) && !app_window_apply_clause_revision_decision (window, signal) &&
+      deletion_hold (window, signal->procedure_initiator, signal->procedure_time,
+                     app_window_get_xmpp_clause_revision_decision_signal, signal,
+                     (GDestroyNotify) dealloc_xmpp_clause_revision_decision_signal))
+    return G_SOURCE_REMOVE;
   dealloc_xmpp_clause_revision_decision_signal (signal);
   return G_SOURCE_REMOVE;
 }

@@ -121,10 +121,6 @@ deletion_hold (AppWindow *window, String procedure_initiator, s64 procedure_time
   Procedure *deleted = app_window_get_negotiation (window)->deletion.procedure;
   if (!deleted || deleted->time != procedure_time || deleted->initiator != procedure_initiator)
     return false;
-  // A second procedure of this name, which is still there, has taken it.
-  if (get_procedure_by_initiator_and_time (&window->procedures, procedure_initiator,
-                                           procedure_time))
-    return false;
   HeldRecord *waiting = g_new (HeldRecord, 1);
   *waiting = {handler, record, dealloc_record};
   window->held_records = g_slist_prepend (window->held_records, waiting);

@@ -19,7 +19,7 @@ void deletion_undo (AppWindow *window);
 // What is deleted stays deleted, and its widgets are destroyed. Called ahead of the next deletion, which
 // frees their records.
 void deletion_end (AppWindow *window);
-// Keeps a record that was dropped only because its procedure is deleted: true when it is kept, which
-// takes the record over. After an undo `handler` gets it once more.
+// Keeps a record that was dropped, when its procedure or one row of it is deleted: true when the record
+// is kept, which takes it over. After an undo `handler` gets the record once more.
 bool deletion_hold (AppWindow *window, String procedure_initiator, s64 procedure_time,
                     GSourceFunc handler, void *record, GDestroyNotify dealloc_record);

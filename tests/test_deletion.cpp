@@ -611,6 +611,36 @@ TEST (deletion, of_another_procedure_holds_nothing)
   EXPECT_EQ (test.window->held_records, nullptr);
 }
 
+// As of one that was in doubt and was sent again: the other row stays, without the clause.
+TEST (deletion, of_a_procedure_that_came_twice_holds_what_the_other_row_has_no_place_for)
+{
+  TestWindow test;
+  EXPECT_EQ (sqlite3_exec (test.db, ROWS, NULL, NULL, NULL), SQLITE_OK);
+  EXPECT_EQ (
+    sqlite3_exec (test.db,
+                  "INSERT INTO procedures (account_db_id, time, initiator, contractor, title)"
+                  " VALUES (1, 1000, '" ALICE "', '" BOB "', 'Rent');",
+                  NULL, NULL, NULL),
+    SQLITE_OK);
+  log_in (&test);
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  const WireName CLAUSE = {ALICE, 2000};
+  receive_revision (test.window, RENT, CLAUSE, 4100, "their text");
+  receive_message (test.window, RENT, CLAUSE, 4200, "look at this");
+  receive_decision (test.window, RENT, CLAUSE, {ALICE, 3000}, DECISION_AGREE);
+  // The other row takes this one, with what goes to it.
+  receive_clause (test.window, RENT, {BOB, 4000});
+  receive_revision (test.window, RENT, {BOB, 4000}, 4300, "their clause");
+  EXPECT_EQ (g_slist_length (test.window->held_records), 3u);
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions"), "their clause\n");
+
+  press (test.window, "undo_button");
+  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions ORDER BY time"),
+             "first text\ntheir text\ntheir clause\n");
+  EXPECT_EQ (query (&test, "SELECT author, text FROM clause_messages"), "bob|look at this\n");
+  EXPECT_EQ (query (&test, "SELECT author, status FROM clause_revision_decisions"), BOB "|AGREE\n");
+}
+
 // ---- The outbox ----
 
 static std::string
