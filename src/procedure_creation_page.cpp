@@ -6,6 +6,7 @@
 #include "db.h"
 #include "morvane.h"
 #include "procedure_view.h"
+#include "shown_text.h"
 
 struct _ProcedureCreationPage {
   GtkBox parent_instance;
@@ -36,7 +37,9 @@ procedure_creation_page_get_contractor (ProcedureCreationPage *self)
 }
 
 // What is wrong with a contractor, as a text for the user; NULL when nothing is. RFC 7622 allows
-// none of these characters, and they would break out of the attributes of a stanza.
+// none of these characters. Some would break out of the attributes of a stanza; the invisible ones, which
+// come with a pasted address, servers take out: what the contractor sends would then come from someone
+// else.
 static const char *
 get_contractor_refusal (const char *contractor)
 {
@@ -46,6 +49,8 @@ get_contractor_refusal (const char *contractor)
     if (is_reserved || g_unichar_isspace (character) || g_unichar_iscntrl (character))
       return "The contractor holds a character that no account can have";
   }
+  if (has_invisible_letters (to_string (contractor)))
+    return "The contractor holds an invisible character; type it by hand";
   if (strlen (contractor) > BARE_JID_SIZE_MAX)
     return "The contractor is too long";
   return NULL;

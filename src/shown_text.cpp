@@ -183,19 +183,27 @@ scripts_are_mixed (const Scripts *scripts)
 }
 
 bool
+has_invisible_letters (String address)
+{
+  const char *end = (const char *) address.data + address.size;
+  for (const char *p = (const char *) address.data; p < end; p = g_utf8_next_char (p)) {
+    if (is_invisible (g_utf8_get_char (p)))
+      return true;
+  }
+  return false;
+}
+
+bool
 is_misleading_address (String address)
 {
-  if (!g_utf8_validate_len ((const char *) address.data, address.size, NULL))
+  if (!g_utf8_validate_len ((const char *) address.data, address.size, NULL) ||
+      has_invisible_letters (address))
     return true;
   Scripts scripts = {};
   scripts.other = G_UNICODE_SCRIPT_COMMON;
   const char *end = (const char *) address.data + address.size;
-  for (const char *p = (const char *) address.data; p < end; p = g_utf8_next_char (p)) {
-    gunichar c = g_utf8_get_char (p);
-    if (is_invisible (c))
-      return true;
-    scripts_add (&scripts, g_unichar_get_script (c));
-  }
+  for (const char *p = (const char *) address.data; p < end; p = g_utf8_next_char (p))
+    scripts_add (&scripts, g_unichar_get_script (g_utf8_get_char (p)));
   return scripts_are_mixed (&scripts);
 }
 

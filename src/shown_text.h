@@ -15,6 +15,8 @@
 char *alloc_shown_text (String text);
 void label_show_text (GtkLabel *label, String text);
 
+// Whether an address, which is valid UTF-8, holds letters that nobody sees.
+bool has_invisible_letters (String address);
 // Whether an address mixes scripts, more than UTS 39 allows to a "highly restrictive" identifier, or
 // holds letters that nobody sees, or is no valid UTF-8.
 bool is_misleading_address (String address);

@@ -291,6 +291,26 @@ INSTANTIATE_TEST_SUITE_P (procedure_creation_page_begin_button, ProcedureCreatio
                                            "b\x01ob@beta.test", "b\u00a0ob@beta.test",
                                            "b\u2003ob@beta.test"));
 
+// A server takes these out, and what comes from the contractor then comes from someone else.
+TEST (procedure_creation_page_begin_button, refuses_a_contractor_with_letters_that_nobody_sees)
+{
+  TestWindow test;
+  log_in (&test);
+  for (const char *contractor :
+       {"bob@beta.test\u200b", "\ufeffbob@beta.test", "b\u00adob@beta.test", "bob@be\u2060ta.test",
+        "b\u200dob@beta.test", "b\ufe0fob@beta.test"}) {
+    fill (&test, "Planks", contractor);
+    press (test.window->procedure_creation_page, "begin_button");
+    EXPECT_EQ (get_status (&test), "The contractor holds an invisible character; type it by hand")
+      << contractor;
+  }
+  EXPECT_EQ (test.window->procedures.count, 0u);
+  // An accent of its own is seen.
+  fill (&test, "Planks", "bo\u0301b@beta.test");
+  press (test.window->procedure_creation_page, "begin_button");
+  EXPECT_EQ (test.window->procedures.count, 1u);
+}
+
 TEST (procedure_creation_page_begin_button, refuses_a_contractor_longer_than_any_account)
 {
   TestWindow test;
