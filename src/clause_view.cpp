@@ -633,7 +633,8 @@ clause_view_diff_key_press_handle (GtkWidget *widget, GdkEventKey *event, Clause
     gtk_widget_grab_focus (GTK_WIDGET (self->diff_add_button));
     return TRUE;
   }
-  return FALSE;
+  // Where all is decided the text takes keys again, and GTK's own meaning of Ctrl+Return is a line break.
+  return clause_view_edit_key (self, event);
 }
 
 // ---- Handlers: the text's menu ----

@@ -1237,6 +1237,18 @@ TEST (clause_view_comparison, escape_in_the_text_leaves_it)
   }
 }
 
+TEST (clause_view_comparison, ctrl_return_changes_nothing_where_all_is_decided)
+{
+  Comparison comparison ({"a b", "a c"});
+  choose (comparison.clause, WITH_PREVIOUS);
+  choose (comparison.clause, TAKE_NEWER);
+  press_key (&comparison.test, GDK_KEY_Return, GDK_CONTROL_MASK);
+  press_key (&comparison.test, GDK_KEY_KP_Enter, GDK_CONTROL_MASK);
+  EXPECT_EQ (show_runs (comparison.clause), "a c");
+  EXPECT_FALSE (is_over (comparison.clause));
+  EXPECT_EQ (comparison.clause->revisions_count, 2u);
+}
+
 TEST (clause_view_comparison, escape_on_a_tool_leaves_it_to_the_text)
 {
   Comparison comparison ({"a b", "a c"});
