@@ -29,11 +29,17 @@ procedure_creation_page_get_window (ProcedureCreationPage *self)
   return MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
 }
 
-// The contractor as it is used, in lower case. The caller frees it with `g_free`.
+// The contractor as it is used: in lower case, and without the dot that ends the host's name (RFC 7622,
+// 3.2), or a sentence from which it was copied. Servers leave it out, too. The caller frees it with
+// `g_free`.
 static char *
 procedure_creation_page_get_contractor (ProcedureCreationPage *self)
 {
-  return g_ascii_strdown (gtk_entry_get_text (self->contractor_entry), -1);
+  char *contractor = g_ascii_strdown (gtk_entry_get_text (self->contractor_entry), -1);
+  size_t size = strlen (contractor);
+  if (size && contractor[size - 1] == '.')
+    contractor[size - 1] = '\0';
+  return contractor;
 }
 
 // What is wrong with a contractor, as a text for the user; NULL when nothing is. RFC 7622 allows

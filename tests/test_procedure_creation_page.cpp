@@ -291,6 +291,20 @@ INSTANTIATE_TEST_SUITE_P (procedure_creation_page_begin_button, ProcedureCreatio
                                            "b\x01ob@beta.test", "b\u00a0ob@beta.test",
                                            "b\u2003ob@beta.test"));
 
+// What comes from the contractor comes from the address without it.
+TEST (procedure_creation_page_begin_button, leaves_a_dot_behind_the_contractor_out)
+{
+  TestWindow test;
+  log_in (&test);
+  fill (&test, "Planks", "bob@beta.test.");
+  press (test.window->procedure_creation_page, "begin_button");
+  EXPECT_EQ (query (&test, "SELECT contractor FROM procedures"), "bob@beta.test\n");
+  for (const char *none : {"bob@.", ".", "alice@alpha.test."}) {
+    fill (&test, "Planks", none);
+    EXPECT_FALSE (is_sensitive (test.window->procedure_creation_page, "begin_button")) << none;
+  }
+}
+
 // A server takes these out, and what comes from the contractor then comes from someone else.
 TEST (procedure_creation_page_begin_button, refuses_a_contractor_with_letters_that_nobody_sees)
 {
