@@ -2,6 +2,8 @@
 
 #include <assert.h>
 
+#include <gtk/gtk-a11y.h>
+
 #include "app_window.h"
 #include "clause_chat_page.h"
 #include "clause_comparison.h"
@@ -29,6 +31,19 @@ struct RevisionsPopoverClass {
 };
 
 G_DEFINE_TYPE (RevisionsPopover, revisions_popover, GTK_TYPE_POPOVER)
+
+// What assistive programs see of the popover. They may still ask when it is gone, and GTK's own
+// accessible of popovers then asks the popover all the same.
+struct RevisionsPopoverAccessible {
+  GtkPopoverAccessible parent_instance;
+};
+
+struct RevisionsPopoverAccessibleClass {
+  GtkPopoverAccessibleClass parent_class;
+};
+
+G_DEFINE_TYPE (RevisionsPopoverAccessible, revisions_popover_accessible,
+               GTK_TYPE_POPOVER_ACCESSIBLE)
 
 // How long the user is told why something cannot be compared.
 static const guint REFUSAL_SECONDS = 5;
@@ -121,6 +136,27 @@ static void clause_view_bring_back (ClauseView *self, u32 index);
 
 // ---- The popover of the revisions ----
 
+static AtkStateSet *
+revisions_popover_accessible_ref_state_set (AtkObject *object)
+{
+  if (gtk_accessible_get_widget (GTK_ACCESSIBLE (object)))
+    return ATK_OBJECT_CLASS (revisions_popover_accessible_parent_class)->ref_state_set (object);
+  AtkStateSet *states = atk_state_set_new ();
+  atk_state_set_add_state (states, ATK_STATE_DEFUNCT);
+  return states;
+}
+
+static void
+revisions_popover_accessible_class_init (RevisionsPopoverAccessibleClass *accessible_class)
+{
+  ATK_OBJECT_CLASS (accessible_class)->ref_state_set = revisions_popover_accessible_ref_state_set;
+}
+
+static void
+revisions_popover_accessible_init (RevisionsPopoverAccessible *)
+{
+}
+
 static void
 revisions_popover_show (GtkWidget *widget)
 {
@@ -144,6 +180,8 @@ static void
 revisions_popover_class_init (RevisionsPopoverClass *popover_class)
 {
   GTK_WIDGET_CLASS (popover_class)->show = revisions_popover_show;
+  gtk_widget_class_set_accessible_type (GTK_WIDGET_CLASS (popover_class),
+                                        revisions_popover_accessible_get_type ());
 }
 
 static void

@@ -8,6 +8,7 @@
 #include "fake_session.h"
 #include "morvane.h"
 #include "procedure_view.h"
+#include "session.h"
 
 #define ALICE "alice@alpha.test"
 #define BOB   "bob@beta.test"
@@ -275,6 +276,15 @@ TEST (clause_view_new, gives_a_stored_draft_its_row)
   EXPECT_EQ (list_rows (loose.clause->view), ALICE ":3000\ndraft\n");
 }
 
+static bool
+has_state (AtkObject *accessible, AtkStateType type)
+{
+  AtkStateSet *states = atk_object_ref_state_set (accessible);
+  bool has = atk_state_set_contains_state (states, type);
+  g_object_unref (states);
+  return has;
+}
+
 TEST (clause_view_new, puts_the_revisions_into_a_popover_that_scrolls)
 {
   LooseClause loose;
@@ -318,6 +328,23 @@ TEST (clause_view_new, gives_a_long_text_the_height_that_it_has)
     },
     clause);
   EXPECT_TRUE (fits);
+}
+
+// An assistive program may ask for what has just gone.
+TEST (clause_view_new, tells_an_assistive_program_that_its_popover_is_gone)
+{
+  TestWindow test;
+  Clause *clause = open_two_revisions (&test);
+  GtkWidget *popover = get_popover (clause);
+  press (clause->view, "revision_select_menu_button");
+  AtkObject *accessible = ATK_OBJECT (g_object_ref (gtk_widget_get_accessible (popover)));
+  EXPECT_EQ (atk_object_get_role (accessible), ATK_ROLE_PANEL);
+  EXPECT_TRUE (has_state (accessible, ATK_STATE_MODAL));
+  EXPECT_FALSE (has_state (accessible, ATK_STATE_DEFUNCT));
+  app_window_log_in_again (test.window);
+  EXPECT_TRUE (has_state (accessible, ATK_STATE_DEFUNCT));
+  EXPECT_FALSE (has_state (accessible, ATK_STATE_MODAL));
+  g_object_unref (accessible);
 }
 
 // A window works on all popovers that it has, each time that it is laid out or scrolled.
