@@ -58,7 +58,7 @@ struct StanzaMark {
 };
 
 struct SendQueue {
-  pthread_mutex_t mutex;  // held for a whole stanza; guards all of the record
+  pthread_mutex_t mutex;  // held for a whole stanza; guards all of the record, and the session
   SocketDescriptor socket;
   GByteArray *records;  // encrypted; what is before `front` has been written
   u64 front;
@@ -70,6 +70,7 @@ struct SendQueue {
   u64 stanza_written;    // of those, the bytes that were written or wait
   bool ends_now;         // the record at hand is the stanza's last: nothing is kept back
   int error;             // `errno` of the write that failed; 0 while none has
+  bool is_dry;           // the record that this thread receives has not come whole
   bool is_full;          // a stanza was refused, so none may follow
   bool is_change_known;  // the handler was called for the state as it is
   TLSSendState state;
@@ -77,7 +78,8 @@ struct SendQueue {
   void *handler_data;
 };
 
-// The queue of the session that this thread is sending on. Records of a handshake go out at once.
+// The queue of the session that this thread is sending or receiving on. A handshake does without: its
+// records go out at once, and it waits for those of the server.
 static thread_local SendQueue *current_queue;
 
 static SendQueue *
@@ -198,6 +200,28 @@ push_record (gnutls_transport_ptr_t transport, const void *data, size_t size)
   if (queue->ends_now && !write_collected_records (queue))
     return -1;
   return (ssize_t) size;
+}
+
+// What GnuTLS reads with; results and `errno` are those of `recv`.
+static ssize_t
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the order is that of GnuTLS.
+pull_record (gnutls_transport_ptr_t transport, void *data, size_t size)
+{
+  SocketDescriptor socket = GPOINTER_TO_INT (transport);
+  SendQueue *queue = current_queue;
+  if (!queue)
+    os_wait_readable (socket, -1);
+  s64 received_size = os_recv_now (socket, {(u8 *) data, size});
+  if (queue)
+    queue->is_dry = received_size < 0 && errno == EAGAIN;
+  return received_size;
+}
+
+// GnuTLS takes its own function for this only beside its own reading.
+static int
+wait_for_record (gnutls_transport_ptr_t transport, unsigned int timeout_ms)
+{
+  return gnutls_system_recv_timeout (transport, timeout_ms);
 }
 
 // Tells the session's owner when something has changed. The queue is not locked.
@@ -359,6 +383,8 @@ init_tls_session (gnutls_certificate_credentials_t credentials, SocketDescriptor
   gnutls_session_set_ptr (session, alloc_send_queue (socket));
   gnutls_transport_set_int2 (session, socket, socket);
   gnutls_transport_set_push_function (session, push_record);
+  gnutls_transport_set_pull_function (session, pull_record);
+  gnutls_transport_set_pull_timeout_function (session, wait_for_record);
   gnutls_handshake_set_timeout (session, GNUTLS_DEFAULT_HANDSHAKE_TIMEOUT);
 
   int result = perform_handshake (session, host_name);
@@ -483,12 +509,37 @@ send_all_tls_data (gnutls_session_t session, String data)
   return sent_size;
 }
 
+// One attempt to receive, which waits for a record. GnuTLS lets one thread send while another
+// receives, but not while the other takes new keys from the server (RFC 8446, 4.6.3): both then change
+// the session's keys. So what has come is taken with the queue locked, and waited for without.
+static ssize_t
+recv_record (gnutls_session_t session, SendQueue *queue, Buffer buffer)
+{
+  for (;;) {
+    pthread_mutex_lock (&queue->mutex);
+    current_queue = queue;
+    // What receiving sends, an answer to new keys, has its place behind what waits.
+    queue->ends_now = true;
+    queue->is_dry = false;
+    ssize_t received = gnutls_record_recv (session, buffer.data, buffer.size);
+    bool has_to_wait = received == GNUTLS_E_AGAIN && queue->is_dry;
+    current_queue = NULL;
+    pthread_mutex_unlock (&queue->mutex);
+    tell_send_handler (queue);
+    if (!has_to_wait)
+      return received;
+    os_wait_readable (queue->socket, -1);
+  }
+}
+
 String
 recv_tls_data (gnutls_session_t session, Buffer buffer)
 {
   flush_until_readable (session);
+  SendQueue *queue = get_send_queue (session);
   for (int attempt = 0; attempt < TLS_ATTEMPTS_MAX; ++attempt) {
-    ssize_t received = gnutls_record_recv (session, buffer.data, buffer.size);
+    ssize_t received = queue ? recv_record (session, queue, buffer)
+                             : gnutls_record_recv (session, buffer.data, buffer.size);
     if (received >= 0) {
       return {buffer.data, (u64) received};
     }

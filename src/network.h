@@ -8,7 +8,7 @@
 // Ownership: said at each function; the socket stays with the caller.
 // Threads: the credentials are made before any worker starts and only read afterwards. On one
 // session one thread may receive while others send and ask how far sending is: a lock of the session
-// keeps the records of one stanza together.
+// keeps the records of one stanza together, and sending apart from the taking of what has come.
 #pragma once
 
 #include <gnutls/gnutls.h>

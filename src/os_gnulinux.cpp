@@ -227,6 +227,12 @@ os_recv (SocketDescriptor socket, Buffer buffer)
   return received;
 }
 
+s64
+os_recv_now (SocketDescriptor socket, Buffer buffer)
+{
+  return recv (socket, buffer.data, buffer.size, MSG_DONTWAIT);
+}
+
 // What happened of `events`, an error or an end; 0 after `timeout_ms`, which may be -1 for ever.
 static int
 wait_for_events (SocketDescriptor socket, short events, int timeout_ms)

@@ -56,6 +56,9 @@ u64 os_get_unconfirmed_size (SocketDescriptor socket);
 // What one `recv` brought, as a view over the front of `buffer`; empty with the buffer's pointer
 // when the peer has closed, empty with a null pointer on error.
 String os_recv (SocketDescriptor socket, Buffer buffer);
+// What has come, without waiting: a count of bytes, 0 when the peer has closed. -1 on error, with the
+// reason in `errno`, EAGAIN when nothing has come, and nothing on the console.
+s64 os_recv_now (SocketDescriptor socket, Buffer buffer);
 // True when a read would not block (there is data, an end or an error) within `timeout_ms`.
 bool os_wait_readable (SocketDescriptor socket, int timeout_ms);
 // True when a write would not block (there is room or an error) within `timeout_ms`.

@@ -155,6 +155,12 @@ server_run (void (*action) (void *data), void *data)
 }
 
 ServerStep
+server_update_keys ()
+{
+  return make_step (SERVER_STEP_UPDATE_KEYS);
+}
+
+ServerStep
 server_close_notify ()
 {
   return make_step (SERVER_STEP_CLOSE_NOTIFY);
@@ -675,6 +681,21 @@ play_close_notify (ScriptedServer *server)
 }
 
 static bool
+play_update_keys (ScriptedServer *server)
+{
+  int error;
+  while ((error = gnutls_session_key_update (server->session, GNUTLS_KU_PEER)) != 0) {
+    if (gnutls_error_is_fatal (error) ||
+        !wait_events (server, server->socket, POLLOUT, server->deadline)) {
+      set_failure (server, std::string ("new keys: ") + gnutls_strerror (error));
+      return false;
+    }
+  }
+  write_transcript (server, "-- ", "new keys");
+  return true;
+}
+
+static bool
 play_reset (ScriptedServer *server)
 {
   struct linger linger = {1, 0};
@@ -736,8 +757,9 @@ play_step (ScriptedServer *server, const ServerStep &step)
     set_failure (server, "there is no connection");
     return false;
   }
-  if (step.kind == SERVER_STEP_CLOSE_NOTIFY && !server->session) {
-    set_failure (server, "there is no TLS to close");
+  if ((step.kind == SERVER_STEP_CLOSE_NOTIFY || step.kind == SERVER_STEP_UPDATE_KEYS) &&
+      !server->session) {
+    set_failure (server, "there is no TLS");
     return false;
   }
   switch (step.kind) {
@@ -762,6 +784,8 @@ play_step (ScriptedServer *server, const ServerStep &step)
   case SERVER_STEP_RUN:
     step.action (step.data);
     return true;
+  case SERVER_STEP_UPDATE_KEYS:
+    return play_update_keys (server);
   case SERVER_STEP_CLOSE_NOTIFY:
     return play_close_notify (server);
   case SERVER_STEP_FIN:

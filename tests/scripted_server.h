@@ -34,6 +34,7 @@ enum ServerStepKind {
   SERVER_STEP_WAIT,
   SERVER_STEP_WAIT_DEAF,
   SERVER_STEP_RUN,
+  SERVER_STEP_UPDATE_KEYS,
   SERVER_STEP_CLOSE_NOTIFY,
   SERVER_STEP_FIN,
   SERVER_STEP_RESET,
@@ -77,6 +78,9 @@ ServerStep server_delay (int ms);
 ServerStep server_wait ();
 ServerStep server_wait_deaf ();
 ServerStep server_run (void (*action) (void *data), void *data);
+// Renews the server's keys and asks the program to renew its own (RFC 8446, 4.6.3). GnuTLS takes eight
+// of these in a second.
+ServerStep server_update_keys ();
 ServerStep server_close_notify ();  // ends the server's TLS stream, keeps reading
 ServerStep server_fin ();           // ends the server's side of the socket, without close-notify
 ServerStep server_reset ();         // breaks the connection off

@@ -43,6 +43,7 @@ struct Forced {
   int send_passes;             // so many sends work before the failing ones
   int send_failures;           // so many sends give GNUTLS_E_PUSH_ERROR
   int recv_failures;           // so many receives give GNUTLS_E_AGAIN
+  int recv_key_updates;        // so many receives answer to new keys at once
   size_t send_limit;           // a send takes at most so many bytes
   int write_passes;            // so many writes to the socket work before the failing ones
   int write_failures;          // so many of them give ECONNRESET
@@ -53,6 +54,27 @@ static thread_local std::vector<size_t> offered_sizes;  // what each send was gi
 static thread_local std::vector<size_t> written_sizes;  // what each write to the socket was given
 static thread_local std::vector<std::string> release_calls;
 static thread_local unsigned int handshake_timeout;
+
+// A session on which no two calls may send or receive at the same time, and how often they did.
+static gnutls_session_t watched_session;
+static gint watched_calls_count;
+static gint overlaps_count;
+
+static bool
+enter_call (gnutls_session_t session)
+{
+  bool is_watched = g_atomic_pointer_get (&watched_session) == session;
+  if (is_watched && g_atomic_int_add (&watched_calls_count, 1))
+    g_atomic_int_inc (&overlaps_count);
+  return is_watched;
+}
+
+static void
+leave_call (bool is_watched)
+{
+  if (is_watched)
+    g_atomic_int_add (&watched_calls_count, -1);
+}
 
 #define CALL_REAL(function, ...) ((decltype (&function)) dlsym (RTLD_NEXT, #function)) (__VA_ARGS__)
 
@@ -176,7 +198,10 @@ gnutls_record_send (gnutls_session_t session, const void *data, size_t size)
     return GNUTLS_E_PUSH_ERROR;
   }
   size_t amount = forced.send_limit && forced.send_limit < size ? forced.send_limit : size;
-  return CALL_REAL (gnutls_record_send, session, data, amount);
+  bool is_watched = enter_call (session);
+  ssize_t sent = CALL_REAL (gnutls_record_send, session, data, amount);
+  leave_call (is_watched);
+  return sent;
 }
 
 ssize_t
@@ -200,7 +225,14 @@ gnutls_record_recv (gnutls_session_t session, void *data, size_t size)
     --forced.recv_failures;
     return GNUTLS_E_AGAIN;
   }
-  return CALL_REAL (gnutls_record_recv, session, data, size);
+  if (forced.recv_key_updates > 0) {
+    --forced.recv_key_updates;
+    EXPECT_EQ (gnutls_session_key_update (session, 0), 0);
+  }
+  bool is_watched = enter_call (session);
+  ssize_t received = CALL_REAL (gnutls_record_recv, session, data, size);
+  leave_call (is_watched);
+  return received;
 }
 
 // ---- Helpers ----
@@ -1191,6 +1223,37 @@ TEST (send_all_tls_data, keeps_the_stanzas_of_two_threads_apart)
   EXPECT_EQ (take_whole_stanzas (report.received), "!");
 }
 
+// GnuTLS changes the keys of both directions in a thread that receives, and in one that sends.
+TEST (recv_tls_data, takes_new_keys_while_others_send)
+{
+  ServerScript script;
+  for (int number = 0; number < 4; ++number)
+    script_append (&script, {server_update_keys (), server_update_keys (), server_send ("<iq/>")});
+  script_append (&script, {server_expect_until ("!"), server_expect_end ()});
+  Link link = open_link (script);
+  g_atomic_pointer_set (&watched_session, link.client.session);
+  g_atomic_int_set (&overlaps_count, 0);
+  pthread_barrier_t start;
+  ASSERT_EQ (pthread_barrier_init (&start, NULL, 2), 0);
+  Sender senders[2] = {{link.client.session, 'a', &start, 0},
+                       {link.client.session, 'b', &start, 0}};
+  pthread_t threads[2];
+  ASSERT_EQ (pthread_create (&threads[0], NULL, send_stanzas, &senders[0]), 0);
+  ASSERT_EQ (pthread_create (&threads[1], NULL, send_stanzas, &senders[1]), 0);
+  std::string received;
+  for (int number = 0; number < 4; ++number)
+    received += receive (link.client.session).text;
+  pthread_join (threads[0], NULL);
+  pthread_join (threads[1], NULL);
+  pthread_barrier_destroy (&start);
+  EXPECT_EQ (g_atomic_int_get (&overlaps_count), 0);
+  g_atomic_pointer_set (&watched_session, (gnutls_session_t) NULL);
+  EXPECT_EQ (send_all (link.client.session, "!").size, 1u);
+  ServerReport report = close_link (&link);
+  EXPECT_EQ (received, repeat ("<iq/>", 4));
+  EXPECT_EQ (take_whole_stanzas (report.received), "!");
+}
+
 // ---- A server that does not read ----
 // The sockets of these tests hold less than a megabyte; what is given here is more, over two when
 // encrypted. The server's own record of what came judges.
@@ -1355,6 +1418,32 @@ TEST (recv_tls_data, sends_what_waits_while_nobody_else_sees_to_it)
   EXPECT_EQ (get_tls_send_state (link.client.session).waiting_size, 0u);
   ServerReport report = close_link (&link);
   EXPECT_TRUE (report.received == all + "!");
+}
+
+// The answer to the server's new keys has its place among the records that wait, whether it goes with
+// the next stanza, as GnuTLS 3.7 does it, or at once.
+TEST (recv_tls_data, takes_new_keys_while_something_waits)
+{
+  for (int recv_key_updates : {0, 1}) {
+    Link link =
+      open_narrow_link ({server_wait_deaf (), server_update_keys (), server_send ("<iq/>"),
+                         server_wait_deaf (), server_expect_until ("!"), server_expect_end ()});
+    int calls_count = 0;
+    set_tls_send_handler (link.client.session, count_call, &calls_count);
+    std::string all = give_long_stanzas (link.client.session, DEAF_STANZAS);
+    u64 waiting_size = get_tls_send_state (link.client.session).waiting_size;
+    EXPECT_GT (waiting_size, 0u);
+    scripted_server_signal (link.server);
+    forced.recv_key_updates = recv_key_updates;
+    EXPECT_EQ (receive (link.client.session).text, "<iq/>");
+    EXPECT_EQ (get_tls_send_state (link.client.session).waiting_size > waiting_size,
+               recv_key_updates != 0);
+    all += give_long_stanzas (link.client.session, 2);
+    scripted_server_signal (link.server);
+    EXPECT_TRUE (flush_tls_data (link.client.session, 30000));
+    EXPECT_EQ (send_all (link.client.session, "!").size, 1u);
+    EXPECT_TRUE (close_link (&link).received == all + "!");
+  }
 }
 
 TEST (recv_tls_data, is_woken_from_a_server_that_does_not_read)

@@ -1122,6 +1122,26 @@ TEST_F (os_stream, send_now_tells_of_a_lost_connection)
   EXPECT_EQ ("", end_output ());
 }
 
+TEST_F (os_stream, recv_now_takes_what_has_come)
+{
+  char bytes[4] = {};
+  Buffer buffer = {(u8 *) bytes, 3};
+  begin_output ();
+  EXPECT_EQ (os_recv_now (near, buffer), -1);
+  EXPECT_EQ (errno, EAGAIN);
+  ASSERT_EQ (send (far, "hello", 5, 0), 5);
+  ASSERT_TRUE (os_wait_readable (near, 10000));
+  EXPECT_EQ (os_recv_now (near, buffer), 3);
+  EXPECT_STREQ (bytes, "hel");
+  EXPECT_EQ (os_recv_now (near, buffer), 2);
+  ASSERT_EQ (shutdown (far, SHUT_WR), 0);
+  ASSERT_TRUE (os_wait_readable (near, 10000));
+  EXPECT_EQ (os_recv_now (near, buffer), 0);
+  EXPECT_EQ (os_recv_now (-1, buffer), -1);
+  EXPECT_EQ (errno, EBADF);
+  EXPECT_EQ ("", end_output ());
+}
+
 TEST_F (os_stream, shutdown_wakes_a_reader_in_another_thread)
 {
   pthread_t reader;
