@@ -11,6 +11,7 @@ struct _LoginPage {
   bool is_password_valid;  // not empty
   bool is_logging_in;      // an attempt of this page runs
   bool is_cancelled;       // and the user has given it up
+  bool is_ending;          // it has failed, and its worker has not left yet
   // Template children.
   GtkEntry *bare_jid_entry;
   GtkEntry *password_entry;
@@ -124,14 +125,27 @@ login_page_login_button_handle (GtkButton *, LoginPage *self)
 }
 
 static void
-login_page_end_login (LoginPage *self, const char *status)
+login_page_show_outcome (LoginPage *self, const char *status)
 {
-  login_page_set_entries_sensitive (self, TRUE);
-  gtk_widget_set_sensitive (GTK_WIDGET (self->register_button), TRUE);
   gtk_label_set_text (self->status_label, status);
   gtk_spinner_stop (self->spinner);
   self->is_logging_in = false;
   self->is_cancelled = false;
+}
+
+static void
+login_page_unlock (LoginPage *self)
+{
+  login_page_set_entries_sensitive (self, TRUE);
+  gtk_widget_set_sensitive (GTK_WIDGET (self->register_button), TRUE);
+  self->is_ending = false;
+}
+
+static void
+login_page_end_login (LoginPage *self, const char *status)
+{
+  login_page_unlock (self);
+  login_page_show_outcome (self, status);
 }
 
 // Gives up an attempt that runs. Its outcome may still come, and then only unlocks the page.
@@ -262,8 +276,14 @@ login_page_handle_login_success (gpointer data)
 void
 login_page_note_worker_left (LoginPage *self)
 {
-  if (self->is_logging_in && self->is_cancelled)
+  if (self->is_logging_in && self->is_cancelled) {
     login_page_end_login (self, "");
+  } else if (self->is_ending) {
+    login_page_unlock (self);
+    // While the user is on the registration page the focus stays there.
+    if (gtk_widget_get_child_visible (GTK_WIDGET (self)))
+      gtk_widget_grab_focus (GTK_WIDGET (self->login_button));
+  }
 }
 
 gboolean
@@ -275,13 +295,12 @@ login_page_handle_login_failure (gpointer data)
     LoginPage *self = window->login_page;
     xmpp_close_connection (window);
     bool is_awaited = !self->is_cancelled;
-    login_page_end_login (self, is_awaited ? message->text : "");
+    login_page_show_outcome (self, is_awaited ? message->text : "");
     gtk_widget_set_tooltip_text (GTK_WIDGET (self->status_label),
                                  is_awaited ? login_page_get_refusal_hint (self) : NULL);
-    // While the user is on the registration page the focus stays there.
-    if (gtk_widget_get_child_visible (GTK_WIDGET (self))) {
-      gtk_widget_grab_focus (GTK_WIDGET (self->login_button));
-    }
+    self->is_ending = true;
+    if (!app_window_is_worker_running (window))
+      login_page_note_worker_left (self);
   }
   dealloc_thread_message (message);
   return G_SOURCE_REMOVE;

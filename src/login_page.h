@@ -30,8 +30,9 @@ GtkWidget *login_page_get_login_button (LoginPage *self);
 
 // `data` is the `AppWindow`, with a reference for this handler. Shows the account.
 gboolean login_page_handle_login_success (gpointer data);
-// `data` is an `XMPPThreadMessage`, which is freed. Closes the connection and shows the text.
+// `data` is an `XMPPThreadMessage`, which is freed. Closes the connection and shows the text; the page
+// stays locked while the worker has not left, for no other attempt can begin until then.
 gboolean login_page_handle_login_failure (gpointer data);
-// The window's worker has left: an attempt that was given up when it had succeeded is over, and another
-// can begin.
+// The window's worker has left: an attempt that has failed, or was given up when it had succeeded, is
+// over, and another can begin.
 void login_page_note_worker_left (LoginPage *self);

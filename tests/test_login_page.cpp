@@ -305,6 +305,26 @@ TEST (login_page_login_button, is_off_after_a_success_that_was_given_up_until_th
   EXPECT_TRUE (is_sensitive (window->login_page, "login_button"));
 }
 
+// A press that is refused would take the place of the reason, too.
+TEST (login_page_login_button, is_off_after_a_failure_until_the_worker_has_left)
+{
+  TestWindow test;
+  LoginPage *page = test.window->login_page;
+  fill (&test, DEAF_JID, "secret");
+  gtk_button_clicked (GTK_BUTTON (login_page_get_login_button (page)));
+  EXPECT_TRUE (worker_wait_until_left (test.window->worker, get_deadline (60000)));
+  login_page_handle_login_failure (alloc_thread_message (test.window, "Unable to authorize", 0));
+  EXPECT_FALSE (is_idle (&test));
+  EXPECT_FALSE (is_sensitive (page, "login_button"));
+  EXPECT_FALSE (is_sensitive (page, "password_entry"));
+  gtk_window_activate_default (GTK_WINDOW (test.window));
+  EXPECT_EQ (get_text (page, "status_label"), "Unable to authorize");
+  EXPECT_TRUE (pump_until (is_idle, &test));
+  EXPECT_TRUE (is_sensitive (page, "login_button"));
+  EXPECT_TRUE (is_sensitive (page, "password_entry"));
+  EXPECT_EQ (gtk_window_get_focus (GTK_WINDOW (test.window)), login_page_get_login_button (page));
+}
+
 TEST (login_page_login_button, refuses_an_account_that_another_window_has_open)
 {
   TestWindow first;
