@@ -623,7 +623,7 @@ TEST (stream_management, without_it_an_end_confirms_all_only_when_the_server_has
     scripted_server_signal (session.server);
     EXPECT_TRUE (pump_until (
       [] (void *data) {
-        return ((Session *) data)->console ().find ("</stream:stream>\" (String)") !=
+        return ((Session *) data)->console ().find ("data: \"</stream:stream>\" (String)") !=
                std::string::npos;
       },
       &session));
