@@ -1886,9 +1886,9 @@ clause_view_decide_change (ClauseView *self, bool is_kept)
   clause_view_look_away (self);
   clause_comparison_decide (&self->comparison, is_kept);
   clause_view_look_back (self);
-  clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
   if (!is_kept && !clause_comparison_has_changes (&self->comparison))
     clause_view_use_as_draft (self);
+  clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
 }
 
 static void

@@ -256,6 +256,32 @@ TEST (gresource_get_resource, holds_the_thirteen_templates)
   EXPECT_EQ (names, expected);
 }
 
+// ---- What holds the input ----
+
+TEST (app_release_input, closes_a_menu_that_holds_it)
+{
+  TestApp test;
+  activate (&test);
+  GtkWidget *menu = gtk_menu_new ();
+  GtkWidget *item = gtk_menu_item_new_with_label ("Copy");
+  gtk_menu_shell_append (GTK_MENU_SHELL (menu), item);
+  gtk_widget_show (item);
+  GtkWidget *window = GTK_WIDGET (list_windows (&test)[0]);
+  gtk_menu_attach_to_widget (GTK_MENU (menu), window, NULL);
+  GdkEvent *event = gdk_event_new (GDK_BUTTON_PRESS);
+  event->button.window = GDK_WINDOW (g_object_ref (gtk_widget_get_window (window)));
+  gdk_event_set_device (event, gdk_seat_get_pointer (
+                                 gdk_display_get_default_seat (gdk_display_get_default ())));
+  gtk_menu_popup_at_widget (GTK_MENU (menu), window, GDK_GRAVITY_CENTER, GDK_GRAVITY_CENTER, event);
+  gdk_event_free (event);
+  ASSERT_EQ (gtk_grab_get_current (), menu);
+  app_release_input ();
+  EXPECT_EQ (gtk_grab_get_current (), nullptr);
+  EXPECT_FALSE (gtk_widget_get_visible (menu));
+  // A second time there is nothing to be released.
+  app_release_input ();
+}
+
 // ---- Signals ----
 
 static bool
@@ -269,6 +295,8 @@ class AppSignal : public testing::TestWithParam<int> {};
 TEST_P (AppSignal, closes_every_window)
 {
   TestApp test;
+  // nohup and others start programs with SIGHUP ignored.
+  void (*before) (int) = signal (GetParam (), SIG_DFL);
   app_end_on_signals (test.app);
   activate (&test);
   activate (&test);
@@ -281,6 +309,7 @@ TEST_P (AppSignal, closes_every_window)
   pump ();
   while (g_source_remove_by_user_data (test.app))
     continue;
+  signal (GetParam (), before);
 }
 
 INSTANTIATE_TEST_SUITE_P (app_end_on_signals, AppSignal, testing::Values (SIGTERM, SIGINT, SIGHUP));

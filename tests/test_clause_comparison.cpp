@@ -63,6 +63,20 @@ TEST (clause_comparison_decide, is_remembered_until_the_next_comparison)
   EXPECT_FALSE (shown.comparison.has_decisions);
 }
 
+TEST (clause_comparison_take_all, takes_the_tools_from_the_run_that_they_stand_at)
+{
+  Shown shown ("a b", "a c");
+  GtkTextIter start;
+  ASSERT_TRUE (clause_comparison_find_next (&shown.comparison, &start));
+  GtkTextIter end = start;
+  ASSERT_TRUE (gtk_text_iter_forward_to_tag_toggle (&end, NULL));
+  clause_comparison_show_tools (&shown.comparison, start, end, {}, 0);
+  EXPECT_TRUE (gtk_widget_get_visible (shown.comparison.tools));
+  clause_comparison_take_all (&shown.comparison, true);
+  EXPECT_FALSE (gtk_widget_get_visible (shown.comparison.tools));
+  EXPECT_FALSE (shown.comparison.has_run);
+}
+
 TEST (clause_comparison_take_all, is_remembered_until_the_next_comparison)
 {
   Shown shown ("a b", "a c");

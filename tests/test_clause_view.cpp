@@ -347,6 +347,47 @@ TEST (clause_view_new, tells_an_assistive_program_that_its_popover_is_gone)
   g_object_unref (accessible);
 }
 
+// How often a text was laid out, and the frames that are still to be counted.
+struct Layouts {
+  int count;
+  int frames_left;
+};
+
+static void
+note_layout (GtkWidget *, GdkRectangle *, gpointer layouts)
+{
+  ((Layouts *) layouts)->count++;
+}
+
+static gboolean
+note_frame (GtkWidget *, GdkFrameClock *, gpointer layouts)
+{
+  return --((Layouts *) layouts)->frames_left > 0 ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+static bool
+has_no_frames_left (void *layouts)
+{
+  return ((Layouts *) layouts)->frames_left == 0;
+}
+
+// Whoever asks for the height again asks once.
+TEST (clause_view_new, lays_a_text_out_no_more_than_it_must)
+{
+  TestWindow test;
+  Clause *clause = open_two_revisions (&test);
+  GtkWidget *text_view = find_widget (clause->view, "text_view");
+  Layouts layouts = {0, 12};
+  gtk_widget_add_tick_callback (text_view, note_frame, &layouts, NULL);
+  EXPECT_TRUE (pump_until (has_no_frames_left, &layouts));
+  layouts.frames_left = 12;
+  g_signal_connect (text_view, "size-allocate", G_CALLBACK (note_layout), &layouts);
+  gtk_widget_add_tick_callback (text_view, note_frame, &layouts, NULL);
+  EXPECT_TRUE (pump_until (has_no_frames_left, &layouts));
+  EXPECT_EQ (layouts.count, 0);
+  g_signal_handlers_disconnect_by_data (text_view, &layouts);
+}
+
 // A window works on all popovers that it has, each time that it is laid out or scrolled.
 TEST (clause_view_new, lets_the_popover_join_the_window_when_it_is_opened)
 {
