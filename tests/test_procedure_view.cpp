@@ -164,6 +164,32 @@ is_all_laid_out (void *data)
   return true;
 }
 
+// As a box does: what room the page has is for whoever would like more than it must have.
+TEST (procedure_view_new, gives_what_room_there_is_to_what_would_like_it)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  add_revision (&test, add_clause (&test, procedure), "Of oak");
+  show (&test, procedure);
+  GtkWidget *area = gtk_drawing_area_new ();
+  gtk_widget_set_size_request (area, 50, 200);
+  GtkWidget *child = gtk_scrolled_window_new (NULL, NULL);
+  gtk_scrolled_window_set_propagate_natural_height (GTK_SCROLLED_WINDOW (child), TRUE);
+  gtk_container_add (GTK_CONTAINER (child), area);
+  gtk_container_add (GTK_CONTAINER (find_widget (procedure->view, "clauses_box")), child);
+  gtk_widget_show_all (child);
+  int minimum;
+  int natural;
+  gtk_widget_get_preferred_height (child, &minimum, &natural);
+  EXPECT_LT (minimum, natural);
+  EXPECT_TRUE (
+    pump_until ([] (void *
+                      widget) { return gtk_widget_get_allocated_height (GTK_WIDGET (widget)) > 1; },
+                child));
+  EXPECT_EQ (gtk_widget_get_allocated_height (child), natural);
+}
+
 // Hundreds at once would keep the user waiting.
 TEST (procedure_view_new, lays_out_the_clauses_in_sight_first)
 {
