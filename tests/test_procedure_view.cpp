@@ -248,6 +248,54 @@ show_new_clause (TestWindow *test, Procedure *procedure)
   clause_view_show_revision (clause->view, clause->revisions[0], test->window->account.bare_jid);
 }
 
+// What is laid out ahead of its place would be as narrow as a letter.
+TEST (procedure_view_new, lays_out_no_clause_before_it_has_its_place)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  show_new_clause (&test, procedure);
+  Clause *clause = procedure->clauses[40];
+  static int narrowest;
+  narrowest = G_MAXINT;
+  g_signal_connect (clause->view, "size-allocate",
+                    G_CALLBACK (+[] (GtkWidget *, GdkRectangle *place, gpointer) {
+                      narrowest = MIN (narrowest, place->width);
+                    }),
+                    NULL);
+  // The page is scrolled before the next frame.
+  g_signal_emit_by_name (procedure_view_get_page (GTK_WIDGET (clause->view)), "value-changed");
+  EXPECT_EQ (narrowest, G_MAXINT);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  EXPECT_GT (narrowest, 100);
+}
+
+TEST (procedure_view_new, keeps_the_place_in_a_clause_that_fills_the_page)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  GtkWidget *last = GTK_WIDGET (procedure->clauses[39]->view);
+  GtkAdjustment *page = procedure_view_get_page (last);
+  GtkAllocation place;
+  gtk_widget_get_allocation (last, &place);
+  ASSERT_GT (place.height, 200 + gtk_adjustment_get_page_size (page));
+  gtk_adjustment_set_value (page, place.y + 100);
+  pump ();
+  gtk_window_resize (GTK_WINDOW (test.window), 900, 640);
+  static int width;
+  width = get_text_width (procedure->clauses[39]);
+  EXPECT_TRUE (pump_until (
+    [] (void *data) {
+      return get_text_width (((Procedure *) data)->clauses[39]) > width && is_all_laid_out (data);
+    },
+    procedure));
+  int y = place.y;
+  gtk_widget_get_allocation (last, &place);
+  EXPECT_LT (place.y, y);
+  EXPECT_EQ (gtk_adjustment_get_value (page) - place.y, 100);
+}
+
 TEST (procedure_view_new, lays_out_a_clause_that_comes_while_another_is_laid_out)
 {
   static TestWindow *current;
