@@ -104,7 +104,6 @@ login_page_start_login (LoginPage *self, String bare_jid)
   gtk_label_set_text (self->status_label, "");
   gtk_widget_set_tooltip_text (GTK_WIDGET (self->status_label), NULL);
   self->is_logging_in = true;
-  self->is_cancelled = false;
   gtk_spinner_start (self->spinner);
   window->account = alloc_xmpp_account (bare_jid, password, to_string ("morvane"));
   console_put ("Connecting...\n");

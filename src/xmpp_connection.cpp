@@ -70,6 +70,7 @@ alloc_xmpp_account (String bare_jid, String password, String resource)
   block_p = buffer_append_char (block_p, '/');
   block_p = buffer_append_string (block_p, resource);
   block_p = buffer_append_string (block_p, password);
+  assert (!block_p.size);
 
   XMPPAccount account = {};
   account.data = block.data;
