@@ -117,7 +117,7 @@ def describe_vcard(stanza, card):
 def describe(data):
     """What an independent parser of XML finds in a stream for the interface, a line a record."""
     data = data.replace(b"</stream:stream>", b"")
-    root = xml.etree.xml.etree.ElementTree.fromstring(
+    root = xml.etree.ElementTree.fromstring(
         b"<stream:stream xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams'>"
         + data + b"</stream:stream>")
     lines = []
