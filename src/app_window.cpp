@@ -544,8 +544,8 @@ app_window_remove_procedure (AppWindow *self, Procedure *procedure)
   }
   deletion_end (self);
   negotiation_delete (app_window_get_negotiation (self), procedure);
-  app_window_leave_page (self, GTK_WIDGET (procedure->view));
   gtk_list_box_unselect_row (self->procedures_list_box, procedure->list_item);
+  app_window_leave_page (self, GTK_WIDGET (procedure->view));
   gtk_widget_hide (GTK_WIDGET (procedure->list_item));
   gtk_widget_hide (GTK_WIDGET (procedure->view));
   char *title = alloc_shown_text (procedure->title);

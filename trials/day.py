@@ -16,6 +16,7 @@ import mmap
 import os
 import random
 import re
+import sqlite3
 import struct
 import sys
 import time
@@ -150,6 +151,16 @@ class Player:
         self.read_console()
 
     # ---- Reading ----
+
+    def owes(self):
+        """Whether something waits to be sent or acknowledged. Nobody knows which part of that a kill
+        leaves, and what is in doubt is sent once more."""
+        try:
+            return self.party.count_rows("outbox") > 0
+        except sqlite3.OperationalError as error:
+            if "no such table" in str(error):
+                return False
+            raise
 
     def differences(self):
         return model.differences(self.model.expected(), model.read_store(self.party.store_path))
@@ -352,13 +363,15 @@ class Day:
 
     def settle(self):
         """Waits until both databases hold what they must, what has no place there has been warned
-        of, and the server keeps the rest."""
+        of, the server keeps the rest, and has acknowledged it."""
         def is_settled(player):
             if player.differences():
                 return False
             if not player.model.is_online:
                 return self.count_kept(player) == len(player.model.waiting)
             player.read_console()
+            if player.is_connected and player.owes():
+                return False
             return player.model.warnings == player.warnings
 
         def settled():
