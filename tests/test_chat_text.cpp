@@ -128,3 +128,19 @@ TEST (chat_text_init, keeps_a_chat_that_appeared_empty_at_its_end)
     chat_text_add_line (test.chat_text, to_string ("bert"), to_string ("I agree"));
   EXPECT_TRUE (pump_until (is_end_in_sight, &test));
 }
+
+// A pixel is what rounding leaves; who has scrolled back by more is reading.
+TEST (chat_text_init, leaves_a_reader_where_he_is)
+{
+  TestChat test;
+  for (int i = 0; i < 60; ++i)
+    chat_text_add_line (test.chat_text, to_string ("bert"), to_string ("I agree"));
+  EXPECT_TRUE (pump_until (is_end_in_sight, &test));
+  GtkAdjustment *adjustment = gtk_scrolled_window_get_vadjustment (test.chat_text->scrolled_window);
+  double end = gtk_adjustment_get_upper (adjustment) - gtk_adjustment_get_page_size (adjustment);
+  EXPECT_TRUE (test.chat_text->is_at_end);
+  gtk_adjustment_set_value (adjustment, end - 1.5);
+  EXPECT_FALSE (test.chat_text->is_at_end);
+  gtk_adjustment_set_value (adjustment, end - 1);
+  EXPECT_TRUE (test.chat_text->is_at_end);
+}
