@@ -37,14 +37,15 @@ static void procedure_view_look_for_note (ProcedureView *self);
 
 G_DEFINE_TYPE (ClausesBox, clauses_box, GTK_TYPE_BOX)
 
-// The children but for a deleted one, which is hidden behind them. Freed with `g_list_free`.
+// The children but for a deleted one, which is hidden. Freed with `g_list_free`.
 static GList *
 clauses_box_list_shown (ClausesBox *self)
 {
   GList *children = gtk_container_get_children (GTK_CONTAINER (self));
-  GList *last = g_list_last (children);
-  if (last && !gtk_widget_get_visible (GTK_WIDGET (last->data)))
-    children = g_list_delete_link (children, last);
+  for (GList *link = g_list_last (children); link; link = link->prev) {
+    if (!gtk_widget_get_visible (GTK_WIDGET (link->data)))
+      return g_list_delete_link (children, link);
+  }
   return children;
 }
 

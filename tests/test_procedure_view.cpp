@@ -333,6 +333,22 @@ TEST (procedure_view_new, lays_out_a_clause_that_comes_after_another_was_removed
   EXPECT_FALSE (is_mapped (procedure->clauses[40]));
 }
 
+// The removed one is hidden, for as long as its removal can be undone, and was never in sight.
+TEST (procedure_view_new, lays_out_a_clause_that_comes_behind_a_removed_one)
+{
+  TestWindow test;
+  Procedure *procedure = show_many_clauses (&test);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+  gtk_button_clicked (GTK_BUTTON (find_widget (procedure->view, "add_clause_button")));
+  ASSERT_EQ (procedure->clauses_count, 41u);
+  GtkWidget *removed = GTK_WIDGET (procedure->clauses[40]->view);
+  gtk_button_clicked (GTK_BUTTON (find_widget (removed, "cancel_button")));
+  ASSERT_EQ (procedure->clauses_count, 40u);
+  EXPECT_FALSE (gtk_widget_get_child_visible (removed));
+  show_new_clause (&test, procedure);
+  EXPECT_TRUE (pump_until (is_all_laid_out, procedure));
+}
+
 // Pages away it is not mapped, and the focus goes to what is.
 TEST (procedure_view_new, lets_the_focus_pass_to_a_clause_far_below)
 {
