@@ -938,8 +938,9 @@ clause_view_remove_clause (ClauseView *self)
   clause_view_save_draft (self);
   deletion_end (window);
   negotiation_delete_clause (app_window_get_negotiation (window), self->procedure, self->clause);
-  procedure_view_put_clause_away (self->procedure->view, self->clause);
-  procedure_view_focus_add_clause_button (self->procedure->view);
+  ProcedureView *procedure_view = self->procedure->view;
+  procedure_view_put_clause_away (procedure_view, self->clause);
+  procedure_view_focus_add_clause_button (procedure_view);
   deletion_offer_undo (window, "Clause deleted.");
 }
 

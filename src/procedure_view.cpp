@@ -404,9 +404,10 @@ procedure_view_add_clause_button_handle (GtkButton *, ProcedureView *self)
   Clause *clause = negotiation_add_clause (app_window_get_negotiation (window), self->procedure);
   procedure_view_add_clause (self, clause);
   procedure_view_order_clause (self, clause);
-  clause_view_set_draft_mode (clause->view);
-  clause_view_focus_text (clause->view);
-  g_signal_connect_after (clause->view, "size-allocate",
+  ClauseView *view = clause->view;
+  clause_view_set_draft_mode (view);
+  clause_view_focus_text (view);
+  g_signal_connect_after (view, "size-allocate",
                           G_CALLBACK (procedure_view_new_clause_size_allocate_handle), NULL);
 }
 
