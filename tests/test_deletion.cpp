@@ -271,6 +271,17 @@ chat (AppWindow *window)
                              4);
 }
 
+static bool
+have_their_places (void *procedure)
+{
+  Procedure *self = (Procedure *) procedure;
+  for (u32 i = 0; i < self->clauses_count; i++) {
+    if (gtk_widget_get_allocated_width (GTK_WIDGET (self->clauses[i]->view)) <= 1)
+      return false;
+  }
+  return true;
+}
+
 static void
 scroll (AppWindow *window)
 {
@@ -278,6 +289,8 @@ scroll (AppWindow *window)
     press (window->procedures.procedures[0]->view, "add_clause_button");
   type (get_clause (window, 4)->view, "text_view", "one of many");
   look_at_an_older_revision (window);
+  // The page follows each new clause to its place.
+  EXPECT_TRUE (pump_until (have_their_places, window->procedures.procedures[0]));
   pump ();
   gtk_adjustment_set_value (procedure_view_get_page (GTK_WIDGET (get_clause (window)->view)), 321);
 }
