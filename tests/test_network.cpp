@@ -1192,6 +1192,33 @@ take_whole_stanzas (std::string text)
   }
 }
 
+// Two threads that begin to send at the same time. Stays where it is until `end_senders`.
+struct SenderPair {
+  pthread_barrier_t start;
+  Sender senders[2];
+  pthread_t threads[2];
+};
+
+static void
+begin_senders (SenderPair *pair, gnutls_session_t session)
+{
+  ASSERT_EQ (pthread_barrier_init (&pair->start, NULL, 2), 0);
+  for (int i = 0; i < 2; ++i) {
+    pair->senders[i] = {session, (char) ('a' + i), &pair->start, 0};
+  }
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ (pthread_create (&pair->threads[i], NULL, send_stanzas, &pair->senders[i]), 0);
+  }
+}
+
+static void
+end_senders (SenderPair *pair)
+{
+  pthread_join (pair->threads[0], NULL);
+  pthread_join (pair->threads[1], NULL);
+  pthread_barrier_destroy (&pair->start);
+}
+
 TEST (send_all_tls_data, keeps_the_stanzas_of_two_threads_apart)
 {
   u64 total = 0;
@@ -1200,25 +1227,18 @@ TEST (send_all_tls_data, keeps_the_stanzas_of_two_threads_apart)
   }
   Link link = open_link (
     {server_send (Pieces (50, "<iq/>")), server_expect_until ("!"), server_expect_end ()});
-  pthread_barrier_t start;
-  ASSERT_EQ (pthread_barrier_init (&start, NULL, 2), 0);
-  Sender senders[2] = {{link.client.session, 'a', &start, 0},
-                       {link.client.session, 'b', &start, 0}};
-  pthread_t threads[2];
-  ASSERT_EQ (pthread_create (&threads[0], NULL, send_stanzas, &senders[0]), 0);
-  ASSERT_EQ (pthread_create (&threads[1], NULL, send_stanzas, &senders[1]), 0);
+  SenderPair pair;
+  begin_senders (&pair, link.client.session);
   // Receiving goes on beside it, as in a session.
   std::string received;
   for (int number = 0; number < 50; ++number) {
     received += receive (link.client.session).text;
   }
-  pthread_join (threads[0], NULL);
-  pthread_join (threads[1], NULL);
-  pthread_barrier_destroy (&start);
+  end_senders (&pair);
   EXPECT_EQ (send_all (link.client.session, "!").size, 1u);
   ServerReport report = close_link (&link);
   EXPECT_EQ (received, repeat ("<iq/>", 50));
-  EXPECT_EQ (senders[0].size + senders[1].size, total);
+  EXPECT_EQ (pair.senders[0].size + pair.senders[1].size, total);
   EXPECT_EQ (report.received.size (), total + 1);
   EXPECT_EQ (take_whole_stanzas (report.received), "!");
 }
@@ -1233,19 +1253,12 @@ TEST (recv_tls_data, takes_new_keys_while_others_send)
   Link link = open_link (script);
   g_atomic_pointer_set (&watched_session, link.client.session);
   g_atomic_int_set (&overlaps_count, 0);
-  pthread_barrier_t start;
-  ASSERT_EQ (pthread_barrier_init (&start, NULL, 2), 0);
-  Sender senders[2] = {{link.client.session, 'a', &start, 0},
-                       {link.client.session, 'b', &start, 0}};
-  pthread_t threads[2];
-  ASSERT_EQ (pthread_create (&threads[0], NULL, send_stanzas, &senders[0]), 0);
-  ASSERT_EQ (pthread_create (&threads[1], NULL, send_stanzas, &senders[1]), 0);
+  SenderPair pair;
+  begin_senders (&pair, link.client.session);
   std::string received;
   for (int number = 0; number < 4; ++number)
     received += receive (link.client.session).text;
-  pthread_join (threads[0], NULL);
-  pthread_join (threads[1], NULL);
-  pthread_barrier_destroy (&start);
+  end_senders (&pair);
   EXPECT_EQ (g_atomic_int_get (&overlaps_count), 0);
   g_atomic_pointer_set (&watched_session, (gnutls_session_t) NULL);
   EXPECT_EQ (send_all (link.client.session, "!").size, 1u);

@@ -164,6 +164,12 @@ is_all_laid_out (void *data)
   return true;
 }
 
+static bool
+has_height (void *widget)
+{
+  return gtk_widget_get_allocated_height (GTK_WIDGET (widget)) > 1;
+}
+
 // As a box does: what room the page has is for whoever would like more than it must have.
 TEST (procedure_view_new, gives_what_room_there_is_to_what_would_like_it)
 {
@@ -183,10 +189,7 @@ TEST (procedure_view_new, gives_what_room_there_is_to_what_would_like_it)
   int natural;
   gtk_widget_get_preferred_height (child, &minimum, &natural);
   EXPECT_LT (minimum, natural);
-  EXPECT_TRUE (
-    pump_until ([] (void *
-                      widget) { return gtk_widget_get_allocated_height (GTK_WIDGET (widget)) > 1; },
-                child));
+  EXPECT_TRUE (pump_until (has_height, child));
   EXPECT_EQ (gtk_widget_get_allocated_height (child), natural);
 }
 
