@@ -946,8 +946,8 @@ def commit_for_deaf(scene, deaf):
 
 
 def count_same(seen, expected):
-    """How many there are, where they are those that are expected."""
-    return len(expected) if seen == expected else "other ones than"
+    """How many there are, when they are those that are expected."""
+    return len(expected) if seen == expected else "others"
 
 
 def try_window_deaf(trial):
