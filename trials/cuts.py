@@ -2,7 +2,7 @@
 """Roads that break amid a negotiation, and what both parties hold after the next login.
 
     trials/cuts.py --binary PROGRAM [--short] [--seed NUMBER] [--plan NUMBER] [--run NUMBER]
-                   [--cuts NUMBER | --percent NUMBER]
+                   [--cuts NUMBER | --percent NUMBER] [--results FILE] [--minutes NUMBER]
 
 Two programs in real windows negotiate over Prosody, through a proxy that breaks the road of one of
 them at a byte (cuts_proxy.py): ends it, resets it on one side or on both, swallows what is sent, or
@@ -12,9 +12,14 @@ stores are judged (cuts_judge.py): what both have must be the same, none twice.
 
 The programs do what the parties do at the word of cuts_hand.c, which presses their buttons from
 inside. Everything is drawn by a seeded generator; a run that failed is done again with its number.
+
+The long form takes hours. With --results each negotiation's counts are kept in a file, a line for each,
+and what is there is not done again: --minutes ends a session between two negotiations, and the next
+one goes on. Begin with an empty file when the program has changed.
 """
 
 import collections
+import json
 import os
 import random
 import select
@@ -222,13 +227,30 @@ class Cuts:
         self.turn = None
         self.runs = 0
 
+    # ---- What was counted ----
+
+    def copy(self):
+        return {"counts": collections.Counter(self.counts), "faults": len(self.faults)}
+
+    def subtract(self, before):
+        """What was counted since the copy was taken."""
+        return {"counts": self.counts - before["counts"], "slowest": self.slowest,
+                "faults": self.faults[before["faults"]:]}
+
+    def add(self, row):
+        """A negotiation of an earlier session."""
+        self.counts.update(row["counts"])
+        self.slowest = max(self.slowest, row["slowest"])
+        self.faults += row["faults"]
+        self.runs += 1
+
+    # ---- A run ----
+
     def other(self, player):
         return self.players[1 - self.players.index(player)]
 
     def tell(self, text):
         print("  " + text, flush=True)
-
-    # ---- A run ----
 
     def run(self, seed, run, cuts_max):
         """One negotiation with several judgements; returns how many cuts it had."""
@@ -610,19 +632,49 @@ def add_arguments(parser):
     parser.add_argument("--run", type=int, help="only this run")
     parser.add_argument("--cuts", type=int, help="how many, by default by the form")
     parser.add_argument("--percent", type=int, default=100, help="so much of that")
+    parser.add_argument("--results", help="the file that keeps what each negotiation counted")
+    parser.add_argument("--minutes", type=float, default=float("inf"),
+                        help="begins no negotiation after so many")
 
 
-def try_out(trial, plan, cuts_max):
-    """Runs until there were so many cuts; tells the rows."""
+def read_results(path):
+    """What each negotiation counted, by its plan, seed and number."""
+    if path is None or not os.path.exists(path):
+        return {}
+    with open(path, encoding="utf-8") as file:
+        rows = [json.loads(line) for line in file]
+    return {(row["plan"], row["seed"], row["run"]): row for row in rows}
+
+
+def run_all(cuts, cuts_max, deadline):
+    """Runs the plan's negotiations, or takes their counts from the results, until there were so many
+    cuts or the deadline has passed."""
+    arguments = cuts.trial.arguments
+    results = read_results(arguments.results)
+    while cuts.runs == 0 or cuts.counts["cuts"] < cuts_max:
+        key = (cuts.plan.name, arguments.seed, cuts.runs)
+        if key in results:
+            cuts.add(results[key])
+            continue
+        if time.monotonic() > deadline:
+            return
+        before = cuts.copy()
+        cuts.run(arguments.seed, cuts.runs, cuts_max - cuts.counts["cuts"])
+        if arguments.results:
+            with open(arguments.results, "a", encoding="utf-8") as file:
+                row = dict(zip(("plan", "seed", "run"), key), **cuts.subtract(before))
+                file.write(json.dumps(row) + "\n")
+
+
+def try_out(trial, plan, cuts_max, deadline):
+    """Runs the plan; tells its rows."""
     cuts = Cuts(trial, plan)
-    arguments = trial.arguments
-    if arguments.run is not None:
-        cuts.run(arguments.seed, arguments.run, 1000)
+    if trial.arguments.run is not None:
+        cuts.run(trial.arguments.seed, trial.arguments.run, 1000)
     else:
-        run = 0
-        while run == 0 or cuts.counts["cuts"] < cuts_max:
-            cuts.run(arguments.seed, run, cuts_max - cuts.counts["cuts"])
-            run += 1
+        run_all(cuts, cuts_max, deadline)
+    if cuts.runs == 0:
+        return
     counts = cuts.counts
     trial.check("%s: faults after %d cuts in %d negotiations" % (
         plan.name, counts["cuts"], cuts.runs), 0, len(cuts.faults))
@@ -657,13 +709,15 @@ def main():
         tempfile.tempdir = "/dev/shm"
     desktop = driver.Desktop()
     began = time.monotonic()
+    deadline = began + 60 * arguments.minutes
     for plan in PLANS if arguments.plan is None else [PLANS[arguments.plan]]:
         wanted = arguments.cuts
         if wanted is None:
             wanted = plan.cuts[trial.short] * arguments.percent // 100
         if wanted:
-            try_out(trial, plan, wanted)
-    trial.figure("time", "%d s" % (time.monotonic() - began))
+            try_out(trial, plan, wanted, deadline)
+    if arguments.results is None:
+        trial.figure("time", "%d s" % (time.monotonic() - began))
     desktop.stop()
     sys.exit(trial.end())
 
