@@ -1244,8 +1244,8 @@ def wait_same(one, other):
 
 
 class Server:
-    """A private server for alpha.test with the accounts of anna and bert: Prosody, or another one
-    that has a script NAME-here, which gets the options.
+    """A private server for alpha.test with the accounts of anna and bert: Prosody, or another kind
+    that scripts/server knows, which gets the options.
 
     Stopped and started again it still has what it keeps for those who are offline."""
 
@@ -1259,9 +1259,9 @@ class Server:
         self.accounts = ["%s:%s" % (jid.split("@")[0], PASSWORDS[jid]) for jid in jids]
 
     def start(self):
-        script = os.path.join(ROOT, "scripts", self.name + "-here")
+        script = os.path.join(ROOT, "scripts", "server")
         self.process = start_process(
-            [script] + self.options + [self.directory, self.host] + self.accounts,
+            [script, self.name] + self.options + [self.directory, self.host] + self.accounts,
             stdout=subprocess.PIPE, text=True)
         line = self.process.stdout.readline()
         if not line.startswith("ready"):
