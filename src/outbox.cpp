@@ -13,11 +13,23 @@ static const u32 OUTBOX_CAPACITY = 64;
 
 // ---- Table ----
 
+static int
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as SQLite calls it.
+load_rows_count (void *argument, int, char **values, char **)
+{
+  *(u64 *) argument = cstr_dec_to_u64 (values[0]);
+  return 0;
+}
+
+// Another process may make the table and drop it. Only a statement looks at the file: what SQLite
+// tells of a table by itself is what this connection knew of it last.
 static bool
 has_outbox_table (sqlite3 *db)
 {
-  return sqlite3_table_column_metadata (db, NULL, "outbox", NULL, NULL, NULL, NULL, NULL, NULL) ==
-         SQLITE_OK;
+  u64 tables_count = 0;
+  db_exec_quiet (db, "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = 'outbox';",
+                 load_rows_count, &tables_count);
+  return tables_count != 0;
 }
 
 // Begins a transaction unless the caller has one. Returns whether `end_outbox_transaction` has to
@@ -38,24 +50,19 @@ end_outbox_transaction (sqlite3 *db, bool is_alone)
     db_exec_quiet (db, "COMMIT;", NULL, NULL);
 }
 
-static int
-// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as SQLite calls it.
-load_rows_count (void *argument, int, char **values, char **)
-{
-  *(u64 *) argument = cstr_dec_to_u64 (values[0]);
-  return 0;
-}
-
 bool
 outbox_drop_empty_table (sqlite3 *db)
 {
   if (!has_outbox_table (db))
     return true;
-  // Another process may be adding a row: looking and dropping are one.
+  // Another process may be adding a row, or have dropped the table by now: looking and dropping are
+  // one.
   bool is_alone = begin_outbox_transaction (db);
+  bool has_table = has_outbox_table (db);
   u64 rows_count = 0;
-  db_exec (db, "SELECT count(*) FROM outbox;", load_rows_count, &rows_count);
-  if (!rows_count)
+  if (has_table)
+    db_exec (db, "SELECT count(*) FROM outbox;", load_rows_count, &rows_count);
+  if (has_table && !rows_count)
     db_exec (db, "DROP TABLE outbox;", NULL, NULL);
   end_outbox_transaction (db, is_alone);
   return !rows_count;
@@ -159,6 +166,16 @@ load_entry (void *argument, int columns_count, char **values, char **names)
   return 0;
 }
 
+static void
+load_entries (Outbox *outbox)
+{
+  char *sql = alloc_format_cstr ("SELECT db_id, sequence, kind, object_db_id FROM outbox WHERE "
+                                 "account_db_id = %lu ORDER BY sequence ASC;",
+                                 outbox->account_db_id);
+  db_exec (outbox->db, sql, load_entry, outbox);
+  dealloc_cstr (sql);
+}
+
 Outbox
 outbox_load (sqlite3 *db, u64 account_db_id)
 {
@@ -170,12 +187,11 @@ outbox_load (sqlite3 *db, u64 account_db_id)
   outbox.max = OUTBOX_CAPACITY;
   outbox.entries = (OutboxEntry *) malloc (outbox.max * sizeof (outbox.entries[0]));
   assert (outbox.entries);
-  if (!outbox_drop_empty_table (db)) {
-    char *sql = alloc_format_cstr ("SELECT db_id, sequence, kind, object_db_id FROM outbox WHERE "
-                                   "account_db_id = %lu ORDER BY sequence ASC;",
-                                   account_db_id);
-    db_exec (db, sql, load_entry, &outbox);
-    dealloc_cstr (sql);
+  if (has_outbox_table (db)) {
+    bool is_alone = begin_outbox_transaction (db);
+    if (!outbox_drop_empty_table (db))
+      load_entries (&outbox);
+    end_outbox_transaction (db, is_alone);
   }
   return outbox;
 }

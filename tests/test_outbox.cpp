@@ -97,6 +97,36 @@ struct Store {
     }
     return sent;
   }
+
+  // As it is until the outbox is looked at.
+  void leave_empty_table ()
+  {
+    u64 position = 0;
+    outbox_add (&outbox, OUTBOX_CLAUSE, 7);
+    send_all (&position);
+    outbox_note_taken (&outbox, position, 1);
+    EXPECT_EQ (tables (), "10\n");
+  }
+};
+
+// Another process on the store, as its connection does it.
+struct OtherProcess {
+  sqlite3 *db = NULL;
+
+  explicit OtherProcess (Store *store)
+  {
+    EXPECT_EQ (sqlite3_open (store->path.c_str (), &db), SQLITE_OK);
+  }
+
+  ~OtherProcess ()
+  {
+    sqlite3_close (db);
+  }
+
+  void run (const char *sql)
+  {
+    EXPECT_EQ (sqlite3_exec (db, sql, NULL, NULL, NULL), SQLITE_OK) << sql;
+  }
 };
 
 // ---- Table ----
@@ -183,6 +213,51 @@ TEST (outbox_drop_empty_table, another_accounts_row_keeps_it)
   outbox_add (&other, OUTBOX_CLAUSE, 7);
   EXPECT_FALSE (outbox_drop_empty_table (store.db));
   dealloc_outbox (&other);
+}
+
+TEST (outbox_drop_empty_table, takes_a_table_that_another_process_has_dropped)
+{
+  Store store;
+  OtherProcess other (&store);
+  store.leave_empty_table ();
+  other.run ("DROP TABLE outbox;");
+  EXPECT_TRUE (outbox_drop_empty_table (store.db));
+  EXPECT_EQ (store.tables (), "9\n");
+}
+
+TEST (outbox_drop_empty_table, sees_a_table_that_another_process_has_made)
+{
+  Store store;
+  OtherProcess other (&store);
+  store.leave_empty_table ();
+  EXPECT_TRUE (outbox_drop_empty_table (store.db));
+  other.run ("CREATE TABLE outbox (db_id INTEGER PRIMARY KEY, account_db_id INTEGER, "
+             "sequence INTEGER, kind TEXT, object_db_id INTEGER);"
+             "INSERT INTO outbox VALUES (1, 4, 1, 'clause', 9);");
+  EXPECT_FALSE (outbox_drop_empty_table (store.db));
+  outbox_add (&store.outbox, OUTBOX_CLAUSE, 8);
+  EXPECT_EQ (store.rows (), "3|clause|8\n4|clause|9\n");
+}
+
+TEST (outbox_add, makes_the_table_that_another_process_has_dropped)
+{
+  Store store;
+  OtherProcess other (&store);
+  store.leave_empty_table ();
+  other.run ("DROP TABLE outbox;");
+  outbox_add (&store.outbox, OUTBOX_CLAUSE, 8);
+  EXPECT_EQ (store.rows (), "3|clause|8\n");
+}
+
+TEST (outbox_load, takes_a_table_that_another_process_has_dropped)
+{
+  Store store;
+  OtherProcess other (&store);
+  store.leave_empty_table ();
+  other.run ("DROP TABLE outbox;");
+  Outbox outbox = outbox_load (store.db, ACCOUNT + 1);
+  EXPECT_EQ (outbox.count, 0u);
+  dealloc_outbox (&outbox);
 }
 
 TEST (outbox_load, drops_a_table_that_was_left_empty)
