@@ -6,6 +6,7 @@
 
 #include "login_page.h"
 #include "morvane.h"
+#include "network_events.h"
 #include "receive.h"
 #include "registration_page.h"
 #include "xml_scanner.h"

@@ -155,22 +155,3 @@ u32 app_window_count_stray_workers ();
 
 // The server has acknowledged stanzas.
 void app_window_note_acknowledged (AppWindow *window);
-
-// ---- Network events ----
-// Idle handlers, one for each record: apply it to model, store and views, and free it. All return
-// G_SOURCE_REMOVE.
-
-gboolean app_window_get_xmpp_message_signal (gpointer data);
-gboolean app_window_get_xmpp_message_error_signal (gpointer data);
-gboolean app_window_get_xmpp_presence_confirm_signal (gpointer data);
-gboolean app_window_get_xmpp_presence_available_signal (gpointer data);
-gboolean app_window_get_xmpp_presence_unavailable_signal (gpointer data);
-gboolean app_window_get_xmpp_presence_subscribe_signal (gpointer data);
-gboolean app_window_get_xmpp_presence_subscribed_signal (gpointer data);
-gboolean app_window_get_iq_error_message (gpointer data);
-gboolean app_window_get_vcard_message (gpointer data);
-gboolean app_window_get_xmpp_procedure (gpointer data);
-gboolean app_window_get_xmpp_clause (gpointer data);
-gboolean app_window_get_xmpp_clause_revision (gpointer data);
-gboolean app_window_get_xmpp_clause_message (gpointer data);
-gboolean app_window_get_xmpp_clause_revision_decision_signal (gpointer data);

@@ -7,6 +7,7 @@
 #include "app_window.h"
 #include "morvane.h"
 #include "network.h"
+#include "network_events.h"
 #include "stream_management.h"
 
 // ---- Records for the interface ----

@@ -9,6 +9,7 @@
 #include "login_page.h"
 #include "morvane.h"
 #include "network.h"
+#include "network_events.h"
 #include "receive.h"
 #include "registration_page.h"
 #include "sasl.h"

@@ -8,6 +8,7 @@
 #include "widget_test.h"
 
 #include "app_window.h"
+#include "network_events.h"
 
 // Hands `record` over and checks what every handler promises: it runs once, and nothing of the record
 // keeps the window.

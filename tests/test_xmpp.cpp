@@ -17,6 +17,7 @@
 
 #include "app_window.h"
 #include "morvane.h"
+#include "network_events.h"
 
 static std::string
 text_of (String string)

@@ -19,6 +19,7 @@
 #include "login_page.h"
 #include "morvane.h"
 #include "network.h"
+#include "network_events.h"
 #include "registration_page.h"
 #include "scripted_server.h"
 

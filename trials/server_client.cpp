@@ -28,6 +28,7 @@
 #include "login_page.h"
 #include "morvane.h"
 #include "network.h"
+#include "network_events.h"
 #include "registration_page.h"
 
 static const u64 ROUND_ID = 4000000001;
