@@ -336,6 +336,41 @@ TEST (procedure_view_new, lays_out_a_clause_that_comes_after_another_was_removed
   EXPECT_FALSE (is_mapped (procedure->clauses[40]));
 }
 
+// The clause that lies `pages` pages below the top of the clauses, when all are laid out.
+static Clause *
+get_clause_at (Procedure *procedure, double pages)
+{
+  GtkWidget *first = GTK_WIDGET (procedure->clauses[0]->view);
+  double y = pages * gtk_adjustment_get_page_size (procedure_view_get_page (first));
+  for (u32 i = 0; i < procedure->clauses_count; i++) {
+    GtkAllocation place;
+    gtk_widget_get_allocation (GTK_WIDGET (procedure->clauses[i]->view), &place);
+    if (place.y <= y && place.y + place.height > y)
+      return procedure->clauses[i];
+  }
+  return NULL;
+}
+
+// A turn of the wheel finds the clauses of the next page there already.
+TEST (procedure_view_new, maps_the_page_after_what_is_in_sight)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test);
+  for (u32 i = 0; i < 40; i++) {
+    add_revision (&test, add_clause (&test, procedure), "Planks of oak");
+  }
+  show (&test, procedure);
+  EXPECT_TRUE (pump_until (is_mapped, procedure->clauses[0]));
+  Clause *next = get_clause_at (procedure, 6.9);
+  Clause *far = get_clause_at (procedure, 8.5);
+  EXPECT_FALSE (is_mapped (next));
+  GtkAdjustment *page = procedure_view_get_page (GTK_WIDGET (procedure->clauses[0]->view));
+  gtk_adjustment_set_value (page, 5 * gtk_adjustment_get_page_size (page));
+  EXPECT_TRUE (pump_until (is_mapped, next));
+  EXPECT_FALSE (is_mapped (far));
+}
+
 // The removed one is hidden, for as long as its removal can be undone, and was never in sight.
 TEST (procedure_view_new, lays_out_a_clause_that_comes_behind_a_removed_one)
 {

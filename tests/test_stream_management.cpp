@@ -315,6 +315,48 @@ TEST (stream_management, asks_after_a_burst_and_takes_the_answer)
   EXPECT_EQ (count_of (report.received, ASK), 2u);
 }
 
+// As Prosody does when it is stopped: it counts a stanza that it has read, and throws it away.
+TEST (stream_management, what_is_acknowledged_in_one_breath_with_an_error_is_in_doubt)
+{
+  Session session;
+  session.begin ({server_expect_until (ASK), server_send (answer (2)), server_wait (),
+                  server_expect_until (ASK),
+                  server_send (answer (3) + "<stream:error><system-shutdown "
+                                            "xmlns='urn:ietf:params:xml:ns:xmpp-streams'/>"
+                                            "</stream:error></stream:stream>"),
+                  server_close_notify ()},
+                 managed ());
+  AppWindow *window = session.window;
+  Counted counted = {&window->stream_management, 2};
+  EXPECT_TRUE (pump_until (is_confirmed, &counted));
+  scripted_server_signal (session.server);
+  xmpp_send_message (window, to_string ("bob@beta.test"), to_string ("one"));
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return !app_window_is_connected ((AppWindow *) data); }, window));
+  EXPECT_TRUE (is_confirmed (&counted));
+  session.finish ();
+}
+
+// One that stands alone was an answer, and the error came later.
+TEST (stream_management, what_is_acknowledged_ahead_of_an_error_is_done)
+{
+  Session session;
+  session.begin ({server_expect_until (ASK), server_send (answer (2)), server_wait (),
+                  server_send ("<stream:error><system-shutdown "
+                               "xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>"
+                               "</stream:stream>"),
+                  server_close_notify ()},
+                 managed ());
+  Counted counted = {&session.window->stream_management, 2};
+  EXPECT_TRUE (pump_until (is_confirmed, &counted));
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return !app_window_is_connected ((AppWindow *) data); },
+                session.window));
+  EXPECT_TRUE (is_confirmed (&counted));
+  session.finish ();
+}
+
 TEST (stream_management, the_count_goes_on_past_its_32_bits)
 {
   Session session;

@@ -23,6 +23,7 @@ import json
 import os
 import random
 import select
+import shutil
 import signal
 import sys
 import tempfile
@@ -272,6 +273,7 @@ class Cuts:
         except Fault as fault:
             self.faults.append("run %d: %s" % (run, fault))
             print("FAULT in run %d: %s" % (run, fault), flush=True)
+            self.keep_traces(run)
         finally:
             self.end_run()
         return self.counts["cuts"] - before
@@ -287,6 +289,17 @@ class Cuts:
             self.do(player, "add")
         self.burst(self.players)
         self.judge()
+
+    def keep_traces(self, run):
+        """What the consoles, the stores and the server's log say about a fault."""
+        folder = os.path.join(os.path.dirname(self.trial.programs), "..", "trials", "cuts-faults",
+                              "%d-%d-%s" % (PLANS.index(self.plan), run, time.strftime("%H%M%S")))
+        os.makedirs(folder)
+        for player in self.players:
+            shutil.copy(player.console_path, os.path.join(folder, player.name + ".console"))
+            shutil.copy(player.store_path, os.path.join(folder, player.name + ".db"))
+        shutil.copy(os.path.join(self.server.directory, "prosody.log"), folder)
+        self.tell("see " + os.path.normpath(folder))
 
     def end_run(self):
         complaints = []
