@@ -304,7 +304,18 @@ class Desktop:
         return tuple(int(re.search(r"^%s=(\d+)$" % axis, place, re.M).group(1)) for axis in "XY")
 
     def press_at(self, x, y, button=1, times=1):
-        self.xdotool("mousemove", x, y, "click", "--repeat", times, "--delay", 1, button)
+        """Presses there. The tooltip of what the mouse leaves may cover the place, and would take the
+        press: it goes when its program sees that the mouse has left."""
+        self.xdotool("mousemove", x, y)
+        self.wait(lambda: not self.is_below_tooltip(), "no tooltip covers what is pressed")
+        self.xdotool("click", "--repeat", times, "--delay", 1, button)
+
+    def is_below_tooltip(self):
+        """Whether the mouse stands on a tooltip."""
+        place = self.xdotool("getmouselocation", "--shell")
+        window = re.search(r"WINDOW=(\d+)", place)[1]
+        kind = self.run(["xprop", "-id", window, "_NET_WM_WINDOW_TYPE"]).stdout
+        return "TOOLTIP" in kind
 
     def key(self, *names):
         self.xdotool("key", "--clearmodifiers", "--delay", 1, *names)
