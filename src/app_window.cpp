@@ -19,6 +19,7 @@
 #include "session.h"
 #include "shown_text.h"
 #include "vcard_page.h"
+#include "wrapped_text.h"
 
 G_DEFINE_TYPE (AppWindow, app_window, GTK_TYPE_APPLICATION_WINDOW)
 
@@ -279,6 +280,7 @@ app_window_init (AppWindow *self)
   g_type_ensure (registration_page_get_type ());
   g_type_ensure (vcard_page_get_type ());
   g_type_ensure (procedure_creation_page_get_type ());
+  g_type_ensure (wrapped_text_get_type ());
   gtk_widget_init_template (GTK_WIDGET (self));
   deletion_init (self);
   self->last_xmpp_id = 0;

@@ -17,6 +17,7 @@
 #include "shown_text.h"
 #include "text_history.h"
 #include "unsent_mark.h"
+#include "wrapped_text.h"
 
 // A popover that joins its window when it is shown for the first time, and not when its button does.
 // A window measures, places and moves all popovers that it has, seen or not, each time that anything
@@ -1048,6 +1049,8 @@ clause_view_class_init (ClauseViewClass *view_class)
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
   G_OBJECT_CLASS (view_class)->dispose = clause_view_dispose;
   G_OBJECT_CLASS (view_class)->finalize = clause_view_finalize;
+  // The template names it.
+  g_type_ensure (wrapped_text_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/clause_view.ui");
   gtk_widget_class_bind_template_child (widget_class, ClauseView, chat_button);
   gtk_widget_class_bind_template_child (widget_class, ClauseView, text_view);

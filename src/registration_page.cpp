@@ -4,6 +4,7 @@
 
 #include "app_window.h"
 #include "morvane.h"
+#include "wrapped_text.h"
 
 struct _RegistrationPage {
   GtkBox parent_instance;
@@ -151,6 +152,8 @@ static void
 registration_page_class_init (RegistrationPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
+  // The template names it.
+  g_type_ensure (wrapped_label_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/registration_page.ui");
   gtk_widget_class_bind_template_child (widget_class, RegistrationPage, status_label);

@@ -1,0 +1,31 @@
+// Texts and labels whose content never sets the width of their window. GtkTextView asks for the width
+// that its lines were laid out with last, so that a window could grow and never shrink again, and a row
+// of tabs, which does not wrap, made it as wide as all the tabs. A label asks for the width of the
+// longest piece that does not wrap, as many pictures joined into one are. These two take the width of
+// their place instead. The templates name them "WrappedText" and "WrappedLabel"; in all else they are a
+// GtkTextView and a GtkLabel.
+//
+// Threads: the interface thread only.
+#pragma once
+
+#include <gtk/gtk.h>
+
+struct WrappedText {
+  GtkTextView parent_instance;
+};
+
+struct WrappedTextClass {
+  GtkTextViewClass parent_class;
+};
+
+struct WrappedLabel {
+  GtkLabel parent_instance;
+};
+
+struct WrappedLabelClass {
+  GtkLabelClass parent_class;
+};
+
+// Each must be registered before a template that names it is instantiated.
+GType wrapped_text_get_type ();
+GType wrapped_label_get_type ();

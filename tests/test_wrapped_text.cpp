@@ -1,0 +1,254 @@
+#include "wrapped_text.h"
+
+#include "clause_chat_page.h"
+#include "clause_view.h"
+#include "contact_chat_page.h"
+#include "db.h"
+#include "login_page.h"
+#include "morvane.h"
+#include "procedure_view.h"
+#include "vcard_page.h"
+#include "widget_test.h"
+
+// What half of a small screen has, in pixels.
+static const int NARROW = 460;
+
+static std::string
+repeat (const char *text, u32 count)
+{
+  std::string repeated;
+  for (u32 i = 0; i < count; ++i)
+    repeated += text;
+  return repeated;
+}
+
+// What others may have written, by a name for each.
+struct HostileText {
+  const char *name;
+  std::string text;
+};
+
+static const HostileText HOSTILE_TEXTS[] = {
+  {"a long word", repeat ("w", 400)},
+  {"500 tabs", repeat ("\t", 500) + "x"},
+  {"500 tabs between words", repeat ("cell\t", 100)},
+  {"Chinese", repeat ("\u5951\u7d04\u66f8", 100)},
+  {"Arabic", repeat ("\u0627\u0644\u0639\u0642\u062f", 80)},
+  {"Hebrew with blanks", repeat ("\u05d7\u05d5\u05d6\u05d4 ", 80)},
+  {"words joined by blanks that nobody sees", repeat ("w\u200b", 200)},
+  {"words that must not be broken", repeat ("word\u00a0\u2060", 80)},
+  {"a letter below many marks", "a" + repeat ("\u0301", 200)},
+  {"a row of hyphens", repeat ("\u2011", 200)},
+  {"overridden directions", repeat ("\u202eabc", 80)},
+  {"pictures joined into one", repeat ("\U0001f468\u200d", 80)},
+};
+
+// A text is laid out bit by bit while nothing else is to be done.
+static void
+expect_narrow (TestWindow *test, const char *what)
+{
+  pump ();
+  int minimum = 0;
+  gtk_widget_get_preferred_width (GTK_WIDGET (test->window), &minimum, NULL);
+  EXPECT_LE (minimum, NARROW) << what;
+  int width = 0;
+  gtk_window_get_size (GTK_WINDOW (test->window), &width, NULL);
+  EXPECT_EQ (width, 640) << what;
+}
+
+static Procedure *
+add_procedure (TestWindow *test, const char *title, const char *contractor)
+{
+  AppWindow *window = test->window;
+  Procedure *procedure = alloc_procedure (0, window->account_db_id, 5, to_string (title),
+                                          to_string ("alice@alpha.test"), to_string (contractor));
+  db_insert_procedure (window->db, procedure);
+  procedures_stack_add_procedure (&window->procedures, procedure);
+  Clause *clause = alloc_clause (0, procedure->db_id, 7, to_string ("alice@alpha.test"), 1);
+  db_insert_clause (window->db, clause);
+  procedure_add_clause (procedure, clause);
+  return procedure;
+}
+
+static void
+add_revision (TestWindow *test, Clause *clause, const char *author, const char *text)
+{
+  ClauseRevision *revision =
+    alloc_clause_revision (0, clause->db_id, 10 + clause->revisions_count, to_string (author),
+                           REVISION_COMMITTED, to_string (text));
+  db_insert_clause_revision (test->window->db, revision);
+  clause_add_revision (clause, revision);
+}
+
+static void
+show (TestWindow *test, Procedure *procedure)
+{
+  app_window_add_procedure (test->window, procedure);
+  gtk_stack_set_visible_child (test->window->main_page_stack, GTK_WIDGET (procedure->view));
+  pump ();
+}
+
+static std::string
+get_long_address ()
+{
+  return repeat ("b", 990) + "@beta.test";
+}
+
+// ---- What others write ----
+
+TEST (wrapped_text, lets_the_window_be_narrow_with_any_revision)
+{
+  TestWindow test;
+  log_in (&test);
+  for (const HostileText &hostile : HOSTILE_TEXTS) {
+    Procedure *procedure = add_procedure (&test, "Planks", "bob@beta.test");
+    add_revision (&test, procedure->clauses[0], "bob@beta.test", hostile.text.c_str ());
+    show (&test, procedure);
+    expect_narrow (&test, hostile.name);
+    app_window_remove_procedure (test.window, procedure);
+  }
+}
+
+TEST (wrapped_text, lets_the_window_be_narrow_with_any_comparison)
+{
+  TestWindow test;
+  log_in (&test);
+  std::string author = get_long_address ();
+  for (const HostileText &hostile : HOSTILE_TEXTS) {
+    Procedure *procedure = add_procedure (&test, "Planks", author.c_str ());
+    Clause *clause = procedure->clauses[0];
+    add_revision (&test, clause, author.c_str (), "Planks of oak");
+    add_revision (&test, clause, author.c_str (), (hostile.text + " and of ash").c_str ());
+    show (&test, procedure);
+    clause_view_show_diff (clause->view, clause->revisions[0], clause->revisions[1]);
+    expect_narrow (&test, hostile.name);
+    app_window_remove_procedure (test.window, procedure);
+  }
+}
+
+TEST (wrapped_text, lets_the_window_be_narrow_with_any_title)
+{
+  TestWindow test;
+  log_in (&test);
+  for (const HostileText &hostile : HOSTILE_TEXTS) {
+    Procedure *procedure = add_procedure (&test, hostile.text.c_str (), "bob@beta.test");
+    show (&test, procedure);
+    expect_narrow (&test, hostile.name);
+    app_window_remove_procedure (test.window, procedure);
+    expect_narrow (&test, hostile.name);
+  }
+}
+
+TEST (wrapped_text, lets_the_window_be_narrow_with_any_chat_line)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test, "Planks", "bob@beta.test");
+  show (&test, procedure);
+  Clause *clause = procedure->clauses[0];
+  procedure_view_show_clause_chat_page (procedure->view, clause->chat_page);
+  for (const HostileText &hostile : HOSTILE_TEXTS) {
+    ClauseMessage *message = alloc_clause_message (0, 1, 1, to_string (hostile.text.c_str ()),
+                                                   to_string (hostile.text.c_str ()));
+    clause_add_message (clause, message);
+    clause_chat_page_add_message (clause->chat_page, message);
+    expect_narrow (&test, hostile.name);
+  }
+}
+
+TEST (wrapped_text, lets_the_window_be_narrow_with_any_contact)
+{
+  TestWindow test;
+  log_in (&test);
+  for (const HostileText &hostile : HOSTILE_TEXTS) {
+    std::string address = hostile.text.substr (0, 1000) + "@beta.test";
+    app_window_create_new_contact (test.window, to_string (address.c_str ()),
+                                   to_string (hostile.text.c_str ()));
+    ContactStack *contacts = &test.window->contacts;
+    Contact *contact = contacts->contacts[contacts->count - 1];
+    app_window_add_contact_message (test.window, contact, to_string (hostile.text.c_str ()));
+    gtk_stack_set_visible_child (test.window->main_page_stack, GTK_WIDGET (contact->chat_page));
+    GtkWidget *stack = find_widget (test.window, "roster_stack");
+    gtk_stack_set_visible_child_name (GTK_STACK (stack), "contacts");
+    expect_narrow (&test, hostile.name);
+  }
+}
+
+TEST (wrapped_text, lets_the_window_be_narrow_with_any_profile)
+{
+  TestWindow test;
+  log_in (&test);
+  VCardPage *page = test.window->vcard_page;
+  gtk_stack_set_visible_child (test.window->main_page_stack, GTK_WIDGET (page));
+  for (const HostileText &hostile : HOSTILE_TEXTS) {
+    char *text = (char *) hostile.text.c_str ();
+    vcard_page_set_title (page, to_string (text));
+    vcard_page_set_vcard (page, {text, text, text, text, text, text, text, text});
+    expect_narrow (&test, hostile.name);
+  }
+}
+
+TEST (wrapped_text, lets_the_window_be_narrow_with_any_outcome_of_a_login)
+{
+  TestWindow test;
+  for (const HostileText &hostile : HOSTILE_TEXTS) {
+    login_page_handle_login_failure (alloc_thread_message (test.window, hostile.text.c_str (), 0));
+    expect_narrow (&test, hostile.name);
+  }
+}
+
+TEST (wrapped_text, lets_the_window_be_narrow_with_any_line_of_the_console)
+{
+  TestWindow test;
+  press_key (&test, GDK_KEY_grave, GDK_MOD1_MASK);
+  gtk_paned_set_position (test.window->console_paned, 200);
+  for (const HostileText &hostile : HOSTILE_TEXTS) {
+    gtk_text_buffer_set_text (test.console, hostile.text.c_str (), -1);
+    expect_narrow (&test, hostile.name);
+  }
+}
+
+// ---- A window that was wide ----
+
+struct WantedSize {
+  GtkWindow *window;
+  int width;
+};
+
+static bool
+has_wanted_width (void *data)
+{
+  WantedSize *wanted = (WantedSize *) data;
+  int width = 0;
+  gtk_window_get_size (wanted->window, &width, NULL);
+  return width == wanted->width;
+}
+
+static void
+resize (TestWindow *test, int width)
+{
+  WantedSize wanted = {GTK_WINDOW (test->window), width};
+  gtk_window_resize (wanted.window, width, 640);
+  EXPECT_TRUE (pump_until (has_wanted_width, &wanted)) << width;
+  pump ();
+}
+
+TEST (wrapped_text, lets_the_window_shrink_again)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test, "Planks", "bob@beta.test");
+  std::string text = repeat ("Planks of oak and of ash, ", 200);
+  add_revision (&test, procedure->clauses[0], "bob@beta.test", text.c_str ());
+  show (&test, procedure);
+  for (int width : {1300, NARROW, 900, NARROW, 640})
+    resize (&test, width);
+  // The text is as high as it is at this width, and not as it was at another.
+  GtkTextView *text_view = GTK_TEXT_VIEW (find_widget (procedure->view, "text_view"));
+  GtkTextIter end;
+  GdkRectangle last_line;
+  gtk_text_buffer_get_end_iter (gtk_text_view_get_buffer (text_view), &end);
+  gtk_text_view_get_iter_location (text_view, &end, &last_line);
+  int height = gtk_widget_get_allocated_height (GTK_WIDGET (text_view));
+  EXPECT_EQ (height, last_line.y + last_line.height + 2 * 12);
+}
