@@ -19,6 +19,7 @@
 #include "session.h"
 #include "shown_text.h"
 #include "vcard_page.h"
+#include "window_state.h"
 #include "wrapped_text.h"
 
 G_DEFINE_TYPE (AppWindow, app_window, GTK_TYPE_APPLICATION_WINDOW)
@@ -351,6 +352,7 @@ app_window_new (App *app, gnutls_certificate_credentials_t tls_credentials, sqli
   gtk_window_set_default_size (GTK_WINDOW (self), WINDOW_SIZE, WINDOW_SIZE);
   app_window_set_console_style (self);
   app_window_narrow_roster_switcher (self);
+  window_state_follow (GTK_WINDOW (self), self->main_page);
 
   app_window_add_session_actions (self);
 

@@ -136,7 +136,7 @@ class Desktop:
         environment = dict(os.environ)
         for name in ("NO_AT_BRIDGE", "GTK_MODULES", "GTK_THEME", "WAYLAND_DISPLAY", "XAUTHORITY",
                      "DBUS_SESSION_BUS_ADDRESS", "AT_SPI_BUS_ADDRESS", "XDG_CONFIG_HOME",
-                     "XDG_DATA_HOME", "XDG_CACHE_HOME"):
+                     "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"):
             environment.pop(name, None)
         environment.update(
             HOME=self.home,
