@@ -5,6 +5,7 @@
 #include "clause_chat_page.h"
 #include "clause_view.h"
 #include "morvane.h"
+#include "procedure_view.h"
 #include "unsent_mark.h"
 
 // How long the outbox's table has to be empty before it goes, in milliseconds.
@@ -57,7 +58,7 @@ struct Parcel {
 };
 
 static bool
-find_in_clause (Clause *clause, OutboxEntry *entry, Parcel *parcel)
+find_in_clause (Clause *clause, const OutboxEntry *entry, Parcel *parcel)
 {
   u64 db_id = entry->object_db_id;
   parcel->clause = clause;
@@ -83,7 +84,7 @@ find_in_clause (Clause *clause, OutboxEntry *entry, Parcel *parcel)
 }
 
 static bool
-find_parcel (ProceduresStack *procedures, OutboxEntry *entry, Parcel *parcel)
+find_parcel (ProceduresStack *procedures, const OutboxEntry *entry, Parcel *parcel)
 {
   for (u32 i = 0; i < procedures->count; ++i) {
     Procedure *procedure = procedures->procedures[i];
@@ -152,7 +153,7 @@ show_marks (AppWindow *window)
 {
   for (u32 i = 0; i < window->outbox.count; ++i) {
     OutboxEntry *entry = &window->outbox.entries[i];
-    bool is_unsent = entry->state == OUTBOX_WAITING || entry->state == OUTBOX_REFUSED;
+    bool is_unsent = outbox_is_unsent (entry);
     Parcel parcel = {};
     if (is_unsent != entry->is_marked && !entry->removed_object && !window->closed &&
         find_parcel (&window->procedures, entry, &parcel)) {
@@ -208,6 +209,16 @@ wake_refused (AppWindow *window, Procedure *procedure)
   return is_woken;
 }
 
+// The other party could attach this to nothing: it decides on a revision that is held.
+static bool
+is_stranded (Outbox *outbox, OutboxKind kind, const Parcel *parcel)
+{
+  if (kind != OUTBOX_DECISION)
+    return false;
+  OutboxEntry *entry = outbox_get_unsent (outbox, OUTBOX_REVISION, parcel->revision->db_id);
+  return entry && entry->state == OUTBOX_HELD;
+}
+
 void
 delivery_send (AppWindow *window)
 {
@@ -228,11 +239,16 @@ delivery_send (AppWindow *window)
     }
     if (wake_refused (window, parcel.procedure))
       continue;
+    if (is_stranded (outbox, entry->kind, &parcel)) {
+      outbox_hold (outbox, entry);
+      continue;
+    }
     u64 id = send_parcel (window, entry->kind, &parcel);
-    if (stream_management_is_broken (counts))
-      break;
+    // Also when the session broke amid it: that may be the stanza that the server refuses.
     u64 position = stream_management_get_sent_count (counts);
     outbox_note_sent (outbox, entry, position, position, id);
+    if (stream_management_is_broken (counts))
+      break;
   }
   delivery_update (window);
 }
@@ -292,8 +308,7 @@ find_sent (Outbox *outbox, u64 request_id)
 {
   for (u32 i = 0; i < outbox->count; ++i) {
     OutboxEntry *entry = &outbox->entries[i];
-    bool is_out = entry->state != OUTBOX_WAITING && entry->state != OUTBOX_REFUSED;
-    if (is_out && entry->request_id == request_id)
+    if (!outbox_is_unsent (entry) && entry->request_id == request_id)
       return entry;
   }
   return NULL;
@@ -350,6 +365,38 @@ delivery_note_refused (AppWindow *window, u64 request_id, String party,
   return true;
 }
 
+// ---- What the server does not take ----
+
+static const char HELD_REASON[] =
+  "the server takes no text as long as this one, which is not sent; write a shorter one";
+
+// Told where the user wrote, like what came back.
+static void
+tell_held (AppWindow *window, const OutboxEntry *entry)
+{
+  Parcel parcel = {};
+  if (window->closed || entry->removed_object || !find_parcel (&window->procedures, entry, &parcel))
+    return;
+  String to = procedure_get_other_party (parcel.procedure, window->account.bare_jid);
+  UndeliveredObject held = describe_parcel (entry->kind, &parcel);
+  procedure_view_tell_undelivered (held.procedure->view, to, held.kind, held.text,
+                                   to_string (HELD_REASON));
+}
+
+// Tells again what has no newer revision in its place: the window may have closed when it was held.
+static void
+tell_held_revisions (AppWindow *window)
+{
+  for (u32 i = 0; i < window->outbox.count; ++i) {
+    const OutboxEntry *entry = &window->outbox.entries[i];
+    Parcel parcel = {};
+    if (entry->state == OUTBOX_HELD && entry->kind == OUTBOX_REVISION &&
+        find_parcel (&window->procedures, entry, &parcel) &&
+        parcel.clause->revisions[parcel.clause->revisions_count - 1] == parcel.revision)
+      tell_held (window, entry);
+  }
+}
+
 // ---- Sessions ----
 
 void
@@ -357,6 +404,7 @@ delivery_begin (AppWindow *window)
 {
   window->outbox = outbox_load (window->db, window->account_db_id);
   window->is_delivering = true;
+  tell_held_revisions (window);
   delivery_send (window);
 }
 
@@ -368,7 +416,13 @@ delivery_end_session (AppWindow *window)
   delivery_update (window);
   stop_looking (window);
   window->is_delivering = false;
-  outbox_end_session (&window->outbox);
+  u64 refused_position = stream_management_get_refused_position (&window->stream_management);
+  OutboxEntry *held = outbox_end_session (&window->outbox, refused_position);
+  if (held) {
+    console_put (
+      "Warning: The server takes no stanza as large as one that was sent, which is held.\n");
+    tell_held (window, held);
+  }
   show_marks (window);
   delivery_watch_table (window);
 }

@@ -158,6 +158,7 @@ load_entry (void *argument, int columns_count, char **values, char **names)
       entry->sequence = cstr_dec_to_u64 (values[1]);
       entry->kind = (OutboxKind) kind;
       entry->object_db_id = cstr_dec_to_u64 (values[3]);
+      entry->state = entry->sequence ? OUTBOX_WAITING : OUTBOX_HELD;
       outbox->last_sequence = entry->sequence;
       return 0;
     }
@@ -170,7 +171,7 @@ static void
 load_entries (Outbox *outbox)
 {
   char *sql = alloc_format_cstr ("SELECT db_id, sequence, kind, object_db_id FROM outbox WHERE "
-                                 "account_db_id = %lu ORDER BY sequence ASC;",
+                                 "account_db_id = %lu ORDER BY sequence ASC, db_id ASC;",
                                  outbox->account_db_id);
   db_exec (outbox->db, sql, load_entry, outbox);
   dealloc_cstr (sql);
@@ -211,13 +212,19 @@ is_entry_of (const OutboxEntry *entry, OutboxKind kind, u64 object_db_id)
   return !entry->removed_object && entry->kind == kind && entry->object_db_id == object_db_id;
 }
 
+bool
+outbox_is_unsent (const OutboxEntry *entry)
+{
+  return entry->state == OUTBOX_WAITING || entry->state == OUTBOX_REFUSED ||
+         entry->state == OUTBOX_HELD;
+}
+
 OutboxEntry *
 outbox_get_unsent (Outbox *outbox, OutboxKind kind, u64 object_db_id)
 {
   for (u32 i = 0; i < outbox->count; ++i) {
     OutboxEntry *entry = &outbox->entries[i];
-    bool is_unsent = entry->state == OUTBOX_WAITING || entry->state == OUTBOX_REFUSED;
-    if (is_unsent && is_entry_of (entry, kind, object_db_id))
+    if (outbox_is_unsent (entry) && is_entry_of (entry, kind, object_db_id))
       return entry;
   }
   return NULL;
@@ -229,7 +236,8 @@ outbox_add (Outbox *outbox, OutboxKind kind, u64 object_db_id)
   assert (object_db_id);
   OutboxEntry *entry = outbox_get_unsent (outbox, kind, object_db_id);
   if (entry) {
-    entry->state = OUTBOX_WAITING;
+    if (entry->state == OUTBOX_REFUSED)
+      entry->state = OUTBOX_WAITING;
     return;
   }
   entry = push_entry (outbox);
@@ -330,9 +338,9 @@ outbox_forget_removed (Outbox *outbox)
 // ---- Sending ----
 
 OutboxEntry *
-outbox_get_next (Outbox *outbox)
+outbox_get_next (Outbox *outbox, u32 from)
 {
-  for (u32 i = 0; i < outbox->count; ++i) {
+  for (u32 i = from; i < outbox->count; ++i) {
     OutboxEntry *entry = &outbox->entries[i];
     if (entry->state == OUTBOX_WAITING && !entry->removed_object)
       return entry;
@@ -398,8 +406,7 @@ outbox_note_refused (Outbox *outbox, u64 request_id)
 {
   for (u32 i = 0; i < outbox->count; ++i) {
     OutboxEntry *entry = &outbox->entries[i];
-    bool is_out = entry->state != OUTBOX_WAITING && entry->state != OUTBOX_REFUSED;
-    if (is_out && entry->request_id == request_id) {
+    if (!outbox_is_unsent (entry) && entry->request_id == request_id) {
       entry->state = OUTBOX_REFUSED;
       settle_row (outbox, entry);
       return true;
@@ -409,18 +416,43 @@ outbox_note_refused (Outbox *outbox, u64 request_id)
 }
 
 void
-outbox_end_session (Outbox *outbox)
+outbox_hold (Outbox *outbox, OutboxEntry *entry)
 {
-  for (u32 i = outbox->count; i > 0; --i) {
-    OutboxEntry *entry = &outbox->entries[i - 1];
-    if (entry->state == OUTBOX_DONE) {
-      forget_entry (outbox, i - 1);
-    } else {
-      entry->state = OUTBOX_WAITING;
-    }
+  bool is_alone = begin_outbox_transaction (outbox->db);
+  entry->state = OUTBOX_HELD;
+  entry->sequence = 0;
+  if (entry->db_id)
+    delete_row (outbox, entry);
+  settle_row (outbox, entry);
+  end_outbox_transaction (outbox->db, is_alone);
+}
+
+OutboxEntry *
+outbox_end_session (Outbox *outbox, u64 refused_position)
+{
+  u32 kept_count = 0;
+  OutboxEntry *held = NULL;
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
+    bool is_unread = refused_position && entry->take_position >= refused_position;
+    if (entry->state == OUTBOX_DONE && !is_unread)
+      continue;
+    OutboxEntry *kept = &outbox->entries[kept_count++];
+    *kept = *entry;
+    if (!outbox_is_unsent (kept) && kept->take_position == refused_position)
+      held = kept;
+    if (kept->state != OUTBOX_HELD)
+      kept->state = OUTBOX_WAITING;
   }
-  if (outbox->count)
-    settle_rows (outbox);
+  outbox->count = kept_count;
+  if (!kept_count)
+    return NULL;
+  bool is_alone = begin_outbox_transaction (outbox->db);
+  if (held)
+    outbox_hold (outbox, held);
+  settle_rows (outbox);
+  end_outbox_transaction (outbox->db, is_alone);
+  return held;
 }
 
 void

@@ -29,13 +29,14 @@ enum OutboxState {
   OUTBOX_WAITING,  // has a row; to be sent
   OUTBOX_SENT,     // has a row; given to the session, which has not told yet what became of it
   OUTBOX_REFUSED,  // has a row; came back with an error, and is sent again ahead of what comes next
+  OUTBOX_HELD,     // has a row; the server takes no stanza as large, and it is not sent again
   OUTBOX_TAKEN,    // no row; the server's system took it, and the server was not heard of since
   OUTBOX_DONE,     // no row; kept until the session ends, for an error that may still come back
 };
 
 struct OutboxEntry {
   u64 db_id;     // its row; 0 for none
-  u64 sequence;  // the order of sending, within the account
+  u64 sequence;  // the order of sending, within the account; 0 for what is held
   OutboxKind kind;
   u64 object_db_id;  // row of the object
   OutboxState state;
@@ -54,19 +55,22 @@ struct Outbox {
   u64 last_sequence;
   u32 max;
   u32 count;
-  OutboxEntry *entries;  // by sequence
+  OutboxEntry *entries;  // in the order of sending
 };
 
-// The entries of the account's rows, all waiting. A table without any row is dropped.
+// The entries of the account's rows, all waiting, save for those that are held. A table without any
+// row is dropped.
 Outbox outbox_load (sqlite3 *db, u64 account_db_id);
 // Entries only: the rows stay.
 void dealloc_outbox (Outbox *outbox);
 
 // ---- Objects ----
 
-// The entry of this object when it has not gone out: it is waiting or was refused. Else NULL.
+// Whether the entry's object has not gone out: it is waiting, was refused or is held.
+bool outbox_is_unsent (const OutboxEntry *entry);
+// The entry of this object when it has not gone out. Else NULL.
 OutboxEntry *outbox_get_unsent (Outbox *outbox, OutboxKind kind, u64 object_db_id);
-// In the transaction that stores the object. Where this object is waiting already,
+// In the transaction that stores the object. Where this object is waiting already, or held,
 // that is enough; one that was refused is to be sent again now.
 void outbox_add (Outbox *outbox, OutboxKind kind, u64 object_db_id);
 
@@ -82,8 +86,8 @@ void outbox_forget_removed (Outbox *outbox);
 
 // ---- Sending ----
 
-// The entry that is to be sent next; NULL when none waits.
-OutboxEntry *outbox_get_next (Outbox *outbox);
+// The first entry that waits, `from` this index on; NULL when none does.
+OutboxEntry *outbox_get_next (Outbox *outbox, u32 from = 0);
 // The stanza with this id was given to the session; the positions are where it ends.
 void outbox_note_sent (Outbox *outbox, OutboxEntry *entry, u64 acknowledge_position,
                        u64 take_position, u64 request_id);
@@ -96,8 +100,12 @@ void outbox_note_heard (Outbox *outbox, s64 time);
 void outbox_note_acknowledged (Outbox *outbox, u64 acknowledge_position);
 // The stanza with this id came back with an error. False when it carried none of these.
 bool outbox_note_refused (Outbox *outbox, u64 request_id);
-// The session is over: what was sent and not confirmed is waiting again, and has a row.
-void outbox_end_session (Outbox *outbox);
+// The session is over: what was sent and not confirmed is waiting again, and has a row. The server has
+// read nothing from `refused_position` on, 0 for none: what was sent there is held, and what was sent
+// behind is in doubt whatever seemed to confirm it. Returns the entry that is held now, or NULL.
+OutboxEntry *outbox_end_session (Outbox *outbox, u64 refused_position);
+// Takes an entry out of the order of sending.
+void outbox_hold (Outbox *outbox, OutboxEntry *entry);
 // The object is gone from the store without its entry, as when another program deleted it.
 void outbox_drop (Outbox *outbox, OutboxEntry *entry);
 

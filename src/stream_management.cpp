@@ -15,6 +15,8 @@ static const u32 ANSWER_TIME_MAX = 60000;  // milliseconds
 static const s64 HEARD_DELAY = 2000000;
 // A burst of stanzas is acknowledged once, so much after its first, in milliseconds.
 static const u32 TELL_DELAY = 100;
+// RFC 6120, 13.12: the size of a stanza, in bytes, that each server has to take.
+static const u64 ALLOWED_STANZA_SIZE = 10000;
 // How long a stop waits for the interface, in milliseconds.
 static const u32 STOP_WAIT_MAX = 2000;
 
@@ -272,6 +274,10 @@ send_stanza (gnutls_session_t tls_session, String stanza)
   if (counts) {
     counts->sent_count++;
     counts->is_broken = counts->is_broken || sent_size != stanza.size;
+    if (stanza.size > counts->largest_size) {
+      counts->largest_size = stanza.size;
+      counts->largest_position = counts->sent_count;
+    }
     look_for_taken (counts);
     ask_after_burst (counts);
   }
@@ -281,9 +287,20 @@ send_stanza (gnutls_session_t tls_session, String stanza)
 
 // ---- Receiving ----
 
+// Whether the server may say here that it stopped reading. The error's place in the stream is not looked
+// at: nothing is lost when bytes confirm nothing.
+static bool
+may_tell_violation (String data)
+{
+  const char *text = (const char *) data.data;
+  return g_strstr_len (text, (gssize) data.size, "<stream:error") &&
+         g_strstr_len (text, (gssize) data.size, "<policy-violation");
+}
+
 void
 stream_management_note_heard (StreamManagement *counts, String data)
 {
+  bool is_violation = may_tell_violation (data);
   String end = to_string ("</stream:stream>");
   bool is_end = data.size >= end.size && string_advance (data, data.size - end.size) == end;
   pthread_mutex_lock (&counts_mutex);
@@ -292,11 +309,22 @@ stream_management_note_heard (StreamManagement *counts, String data)
   bool is_answer = is_end && counts->window && has_ended_xmpp_stream (counts->window);
   look_for_taken (counts);
   s64 time = g_get_monotonic_time ();
-  bool is_trusted = !counts->is_stuck && time >= counts->trusted_time;
+  bool has_read = !is_violation && !counts->is_policy_violated;
+  bool is_trusted = has_read && !counts->is_stuck && time >= counts->trusted_time;
   if (is_trusted)
     counts->heard_time = time;
-  if (is_answer || (is_end && is_trusted))
+  if ((is_answer && has_read) || (is_end && is_trusted))
     counts->ended_time = time;
+  pthread_mutex_unlock (&counts_mutex);
+}
+
+void
+stream_management_note_error (StreamManagement *counts, XMLElement *element)
+{
+  if (element->name != "stream:error" || !get_xml_child_by_name (element, "policy-violation"))
+    return;
+  pthread_mutex_lock (&counts_mutex);
+  counts->is_policy_violated = true;
   pthread_mutex_unlock (&counts_mutex);
 }
 
@@ -580,6 +608,17 @@ stream_management_get_confirmed_time (StreamManagement *counts)
     time = counts->ended_time;
   pthread_mutex_unlock (&counts_mutex);
   return time > 0 ? time : 0;
+}
+
+u64
+stream_management_get_refused_position (StreamManagement *counts)
+{
+  pthread_mutex_lock (&counts_mutex);
+  u64 position = counts->largest_position;
+  bool is_refused = counts->is_policy_violated && counts->largest_size > ALLOWED_STANZA_SIZE &&
+                    position > counts->acknowledged_count;
+  pthread_mutex_unlock (&counts_mutex);
+  return is_refused ? position : 0;
 }
 
 bool

@@ -8,6 +8,11 @@
 // sent: what comes at once may have been on its way. Bytes of a server that does not read confirm
 // nothing, nor do those that come before it has had as long to read the rest as the backlog stood.
 //
+// A server that refuses a stanza for its size ends the stream with the error "policy-violation" (RFC
+// 6120, 4.9.3.14) and doesn't say which. It must be the largest one of the session: what is smaller than
+// another that the server took would have passed. The end of such a stream confirms nothing, as the
+// server has read no further than that stanza.
+//
 // Ownership: the record is a field of its window, and belongs to the session that it was begun for.
 // Threads: any, but for the functions that name one. The session thread begins it; it ends on the
 // interface thread, after the session thread has left.
@@ -28,10 +33,13 @@ struct StreamManagement {
   bool is_enabled;               // asked for, and not refused
   bool is_counting;              // the server has agreed: received stanzas count
   bool is_broken;                // a stanza could not be sent whole; nothing more goes out
+  bool is_policy_violated;       // the server has ended the stream because of what was sent
   // All of these count stanzas since the session began.
   u64 sent_count;
   u64 taken_count;         // of those, the ones that the server's system has taken whole
   u64 acknowledged_count;  // what the server has acknowledged
+  u64 largest_size;        // of one stanza that was sent, in bytes
+  u64 largest_position;    // where that one stands in what was sent
   u64 received_count;      // since the server agreed
   u64 applied_count;       // of those, the ones that the interface has applied
   // Interface thread.
@@ -71,6 +79,9 @@ u64 send_stanza (gnutls_session_t tls_session, String stanza);
 
 // These bytes came from the server. Session thread.
 void stream_management_note_heard (StreamManagement *counts, String data);
+// Looks whether this top-level element is an error that ends the stream because of what was sent.
+// Session thread.
+void stream_management_note_error (StreamManagement *counts, XMLElement *element);
 // Takes a top-level element that belongs to stream management, where that is enabled; false for any
 // other. Session thread.
 bool stream_management_take (StreamManagement *counts, XMLElement *element);
@@ -100,6 +111,9 @@ u64 stream_management_get_acknowledged_count (StreamManagement *counts);
 // What was taken up to this time has reached the server, as far as anybody can know without
 // acknowledgements. Monotonic, microseconds; 0 for nothing.
 s64 stream_management_get_confirmed_time (StreamManagement *counts);
+// Where the stanza stands in what was sent that the server has refused for its size; 0 for none. From
+// there on it has read nothing. Stanzas that each server has to take (RFC 6120, 13.12) are never it.
+u64 stream_management_get_refused_position (StreamManagement *counts);
 // Whether the server acknowledges, as far as is known: asked for, and not refused.
 bool stream_management_is_enabled (StreamManagement *counts);
 // Whether a stanza could not be sent whole.

@@ -532,6 +532,7 @@ dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
       break;
     if (!element->is_doctype && stream_management_take (&window->stream_management, element))
       continue;
+    stream_management_note_error (&window->stream_management, element);
     pthread_mutex_lock (&dispatch_mutex);
     bool is_wanted = !app_window_is_worker_interrupted (window);
     if (is_wanted)

@@ -712,6 +712,339 @@ TEST (contact_chat_page_send, tells_of_a_line_behind_our_end_of_the_stream)
   EXPECT_EQ (report.received.find ("too late"), std::string::npos);
 }
 
+// ---- What the server does not take ----
+
+static const char TOO_BIG[] =
+  "<stream:error><policy-violation xmlns='urn:ietf:params:xml:ns:xmpp-streams'/>"
+  "<text xmlns='urn:ietf:params:xml:ns:xmpp-streams'>XML stanza is too big</text>"
+  "<stanza-too-big xmlns='urn:xmpp:errors'/></stream:error>";
+
+// Each row with its kind, in the order of sending; what is not to be sent comes first.
+static std::string
+held_and_owed (TestWindow *test)
+{
+  return query (test, "SELECT CASE sequence WHEN 0 THEN 'held ' ELSE '' END || kind FROM outbox "
+                      "ORDER BY sequence, db_id");
+}
+
+// A text of so many bytes that ends in its name.
+static std::string
+make_long_text (size_t size, const std::string &name)
+{
+  std::string text;
+  while (text.size () + name.size () < size)
+    text += "wordy ";
+  return text.substr (0, size - name.size ()) + name;
+}
+
+// What a server says in two breaths that counts stanzas and refuses one.
+static Pieces
+refuse_after (int count)
+{
+  return {"<a xmlns='urn:xmpp:sm:3' h='" + std::to_string (count) + "'/>",
+          std::string (TOO_BIG) + "</stream:stream>"};
+}
+
+// The server gets everything up to the end of a text and refuses it, with so many acknowledged.
+static ServerScript
+refuse_behind (const std::string &tail, int count)
+{
+  return {server_expect_until (tail), server_send (refuse_after (count)), server_close_notify (),
+          server_expect_until ("</stream:stream>")};
+}
+
+static std::string
+notice_on (Procedure *procedure)
+{
+  GtkWidget *page = find_widget (procedure->view, "main_box");
+  gpointer bar = g_object_get_data (G_OBJECT (page), "delivery-notice");
+  return bar ? gtk_label_get_text (GTK_LABEL (g_object_get_data (G_OBJECT (bar), "label"))) : "";
+}
+
+static const char REVISION_END[] = "</x-revision></body></message>";
+
+static void
+commit_revision (Clause *clause, const std::string &text)
+{
+  type (clause->view, "text_view", text.c_str ());
+  press (clause->view, "commit_button");
+}
+
+// Prosody sends error and end in one record, ejabberd in two; neither end says that all was read.
+TEST (delivery, a_revision_that_the_server_refuses_for_its_size_is_held_and_the_rest_goes_out)
+{
+  for (bool is_in_one_record : {true, false}) {
+    Session first;
+    std::string end = "</stream:stream>";
+    first.begin ({server_expect_until (std::string ("LONG") + REVISION_END),
+                  server_send (is_in_one_record ? Pieces{TOO_BIG + end} : Pieces{TOO_BIG, end}),
+                  server_close_notify (), server_expect ("</stream:stream>")},
+                 {});
+    Procedure *procedure = begin_procedure (&first);
+    commit_clause (procedure, "First");
+    Clause *clause = commit_clause (procedure, make_long_text (12000, "LONG").c_str ());
+    EXPECT_TRUE (pump_until (is_idle, first.window));
+    // What came before it was read, but nothing has said so.
+    EXPECT_EQ (held_and_owed (&first.test), "held revision\nprocedure\nclause\nrevision\nclause\n");
+    EXPECT_EQ (mark_of (find_widget (clause->view, "revision_status_label")), MARK);
+    std::string notice = notice_on (procedure);
+    EXPECT_EQ (notice.find ("Not delivered to bob@beta.test (the server takes no text as long"), 0u)
+      << notice;
+    EXPECT_NE (notice.find ("the revision \u201cwordy wordy"), std::string::npos) << notice;
+    EXPECT_EQ (count_of (first.console (), "Warning: Received unknown XML data.\n"), 1u);
+    first.finish ();
+
+    Session second;
+    restart_from (&second, &first);
+    second.begin ({server_expect_until (std::string (">Short") + REVISION_END), server_wait ()},
+                  {});
+    procedure = second.window->procedures.procedures[0];
+    clause = procedure->clauses[1];
+    EXPECT_EQ (mark_of (find_widget (clause->view, "revision_status_label")), MARK);
+    EXPECT_EQ (notice_on (procedure), notice);
+    commit_revision (clause, "Short");
+    EXPECT_EQ (mark_of (find_widget (clause->view, "revision_status_label")), NO_MARK);
+    EXPECT_TRUE (
+      pump_until ([] (void
+                        *data) { return held_and_owed ((TestWindow *) data) == "held revision\n"; },
+                  &second.test));
+    scripted_server_signal (second.server);
+    EXPECT_EQ (list_sent (second.finish ().received),
+               "x-procedure x-clause x-revision x-clause x-revision ");
+    EXPECT_EQ (held_and_owed (&second.test), "held revision\n");
+
+    // One that has a newer one in its place is not told of for ever.
+    Session third;
+    restart_from (&third, &second);
+    third.begin ({server_expect_until (std::string (">Short") + REVISION_END), server_wait ()}, {});
+    EXPECT_EQ (notice_on (third.window->procedures.procedures[0]), "");
+    scripted_server_signal (third.server);
+    EXPECT_EQ (third.finish ().received.find ("LONG"), std::string::npos);
+  }
+}
+
+TEST (delivery, with_acknowledgements_only_what_was_not_acknowledged_is_in_doubt)
+{
+  Session first;
+  std::string long_end = std::string ("LONG") + REVISION_END;
+  // Roster, presence, procedure and twice clause and revision; the last of these is refused.
+  first.begin (refuse_behind (long_end, 6), managed ());
+  Procedure *procedure = begin_procedure (&first);
+  commit_clause (procedure, make_long_text (11000, "innocent").c_str ());
+  commit_clause (procedure, make_long_text (12000, "LONG").c_str ());
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  EXPECT_EQ (held_and_owed (&first.test), "held revision\n");
+  EXPECT_EQ (notice_on (procedure).find ("Not delivered to bob@beta.test"), 0u);
+  first.finish ();
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_expect_until (std::string (">Short") + REVISION_END), server_wait ()},
+                managed ());
+  commit_revision (second.window->procedures.procedures[0]->clauses[1], "Short");
+  scripted_server_signal (second.server);
+  EXPECT_EQ (list_sent (second.finish ().received), "x-revision ");
+}
+
+// The first that is too large ends the session, and what is larger is too large as well.
+TEST (delivery, each_lost_session_holds_one_of_several)
+{
+  for (bool is_larger_first : {false, true}) {
+    std::string larger = make_long_text (12000, "LARGER");
+    std::string smaller = make_long_text (11000, "SMALLER");
+    Session first;
+    first.begin ({server_expect_until (is_larger_first ? "LARGER" : "SMALLER"),
+                  server_expect_until (is_larger_first ? "SMALLER" : "LARGER"),
+                  server_send (refuse_after (4)), server_close_notify (),
+                  server_expect_until ("</stream:stream>")},
+                 managed ());
+    Procedure *procedure = begin_procedure (&first);
+    commit_clause (procedure, (is_larger_first ? larger : smaller).c_str ());
+    commit_clause (procedure, (is_larger_first ? smaller : larger).c_str ());
+    EXPECT_TRUE (pump_until (is_idle, first.window));
+    std::string owed_then =
+      is_larger_first ? "held revision\nclause\nrevision\n" : "held revision\nrevision\nclause\n";
+    EXPECT_EQ (held_and_owed (&first.test), owed_then);
+    EXPECT_NE (notice_on (procedure), "");
+    first.finish ();
+
+    Session second;
+    restart_from (&second, &first);
+    second.begin ({server_expect_until (std::string ("SMALLER") + REVISION_END),
+                   server_send (refuse_after (is_larger_first ? 3 : 2)), server_close_notify (),
+                   server_expect_until ("</stream:stream>")},
+                  managed ());
+    EXPECT_TRUE (pump_until (is_idle, second.window));
+    EXPECT_EQ (second.finish ().received.find ("LARGER"), std::string::npos);
+    EXPECT_EQ (held_and_owed (&second.test), is_larger_first
+                                               ? "held revision\nheld revision\n"
+                                               : "held revision\nheld revision\nclause\n");
+
+    Session third;
+    restart_from (&third, &second);
+    third.begin ({server_wait ()}, managed ());
+    scripted_server_signal (third.server);
+    EXPECT_EQ (list_sent (third.finish ().received), is_larger_first ? "" : "x-clause ");
+  }
+}
+
+// Also while the session is being ended by the user: the server's end then answers ours, and has not
+// read all the same.
+TEST (delivery, what_the_server_refuses_behind_our_end_is_held)
+{
+  for (bool is_managed : {false, true}) {
+    Session session;
+    session.begin ({server_expect_until ("</stream:stream>"),
+                    server_send (is_managed ? refuse_after (4)
+                                            : Pieces{std::string (TOO_BIG) + "</stream:stream>"}),
+                    server_close_notify ()},
+                   is_managed ? managed () : LoginOptions ());
+    commit_clause (begin_procedure (&session), make_long_text (12000, "LONG").c_str ());
+    app_window_log_in_again (session.window);
+    EXPECT_TRUE (pump_until (is_login_page_shown, session.window));
+    EXPECT_EQ (held_and_owed (&session.test),
+               is_managed ? "held revision\n" : "held revision\nprocedure\nclause\n");
+    session.finish ();
+  }
+}
+
+// Of 10,000 bytes with all that stands around the text.
+TEST (delivery, what_every_server_has_to_take_is_never_held)
+{
+  Session session;
+  session.begin (refuse_behind (std::string ("LONG") + REVISION_END, 4), managed ());
+  commit_clause (begin_procedure (&session), make_long_text (9000, "LONG").c_str ());
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (held_and_owed (&session.test), "revision\n");
+  EXPECT_EQ (notice_on (session.window->procedures.procedures[0]), "");
+  session.finish ();
+}
+
+TEST (delivery, a_larger_line_to_a_contact_is_what_was_refused)
+{
+  Session session;
+  session.begin (refuse_behind ("CHAT</body></message>", 4), managed ());
+  app_window_create_new_contact (session.window, to_string (BOB), to_string ("available"));
+  Contact *contact = session.window->contacts.contacts[0];
+  commit_clause (begin_procedure (&session), make_long_text (12000, "LONG").c_str ());
+  type (contact->chat_page, "chat_entry", make_long_text (13000, "CHAT").c_str ());
+  press (contact->chat_page, "send_button");
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (held_and_owed (&session.test), "revision\n");
+  session.finish ();
+}
+
+// Anyone may put such an element into a message.
+TEST (delivery, an_error_within_a_message_holds_nothing)
+{
+  Session session;
+  session.begin ({server_expect_until (std::string ("LONG") + REVISION_END),
+                  server_send (std::string ("<message from='eve@beta.test/x' "
+                                            "to='alice@alpha.test'><body>hello</body>") +
+                               TOO_BIG + "</message>"),
+                  server_reset ()},
+                 {});
+  commit_clause (begin_procedure (&session), make_long_text (12000, "LONG").c_str ());
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (held_and_owed (&session.test), "procedure\nclause\nrevision\n");
+  session.finish ();
+}
+
+TEST (delivery, another_error_holds_nothing)
+{
+  Session session;
+  session.begin ({server_expect_until (std::string ("LONG") + REVISION_END),
+                  server_send ("<stream:error><conflict "
+                               "xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>"
+                               "</stream:stream>"),
+                  server_close_notify (), server_expect_until ("</stream:stream>")},
+                 managed ());
+  commit_clause (begin_procedure (&session), make_long_text (12000, "LONG").c_str ());
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  EXPECT_EQ (held_and_owed (&session.test), "procedure\nclause\nrevision\n");
+  session.finish ();
+}
+
+TEST (delivery, a_line_about_a_clause_is_held_likewise)
+{
+  Session first;
+  std::string end = "LINE</x-clause-message></body></message>";
+  first.begin (refuse_behind (end, 5), managed ());
+  Clause *clause = commit_clause (begin_procedure (&first), "First");
+  type (clause->chat_page, "chat_entry", make_long_text (12000, "LINE").c_str ());
+  press (clause->chat_page, "send_button");
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  EXPECT_EQ (held_and_owed (&first.test), "held message\n");
+  EXPECT_EQ (mark_of (find_widget (clause->chat_page, "chat_text_view")), MARK);
+  EXPECT_NE (notice_on (first.window->procedures.procedures[0]).find ("the line \u201cwordy"),
+             std::string::npos);
+  first.finish ();
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_expect_until (">why?</x-clause-message></body></message>")}, managed ());
+  clause = second.window->procedures.procedures[0]->clauses[0];
+  EXPECT_EQ (mark_of (find_widget (clause->chat_page, "chat_text_view")), MARK);
+  type (clause->chat_page, "chat_entry", "why?");
+  press (clause->chat_page, "send_button");
+  EXPECT_EQ (list_sent (second.finish ().received), "x-clause-message ");
+}
+
+// What stands on something that is held would be dropped at the other side.
+TEST (delivery, a_decision_on_a_held_revision_is_held_with_it)
+{
+  Session first;
+  first.begin (refuse_behind (std::string ("LONG") + REVISION_END, 4), managed ());
+  commit_clause (begin_procedure (&first), make_long_text (12000, "LONG").c_str ());
+  EXPECT_TRUE (pump_until (is_idle, first.window));
+  first.finish ();
+  Session second;
+  restart_from (&second, &first);
+  second.begin ({server_expect_until (std::string (">Second") + REVISION_END)}, managed ());
+  Procedure *procedure = second.window->procedures.procedures[0];
+  press (procedure->clauses[0]->view, "agree_button");
+  GtkWidget *agree = find_widget (procedure->clauses[0]->view, "agree_button");
+  EXPECT_EQ (mark_of (agree).find ("class"), 0u);
+  EXPECT_EQ (held_and_owed (&second.test), "held revision\nheld decision\n");
+  press (procedure->clauses[0]->view, "disagree_button");
+  EXPECT_EQ (held_and_owed (&second.test), "held revision\nheld decision\n");
+  commit_clause (procedure, "Second");
+  EXPECT_EQ (list_sent (second.finish ().received), "x-clause x-revision ");
+}
+
+TEST (delivery, a_deletion_takes_what_is_held_and_the_undo_brings_it_back_held)
+{
+  Session session;
+  session.begin (refuse_behind (std::string ("LONG") + REVISION_END, 4), managed ());
+  commit_clause (begin_procedure (&session), make_long_text (12000, "LONG").c_str ());
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  app_window_remove_procedure (session.window, session.window->procedures.procedures[0]);
+  EXPECT_EQ (held_and_owed (&session.test), "");
+  press (session.window, "undo_button");
+  EXPECT_EQ (held_and_owed (&session.test), "held revision\n");
+  Clause *clause = session.window->procedures.procedures[0]->clauses[0];
+  EXPECT_EQ (mark_of (find_widget (clause->view, "revision_status_label")), MARK);
+  app_window_remove_procedure (session.window, session.window->procedures.procedures[0]);
+  session.finish ();
+  session.close ();
+  EXPECT_EQ (owed (&session.test), "no table");
+}
+
+// Deleted while it was on its way: there is no page to tell it on.
+TEST (delivery, what_is_refused_while_it_is_deleted_comes_back_held)
+{
+  Session session;
+  session.begin ({server_expect_until (std::string ("LONG") + REVISION_END), server_wait (),
+                  server_send (refuse_after (4)), server_close_notify (),
+                  server_expect_until ("</stream:stream>")},
+                 managed ());
+  commit_clause (begin_procedure (&session), make_long_text (12000, "LONG").c_str ());
+  app_window_remove_procedure (session.window, session.window->procedures.procedures[0]);
+  scripted_server_signal (session.server);
+  EXPECT_TRUE (pump_until (is_idle, session.window));
+  press (session.window, "undo_button");
+  EXPECT_EQ (held_and_owed (&session.test), "held revision\n");
+  session.finish ();
+}
+
 // ---- Neighbours ----
 
 TEST (delivery, a_deleted_procedure_is_not_sent)

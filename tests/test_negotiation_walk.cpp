@@ -1123,7 +1123,7 @@ struct Walk {
     std::erase_if (side->owed, [] (const Owed &owed) { return owed.state == DELIVERED; });
     for (Owed &owed : side->owed)
       owed.state = OWED;
-    outbox_end_session (&side->outbox);
+    outbox_end_session (&side->outbox, 0);
   }
 
   // What the next login finds.

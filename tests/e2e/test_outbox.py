@@ -8,9 +8,13 @@ import driver
 
 TITLE = "Lease of a barge"
 SECOND = "Mooring of the barge"
+LIMIT = ["--stanza-limit", "20000"]
+LARGE = " ".join("word%06d" % number for number in range(3000))
 
 
 class Outbox(driver.Case):
+    server_options = LIMIT
+
     def begin(self):
         """Both hold a procedure with one clause."""
         anna, bert = self.anna().start(), self.bert().start()
@@ -76,6 +80,52 @@ class Outbox(driver.Case):
         self.server.start()
         self.both_again(anna, bert)
 
+    def held(self, party):
+        return [row[0] for row in party.rows("SELECT kind FROM outbox WHERE sequence = 0")]
+
+    def wait_told(self, party):
+        def told():
+            return [text for text in party.labels() if text.startswith(
+                "Not delivered to %s (the server takes no text as long as" % driver.BERT)]
+        self.desktop.wait(told, "%s is told" % party.name)
+
+    def descriptions(self, party, nth):
+        """What assistive programs are told about the revisions of a clause."""
+        found = [row.property("Description") for _, row in party.revisions(nth)]
+        party.close_revisions()
+        return found
+
+    def test_too_large(self):
+        """a text that is over the server's limit costs one session, and nothing behind it"""
+        anna, bert = self.begin()
+        anna.commit(0, LARGE)
+        self.wait_left(anna)
+        self.wait_told(anna)
+        self.assertEqual(self.held(anna), ["revision"])
+        self.says("she comes back after a kill, and commits short texts")
+        anna.kill()
+        anna.start()
+        anna.login()
+        anna.open_procedure(TITLE)
+        self.wait_told(anna)
+        anna.commit(0, "The barge is blue.")
+        bert.wait_text("Clause text", "The barge is blue.", 0)
+        anna.commit(anna.add_clause(), "The rent is 400 EUR.")
+        bert.wait_text("Clause text", "The rent is 400 EUR.", 1)
+        self.says("she logs in again, and the mark is still there")
+        anna.activate()
+        self.desktop.key("ctrl+shift+l")
+        anna.wait_for("Login", driver.BUTTON_ROLES)
+        anna.login(driver.ANNA)
+        anna.open_procedure(TITLE)
+        self.assertEqual(sorted(self.descriptions(anna, 0)), ["", "", "not sent yet"])
+        anna.decide("Agree", 0)
+        bert.wait_rows("clause_revision_decisions", 1)
+        self.assertEqual(self.held(anna), ["revision"])
+        self.assertEqual(bert.count_rows("clause_revisions"), 3)
+        for party in (anna, bert):
+            party.close()
+
     def test_closed(self):
         """committed while the server is away, then closed"""
         self.stop_and_start("close")
@@ -86,7 +136,7 @@ class Outbox(driver.Case):
 
 
 class OutboxWithManagement(Outbox):
-    server_options = ["--stream-management"]
+    server_options = LIMIT + ["--stream-management"]
 
     def test_nothing_left(self):
         """an undisturbed negotiation leaves nine tables and no debts"""
