@@ -152,6 +152,7 @@ app_window_destroy (GtkWidget *widget)
       g_source_remove (self->stream_end_source);
     self->stream_end_source = 0;
     app_window_end_session (self);
+    app_window_release_account (self);
   }
   GTK_WIDGET_CLASS (app_window_parent_class)->destroy (widget);
 }
@@ -619,6 +620,8 @@ app_window_release_worker (gpointer data)
 {
   AppWindow *self = (AppWindow *) accept_hand_over (data);
   self->worker_active = false;
+  if (!self->account_db_id)
+    app_window_release_account (self);
   delivery_end_session (self);
   if (self->worker_stray) {
     self->worker_stray = false;
@@ -661,6 +664,7 @@ app_window_give_up_worker (AppWindow *self)
   }
   self->worker = NULL;
   self->worker_active = false;
+  app_window_release_account (self);
   self->account = {};
   self->input_stream_buffer = alloc (STREAM_BUFFER_SIZE);
   g_object_unref (self);

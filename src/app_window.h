@@ -13,6 +13,7 @@
 #include <gtk/gtk.h>
 #include <sqlite3.h>
 
+#include "account_lock.h"
 #include "negotiation.h"
 #include "outbox.h"
 #include "stream_management.h"
@@ -78,6 +79,7 @@ struct _AppWindow {
   gint is_send_change_known;  // the interface is about to look at what waits to be sent; atomic
   guint send_source;          // waits until the socket takes more; 0 for none
   guint stream_end_source;    // ends the wait for the server's end of the stream; 0 for none
+  AccountLock *account_lock;  // of the account that is loaded or claimed; NULL for none; session.h
   bool closing;          // the user closed the window: only model and store are kept up to date
   bool closing_is_late;  // the server was waited for as long as it may
   guint closing_source;  // a timer that goes on with the closing; 0 for none

@@ -4,6 +4,7 @@
 
 #include "app_window.h"
 #include "morvane.h"
+#include "session.h"
 #include "wrapped_text.h"
 
 struct _LoginPage {
@@ -45,9 +46,10 @@ login_page_password_entry_changed_handle (GtkEditable *, LoginPage *self)
   login_page_validate_fields (self);
 }
 
-// What keeps an attempt from starting, as a text for the user; NULL when nothing does.
+// What keeps an attempt from starting, as a text for the user; NULL when nothing does, and the account
+// is the window's.
 static const char *
-login_page_get_refusal (LoginPage *self, String bare_jid)
+login_page_claim_account (LoginPage *self, String bare_jid)
 {
   AppWindow *window = MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
   if (!bare_jid.size)
@@ -58,7 +60,7 @@ login_page_get_refusal (LoginPage *self, String bare_jid)
     return "Incorrect account format";
   if (app_window_is_worker_running (window))
     return "Another attempt is still running";
-  if (app_window_is_account_open_elsewhere (window, bare_jid))
+  if (!app_window_claim_account (window, bare_jid))
     return "This account is open in another window";
   return NULL;
 }
@@ -115,7 +117,7 @@ static void
 login_page_login_button_handle (GtkButton *, LoginPage *self)
 {
   char *bare_jid = g_ascii_strdown (gtk_entry_get_text (self->bare_jid_entry), -1);
-  const char *refusal = login_page_get_refusal (self, to_string (bare_jid));
+  const char *refusal = login_page_claim_account (self, to_string (bare_jid));
   if (refusal) {
     gtk_label_set_text (self->status_label, refusal);
   } else {

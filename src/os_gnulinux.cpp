@@ -1,5 +1,5 @@
-// The operating system under the program on GNU/Linux: whole files, the configuration file, TCP
-// sockets.
+// The operating system under the program on GNU/Linux: whole files, the configuration file, locks
+// between processes, TCP sockets.
 #include "os_gnulinux.h"
 
 #include <assert.h>
@@ -92,6 +92,48 @@ read_config_file (const char *path)
     key = strtok_r (NULL, " =", &rest);
   }
   return config;
+}
+
+// ---- Locks ----
+
+// Nobody writes to a directory, so the system lets us set the lock of a reader only, and readers keep
+// nobody out. Who has set one asks whether a writer would be let in, which every reader but the own one
+// prevents. The lock belongs to the descriptor, not to the process: the one that SQLite opens on the
+// directory and closes again takes none away.
+bool
+os_lock_directory (const char *path, u64 number, s32 *lock_out)
+{
+  *lock_out = -1;
+  int directory = open (path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory == -1) {
+    console_log ("Warning: Can't lock: open: %s: %s\n", path, get_error_text (errno));
+    return true;
+  }
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = (off_t) number;
+  lock.l_len = 1;
+  struct flock other = lock;
+  other.l_type = F_WRLCK;
+  if (fcntl (directory, F_OFD_SETLK, &lock) == -1 || fcntl (directory, F_OFD_GETLK, &other) == -1) {
+    console_log ("Warning: Can't lock: fcntl: %s: %s\n", path, get_error_text (errno));
+    close (directory);
+    return true;
+  }
+  if (other.l_type != F_UNLCK) {
+    close (directory);
+    return false;
+  }
+  *lock_out = directory;
+  return true;
+}
+
+void
+os_unlock_directory (s32 lock)
+{
+  if (lock != -1)
+    close (lock);
 }
 
 // ---- Sockets ----

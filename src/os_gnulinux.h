@@ -1,5 +1,5 @@
-// The operating system under the program on GNU/Linux: whole files, the configuration file, TCP
-// sockets. The rest of the program calls the socket interface only through here.
+// The operating system under the program on GNU/Linux: whole files, the configuration file, locks
+// between processes, TCP sockets. The rest of the program calls the socket interface only through here.
 //
 // Every failure is one console line and a neutral result (none, -1, 0 or an empty string).
 //
@@ -28,6 +28,15 @@ char *os_alloc_read_file_as_cstr (const char *path);
 // feed before a key becomes a part of that key, which then means nothing. A later key of the same
 // name counts. Both fields are empty when there is no text.
 Config read_config_file (const char *path);
+
+// ---- Locks ----
+
+// Locks a number below 2^62 on a directory, which other processes of this system may lock on it as
+// well. False when one of them has it; of two that ask at the same moment both may be refused. The lock
+// is no file, and ends with `os_unlock_directory` or with the process, however that ends. `lock_out` is
+// a descriptor of the caller's, or -1 where the system gives no locks: nobody is kept out then.
+bool os_lock_directory (const char *path, u64 number, s32 *lock_out);
+void os_unlock_directory (s32 lock);  // -1 is no lock
 
 // ---- Sockets ----
 

@@ -4,6 +4,7 @@
 
 #include "app_window.h"
 #include "morvane.h"
+#include "session.h"
 #include "wrapped_text.h"
 
 struct _RegistrationPage {
@@ -116,6 +117,7 @@ registration_page_start_registration (RegistrationPage *self, String bare_jid)
     gtk_label_set_text (self->status_label, "Incorrect account format");
     dealloc_xmpp_account (window->account);
     window->account = {};
+    app_window_release_account (window);
     return;
   }
   gtk_label_set_text (self->status_label, "");
@@ -134,7 +136,7 @@ registration_page_register_button_handle (GtkButton *, RegistrationPage *self)
   char *bare_jid = g_ascii_strdown (gtk_entry_get_text (self->bare_jid_entry), -1);
   if (app_window_is_worker_running (window)) {
     gtk_label_set_text (self->status_label, "Another attempt is still running");
-  } else if (app_window_is_account_open_elsewhere (window, to_string (bare_jid))) {
+  } else if (!app_window_claim_account (window, to_string (bare_jid))) {
     gtk_label_set_text (self->status_label, "This account is open in another window");
   } else {
     registration_page_start_registration (self, to_string (bare_jid));

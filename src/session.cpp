@@ -251,6 +251,7 @@ app_window_unload_account (AppWindow *self)
   self->get_own_vcard_id = 0;
   self->prev_main_page = NULL;
   self->last_xmpp_id = 0;
+  app_window_release_account (self);
 }
 
 // From a session that is over, and whose worker has left, to the login page.
@@ -277,6 +278,26 @@ app_window_leave_account (AppWindow *self)
 }
 
 // ---- Beginning ----
+
+bool
+app_window_claim_account (AppWindow *self, String bare_jid)
+{
+  if (app_window_is_account_open_elsewhere (self, bare_jid))
+    return false;
+  AccountLock *lock = account_lock_take (self->db, bare_jid);
+  if (!lock)
+    return false;
+  account_lock_drop (self->account_lock);
+  self->account_lock = lock;
+  return true;
+}
+
+void
+app_window_release_account (AppWindow *self)
+{
+  account_lock_drop (self->account_lock);
+  self->account_lock = NULL;
+}
 
 // Another window with this account loaded and no session; NULL when there is none.
 static AppWindow *

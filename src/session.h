@@ -11,6 +11,8 @@
 
 #include <gtk/gtk.h>
 
+#include "buffers.h"
+
 typedef struct _App App;
 typedef struct _AppWindow AppWindow;
 
@@ -23,6 +25,11 @@ void app_window_add_session_actions (AppWindow *window);
 
 // ---- Beginning ----
 
+// Before a worker is started for the account: keeps other processes from it until the worker has left
+// without a session, the account is unloaded or the window closes. False when another window, of this
+// process or of another one on the same store, has the account.
+bool app_window_claim_account (AppWindow *window, String bare_jid);
+void app_window_release_account (AppWindow *window);
 // The account is about to be loaded for a session that lives. What else of the process has it loaded,
 // in a window whose session is over, unloads it.
 void app_window_begin_session (AppWindow *window);

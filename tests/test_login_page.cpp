@@ -344,6 +344,38 @@ TEST (login_page_login_button, refuses_an_account_that_another_window_has_open)
   EXPECT_TRUE (pump_until (is_idle, &first));
 }
 
+TEST (login_page_login_button, refuses_an_account_that_another_process_has_open)
+{
+  TestWindow test;
+  int other = lock_all_accounts (&test);
+  fill (&test, DEAF_JID, "secret");
+  testing::internal::CaptureStdout ();
+  press (test.window->login_page, "login_button");
+  EXPECT_TRUE (is_idle (&test));
+  EXPECT_EQ (get_text (test.window->login_page, "status_label"),
+             "This account is open in another window");
+  // Nothing was begun, and nothing is left of it.
+  EXPECT_EQ (testing::internal::GetCapturedStdout (), "");
+  EXPECT_EQ (test.window->account.data, nullptr);
+  EXPECT_TRUE (is_sensitive (test.window->login_page, "login_button"));
+  close (other);
+  EXPECT_FALSE (is_account_locked (&test));
+  press (test.window->login_page, "login_button");
+  EXPECT_TRUE (pump_until (is_idle, &test));
+  EXPECT_EQ (get_text (test.window->login_page, "status_label"), "Can't connect to server");
+}
+
+TEST (login_page_login_button, keeps_other_processes_out_until_the_attempt_has_failed)
+{
+  TestWindow test;
+  fill (&test, DEAF_JID, "secret");
+  EXPECT_FALSE (is_account_locked (&test));
+  gtk_button_clicked (GTK_BUTTON (login_page_get_login_button (test.window->login_page)));
+  EXPECT_TRUE (is_account_locked (&test));
+  EXPECT_TRUE (pump_until (is_idle, &test));
+  EXPECT_FALSE (is_account_locked (&test));
+}
+
 // ---- Outcomes ----
 
 TEST (login_page_handle_login_success, empties_the_password_and_shows_the_main_page)

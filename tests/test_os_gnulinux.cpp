@@ -1,4 +1,4 @@
-// Whole files, the configuration file and TCP sockets on the loopback.
+// Whole files, the configuration file, locks between processes and TCP sockets on the loopback.
 
 // `read` and `fstat` are replaced below, which the checked variants of the headers do not allow.
 #undef _FORTIFY_SOURCE
@@ -19,9 +19,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -374,6 +376,125 @@ TEST_F (os_files, an_empty_configuration_is_empty)
   EXPECT_EQ ("", end_output ());
   EXPECT_EQ (0u, config.bare_jid.size);
   EXPECT_EQ (0u, config.password.size);
+}
+
+// ---- Locks ----
+
+// Takes and gives back the number.
+static bool
+can_lock (const std::string &path, u64 number)
+{
+  s32 lock = -1;
+  bool is_locked = os_lock_directory (path.c_str (), number, &lock);
+  EXPECT_EQ (is_locked, lock != -1);
+  os_unlock_directory (lock);
+  return is_locked;
+}
+
+TEST_F (os_files, a_lock_keeps_others_from_its_number_until_it_is_given_back)
+{
+  s32 lock = -1;
+  EXPECT_TRUE (os_lock_directory (folder.c_str (), 5, &lock));
+  EXPECT_NE (-1, lock);
+  EXPECT_FALSE (can_lock (folder, 5));
+  EXPECT_FALSE (can_lock (folder, 5));
+  EXPECT_TRUE (can_lock (folder, 4));
+  EXPECT_TRUE (can_lock (folder, 6));
+  os_unlock_directory (lock);
+  EXPECT_TRUE (can_lock (folder, 5));
+}
+
+TEST_F (os_files, a_lock_stays_when_the_directory_is_opened_and_closed)
+{
+  s32 lock = -1;
+  EXPECT_TRUE (os_lock_directory (folder.c_str (), 0, &lock));
+  close (open (folder.c_str (), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_FALSE (can_lock (folder, 0));
+  os_unlock_directory (lock);
+}
+
+TEST_F (os_files, a_lock_ends_with_a_process_that_is_killed)
+{
+  const u64 NUMBER = (1ull << 60) - 1;
+  int ends[2];
+  ASSERT_EQ (0, pipe (ends));
+  pid_t child = fork ();
+  if (!child) {
+    s32 lock = -1;
+    os_lock_directory (folder.c_str (), NUMBER, &lock);
+    if (write (ends[1], "", 1) == 1)
+      pause ();
+    _exit (1);
+  }
+  char byte = 1;
+  EXPECT_EQ (1, read (ends[0], &byte, 1));
+  EXPECT_FALSE (can_lock (folder, NUMBER));
+  kill (child, SIGKILL);
+  waitpid (child, NULL, 0);
+  EXPECT_TRUE (can_lock (folder, NUMBER));
+  close (ends[0]);
+  close (ends[1]);
+}
+
+// What the processes of the next test share.
+struct LockRace {
+  std::atomic<int> holders_count;
+  std::atomic<int> collisions_count;
+  std::atomic<int> locks_count;
+};
+
+static void
+race_for_lock (const char *path, LockRace *race)
+{
+  for (int i = 0; i < 2000; ++i) {
+    s32 lock = -1;
+    if (!os_lock_directory (path, 7, &lock))
+      continue;
+    race->collisions_count += race->holders_count.fetch_add (1) != 0;
+    ++race->locks_count;
+    --race->holders_count;
+    os_unlock_directory (lock);
+  }
+}
+
+TEST_F (os_files, a_lock_is_never_given_to_two_processes_at_once)
+{
+  void *memory =
+    mmap (NULL, sizeof (LockRace), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE (MAP_FAILED, memory);
+  LockRace *race = new (memory) LockRace ();
+  pid_t children[3];
+  for (pid_t &child : children) {
+    child = fork ();
+    if (!child) {
+      race_for_lock (folder.c_str (), race);
+      _exit (0);
+    }
+  }
+  for (pid_t child : children)
+    waitpid (child, NULL, 0);
+  EXPECT_EQ (0, race->collisions_count);
+  EXPECT_LT (0, race->locks_count);
+  munmap (memory, sizeof (LockRace));
+}
+
+// Nobody is kept from an account because of a system that gives no locks.
+TEST_F (os_files, a_lock_that_the_system_does_not_give_costs_a_warning)
+{
+  s32 lock = 0;
+  begin_output ();
+  EXPECT_TRUE (os_lock_directory (path.c_str (), 1, &lock));
+  EXPECT_EQ ("Warning: Can't lock: open: " + path + ": No such file or directory\n", end_output ());
+  EXPECT_EQ (-1, lock);
+  u32 descriptors_count = count_open_descriptors ();
+  lock = 0;
+  begin_output ();
+  // No place in a file is negative.
+  EXPECT_TRUE (os_lock_directory (folder.c_str (), 1ull << 63, &lock));
+  EXPECT_EQ ("Warning: Can't lock: fcntl: " + folder + ": Invalid argument\n", end_output ());
+  EXPECT_EQ (-1, lock);
+  EXPECT_EQ (descriptors_count, count_open_descriptors ());
+  os_unlock_directory (lock);
 }
 
 // ---- Sockets: helpers ----

@@ -189,6 +189,7 @@ TEST (registration_page_register_button, tells_of_a_refused_account)
   EXPECT_EQ (output, "Error: Login account '@alpha.test' is missing the username part.\n");
   EXPECT_EQ (test.window->account.data, (u8 *) NULL);
   EXPECT_TRUE (is_idle (&test));
+  EXPECT_FALSE (is_account_locked (&test));
   EXPECT_TRUE (is_sensitive (page, "bare_jid_entry"));
 }
 
@@ -220,6 +221,27 @@ TEST (registration_page_register_button, refuses_an_account_that_another_window_
     first.window->is_connected = false;
   }
   EXPECT_TRUE (pump_until (is_idle, &first));
+}
+
+TEST (registration_page_register_button, refuses_an_account_that_another_process_has_open)
+{
+  TestWindow test;
+  int other = lock_all_accounts (&test);
+  start_waiting (&test);
+  EXPECT_TRUE (is_idle (&test));
+  EXPECT_EQ (get_text (test.window->registration_page, "status_label"),
+             "This account is open in another window");
+  close (other);
+  EXPECT_FALSE (is_account_locked (&test));
+}
+
+TEST (registration_page_register_button, keeps_other_processes_out_until_the_attempt_has_failed)
+{
+  TestWindow test;
+  start_waiting (&test);
+  EXPECT_TRUE (is_account_locked (&test));
+  EXPECT_TRUE (pump_until (is_idle, &test));
+  EXPECT_FALSE (is_account_locked (&test));
 }
 
 // ---- Outcomes ----

@@ -144,6 +144,61 @@ TEST (app_add_session_actions, leads_from_a_notification_to_its_window)
   EXPECT_FALSE (is_login_page_shown (other.window));
 }
 
+// ---- Claims ----
+
+TEST (app_window_claim_account, holds_the_account_until_it_is_unloaded)
+{
+  TestWindow test;
+  EXPECT_TRUE (app_window_claim_account (test.window, to_string (ALICE)));
+  log_in (&test);
+  EXPECT_TRUE (is_account_locked (&test));
+  app_window_lose_session (test.window);
+  EXPECT_TRUE (is_account_locked (&test));
+  app_window_log_in_again (test.window);
+  EXPECT_EQ (test.window->account_db_id, 0u);
+  EXPECT_FALSE (is_account_locked (&test));
+}
+
+TEST (app_window_claim_account, holds_the_account_until_the_window_is_gone)
+{
+  TestWindow test;
+  EXPECT_TRUE (app_window_claim_account (test.window, to_string (ALICE)));
+  log_in (&test);
+  close_window (&test);
+  EXPECT_FALSE (is_account_locked (&test));
+}
+
+TEST (app_window_claim_account, holds_one_account_at_a_time)
+{
+  TestWindow test;
+  EXPECT_TRUE (app_window_claim_account (test.window, to_string (ALICE)));
+  EXPECT_TRUE (app_window_claim_account (test.window, to_string (ALICE)));
+  EXPECT_TRUE (app_window_claim_account (test.window, to_string (BOB)));
+  app_window_release_account (test.window);
+  EXPECT_FALSE (is_account_locked (&test));
+}
+
+// Whose session is over gives the account to another window of its process, and to no other process.
+TEST (app_window_claim_account, goes_from_window_to_window)
+{
+  TestWindow left;
+  EXPECT_TRUE (app_window_claim_account (left.window, to_string (ALICE)));
+  log_in (&left);
+  app_window_lose_session (left.window);
+  {
+    TestWindow test;
+    sqlite3 *db = test.window->db;
+    test.window->db = left.db;
+    EXPECT_TRUE (app_window_claim_account (test.window, to_string (ALICE)));
+    log_in (&test);
+    EXPECT_EQ (left.window->account_db_id, 0u);
+    EXPECT_TRUE (is_account_locked (&left));
+    close_window (&test);
+    EXPECT_FALSE (is_account_locked (&left));
+    test.window->db = db;
+  }
+}
+
 static bool
 is_active (void *window)
 {

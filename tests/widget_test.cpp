@@ -1,5 +1,6 @@
 #include "widget_test.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -200,6 +201,36 @@ TestWindow::~TestWindow ()
     unlink ((directory + "/" + name).c_str ());
   }
   rmdir (directory.c_str ());
+}
+
+// ---- Other processes ----
+
+// A lock of this kind is the descriptor's, so it meets those of the same process like any other.
+static struct flock
+call_lock (int descriptor, int command, short type)
+{
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  EXPECT_EQ (fcntl (descriptor, command, &lock), 0);
+  return lock;
+}
+
+int
+lock_all_accounts (TestWindow *test)
+{
+  int descriptor = open (test->directory.c_str (), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  call_lock (descriptor, F_OFD_SETLK, F_RDLCK);
+  return descriptor;
+}
+
+bool
+is_account_locked (TestWindow *test)
+{
+  int descriptor = open (test->directory.c_str (), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  struct flock lock = call_lock (descriptor, F_OFD_GETLK, F_WRLCK);
+  close (descriptor);
+  return lock.l_type != F_UNLCK;
 }
 
 // ---- Main loop ----

@@ -43,6 +43,14 @@ std::string query (TestWindow *test, const char *sql);
 // Ends the window as its close button does.
 void close_window (TestWindow *test);
 
+// ---- Other processes ----
+
+// Locks every account of the window's store, as if another process had them, until the result is
+// closed.
+int lock_all_accounts (TestWindow *test);
+// Whether this process keeps others from any account of the window's store.
+bool is_account_locked (TestWindow *test);
+
 // ---- Main loop ----
 
 // Handles everything that waits, drawing included.

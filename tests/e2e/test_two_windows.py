@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Several windows of one program, and windows that are closed at any time."""
 
+import os
 import signal
 
 import driver
@@ -90,6 +91,82 @@ class TwoWindows(driver.Case):
         anna.open_procedure("Alone")
         anna.wait_text("Clause text", "Nobody hears this")
         anna.close()
+
+
+class TwoPrograms(driver.Case):
+    def start_beside(self, party, name):
+        """Starts a program of its own, on a bus of its own, on the same store."""
+        other = driver.Party(name, driver.ANNA, driver.RIGHT, directory=party.directory)
+        other.console_path = os.path.join(party.directory, name + "-console.log")
+        other.errors_path = os.path.join(party.directory, name + "-errors.log")
+        return other.start()
+
+    def refuse(self, party):
+        """Presses Login for an account that another program has."""
+        mark = party.console_mark()
+        party.click("Login")
+        party.wait_label("This account is open in another window")
+        self.assertNotIn("Connecting...", party.console(mark))
+
+    def test_one_account(self):
+        """a program of its own on the same store keeps away from an account until it is free"""
+        anna = self.anna().start()
+        anna.login()
+        anna.begin("With Bert", driver.BERT)
+        anna.commit(anna.add_clause(), "A clause")
+        other = self.start_beside(anna, "other")
+        self.refuse(other)
+
+        self.says("the first program's session ends; the account is still loaded there")
+        mark = anna.console_mark()
+        self.server.stop()
+        anna.wait_console("Disconnected.\n", mark)
+        self.refuse(other)
+        self.server.start()
+
+        self.says("the first program is killed; the account is free at once")
+        anna.kill()
+        other.login()
+        other.open_procedure("With Bert")
+        other.wait_text("Clause text", "A clause")
+
+        self.says("and so it is when the user logs out, or closes the window")
+        anna.start()
+        self.refuse(anna)
+        other.windows[0].activate()
+        self.desktop.key("ctrl+shift+L")
+        other.wait_for("Login", driver.BUTTON_ROLES)
+        anna.login()
+        self.refuse_again(other)
+        anna.close()
+        other.login()
+        other.close()
+
+    def refuse_again(self, party):
+        party.enter("Password", driver.PASSWORDS[driver.ANNA])
+        self.refuse(party)
+        # What is refused is not lost.
+        self.assertEqual(party.text("Account"), driver.ANNA)
+
+    def test_two_accounts(self):
+        """two programs with two accounts of one store negotiate with each other"""
+        anna = self.anna().start()
+        anna.login()
+        bert = self.start_beside(anna, "bert")
+        bert.login(driver.BERT)
+        anna.begin("One store", driver.BERT)
+        bert.open_procedure("One store")
+        anna.commit(anna.add_clause(), "A clause")
+        bert.wait_text("Clause text", "A clause")
+        bert.decide("Agree", 0)
+        anna.wait_label("contractor agrees")
+        anna.close()
+        bert.close()
+        self.assertEqual(anna.rows("SELECT count(*), count(DISTINCT account_db_id) FROM procedures"),
+                         [(2, 2)])
+        self.assertEqual(sorted(os.listdir(anna.directory)), [
+            ".morvane.db", ".morvanerc", "bert-console.log", "bert-errors.log", "console.log",
+            "errors.log"])
 
 
 class CloseDuringLogin(driver.Case):
