@@ -59,9 +59,11 @@ chat_text_init (ChatText *self, GtkWidget *page, GtkTextView *text_view,
                                 PANGO_SCALE_SMALL, "weight", PANGO_WEIGHT_BOLD, NULL);
   GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (text_view);
   self->first_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "indent", -HANGING, NULL);
-  // On both sides: a line that is written to the left begins at the right.
-  self->continued_tag = gtk_text_buffer_create_tag (text_buffer, NULL, "left-margin", HANGING,
-                                                    "right-margin", HANGING, NULL);
+  // On both sides: a line that is written to the left begins at the right. The text's own margins add
+  // to it.
+  self->continued_tag =
+    gtk_text_buffer_create_tag (text_buffer, NULL, "left-margin", HANGING, "right-margin", HANGING,
+                                "accumulative-margin", TRUE, NULL);
   GtkAdjustment *adjustment = gtk_scrolled_window_get_vadjustment (scrolled_window);
   g_signal_connect (adjustment, "changed", G_CALLBACK (chat_text_vadjustment_changed_handle), self);
   g_signal_connect (adjustment, "value-changed",

@@ -3,7 +3,8 @@
 // of tabs, which does not wrap, made it as wide as all the tabs. A label asks for the width of the
 // longest piece that does not wrap, as many pictures joined into one are. These two take the width of
 // their place instead. The templates name them "WrappedText" and "WrappedLabel"; in all else they are a
-// GtkTextView and a GtkLabel.
+// GtkTextView and a GtkLabel, but for this: a line of a text that wraps at words holds about 90
+// characters at most, and a margin takes the rest of a wide place.
 //
 // Threads: the interface thread only.
 #pragma once
