@@ -106,6 +106,7 @@ write_window_state (const char *path, WindowState state)
 }
 
 WindowState
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): their names tell.
 clamp_window_state (WindowState state, int screen_width, int screen_height)
 {
   state.width = CLAMP (state.width, MIN (SIZE_MIN, screen_width), screen_width);
