@@ -10,6 +10,8 @@
 
 // How long the outbox's table has to be empty before it goes, in milliseconds.
 static const u32 EMPTY_TABLE_TIME = 1000;
+// How many objects are searched for before all are put into tables.
+static const u32 SEARCHES_MAX = 8;
 // How soon is looked again what the server's system has taken, in milliseconds.
 static const u32 LOOK_TIME = 50;
 
@@ -57,49 +59,116 @@ struct Parcel {
   ClauseRevisionDecision *decision;
 };
 
+// Is shown one object after the other; what it returns ends the walk when it is true.
+typedef bool ParcelVisitor (OutboxKind kind, u64 db_id, const Parcel *parcel, void *data);
+
 static bool
-find_in_clause (Clause *clause, const OutboxEntry *entry, Parcel *parcel)
+visit_revision (Parcel parcel, ParcelVisitor *visitor, void *data)
 {
-  u64 db_id = entry->object_db_id;
-  parcel->clause = clause;
-  if (entry->kind == OUTBOX_CLAUSE)
-    return clause->db_id == db_id;
-  for (u32 i = 0; entry->kind == OUTBOX_MESSAGE && i < clause->messages_count; ++i) {
-    parcel->message = clause->messages[i];
-    if (parcel->message->db_id == db_id)
-      return true;
+  bool is_over = visitor (OUTBOX_REVISION, parcel.revision->db_id, &parcel, data);
+  for (u32 i = 0; !is_over && i < parcel.revision->decisions_count; ++i) {
+    parcel.decision = parcel.revision->decisions[i];
+    is_over = visitor (OUTBOX_DECISION, parcel.decision->db_id, &parcel, data);
   }
-  for (u32 i = 0; i < clause->revisions_count; ++i) {
-    ClauseRevision *revision = clause->revisions[i];
-    parcel->revision = revision;
-    if (entry->kind == OUTBOX_REVISION && revision->db_id == db_id)
-      return true;
-    for (u32 j = 0; entry->kind == OUTBOX_DECISION && j < revision->decisions_count; ++j) {
-      parcel->decision = revision->decisions[j];
-      if (parcel->decision->db_id == db_id)
-        return true;
+  return is_over;
+}
+
+static bool
+visit_clause (Parcel parcel, ParcelVisitor *visitor, void *data)
+{
+  bool is_over = visitor (OUTBOX_CLAUSE, parcel.clause->db_id, &parcel, data);
+  for (u32 i = 0; !is_over && i < parcel.clause->revisions_count; ++i) {
+    parcel.revision = parcel.clause->revisions[i];
+    is_over = visit_revision (parcel, visitor, data);
+  }
+  parcel.revision = NULL;
+  for (u32 i = 0; !is_over && i < parcel.clause->messages_count; ++i) {
+    parcel.message = parcel.clause->messages[i];
+    is_over = visitor (OUTBOX_MESSAGE, parcel.message->db_id, &parcel, data);
+  }
+  return is_over;
+}
+
+static void
+visit_parcels (ProceduresStack *procedures, ParcelVisitor *visitor, void *data)
+{
+  bool is_over = false;
+  for (u32 i = 0; !is_over && i < procedures->count; ++i) {
+    Parcel parcel = {};
+    parcel.procedure = procedures->procedures[i];
+    is_over = visitor (OUTBOX_PROCEDURE, parcel.procedure->db_id, &parcel, data);
+    for (u32 j = 0; !is_over && j < parcel.procedure->clauses_count; ++j) {
+      parcel.clause = parcel.procedure->clauses[j];
+      is_over = visit_clause (parcel, visitor, data);
     }
   }
-  return false;
+}
+
+struct ParcelSearch {
+  const OutboxEntry *entry;
+  Parcel *parcel;
+  bool is_found;
+};
+
+static bool
+compare_parcel (OutboxKind kind, u64 db_id, const Parcel *parcel, void *data)
+{
+  ParcelSearch *search = (ParcelSearch *) data;
+  search->is_found = kind == search->entry->kind && db_id == search->entry->object_db_id;
+  if (search->is_found)
+    *search->parcel = *parcel;
+  return search->is_found;
 }
 
 static bool
 find_parcel (ProceduresStack *procedures, const OutboxEntry *entry, Parcel *parcel)
 {
-  for (u32 i = 0; i < procedures->count; ++i) {
-    Procedure *procedure = procedures->procedures[i];
-    *parcel = {};
-    parcel->procedure = procedure;
-    if (entry->kind == OUTBOX_PROCEDURE && procedure->db_id == entry->object_db_id)
-      return true;
-    for (u32 j = 0; entry->kind != OUTBOX_PROCEDURE && j < procedure->clauses_count; ++j) {
-      *parcel = {};
-      parcel->procedure = procedure;
-      if (find_in_clause (procedure->clauses[j], entry, parcel))
-        return true;
-    }
-  }
+  ParcelSearch search = {entry, parcel, false};
+  visit_parcels (procedures, compare_parcel, &search);
+  return search.is_found;
+}
+
+// For looking up many objects: the first few are searched for one by one, and then all are put into
+// tables by their rows. Zeroed but for the procedures; good until the model changes.
+struct ParcelIndex {
+  ProceduresStack *procedures;  // borrowed
+  u32 asked_count;
+  GHashTable *parcels[OUTBOX_KINDS_COUNT];  // NULL before they are needed
+};
+
+static bool
+index_parcel (OutboxKind kind, u64 db_id, const Parcel *parcel, void *data)
+{
+  ParcelIndex *index = (ParcelIndex *) data;
+  g_hash_table_insert (index->parcels[kind], GSIZE_TO_POINTER (db_id),
+                       g_memdup2 (parcel, sizeof (*parcel)));
   return false;
+}
+
+static bool
+find_parcel (ParcelIndex *index, const OutboxEntry *entry, Parcel *parcel)
+{
+  if (index->asked_count < SEARCHES_MAX) {
+    index->asked_count++;
+    return find_parcel (index->procedures, entry, parcel);
+  }
+  if (!index->parcels[0]) {
+    for (u32 kind = 0; kind < OUTBOX_KINDS_COUNT; ++kind)
+      index->parcels[kind] = g_hash_table_new_full (NULL, NULL, NULL, g_free);
+    visit_parcels (index->procedures, index_parcel, index);
+  }
+  Parcel *found = (Parcel *) g_hash_table_lookup (index->parcels[entry->kind],
+                                                  GSIZE_TO_POINTER (entry->object_db_id));
+  if (found)
+    *parcel = *found;
+  return found;
+}
+
+static void
+dealloc_parcel_index (ParcelIndex *index)
+{
+  for (u32 kind = 0; kind < OUTBOX_KINDS_COUNT; ++kind)
+    g_clear_pointer (&index->parcels[kind], g_hash_table_unref);
 }
 
 // A row that another program has given to somebody else's object names nothing of ours.
@@ -147,20 +216,28 @@ show_mark (OutboxKind kind, const Parcel *parcel, bool is_unsent)
   }
 }
 
+// Whether the entry's widgets say something else than they should, and can be told.
+static bool
+has_old_mark (AppWindow *window, const OutboxEntry *entry)
+{
+  return outbox_is_unsent (entry) != entry->is_marked && !entry->removed_object && !window->closed;
+}
+
 // Brings the widgets up to date of those entries whose mark has changed.
 static void
 show_marks (AppWindow *window)
 {
+  ParcelIndex index = {};
+  index.procedures = &window->procedures;
   for (u32 i = 0; i < window->outbox.count; ++i) {
     OutboxEntry *entry = &window->outbox.entries[i];
-    bool is_unsent = outbox_is_unsent (entry);
     Parcel parcel = {};
-    if (is_unsent != entry->is_marked && !entry->removed_object && !window->closed &&
-        find_parcel (&window->procedures, entry, &parcel)) {
-      entry->is_marked = is_unsent;
-      show_mark (entry->kind, &parcel, is_unsent);
+    if (has_old_mark (window, entry) && find_parcel (&index, entry, &parcel)) {
+      entry->is_marked = !entry->is_marked;
+      show_mark (entry->kind, &parcel, entry->is_marked);
     }
   }
+  dealloc_parcel_index (&index);
 }
 
 // ---- Sending ----
@@ -191,17 +268,27 @@ send_parcel (AppWindow *window, OutboxKind kind, const Parcel *parcel)
   return id;
 }
 
+static bool
+has_refused (Outbox *outbox)
+{
+  for (u32 i = 0; i < outbox->count; ++i) {
+    if (outbox->entries[i].state == OUTBOX_REFUSED)
+      return true;
+  }
+  return false;
+}
+
 // What came back goes out again ahead of what follows it in the same procedure, which the other party
 // could not attach to anything without it. Returns whether anything does.
 static bool
-wake_refused (AppWindow *window, Procedure *procedure)
+wake_refused (Outbox *outbox, ParcelIndex *index, Procedure *procedure)
 {
   bool is_woken = false;
-  for (u32 i = 0; i < window->outbox.count; ++i) {
-    OutboxEntry *entry = &window->outbox.entries[i];
+  for (u32 i = 0; i < outbox->count; ++i) {
+    OutboxEntry *entry = &outbox->entries[i];
     Parcel parcel = {};
     if (entry->state == OUTBOX_REFUSED && !entry->removed_object &&
-        find_parcel (&window->procedures, entry, &parcel) && parcel.procedure == procedure) {
+        find_parcel (index, entry, &parcel) && parcel.procedure == procedure) {
       entry->state = OUTBOX_WAITING;
       is_woken = true;
     }
@@ -219,36 +306,58 @@ is_stranded (Outbox *outbox, OutboxKind kind, const Parcel *parcel)
   return entry && entry->state == OUTBOX_HELD;
 }
 
-void
-delivery_send (AppWindow *window)
+// A walk over what waits. Nothing comes back and nothing is committed while it lasts.
+struct SendWalk {
+  ParcelIndex index;
+  u32 first;      // nothing ahead of this entry waits
+  bool may_wake;  // something that came back may belong to what waits
+};
+
+// False when nothing waits any more, or the session takes no more.
+static bool
+send_next (AppWindow *window, SendWalk *walk)
 {
   Outbox *outbox = &window->outbox;
   StreamManagement *counts = &window->stream_management;
-  // What is committed behind our end of the stream waits for the next session.
-  while (window->is_delivering && !has_ended_xmpp_stream (window)) {
-    OutboxEntry *entry = outbox_get_next (outbox);
-    if (!entry)
-      break;
-    Parcel parcel = {};
-    bool is_found = find_parcel (&window->procedures, entry, &parcel);
-    String own = window->account.bare_jid;
-    if (!is_found || !is_own_parcel (entry->kind, &parcel, own, window->account.username)) {
-      console_put ("Warning: The outbox names an object that isn't there.\n");
-      outbox_drop (outbox, entry);
+  OutboxEntry *entry = outbox_get_next (outbox, walk->first);
+  if (!entry)
+    return false;
+  walk->first = (u32) (entry - outbox->entries);
+  Parcel parcel = {};
+  bool is_found = find_parcel (&walk->index, entry, &parcel);
+  if (!is_found ||
+      !is_own_parcel (entry->kind, &parcel, window->account.bare_jid, window->account.username)) {
+    console_put ("Warning: The outbox names an object that isn't there.\n");
+    outbox_drop (outbox, entry);
+    return true;
+  }
+  if (walk->may_wake && wake_refused (outbox, &walk->index, parcel.procedure)) {
+    walk->first = 0;
+    walk->may_wake = has_refused (outbox);
+    return true;
+  }
+  if (is_stranded (outbox, entry->kind, &parcel)) {
+    outbox_hold (outbox, entry);
+    return true;
+  }
+  u64 id = send_parcel (window, entry->kind, &parcel);
+  // Also when the session broke amid it: that may be the stanza that the server refuses.
+  u64 position = stream_management_get_sent_count (counts);
+  outbox_note_sent (outbox, entry, position, position, id);
+  return !stream_management_is_broken (counts);
+}
+
+void
+delivery_send (AppWindow *window)
+{
+  if (window->is_delivering && outbox_get_next (&window->outbox)) {
+    SendWalk walk = {};
+    walk.index.procedures = &window->procedures;
+    walk.may_wake = has_refused (&window->outbox);
+    // What is committed behind our end of the stream waits for the next session.
+    while (!has_ended_xmpp_stream (window) && send_next (window, &walk))
       continue;
-    }
-    if (wake_refused (window, parcel.procedure))
-      continue;
-    if (is_stranded (outbox, entry->kind, &parcel)) {
-      outbox_hold (outbox, entry);
-      continue;
-    }
-    u64 id = send_parcel (window, entry->kind, &parcel);
-    // Also when the session broke amid it: that may be the stanza that the server refuses.
-    u64 position = stream_management_get_sent_count (counts);
-    outbox_note_sent (outbox, entry, position, position, id);
-    if (stream_management_is_broken (counts))
-      break;
+    dealloc_parcel_index (&walk.index);
   }
   delivery_update (window);
 }
