@@ -2,8 +2,6 @@
 
 #include <assert.h>
 
-#include <gtk/gtk-a11y.h>
-
 #include "app_window.h"
 #include "clause_chat_page.h"
 #include "clause_comparison.h"
@@ -14,37 +12,11 @@
 #include "key_guard.h"
 #include "morvane.h"
 #include "procedure_view.h"
+#include "revision_list.h"
 #include "shown_text.h"
 #include "text_history.h"
 #include "unsent_mark.h"
 #include "wrapped_text.h"
-
-// A popover that joins its window when it is shown for the first time, and not when its button does.
-// A window measures, places and moves all popovers that it has, seen or not, each time that anything
-// in it gets another size or is scrolled, and a page has one popover a clause.
-struct RevisionsPopover {
-  GtkPopover parent_instance;
-  bool is_waiting;  // not joined its window yet
-};
-
-struct RevisionsPopoverClass {
-  GtkPopoverClass parent_class;
-};
-
-G_DEFINE_TYPE (RevisionsPopover, revisions_popover, GTK_TYPE_POPOVER)
-
-// What assistive programs see of the popover. They may still ask when it is gone, and GTK's own
-// accessible of popovers then asks the popover all the same.
-struct RevisionsPopoverAccessible {
-  GtkPopoverAccessible parent_instance;
-};
-
-struct RevisionsPopoverAccessibleClass {
-  GtkPopoverAccessibleClass parent_class;
-};
-
-G_DEFINE_TYPE (RevisionsPopoverAccessible, revisions_popover_accessible,
-               GTK_TYPE_POPOVER_ACCESSIBLE)
 
 // How long the user is told why something cannot be compared.
 static const guint REFUSAL_SECONDS = 5;
@@ -75,11 +47,8 @@ struct _ClauseView {
   bool is_text_changed;           // since the draft was saved
   bool is_draft;                  // in draft mode
   bool is_on_draft;               // the text is the clause's draft or was typed on top of it
-  bool has_draft_row;             // in the list of revisions
   int text_width;                 // that the text was laid out for last, in pixels
-  GtkPopover *revisions_popover;  // of `revision_select_menu_button`
-  GtkScrolledWindow *revisions_scroller;
-  GtkListBox *revision_select_list;  // a row for each revision, and one at most for the draft
+  RevisionList revision_list;     // behind `revision_select_menu_button`
   // Template children.
   GtkButton *chat_button;
   GtkTextView *text_view;
@@ -133,77 +102,7 @@ static void clause_view_select_draft_row (ClauseView *self);
 static void clause_view_go_back (ClauseView *self);
 static void clause_view_go_back_to_comparison (ClauseView *self);
 static void clause_view_go_back_to_draft (ClauseView *self);
-static void clause_view_bring_back (ClauseView *self, u32 index);
-
-// ---- The popover of the revisions ----
-
-static AtkStateSet *
-revisions_popover_accessible_ref_state_set (AtkObject *object)
-{
-  if (gtk_accessible_get_widget (GTK_ACCESSIBLE (object)))
-    return ATK_OBJECT_CLASS (revisions_popover_accessible_parent_class)->ref_state_set (object);
-  AtkStateSet *states = atk_state_set_new ();
-  atk_state_set_add_state (states, ATK_STATE_DEFUNCT);
-  return states;
-}
-
-static void
-revisions_popover_accessible_class_init (RevisionsPopoverAccessibleClass *accessible_class)
-{
-  ATK_OBJECT_CLASS (accessible_class)->ref_state_set = revisions_popover_accessible_ref_state_set;
-}
-
-static void
-revisions_popover_accessible_init (RevisionsPopoverAccessible *)
-{
-}
-
-static void
-revisions_popover_show (GtkWidget *widget)
-{
-  RevisionsPopover *self = (RevisionsPopover *) widget;
-  if (self->is_waiting) {
-    self->is_waiting = false;
-    GtkPopover *popover = GTK_POPOVER (widget);
-    GtkWidget *button = gtk_popover_get_relative_to (popover);
-    // Set anew, it looks for its window, and follows the button from then on.
-    g_object_ref (popover);
-    gtk_popover_set_relative_to (popover, NULL);
-    gtk_popover_set_relative_to (popover, button);
-    g_object_unref (popover);
-    // It takes a button whose page was not laid out yet for one that is scrolled out of sight.
-    gtk_widget_set_child_visible (widget, TRUE);
-  }
-  GTK_WIDGET_CLASS (revisions_popover_parent_class)->show (widget);
-}
-
-static void
-revisions_popover_class_init (RevisionsPopoverClass *popover_class)
-{
-  GTK_WIDGET_CLASS (popover_class)->show = revisions_popover_show;
-  gtk_widget_class_set_accessible_type (GTK_WIDGET_CLASS (popover_class),
-                                        revisions_popover_accessible_get_type ());
-}
-
-static void
-revisions_popover_init (RevisionsPopover *self)
-{
-  self->is_waiting = true;
-}
-
-static GtkPopover *
-revisions_popover_new (GtkMenuButton *button)
-{
-  GtkWidget *popover =
-    GTK_WIDGET (g_object_new (revisions_popover_get_type (), "relative-to", button, NULL));
-  gtk_menu_button_set_popover (button, popover);
-  // Its way of learning that the button came into a window.
-  guint hierarchy_changed = g_signal_lookup ("hierarchy-changed", GTK_TYPE_WIDGET);
-  g_signal_handlers_block_matched (button,
-                                   (GSignalMatchType) (G_SIGNAL_MATCH_ID | G_SIGNAL_MATCH_DATA),
-                                   hierarchy_changed, 0, NULL, NULL, popover);
-  return GTK_POPOVER (popover);
-}
+static void clause_view_bring_back (gpointer data, u32 index);
 
 // ---- Helpers ----
 
@@ -318,102 +217,14 @@ clause_view_alloc_text (ClauseView *self)
   return sendable;
 }
 
-static void
-clause_view_append_row (ClauseView *self, GtkWidget *item)
-{
-  gtk_widget_show (item);
-  gtk_container_add (GTK_CONTAINER (self->revision_select_list), item);
-}
-
-static void
-clause_view_add_draft_row (ClauseView *self)
-{
-  if (self->has_draft_row)
-    return;
-  self->has_draft_row = true;
-  clause_view_append_row (self, clause_revision_list_item_new_draft ());
-}
-
 // ---- The draft that is not shown ----
 
 // A draft that nobody sees is forgotten easily.
 static void
 clause_view_show_waiting_draft (ClauseView *self)
 {
-  GtkWidget *button = GTK_WIDGET (self->revision_select_menu_button);
-  GtkStyleContext *style = gtk_widget_get_style_context (button);
-  bool is_waiting = self->clause->draft && !self->is_on_draft;
-  const char *description = is_waiting ? "Your draft is waiting" : "";
-  if (is_waiting == (bool) gtk_style_context_has_class (style, "draft-waiting"))
-    return;
-  if (is_waiting) {
-    gtk_style_context_add_class (style, "draft-waiting");
-    gtk_style_context_add_class (style, GTK_STYLE_CLASS_SUGGESTED_ACTION);
-  } else {
-    gtk_style_context_remove_class (style, "draft-waiting");
-    gtk_style_context_remove_class (style, GTK_STYLE_CLASS_SUGGESTED_ACTION);
-  }
-  gtk_widget_set_tooltip_text (button,
-                               is_waiting ? "Revisions: your draft is waiting" : "Revisions");
-  atk_object_set_description (gtk_widget_get_accessible (button), description);
-}
-
-static void
-clause_view_bring_back_handle (GtkWidget *chosen, ClauseView *self)
-{
-  gtk_popover_popdown (self->revisions_popover);
-  clause_view_bring_back (self, GPOINTER_TO_UINT (g_object_get_data (G_OBJECT (chosen), "index")));
-}
-
-// Makes a menu item or a button bring a kept draft back.
-static void
-clause_view_prepare_kept_draft (ClauseView *self, GtkWidget *widget, const char *signal, u32 index)
-{
-  char *excerpt = alloc_kept_draft_excerpt (self->kept_drafts, index);
-  gtk_widget_set_tooltip_text (widget, excerpt);
-  g_free (excerpt);
-  g_object_set_data (G_OBJECT (widget), "index", GUINT_TO_POINTER (index));
-  g_signal_connect (widget, signal, G_CALLBACK (clause_view_bring_back_handle), self);
-  gtk_widget_show (widget);
-}
-
-// A button for each kept draft; none for no draft.
-static GtkWidget *
-clause_view_make_kept_draft_buttons (ClauseView *self)
-{
-  u32 count = kept_drafts_count (self->kept_drafts);
-  if (!count)
-    return NULL;
-  GtkWidget *box = gtk_box_new (GTK_ORIENTATION_VERTICAL, 0);
-  for (u32 i = 0; i < count; i++) {
-    char *label = alloc_kept_draft_label (self->kept_drafts, i);
-    GtkWidget *button = gtk_button_new_with_label (label);
-    g_free (label);
-    gtk_button_set_relief (GTK_BUTTON (button), GTK_RELIEF_NONE);
-    clause_view_prepare_kept_draft (self, button, "clicked", i);
-    gtk_container_add (GTK_CONTAINER (box), button);
-  }
-  gtk_widget_show (box);
-  return box;
-}
-
-static void
-// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as GTK calls it.
-clause_view_revision_select_list_header_handle (GtkListBoxRow *row, GtkListBoxRow *before,
-                                                gpointer self)
-{
-  GtkWidget *header =
-    before ? NULL : clause_view_make_kept_draft_buttons (MORVANE_CLAUSE_VIEW (self));
-  gtk_list_box_row_set_header (row, header);
-}
-
-// Above the first row or, in a list without rows, in their place.
-static void
-clause_view_show_kept_drafts (ClauseView *self)
-{
-  gtk_list_box_invalidate_headers (self->revision_select_list);
-  gtk_list_box_set_placeholder (self->revision_select_list,
-                                clause_view_make_kept_draft_buttons (self));
+  revision_list_show_waiting_draft (&self->revision_list,
+                                    self->clause->draft && !self->is_on_draft);
 }
 
 static void
@@ -422,7 +233,7 @@ clause_view_keep_draft (ClauseView *self)
   if (!self->clause->draft)
     return;
   kept_drafts_add (self->kept_drafts, self->clause->draft->text);
-  clause_view_show_kept_drafts (self);
+  revision_list_show_kept_drafts (&self->revision_list);
 }
 
 // The text is to become the draft. A draft that it did not grow from stays at hand.
@@ -710,13 +521,7 @@ clause_view_populate_popup_handle (GtkTextView *, GtkWidget *popup, ClauseView *
 {
   if (!GTK_IS_MENU (popup))
     return;
-  for (u32 i = 0; i < kept_drafts_count (self->kept_drafts); i++) {
-    char *label = alloc_kept_draft_label (self->kept_drafts, i);
-    GtkWidget *item = gtk_menu_item_new_with_label (label);
-    g_free (label);
-    clause_view_prepare_kept_draft (self, item, "activate", i);
-    gtk_menu_shell_append (GTK_MENU_SHELL (popup), item);
-  }
+  revision_list_fill_menu (&self->revision_list, GTK_MENU_SHELL (popup));
   if (self->aside.text_buffer)
     clause_view_append_menu_item (self, popup, "Go back to your comparison", true,
                                   clause_view_go_back_to_comparison);
@@ -746,10 +551,8 @@ static void
 clause_view_revision_select_list_box_row_activate_handle (GtkListBox *, GtkListBoxRow *row,
                                                           ClauseView *self)
 {
-  GtkWidget *child = gtk_bin_get_child (GTK_BIN (row));
-  ClauseRevision *revision =
-    clause_revision_list_item_get_revision (MORVANE_CLAUSE_REVISION_LIST_ITEM (child));
-  gtk_popover_popdown (self->revisions_popover);
+  ClauseRevision *revision = revision_list_get_revision (row);
+  gtk_popover_popdown (self->revision_list.popover);
   // Only the draft's row is without a revision.
   if (!revision || revision->status == REVISION_DRAFT) {
     clause_view_show_draft (self);
@@ -768,62 +571,12 @@ clause_view_get_shown_revision (ClauseView *self)
 }
 
 static void
-clause_view_compare_menu_item_handle (GtkMenuItem *item, ClauseView *self)
+clause_view_compare_with_shown (gpointer data, ClauseRevision *revision)
 {
-  GtkListBoxRow *row = GTK_LIST_BOX_ROW (g_object_get_data (G_OBJECT (item), "row"));
-  GtkWidget *child = gtk_bin_get_child (GTK_BIN (row));
-  ClauseRevision *revision =
-    clause_revision_list_item_get_revision (MORVANE_CLAUSE_REVISION_LIST_ITEM (child));
-  gtk_popover_popdown (self->revisions_popover);
+  ClauseView *self = MORVANE_CLAUSE_VIEW (data);
   clause_view_save_draft (self);
   clause_view_compare (self, revision ? revision : self->clause->draft,
                        clause_view_get_shown_revision (self));
-}
-
-// The menu of one row; `event` is what asked for it.
-static void
-clause_view_show_row_menu (ClauseView *self, GtkListBoxRow *row, GdkEvent *event)
-{
-  GtkWidget *menu = gtk_menu_new ();
-  gtk_menu_attach_to_widget (GTK_MENU (menu), GTK_WIDGET (row), NULL);
-  g_signal_connect (menu, "selection-done", G_CALLBACK (gtk_widget_destroy), NULL);
-  GtkWidget *item = gtk_menu_item_new_with_label ("Compare with the revision shown");
-  g_object_set_data_full (G_OBJECT (item), "row", g_object_ref (row), g_object_unref);
-  g_signal_connect (item, "activate", G_CALLBACK (clause_view_compare_menu_item_handle), self);
-  gtk_widget_show (item);
-  gtk_menu_shell_append (GTK_MENU_SHELL (menu), item);
-  if (event) {
-    gtk_menu_popup_at_pointer (GTK_MENU (menu), event);
-  } else {
-    gtk_menu_popup_at_widget (GTK_MENU (menu), GTK_WIDGET (row), GDK_GRAVITY_SOUTH_WEST,
-                              GDK_GRAVITY_NORTH_WEST, NULL);
-    gtk_menu_shell_select_first (GTK_MENU_SHELL (menu), TRUE);
-  }
-}
-
-static gboolean
-clause_view_revision_select_list_button_press_handle (GtkWidget *, GdkEvent *event,
-                                                      ClauseView *self)
-{
-  if (!gdk_event_triggers_context_menu (event))
-    return FALSE;
-  GtkListBoxRow *row =
-    gtk_list_box_get_row_at_y (self->revision_select_list, (int) event->button.y);
-  if (!row)
-    return FALSE;
-  clause_view_show_row_menu (self, row, event);
-  return TRUE;
-}
-
-// The Menu key, or Shift and F10.
-static gboolean
-clause_view_revision_select_list_popup_menu_handle (GtkWidget *, ClauseView *self)
-{
-  GtkWidget *row = gtk_container_get_focus_child (GTK_CONTAINER (self->revision_select_list));
-  if (!row)
-    return FALSE;
-  clause_view_show_row_menu (self, GTK_LIST_BOX_ROW (row), NULL);
-  return TRUE;
 }
 
 // A comparison can look like any text, so it gives way to the revision that is decided on.
@@ -966,7 +719,7 @@ clause_view_cancel_button_handle (GtkButton *, ClauseView *self)
     clause_view_go_to_revision (self, target, own);
   } else {
     // The other party's clause, whose first revision is still to come.
-    if (self->has_draft_row)
+    if (self->revision_list.has_draft_row)
       clause_view_remove_draft_from_revisions_select_list (self);
     negotiation_discard_draft (clause_view_get_negotiation (self), clause);
     clause_view_leave_text (self);
@@ -1089,46 +842,6 @@ clause_view_init (ClauseView *self)
   clause_view_set_edit_buttons_sensitive (self, FALSE, FALSE);
 }
 
-// A window of GTK 3 forgets to take the window of a popover out of its list when the popover leaves
-// before it, as that of a removed clause does.
-static void
-clause_view_revision_select_menu_button_hierarchy_changed_handle (GtkMenuButton *button,
-                                                                  GtkWidget *previous_toplevel)
-{
-  GtkPopover *popover = gtk_menu_button_get_popover (button);
-  if (!popover)
-    return;
-  GdkWindow *gdk_window = gtk_widget_get_parent_window (GTK_WIDGET (popover));
-  gpointer owner = NULL;
-  if (gdk_window)
-    gdk_window_get_user_data (gdk_window, &owner);
-  if (owner && owner == previous_toplevel)
-    gtk_widget_unregister_window (previous_toplevel, gdk_window);
-}
-
-static void
-clause_view_make_revision_selector (ClauseView *self)
-{
-  // Connected ahead of the popover, whose own handler gives its window up.
-  g_signal_connect (self->revision_select_menu_button, "hierarchy-changed",
-                    G_CALLBACK (clause_view_revision_select_menu_button_hierarchy_changed_handle),
-                    NULL);
-  self->revision_select_list = GTK_LIST_BOX (gtk_list_box_new ());
-  gtk_list_box_set_header_func (self->revision_select_list,
-                                clause_view_revision_select_list_header_handle, self, NULL);
-  self->revisions_scroller = GTK_SCROLLED_WINDOW (gtk_scrolled_window_new (NULL, NULL));
-  gtk_scrolled_window_set_policy (self->revisions_scroller, GTK_POLICY_NEVER, GTK_POLICY_AUTOMATIC);
-  gtk_scrolled_window_set_min_content_height (self->revisions_scroller, 300);
-  gtk_container_add (GTK_CONTAINER (self->revisions_scroller),
-                     GTK_WIDGET (self->revision_select_list));
-  gtk_widget_set_tooltip_text (GTK_WIDGET (self->revision_select_list),
-                               "Shows a revision; its menu compares it with the one shown");
-  gtk_widget_show_all (GTK_WIDGET (self->revisions_scroller));
-  self->revisions_popover = revisions_popover_new (self->revision_select_menu_button);
-  gtk_container_add (GTK_CONTAINER (self->revisions_popover),
-                     GTK_WIDGET (self->revisions_scroller));
-}
-
 // Once the text has its new size.
 static gboolean
 clause_view_scroll_to_cursor (gpointer data)
@@ -1210,12 +923,8 @@ clause_view_connect_handlers (ClauseView *self)
                     G_CALLBACK (clause_view_text_view_motion_notify_handle), self);
   g_signal_connect (self->text_view, "populate-popup",
                     G_CALLBACK (clause_view_populate_popup_handle), self);
-  g_signal_connect (self->revision_select_list, "row-activated",
+  g_signal_connect (self->revision_list.list_box, "row-activated",
                     G_CALLBACK (clause_view_revision_select_list_box_row_activate_handle), self);
-  g_signal_connect (self->revision_select_list, "button-press-event",
-                    G_CALLBACK (clause_view_revision_select_list_button_press_handle), self);
-  g_signal_connect (self->revision_select_list, "popup-menu",
-                    G_CALLBACK (clause_view_revision_select_list_popup_menu_handle), self);
   GtkWidget *places[] = {GTK_WIDGET (self->text_view), GTK_WIDGET (self->diff_add_button),
                          GTK_WIDGET (self->diff_del_button)};
   for (u32 i = 0; i < G_N_ELEMENTS (places); i++) {
@@ -1239,7 +948,11 @@ clause_view_new (Procedure *procedure, Clause *clause)
   self->clause = clause;
   self->kept_drafts = get_kept_drafts (procedure->account_db_id, procedure->initiator,
                                        procedure->time, clause->initiator, clause->time);
-  clause_view_make_revision_selector (self);
+  revision_list_init (&self->revision_list, self->revision_select_menu_button, clause,
+                      self->kept_drafts);
+  self->revision_list.owner = self;
+  self->revision_list.compare = clause_view_compare_with_shown;
+  self->revision_list.bring_back = clause_view_bring_back;
   if (clause->revisions_count)
     clause_view_enable_chat (self);
   for (u32 i = 0; i < clause->revisions_count; i++) {
@@ -1248,10 +961,10 @@ clause_view_new (Procedure *procedure, Clause *clause)
       break;
   }
   if (clause->draft)
-    clause_view_add_draft_row (self);
+    revision_list_add_draft_row (&self->revision_list);
   clause_view_show_waiting_draft (self);
   if (kept_drafts_count (self->kept_drafts))
-    clause_view_show_kept_drafts (self);
+    revision_list_show_kept_drafts (&self->revision_list);
   clause_view_connect_handlers (self);
   return GTK_WIDGET (self);
 }
@@ -1261,57 +974,13 @@ clause_view_new (Procedure *procedure, Clause *clause)
 void
 clause_view_add_revision (ClauseView *self, ClauseRevision *revision)
 {
-  clause_view_append_row (self, clause_revision_list_item_new (revision));
-}
-
-// The row of the revision, which is nearly always at the revision's own place, or one below where the
-// draft's row is above it; a clause may have thousands. None for a revision that was never added.
-static GtkListBoxRow *
-clause_view_find_row (ClauseView *self, ClauseRevision *revision)
-{
-  s64 index = get_revision_index_reversed (self->clause, revision);
-  for (s64 place = index; place >= 0 && place <= index + 1; place++) {
-    GtkListBoxRow *row = gtk_list_box_get_row_at_index (self->revision_select_list, (gint) place);
-    GtkWidget *child = row ? gtk_bin_get_child (GTK_BIN (row)) : NULL;
-    if (child && clause_revision_list_item_get_revision (
-                   MORVANE_CLAUSE_REVISION_LIST_ITEM (child)) == revision)
-      return row;
-  }
-  return clause_revision_list_item_find_row (self->revision_select_list, revision);
-}
-
-static ClauseRevision *
-get_row_revision (GtkListBoxRow *row)
-{
-  GtkWidget *child = gtk_bin_get_child (GTK_BIN (row));
-  return clause_revision_list_item_get_revision (MORVANE_CLAUSE_REVISION_LIST_ITEM (child));
-}
-
-static gint
-compare_revision_rows (GtkListBoxRow *row, GtkListBoxRow *other_row, gpointer data)
-{
-  Clause *clause = MORVANE_CLAUSE_VIEW (data)->clause;
-  ClauseRevision *revision = get_row_revision (row);
-  ClauseRevision *other_revision = get_row_revision (other_row);
-  // Only the draft's row is without a revision.
-  if (!revision || !other_revision)
-    return !revision - !other_revision;
-  if (revision->time != other_revision->time)
-    return revision->time < other_revision->time ? -1 : 1;
-  s64 index = get_revision_index_reversed (clause, revision);
-  s64 other_index = get_revision_index_reversed (clause, other_revision);
-  return index < other_index ? -1 : index > other_index;
+  revision_list_add (&self->revision_list, revision);
 }
 
 void
 clause_view_order_revision (ClauseView *self, ClauseRevision *revision)
 {
-  Clause *clause = self->clause;
-  if (revision == clause->revisions[clause->revisions_count - 1])
-    return;
-  // Sorts at once; the rows that are added later stay where they are.
-  gtk_list_box_set_sort_func (self->revision_select_list, compare_revision_rows, self, NULL);
-  gtk_list_box_set_sort_func (self->revision_select_list, NULL, NULL, NULL);
+  revision_list_order (&self->revision_list, revision);
 }
 
 static void
@@ -1408,7 +1077,7 @@ clause_view_show_unsent (ClauseView *self, ClauseRevision *revision)
     return;
   AppWindow *window = MORVANE_APP_WINDOW (toplevel);
   bool is_unsent = delivery_is_unsent (window, OUTBOX_REVISION, revision->db_id);
-  GtkListBoxRow *row = clause_view_find_row (self, revision);
+  GtkListBoxRow *row = revision_list_find_row (&self->revision_list, revision);
   if (row)
     unsent_mark_show (GTK_WIDGET (row), is_unsent);
   if (!clause_view_is_decided_on (self, revision))
@@ -1443,9 +1112,9 @@ clause_view_go_to_revision (ClauseView *self, ClauseRevision *revision, String o
   if (clause_comparison_has_focus_in_tools (&self->comparison))
     clause_view_focus_in_place (self, GTK_WIDGET (self->revision_select_menu_button));
   clause_comparison_end (&self->comparison);
-  GtkListBoxRow *row = clause_view_find_row (self, revision);
+  GtkListBoxRow *row = revision_list_find_row (&self->revision_list, revision);
   assert (row);
-  gtk_list_box_select_row (self->revision_select_list, row);
+  gtk_list_box_select_row (self->revision_list.list_box, row);
   self->revision = revision;
   self->base_revision = revision;
   self->is_text_changed = false;
@@ -1670,8 +1339,9 @@ clause_view_show_draft (ClauseView *self)
 
 // Takes the place of the present draft, which is at hand then.
 static void
-clause_view_bring_back (ClauseView *self, u32 index)
+clause_view_bring_back (gpointer data, u32 index)
 {
+  ClauseView *self = MORVANE_CLAUSE_VIEW (data);
   clause_view_leave_text (self);
   char *text = kept_drafts_take (self->kept_drafts, index);
   // A view of the same clause in a procedure that came twice may have taken it.
@@ -1680,7 +1350,7 @@ clause_view_bring_back (ClauseView *self, u32 index)
   clause_view_keep_draft (self);
   negotiation_save_draft (clause_view_get_negotiation (self), self->clause, to_string (text));
   g_free (text);
-  clause_view_show_kept_drafts (self);
+  revision_list_show_kept_drafts (&self->revision_list);
   text_history_begin (self->history);
   self->draft_cursor = -1;
   clause_view_select_draft_row (self);
@@ -1714,10 +1384,10 @@ clause_view_set_draft_mode (ClauseView *self)
 static void
 clause_view_select_draft_row (ClauseView *self)
 {
-  clause_view_add_draft_row (self);
-  GtkListBoxRow *row = clause_revision_list_item_draft_find_row (self->revision_select_list);
+  revision_list_add_draft_row (&self->revision_list);
+  GtkListBoxRow *row = clause_revision_list_item_draft_find_row (self->revision_list.list_box);
   assert (row);
-  gtk_list_box_select_row (self->revision_select_list, row);
+  gtk_list_box_select_row (self->revision_list.list_box, row);
 }
 
 void
@@ -1744,14 +1414,14 @@ clause_view_save_draft (ClauseView *self)
 void
 clause_view_remove_draft_from_revisions_select_list (ClauseView *self)
 {
-  GtkListBoxRow *row = clause_revision_list_item_draft_find_row (self->revision_select_list);
+  GtkListBoxRow *row = clause_revision_list_item_draft_find_row (self->revision_list.list_box);
   if (row) {
-    gtk_container_remove (GTK_CONTAINER (self->revision_select_list), GTK_WIDGET (row));
+    gtk_container_remove (GTK_CONTAINER (self->revision_list.list_box), GTK_WIDGET (row));
   } else {
     console_put ("Warning: Trying to remove draft row from revisions list, but there's no draft "
                  "there.\n");
   }
-  self->has_draft_row = false;
+  self->revision_list.has_draft_row = false;
 }
 
 void
@@ -1835,7 +1505,7 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
     self->was_draft_shown = true;
   if (self->aside.text_buffer) {
     clause_view_keep_decisions (self, &self->aside.comparison, self->aside.text_buffer);
-    clause_view_show_kept_drafts (self);
+    revision_list_show_kept_drafts (&self->revision_list);
   }
   clause_view_drop_aside (self);
   char *older_name = alloc_shown_revision_name (older);

@@ -19,10 +19,10 @@ GtkWidget *clause_view_new (Procedure *procedure, Clause *clause);
 // ---- Revisions and the draft ----
 
 // A new row for a revision that the clause has; what is shown stays.
+void clause_view_add_revision (ClauseView *self, ClauseRevision *revision);
 // Puts the rows into the order of the clause's revisions, the draft's last, where this revision is not
 // the last one.
-void clause_view_order_revision (ClauseView *view, ClauseRevision *revision);
-void clause_view_add_revision (ClauseView *self, ClauseRevision *revision);
+void clause_view_order_revision (ClauseView *self, ClauseRevision *revision);
 // `own` is the bare JID of the account. Unsaved typing is kept as the draft first. A revision
 // without a row stops the program.
 void clause_view_show_revision (ClauseView *self, ClauseRevision *revision, String own);
