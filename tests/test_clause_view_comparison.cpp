@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "clause_view_parts.h"
 #include "db.h"
 #include "fake_session.h"
 #include "morvane.h"
@@ -374,7 +375,7 @@ expect_refusal (Comparison *comparison, int row, const std::string &text)
 static GSource *
 find_refusal_source (Clause *clause)
 {
-  return g_main_context_find_source_by_user_data (NULL, clause->view);
+  return g_main_context_find_source_by_user_data (NULL, &clause->view->status);
 }
 
 TEST (clause_view_comparison, refusal_gives_way_after_a_while)
