@@ -13,6 +13,7 @@ struct _RegistrationPage {
   bool are_passwords_valid;  // both not empty, and equal
   bool is_registering;       // a registration of this page runs
   bool is_cancelled;         // and the user has left it
+  bool is_ending;            // it has failed, and its worker has not left yet
   // Template children.
   GtkLabel *status_label;
   GtkSpinner *status_spinner;
@@ -54,15 +55,22 @@ registration_page_set_entries_sensitive (RegistrationPage *self, gboolean sensit
 
 // Returns whether the user still waits for the outcome.
 static bool
-registration_page_end_registration (RegistrationPage *self, const char *status)
+registration_page_show_outcome (RegistrationPage *self, const char *status)
 {
   bool is_awaited = !self->is_cancelled;
   gtk_label_set_text (self->status_label, is_awaited ? status : "");
-  registration_page_set_entries_sensitive (self, TRUE);
   gtk_spinner_stop (self->status_spinner);
   self->is_registering = false;
   self->is_cancelled = false;
   return is_awaited;
+}
+
+static bool
+registration_page_end_registration (RegistrationPage *self, const char *status)
+{
+  registration_page_set_entries_sensitive (self, TRUE);
+  self->is_ending = false;
+  return registration_page_show_outcome (self, status);
 }
 
 // Back to the login page. A registration that runs is given up: its outcome may still come, and then
@@ -219,6 +227,18 @@ registration_page_handle_success (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
+void
+registration_page_note_worker_left (RegistrationPage *self)
+{
+  if (!self->is_ending)
+    return;
+  registration_page_set_entries_sensitive (self, TRUE);
+  self->is_ending = false;
+  // While the user is on the login page the focus stays there.
+  if (gtk_widget_get_child_visible (GTK_WIDGET (self)))
+    gtk_widget_grab_focus (GTK_WIDGET (self->register_button));
+}
+
 gboolean
 registration_page_handle_failure (gpointer data)
 {
@@ -228,9 +248,10 @@ registration_page_handle_failure (gpointer data)
     RegistrationPage *self = window->registration_page;
     xmpp_close_connection (window);
     char *text = g_utf8_make_valid (message->text, -1);
-    if (registration_page_end_registration (self, text)) {
-      gtk_widget_grab_focus (GTK_WIDGET (self->register_button));
-    }
+    registration_page_show_outcome (self, text);
+    self->is_ending = true;
+    if (!app_window_is_worker_running (window))
+      registration_page_note_worker_left (self);
     g_free (text);
   }
   dealloc_thread_message (message);

@@ -12,6 +12,7 @@
 #include "network.h"
 #include "procedure_creation_page.h"
 #include "procedure_view.h"
+#include "registration_page.h"
 #include "vcard_page.h"
 
 static const char TITLE[] = "Morvane";
@@ -361,6 +362,7 @@ app_window_note_worker_left (AppWindow *self)
     // Of a login that was given up just when it had succeeded.
     xmpp_close_connection (self);
     login_page_note_worker_left (self->login_page);
+    registration_page_note_worker_left (self->registration_page);
     return;
   }
   app_window_lose_session (self);

@@ -244,6 +244,26 @@ TEST (registration_page_register_button, keeps_other_processes_out_until_the_att
   EXPECT_FALSE (is_account_locked (&test));
 }
 
+// A press that is refused would take the place of the reason, too.
+TEST (registration_page_register_button, is_off_after_a_failure_until_the_worker_has_left)
+{
+  TestWindow test;
+  RegistrationPage *page = test.window->registration_page;
+  start_waiting (&test);
+  EXPECT_TRUE (worker_wait_until_left (test.window->worker, get_deadline (60000)));
+  registration_page_handle_failure (alloc_thread_message (test.window, "The name is taken", 0));
+  EXPECT_FALSE (is_idle (&test));
+  EXPECT_FALSE (is_sensitive (page, "register_button"));
+  EXPECT_FALSE (is_sensitive (page, "password1_entry"));
+  gtk_window_activate_default (GTK_WINDOW (test.window));
+  EXPECT_EQ (get_text (page, "status_label"), "The name is taken");
+  EXPECT_TRUE (pump_until (is_idle, &test));
+  EXPECT_TRUE (is_sensitive (page, "register_button"));
+  EXPECT_TRUE (is_sensitive (page, "password1_entry"));
+  EXPECT_EQ (gtk_window_get_focus (GTK_WINDOW (test.window)),
+             registration_page_get_register_button (page));
+}
+
 // ---- Outcomes ----
 
 TEST (registration_page_handle_success, lands_on_the_login_page_with_the_new_account)
