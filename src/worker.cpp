@@ -7,7 +7,7 @@
 
 #include "morvane.h"
 
-// Set for each thread that `worker_start` made.
+// Set while a thread runs a worker's entry.
 static __thread Worker *current_worker;
 
 static gint abandoned_workers_count;
@@ -54,21 +54,27 @@ worker_unref (Worker *worker)
   }
 }
 
-static void
-drop_thread_reference (void *data)
+void *
+worker_run (Worker *worker, void *(*entry) (void *), void *argument)
 {
-  worker_unref ((Worker *) data);
+  current_worker = worker;
+  void *result = entry (argument);
+  current_worker = NULL;
+  return result;
+}
+
+Worker *
+worker_get_current ()
+{
+  return current_worker;
 }
 
 static void *
-run_worker (void *data)
+run_thread (void *data)
 {
   Worker *worker = (Worker *) data;
-  current_worker = worker;
-  // Also where the entry ends its thread by itself.
-  pthread_cleanup_push (drop_thread_reference, worker);
-  worker->entry (worker->argument);
-  pthread_cleanup_pop (1);
+  worker_run (worker, worker->entry, worker->argument);
+  worker_unref (worker);
   return NULL;
 }
 
@@ -78,7 +84,7 @@ worker_start (Worker *worker, void *(*entry) (void *), void *argument)
   assert (!worker->entry);
   worker->entry = entry;
   worker->argument = argument;
-  int error = pthread_create (&worker->thread, NULL, run_worker, worker_ref (worker));
+  int error = pthread_create (&worker->thread, NULL, run_thread, worker_ref (worker));
   assert (!error);
   // Nobody joins it, so its stack must go by itself.
   if (!error)
@@ -103,6 +109,12 @@ worker_is_interrupted (Worker *worker)
   bool is_interrupted = worker->is_interrupted;
   pthread_mutex_unlock (&worker->mutex);
   return is_interrupted;
+}
+
+bool
+worker_is_current_interrupted ()
+{
+  return current_worker && worker_is_interrupted (current_worker);
 }
 
 void
@@ -152,12 +164,6 @@ get_deadline (u32 milliseconds)
 
 // ---- Connecting ----
 
-Worker *
-worker_get_current ()
-{
-  return current_worker;
-}
-
 bool
 worker_begin_connecting (Worker *worker)
 {
@@ -195,6 +201,15 @@ worker_abandon (Worker *worker, void *first_block, void *second_block)
   pthread_mutex_unlock (&worker->mutex);
   if (is_abandoned)
     worker_unref (worker);
+  return is_abandoned;
+}
+
+bool
+worker_is_abandoned (Worker *worker)
+{
+  pthread_mutex_lock (&worker->mutex);
+  bool is_abandoned = worker->is_abandoned;
+  pthread_mutex_unlock (&worker->mutex);
   return is_abandoned;
 }
 

@@ -34,13 +34,20 @@ Worker *worker_ref (Worker *worker);
 void worker_unref (Worker *worker);
 // Runs `entry` with `argument` on a thread of its own, which nobody joins. Once for each worker.
 void worker_start (Worker *worker, void *(*entry) (void *), void *argument);
+// Runs `entry` on this thread, which is the worker's meanwhile, and returns its result.
+void *worker_run (Worker *worker, void *(*entry) (void *), void *argument);
+// The worker that this thread runs; NULL on other threads.
+Worker *worker_get_current ();
 
 // ---- The end ----
 
 // Tells the worker to leave; wakes it where it waits for the interface, not where it waits for a
 // server.
 void worker_interrupt (Worker *worker);
+// Stays true once it is.
 bool worker_is_interrupted (Worker *worker);
+// Whether the worker that this thread runs is to leave; false on other threads.
+bool worker_is_current_interrupted ();
 // The worker's farewell: it has made its last use of what it shared. Worker thread.
 void worker_leave (Worker *worker);
 bool worker_has_left (Worker *worker);
@@ -53,8 +60,6 @@ struct timespec get_deadline (u32 milliseconds);
 // Nothing ends a thread's wait for a resolver, so who gives up a worker that waits there leaves it
 // behind: it ends by itself, and frees what it has.
 
-// The worker that this thread was started for; NULL on other threads.
-Worker *worker_get_current ();
 // From now on the worker touches nothing of its window but the memory of what it was given. False
 // when it is to leave instead.
 bool worker_begin_connecting (Worker *worker);
@@ -64,6 +69,8 @@ bool worker_end_connecting (Worker *worker);
 // window's reference on itself. False when it does not connect: it is interrupted then. Interface
 // thread.
 bool worker_abandon (Worker *worker, void *first_block, void *second_block);
+// Whether the worker was left behind: the window that it was started for is no longer its business.
+bool worker_is_abandoned (Worker *worker);
 // How many of them have not ended yet.
 u32 worker_count_abandoned ();
 

@@ -92,40 +92,10 @@ dealloc_xmpp_account (XMPPAccount account)
 
 // ---- Exchanges ----
 
-// The worker's last act: it leaves the connection to the interface, then says how things ended.
-static void *
-end_worker (AppWindow *window, GSourceFunc outcome_handler, const char *outcome)
-{
-  XMPPThreadMessage *message = outcome ? alloc_thread_message (window, outcome, 0) : NULL;
-  app_window_worker_leave (window);
-  if (message)
-    hand_over (outcome_handler, message);
-  hand_over (app_window_release_worker, window);
-  return 0;
-}
-
-// Whom this thread works for, and who is told when it fails; none on the interface thread.
-static __thread AppWindow *worker_window;
-static __thread GSourceFunc worker_failure_handler;
-
-// Ends the thread when its window was closed or the attempt cancelled: what the server answered, or
-// did not answer, is then nobody's fault. Called after every wait, ahead of the checks.
-static void
-leave_if_interrupted ()
-{
-  if (!worker_window || !app_window_is_worker_interrupted (worker_window))
-    return;
-  end_worker (worker_window, worker_failure_handler, "Interrupted");
-  pthread_exit (NULL);
-}
-
-static String
-recv_clear_answer (SocketDescriptor socket, Buffer buffer)
-{
-  String answer = receive_clear_answer (socket, buffer);
-  leave_if_interrupted ();
-  return answer;
-}
+// Once the worker is interrupted, because its window was closed or the user gave the attempt up, what
+// the server answered or did not answer is nobody's fault. So each exchange looks after its wait,
+// ahead of its checks, and a worker that is interrupted stays so: whoever called the exchange finds
+// the same.
 
 // The tree of an answer at the front of `buffer`, built in the room behind it.
 static XMLElement *
@@ -134,15 +104,16 @@ parse_answer (Buffer buffer, String response)
   return parse_xml_tree (buffer_advance (buffer, response.size), response, NULL, NULL);
 }
 
-// Sends the request that was built from the front of `buffer` up to `request_p`, and receives the
-// answer over it.
+// Sends the request at the front of `buffer`, and receives the answer over it. Empty only when the
+// worker is interrupted.
 static String
 exchange_tls_data (gnutls_session_t tls_session, Buffer buffer, String request)
 {
   CONSOLE_DUMP (request);
   send_all_tls_data (tls_session, request);
   String response = receive_tls_answer (tls_session, buffer);
-  leave_if_interrupted ();
+  if (worker_is_current_interrupted ())
+    return {};
   CONSOLE_DUMP (response);
   assert (response.size);
   return response;
@@ -184,6 +155,8 @@ open_stream (Buffer buffer, String host, gnutls_certificate_credentials_t tls_cr
     return -1;
   connection->opened_stream = true;
   xmpp_request_starttls (connection->socket, buffer);
+  if (worker_is_current_interrupted ())
+    return -1;
   int error = init_tls_session (tls_credentials, connection->socket, host, &connection->tls_session,
                                 &connection->tls_hostname);
   connection->opened_tls_session = true;
@@ -191,7 +164,7 @@ open_stream (Buffer buffer, String host, gnutls_certificate_credentials_t tls_cr
   if (error)
     return -1;
   xmpp_begin_stream (connection->tls_session, buffer, host);
-  return 0;
+  return worker_is_current_interrupted () ? -1 : 0;
 }
 
 int
@@ -200,21 +173,22 @@ start_xmpp_connection (Buffer buffer, String host, const char *port,
 {
   Connection connection = {};
   Worker *worker = worker_get_current ();
-  if (worker && !worker_begin_connecting (worker))
-    leave_if_interrupted ();
-  int result = os_connect (host, port, &connection.socket);
+  bool is_wanted = !worker || worker_begin_connecting (worker);
+  int result = is_wanted ? os_connect (host, port, &connection.socket) : -1;
   if (worker && !worker_end_connecting (worker)) {
-    // The user has given this attempt up, and its window has nothing to do with it any more.
+    // The worker was left behind, and its window has nothing to do with it any more.
     if (!result)
       os_close_connection (connection.socket);
-    pthread_exit (NULL);
+    return -1;
   }
   if (!result) {
     connection.opened_socket = true;
     // Known at once, so that a window that closes can end the waits that follow.
     publish_connection (connection_out, &connection);
-    leave_if_interrupted ();
-    result = open_stream (buffer, host, tls_credentials, &connection, connection_out);
+    bool is_interrupted = worker_is_current_interrupted ();
+    result = is_interrupted
+               ? -1
+               : open_stream (buffer, host, tls_credentials, &connection, connection_out);
   }
   publish_connection (connection_out, &connection);
   return result;
@@ -226,7 +200,9 @@ xmpp_begin_unencypted_stream (SocketDescriptor socket, Buffer buffer, String hos
   String request = make_stream_header (buffer, host);
   CONSOLE_DUMP (request);
   os_send (socket, request);
-  String response = recv_clear_answer (socket, buffer);
+  String response = receive_clear_answer (socket, buffer);
+  if (worker_is_current_interrupted ())
+    return -1;
   CONSOLE_DUMP (response);
   assert (response.size);
   XMLElement *xml_element = parse_answer (buffer, response);
@@ -259,7 +235,9 @@ void
 xmpp_request_starttls (SocketDescriptor socket, Buffer buffer)
 {
   os_send (socket, to_string ("<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>"));
-  String response = recv_clear_answer (socket, buffer);
+  String response = receive_clear_answer (socket, buffer);
+  if (worker_is_current_interrupted ())
+    return;
   CONSOLE_DUMP (response);
   assert (response.size);
   [[maybe_unused]] XMLElement *xml_element = parse_answer (buffer, response);
@@ -274,6 +252,8 @@ bool
 xmpp_begin_stream (gnutls_session_t tls_session, Buffer buffer, String host)
 {
   String response = exchange_tls_data (tls_session, buffer, make_stream_header (buffer, host));
+  if (!response.size)
+    return false;
   XMLElement *xml_element = parse_answer (buffer, response);
   assert (xml_element);
   print_xml_tree (xml_element, 0);
@@ -298,6 +278,8 @@ xmpp_send_auth_request (gnutls_session_t tls_session, Buffer buffer, String user
 
   String request = {request_buffer.data, request_buffer.size - request_buffer_p.size};
   String response = exchange_tls_data (tls_session, buffer, request);
+  if (!response.size)
+    return XMPP_INTERRUPTED;
   XMLElement *xml_element = parse_answer (buffer, response);
   assert (xml_element);
   print_xml_tree (xml_element, 0);
@@ -376,14 +358,16 @@ can_wait_for_session (String rest)
   }
 }
 
-// Sends the request and receives the answer over it, and what came behind that.
+// Sends the request and receives the answer over it, and what came behind that. Empty only when the
+// worker is interrupted.
 static String
 exchange_bind_data (gnutls_session_t tls_session, Buffer buffer, String request, String *rest_out)
 {
   CONSOLE_DUMP (request);
   send_all_tls_data (tls_session, request);
   String response = receive_tls_stanza (tls_session, buffer, rest_out);
-  leave_if_interrupted ();
+  if (worker_is_current_interrupted ())
+    return {};
   // Shown and judged as a part of the answer.
   if (!can_wait_for_session (*rest_out)) {
     response.size += rest_out->size;
@@ -411,6 +395,8 @@ xmpp_iq_set_bind_resource (gnutls_session_t tls_session, Buffer buffer, u64 id, 
 
   String request = {buffer.data, buffer.size - request_p.size};
   String response = exchange_bind_data (tls_session, buffer, request, rest_out);
+  if (!response.size)
+    return {};
   Buffer memory = buffer_advance (buffer, response.size + rest_out->size);
   XMLElement *xml_element = parse_xml_tree (memory, response, NULL, NULL);
   assert (xml_element);
@@ -448,6 +434,8 @@ xmpp_iq_get_register (gnutls_session_t tls_session, Buffer buffer, u64 id)
 
   String request = {buffer.data, buffer.size - request_p.size};
   String response = exchange_tls_data (tls_session, buffer, request);
+  if (!response.size)
+    return XMPP_INTERRUPTED;
   XMLElement *xml_element = parse_answer (buffer, response);
   assert (xml_element);
   print_xml_tree (xml_element, 0);
@@ -478,6 +466,30 @@ xmpp_iq_set_register (gnutls_session_t tls_session, Buffer buffer, u64 id, Strin
 }
 
 // ---- Workers ----
+
+static const char INTERRUPTED_TEXT[] = "Interrupted";
+
+// The worker's last act: it leaves the connection to the interface, then says how things ended; an
+// outcome without data is not told. A worker that was left behind has no window to tell.
+static void *
+end_worker (AppWindow *window, GSourceFunc outcome_handler, String outcome)
+{
+  Worker *worker = worker_get_current ();
+  if (worker && worker_is_abandoned (worker))
+    return 0;
+  XMPPThreadMessage *message = NULL;
+  if (outcome.data) {
+    char *text = alloc_cstr (outcome);
+    message = alloc_thread_message (window, text, 0);
+    dealloc_cstr (text);
+  }
+  if (worker)
+    worker_leave (worker);
+  if (message)
+    hand_over (outcome_handler, message);
+  hand_over (app_window_release_worker, window);
+  return 0;
+}
 
 // Takes the address that the server bound; it may have chosen another resource.
 static void
@@ -607,26 +619,29 @@ begin_presence (AppWindow *window)
   return is_wanted;
 }
 
-void *
-start_xmpp_connection_thread (void *argument)
+// The steps from nothing to our presence. Returns why there is no session, or NULL when there is one;
+// `kept_out` is then what came ahead of it, and belongs to the caller.
+static const char *
+log_in (AppWindow *window, String *kept_out)
 {
-  AppWindow *window = (AppWindow *) argument;
-  worker_window = window;
-  worker_failure_handler = login_page_handle_login_failure;
   Buffer buffer = window->input_stream_buffer;
   if (start_xmpp_connection (buffer, window->account.hostname, "5222", window->tls_credentials,
                              &window->connection)) {
-    return end_worker (window, login_page_handle_login_failure, "Can't connect to server");
+    return "Can't connect to server";
   }
   gnutls_session_t tls_session = window->connection.tls_session;
   if (xmpp_send_auth_request (tls_session, buffer, window->account.username,
                               window->account.password) != XMPP_OK) {
-    return end_worker (window, login_page_handle_login_failure, "Unable to authorize");
+    return "Unable to authorize";
   }
   bool is_offered = xmpp_begin_stream (tls_session, buffer, window->account.hostname);
+  if (worker_is_current_interrupted ())
+    return INTERRUPTED_TEXT;
   String rest;
   String full_jid = xmpp_iq_set_bind_resource (tls_session, buffer, generate_xmpp_id (window),
                                                window->account.resource, &rest);
+  if (!full_jid.size)
+    return INTERRUPTED_TEXT;
   adopt_full_jid (window, full_jid);
   // The requests that follow are written over it.
   String kept = alloc_string (rest);
@@ -634,13 +649,28 @@ start_xmpp_connection_thread (void *argument)
   xmpp_iq_get_roster (window);
   if (!begin_presence (window)) {
     dealloc_string (kept);
-    return end_worker (window, login_page_handle_login_failure, "Interrupted");
+    return INTERRUPTED_TEXT;
   }
   xmpp_send_presence (tls_session, buffer, window->account.full_jid);
-  hand_over (login_page_handle_login_success, g_object_ref (window));
-  run_xmpp_session (window, kept);
-  dealloc_string (kept);
-  return end_worker (window, NULL, NULL);
+  *kept_out = kept;
+  return NULL;
+}
+
+void *
+start_xmpp_connection_thread (void *argument)
+{
+  AppWindow *window = (AppWindow *) argument;
+  String kept = {};
+  const char *failure = log_in (window, &kept);
+  if (!failure) {
+    hand_over (login_page_handle_login_success, g_object_ref (window));
+    run_xmpp_session (window, kept);
+    dealloc_string (kept);
+  } else if (worker_is_current_interrupted ()) {
+    failure = INTERRUPTED_TEXT;
+  }
+  String outcome = failure ? to_string (failure) : String{};
+  return end_worker (window, login_page_handle_login_failure, outcome);
 }
 
 // Why the server closed its stream, when an error stands in front of the closing tag. The condition
@@ -676,9 +706,16 @@ get_register_error_text (XMLElement *iq)
   return text;
 }
 
-// Ends the registration when `xml` is the answer to it; false when it is something else.
+// How a registration ended.
+struct RegisterOutcome {
+  bool is_success;
+  String text;  // for the page; a view, good until the next exchange
+};
+
+// False when `xml` is something else than the answer to the registration.
 static bool
-handle_register_answer (AppWindow *window, XMLElement *xml, [[maybe_unused]] u64 set_register_iq_id)
+read_register_answer (XMLElement *xml, [[maybe_unused]] u64 set_register_iq_id,
+                      RegisterOutcome *outcome_out)
 {
   if (xml->name != "iq")
     return false;
@@ -688,38 +725,41 @@ handle_register_answer (AppWindow *window, XMLElement *xml, [[maybe_unused]] u64
   String iq_type = get_xml_attribute (xml, "type");
   assert (iq_type.size);
   if (iq_type == "result") {
-    end_worker (window, registration_page_handle_success, "result");
+    *outcome_out = {true, iq_type};
     return true;
   }
   if (iq_type != "error") {
     assert (!"Unhandled error");
     return false;
   }
-  char *text = alloc_cstr (get_register_error_text (xml));
-  end_worker (window, registration_page_handle_failure, text);
-  dealloc_cstr (text);
+  *outcome_out = {false, get_register_error_text (xml)};
   return true;
+}
+
+static RegisterOutcome
+make_register_failure (const char *text)
+{
+  return {false, to_string (text)};
 }
 
 static const char SOCKET_CLOSED_TEXT[] =
   "Server disconnected for unknown reason by closing the socket";
 
-// Reads until the outcome is known, and posts it.
-static void *
+// Reads until the outcome is known.
+static RegisterOutcome
 await_register_answer (AppWindow *window, u64 set_register_iq_id)
 {
-  Buffer buffer = window->input_stream_buffer;
   const char *stream_error_text = NULL;
   Receiver receiver;
-  receiver_begin (&receiver, window->connection.tls_session, buffer, {});
+  receiver_begin (&receiver, window->connection.tls_session, window->input_stream_buffer, {});
   for (;;) {
     Received received = receive_stanzas (&receiver);
-    leave_if_interrupted ();
+    if (worker_is_current_interrupted ())
+      return make_register_failure (INTERRUPTED_TEXT);
     String data = received.data;
     CONSOLE_DUMP (data);
-    if (!data.size) {
-      return end_worker (window, registration_page_handle_failure, SOCKET_CLOSED_TEXT);
-    }
+    if (!data.size)
+      return make_register_failure (SOCKET_CLOSED_TEXT);
     XMLElement *unopened_elements = NULL;
     XMLElement *xml = parse_xml_tree (received.memory, data, NULL, &unopened_elements);
     print_xml_tree (xml, 0);
@@ -728,41 +768,50 @@ await_register_answer (AppWindow *window, u64 set_register_iq_id)
       assert (unopened_elements->parent == NULL);
       // The error may have come by itself, ahead of the closing tag.
       const char *text = stream_error_text && !xml ? stream_error_text : get_stream_end_text (xml);
-      return end_worker (window, registration_page_handle_failure, text);
+      return make_register_failure (text);
     }
     assert (xml);
-    if (received.is_open) {
-      // The server left within its answer: half of its words are not passed on.
-      return end_worker (window, registration_page_handle_failure, SOCKET_CLOSED_TEXT);
-    }
+    // The server left within its answer: half of its words are not passed on.
+    if (received.is_open)
+      return make_register_failure (SOCKET_CLOSED_TEXT);
     if (xml->name == "stream:error")
       stream_error_text = get_stream_end_text (xml);
     assert (!xml->next);
-    if (handle_register_answer (window, xml, set_register_iq_id))
-      return 0;
+    RegisterOutcome outcome;
+    if (read_register_answer (xml, set_register_iq_id, &outcome))
+      return outcome;
   }
+}
+
+static RegisterOutcome
+register_account (AppWindow *window)
+{
+  Buffer buffer = window->input_stream_buffer;
+  if (start_xmpp_connection (buffer, window->account.hostname, "5222", window->tls_credentials,
+                             &window->connection)) {
+    return make_register_failure ("Can't connect to server");
+  }
+  gnutls_session_t tls_session = window->connection.tls_session;
+  if (xmpp_iq_get_register (tls_session, buffer, generate_xmpp_id (window)) != XMPP_OK)
+    return make_register_failure ("Registration unavailable");
+  u64 id = xmpp_iq_set_register (tls_session, buffer, generate_xmpp_id (window),
+                                 window->account.username, window->account.password);
+  return await_register_answer (window, id);
 }
 
 void *
 start_xmpp_register_thread (void *argument)
 {
   AppWindow *window = (AppWindow *) argument;
-  worker_window = window;
-  worker_failure_handler = registration_page_handle_failure;
   assert (!window->connection.opened_socket);
   assert (!window->connection.opened_stream);
-  Buffer buffer = window->input_stream_buffer;
-  if (start_xmpp_connection (buffer, window->account.hostname, "5222", window->tls_credentials,
-                             &window->connection)) {
-    return end_worker (window, registration_page_handle_failure, "Can't connect to server");
-  }
-  gnutls_session_t tls_session = window->connection.tls_session;
-  if (xmpp_iq_get_register (tls_session, buffer, generate_xmpp_id (window)) != XMPP_OK) {
-    return end_worker (window, registration_page_handle_failure, "Registration unavailable");
-  }
-  u64 id = xmpp_iq_set_register (tls_session, buffer, generate_xmpp_id (window),
-                                 window->account.username, window->account.password);
-  return await_register_answer (window, id);
+  RegisterOutcome outcome = register_account (window);
+  if (!outcome.is_success && worker_is_current_interrupted ())
+    outcome = make_register_failure (INTERRUPTED_TEXT);
+  return end_worker (window,
+                     outcome.is_success ? registration_page_handle_success
+                                        : registration_page_handle_failure,
+                     outcome.text);
 }
 
 // ---- Dispatch ----

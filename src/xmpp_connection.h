@@ -8,6 +8,9 @@
 // Ownership: an `XMPPAccount` owns one block, all its texts are views into it. A `Connection` owns
 // its socket and its TLS session until `xmpp_close_connection`.
 //
+// Interruption: once its worker is told to leave (`worker_is_current_interrupted`), an exchange judges
+// nothing any more and returns what it returns for a failure; the caller looks ahead of its next step.
+//
 // Threads: the exchanges run on the worker that owns the connection, one at a time, on the window's
 // input buffer. `xmpp_close_connection` and `interrupt_xmpp_connection` run on the interface thread.
 #pragma once
@@ -40,9 +43,10 @@ struct Connection {
 };
 
 enum XMPPError {
-  XMPP_OK,       // the expected answer
-  XMPP_ERROR,    // some other answer
-  XMPP_FAILURE,  // the server said "failure" to the authentication
+  XMPP_OK,           // the expected answer
+  XMPP_ERROR,        // some other answer
+  XMPP_FAILURE,      // the server said "failure" to the authentication
+  XMPP_INTERRUPTED,  // this thread's worker is to leave, and the answer was not judged
 };
 
 // How a login or a registration ended, as a text for the page that waits for it.
@@ -65,24 +69,27 @@ void dealloc_xmpp_account (XMPPAccount account);
 // ---- Opening a stream ----
 
 // From nothing to an open TLS stream. 0, or -1 when the server can't be reached or offers no TLS or
-// its certificate is refused. `connection_out` says in both cases what is open; its socket is set
-// as soon as there is one, so that `interrupt_xmpp_connection` can end the wait.
+// its certificate is refused, or when this thread's worker is to leave. `connection_out` says in both
+// cases what is open; its socket is set as soon as there is one, so that `interrupt_xmpp_connection`
+// can end the wait. Where the worker was left behind (`worker_abandon`), `connection_out` is not
+// touched.
 int start_xmpp_connection (Buffer buffer, String host, const char *port,
                            gnutls_certificate_credentials_t tls_credentials,
                            Connection *connection_out);
-// 0 when the server opened a stream that offers STARTTLS, else -1 with a warning.
+// 0 when the server opened a stream that offers STARTTLS, else -1 with a warning; -1 without one when
+// interrupted.
 int xmpp_begin_unencypted_stream (SocketDescriptor socket, Buffer buffer, String host);
 // Any answer but "proceed" stops the program.
 void xmpp_request_starttls (SocketDescriptor socket, Buffer buffer);
-// Whether the server offers stream management (XEP-0198) on this stream.
+// Whether the server offers stream management (XEP-0198) on this stream; false when interrupted.
 bool xmpp_begin_stream (gnutls_session_t tls_session, Buffer buffer, String host);
 
 // ---- Logging in ----
 
 XMPPError xmpp_send_auth_request (gnutls_session_t tls_session, Buffer buffer, String user,
                                   String password);
-// The full JID that the server bound: a view into `buffer`, good until the next exchange. Any answer
-// but one bind result stops the program. An empty `resource` lets the server choose. `rest_out`
+// The full JID that the server bound: a view into `buffer`, good until the next exchange; empty when
+// interrupted. Any answer but one bind result stops the program. An empty `resource` lets the server choose. `rest_out`
 // receives a view of what came behind the answer and belongs to the session: messages and presences,
 // the last of them perhaps not whole. Anything else there stops the program.
 String xmpp_iq_set_bind_resource (gnutls_session_t tls_session, Buffer buffer, u64 id,

@@ -32,14 +32,6 @@ run_until_told (void *data)
 }
 
 static void *
-run_and_end_its_thread (void *data)
-{
-  Work *work = (Work *) data;
-  worker_leave (work->worker);
-  pthread_exit (NULL);
-}
-
-static void *
 run_ahead (void *data)
 {
   Work *work = (Work *) data;
@@ -85,12 +77,23 @@ TEST (worker_start, runs_the_entry_and_holds_the_worker_meanwhile)
   worker_unref (work.worker);
 }
 
-TEST (worker_start, releases_the_worker_of_an_entry_that_ends_its_thread)
+static void *
+run_here (void *data)
+{
+  Work *work = (Work *) data;
+  EXPECT_EQ (worker_get_current (), work->worker);
+  EXPECT_FALSE (worker_is_current_interrupted ());
+  worker_interrupt (work->worker);
+  EXPECT_TRUE (worker_is_current_interrupted ());
+  return data;
+}
+
+TEST (worker_run, makes_the_thread_the_workers_until_the_entry_returns)
 {
   Work work = {worker_new (), false, false};
-  worker_start (work.worker, run_and_end_its_thread, &work);
-  EXPECT_TRUE (worker_wait_until_left (work.worker, get_deadline (LONG)));
-  EXPECT_TRUE (iterate_until_references (work.worker, 1));
+  EXPECT_EQ (worker_run (work.worker, run_here, &work), &work);
+  EXPECT_EQ (worker_get_current (), nullptr);
+  EXPECT_FALSE (worker_is_current_interrupted ());
   worker_unref (work.worker);
 }
 
@@ -158,6 +161,8 @@ run_connecting (void *data)
   }
   if (worker_end_connecting (worker))
     worker_leave (worker);
+  else
+    EXPECT_TRUE (worker_is_abandoned (worker));
   return NULL;
 }
 
@@ -193,6 +198,7 @@ TEST (worker_abandon, interrupts_one_that_does_not_connect)
   EXPECT_FALSE (worker_abandon (work.worker, NULL, NULL));
   EXPECT_TRUE (worker_is_interrupted (work.worker));
   EXPECT_FALSE (worker_begin_connecting (work.worker));
+  EXPECT_FALSE (worker_is_abandoned (work.worker));
   EXPECT_EQ (worker_count_abandoned (), 0u);
   worker_unref (work.worker);
 }

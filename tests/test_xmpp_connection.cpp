@@ -1419,7 +1419,8 @@ run_worker (void *(*entry) (void *), const ServerScript &script, const ServerOpt
   ScriptedServer *server = scripted_server_start (script, options);
   testing::internal::CaptureStdout ();
   g_object_ref (bare.window);
-  std::thread worker ([entry, &bare] { EXPECT_EQ (entry (bare.window), nullptr); });
+  std::thread worker (
+    [entry, &bare] { EXPECT_EQ (worker_run (bare.window->worker, entry, bare.window), nullptr); });
   worker.join ();
   ran.console = testing::internal::GetCapturedStdout ();
   EXPECT_TRUE (worker_has_left (bare.window->worker));
@@ -1429,6 +1430,29 @@ run_worker (void *(*entry) (void *), const ServerScript &script, const ServerOpt
   ran.report = scripted_server_finish (server);
   EXPECT_EQ (ran.report.failure, "") << ran.report.transcript;
   return ran;
+}
+
+// Runs a worker that is interrupted when the first `count` steps of the script are done. Says what it
+// has posted.
+static std::string
+run_interrupted (void *(*entry) (void *), ServerScript script, size_t count)
+{
+  BareWindow bare;
+  script.resize (count);
+  script.push_back (server_wait ());
+  ScriptedServer *server = scripted_server_start (script);
+  testing::internal::CaptureStdout ();
+  g_object_ref (bare.window);
+  bare.window->worker_active = true;
+  std::thread worker (
+    [entry, &bare] { EXPECT_EQ (worker_run (bare.window->worker, entry, bare.window), nullptr); });
+  EXPECT_TRUE (scripted_server_wait_steps (server, count));
+  app_window_interrupt_worker (bare.window);
+  worker.join ();
+  testing::internal::GetCapturedStdout ();
+  scripted_server_stop (server);
+  EXPECT_TRUE (worker_has_left (bare.window->worker));
+  return take_posted ();
 }
 
 static Ran
@@ -1957,6 +1981,37 @@ TEST (session, keeps_reading_while_requests_are_sent)
   xmpp_close_connection (bare.window);
 }
 
+// What the server has said until then, or has not, is nobody's fault.
+TEST (start_xmpp_connection_thread, judges_nothing_wherever_it_is_interrupted)
+{
+  ServerScript script = script_login ("alice@alpha.test");
+  size_t count = 1;
+  do {
+    EXPECT_EQ (run_interrupted (start_xmpp_connection_thread, script, count),
+               "login failure: Interrupted\nrelease\n")
+      << count;
+  } while (script[count++].text != login_bind_request ("morvane"));
+}
+
+TEST (start_xmpp_connection_thread, touches_nothing_more_once_it_is_left_behind)
+{
+  BareWindow bare;
+  worker_ref (bare.window->worker);
+  EXPECT_TRUE (worker_begin_connecting (bare.window->worker));
+  EXPECT_TRUE (worker_abandon (bare.window->worker, NULL, NULL));
+  memset (&bare.window->connection, 0xFF, sizeof (Connection));
+  Connection connection = bare.window->connection;
+  testing::internal::CaptureStdout ();
+  std::thread worker (
+    [&bare] { worker_run (bare.window->worker, start_xmpp_connection_thread, bare.window); });
+  worker.join ();
+  testing::internal::GetCapturedStdout ();
+  EXPECT_EQ (memcmp (&connection, &bare.window->connection, sizeof (Connection)), 0);
+  EXPECT_FALSE (worker_has_left (bare.window->worker));
+  EXPECT_EQ (take_posted (), "");
+  bare.window->connection = {};
+}
+
 // ---- The registration thread ----
 
 static const char SET_REGISTER[] =
@@ -2095,6 +2150,17 @@ TEST (start_xmpp_register_thread, ignores_other_elements)
              "register success: result\n");
 }
 
+TEST (start_xmpp_register_thread, judges_nothing_wherever_it_is_interrupted)
+{
+  ServerScript script = script_register ({});
+  size_t count = 1;
+  do {
+    EXPECT_EQ (run_interrupted (start_xmpp_register_thread, script, count),
+               "register failure: Interrupted\nrelease\n")
+      << count;
+  } while (script[count++].text != SET_REGISTER);
+}
+
 TEST (start_xmpp_register_thread, judges_no_half_answer_when_it_is_interrupted)
 {
   const std::string answer = "<iq type='result' id='2'/>";
@@ -2106,7 +2172,8 @@ TEST (start_xmpp_register_thread, judges_no_half_answer_when_it_is_interrupted)
     testing::internal::CaptureStdout ();
     g_object_ref (bare.window);
     bare.window->worker_active = true;
-    std::thread worker ([&bare] { start_xmpp_register_thread (bare.window); });
+    std::thread worker (
+      [&bare] { worker_run (bare.window->worker, start_xmpp_register_thread, bare.window); });
     EXPECT_TRUE (scripted_server_wait_steps (server, script.size () - 1));
     app_window_interrupt_worker (bare.window);
     worker.join ();
