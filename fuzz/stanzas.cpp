@@ -4,11 +4,8 @@
 
 #include <string.h>
 
-#include "login_page.h"
 #include "morvane.h"
-#include "network_events.h"
 #include "receive.h"
-#include "registration_page.h"
 #include "xml_scanner.h"
 
 u64 fuzz_records_count;
@@ -31,18 +28,6 @@ g_object_unref (gpointer object)
 {
   CHECK (object == &fuzz_window);
   --window_references_count;
-}
-
-AppWindow *
-fuzz_get_window ()
-{
-  fuzz_window = {};
-  fuzz_window.account.data = (u8 *) "anna@alpha.test/desk";
-  fuzz_window.account.full_jid = to_string ("anna@alpha.test/desk");
-  fuzz_window.account.bare_jid = to_string ("anna@alpha.test");
-  fuzz_window.account.resource = to_string ("desk");
-  window_references_count = 0;
-  return &fuzz_window;
 }
 
 void
@@ -127,8 +112,8 @@ check_sender (String author, bool may_name_user)
   CHECK (!rest.size || rest.data[0] == '/' || is_user);
 }
 
-gboolean
-app_window_get_xmpp_message_signal (gpointer data)
+static gboolean
+take_message (gpointer data)
 {
   XMPPMessageSignal *signal = (XMPPMessageSignal *) accept_hand_over (data);
   CHECK (signal->from.size);
@@ -138,8 +123,8 @@ app_window_get_xmpp_message_signal (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-gboolean
-app_window_get_xmpp_message_error_signal (gpointer data)
+static gboolean
+take_message_error (gpointer data)
 {
   XMPPMessageErrorSignal *signal = (XMPPMessageErrorSignal *) accept_hand_over (data);
   CHECK (signal->from.size);
@@ -159,38 +144,38 @@ take_presence (gpointer data, const char *kind)
   return G_SOURCE_REMOVE;
 }
 
-gboolean
-app_window_get_xmpp_presence_confirm_signal (gpointer data)
+static gboolean
+take_presence_confirm (gpointer data)
 {
   return take_presence (data, "confirm");
 }
 
-gboolean
-app_window_get_xmpp_presence_available_signal (gpointer data)
+static gboolean
+take_presence_available (gpointer data)
 {
   return take_presence (data, "available");
 }
 
-gboolean
-app_window_get_xmpp_presence_unavailable_signal (gpointer data)
+static gboolean
+take_presence_unavailable (gpointer data)
 {
   return take_presence (data, "unavailable");
 }
 
-gboolean
-app_window_get_xmpp_presence_subscribe_signal (gpointer data)
+static gboolean
+take_presence_subscribe (gpointer data)
 {
   return take_presence (data, "subscribe");
 }
 
-gboolean
-app_window_get_xmpp_presence_subscribed_signal (gpointer data)
+static gboolean
+take_presence_subscribed (gpointer data)
 {
   return take_presence (data, "subscribed");
 }
 
-gboolean
-app_window_get_iq_error_message (gpointer data)
+static gboolean
+take_iq_error (gpointer data)
 {
   XMPPIQErrorSignal *signal = (XMPPIQErrorSignal *) accept_hand_over (data);
   note_record ({"iq error", {}, {}, {}, {}, {}, signal->id});
@@ -198,8 +183,8 @@ app_window_get_iq_error_message (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-gboolean
-app_window_get_vcard_message (gpointer data)
+static gboolean
+take_vcard (gpointer data)
 {
   VCardMessage *message = (VCardMessage *) accept_hand_over (data);
   CHECK (!message->from.data || message->from.size);
@@ -208,8 +193,8 @@ app_window_get_vcard_message (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-gboolean
-app_window_get_xmpp_procedure (gpointer data)
+static gboolean
+take_procedure (gpointer data)
 {
   XMPPProcedure *message = (XMPPProcedure *) accept_hand_over (data);
   CHECK (message->title.size);
@@ -220,8 +205,8 @@ app_window_get_xmpp_procedure (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-gboolean
-app_window_get_xmpp_clause (gpointer data)
+static gboolean
+take_clause (gpointer data)
 {
   XMPPClause *message = (XMPPClause *) accept_hand_over (data);
   check_pair (message->procedure_initiator, message->procedure_time);
@@ -238,8 +223,8 @@ app_window_get_xmpp_clause (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-gboolean
-app_window_get_xmpp_clause_revision (gpointer data)
+static gboolean
+take_clause_revision (gpointer data)
 {
   XMPPClauseRevision *message = (XMPPClauseRevision *) accept_hand_over (data);
   CHECK (is_storable_text (message->text));
@@ -258,8 +243,8 @@ app_window_get_xmpp_clause_revision (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-gboolean
-app_window_get_xmpp_clause_message (gpointer data)
+static gboolean
+take_clause_message (gpointer data)
 {
   XMPPClauseMessage *message = (XMPPClauseMessage *) accept_hand_over (data);
   CHECK (is_storable_text (message->text));
@@ -278,8 +263,8 @@ app_window_get_xmpp_clause_message (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-gboolean
-app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
+static gboolean
+take_clause_revision_decision (gpointer data)
 {
   XMPPClauseRevisionDecisionSignal *signal =
     (XMPPClauseRevisionDecisionSignal *) accept_hand_over (data);
@@ -302,67 +287,41 @@ app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-// ---- The worker ----
-// Nobody tells it to leave, and what it hands over is applied at once.
+// ---- The table ----
 
-void
-app_window_worker_keep_pace (AppWindow *)
+// What no input starts has no handler.
+static const XMPPHandlers FUZZ_HANDLERS = {
+  .message = take_message,
+  .message_error = take_message_error,
+  .presence_confirm = take_presence_confirm,
+  .presence_available = take_presence_available,
+  .presence_unavailable = take_presence_unavailable,
+  .presence_subscribe = take_presence_subscribe,
+  .presence_subscribed = take_presence_subscribed,
+  .iq_error = take_iq_error,
+  .vcard = take_vcard,
+  .procedure = take_procedure,
+  .clause = take_clause,
+  .clause_revision = take_clause_revision,
+  .clause_message = take_clause_message,
+  .clause_revision_decision = take_clause_revision_decision,
+  .login_failure = NULL,
+  .register_success = NULL,
+  .register_failure = NULL,
+  .login_success = NULL,
+  .worker_left = NULL,
+  .acknowledged = NULL,
+};
+
+AppWindow *
+fuzz_get_window ()
 {
-}
-
-bool
-app_window_is_worker_interrupted (AppWindow *)
-{
-  return false;
-}
-
-// ---- Never called ----
-// What the workers need, which no input starts.
-
-void
-app_window_note_acknowledged (AppWindow *)
-{
-  CHECK (!"called");
-}
-
-void
-app_window_worker_leave (AppWindow *)
-{
-  CHECK (!"called");
-}
-
-void
-app_window_tell_worker_to_leave (AppWindow *)
-{
-  CHECK (!"called");
-}
-
-gboolean
-app_window_release_worker (gpointer)
-{
-  CHECK (!"called");
-}
-
-gboolean
-login_page_handle_login_success (gpointer)
-{
-  CHECK (!"called");
-}
-
-gboolean
-login_page_handle_login_failure (gpointer)
-{
-  CHECK (!"called");
-}
-
-gboolean
-registration_page_handle_success (gpointer)
-{
-  CHECK (!"called");
-}
-
-gboolean
-registration_page_handle_failure (gpointer)
-{
-  CHECK (!"called");
+  fuzz_window = {};
+  fuzz_window.xmpp_handlers = &FUZZ_HANDLERS;
+  fuzz_window.account.data = (u8 *) "anna@alpha.test/desk";
+  fuzz_window.account.full_jid = to_string ("anna@alpha.test/desk");
+  fuzz_window.account.bare_jid = to_string ("anna@alpha.test");
+  fuzz_window.account.resource = to_string ("desk");
+  window_references_count = 0;
+  return &fuzz_window;
 }

@@ -12,6 +12,7 @@
 #include "login_page.h"
 #include "morvane.h"
 #include "network.h"
+#include "network_events.h"
 #include "procedure_creation_page.h"
 #include "procedure_list_item.h"
 #include "procedure_view.h"
@@ -107,7 +108,7 @@ app_window_go_on_closing (gpointer data)
   self->closing_is_late = true;
   u32 wait = BACKLOG_WAIT;
   if (!os_has_peer_ended (self->connection.socket)) {
-    app_window_tell_worker_to_leave (self);
+    worker_interrupt (self->worker);
     interrupt_xmpp_connection (self);
     wait = LEAVE_WAIT;
   }
@@ -285,6 +286,7 @@ app_window_init (AppWindow *self)
   g_type_ensure (wrapped_text_get_type ());
   gtk_widget_init_template (GTK_WIDGET (self));
   deletion_init (self);
+  self->xmpp_handlers = &APP_WINDOW_XMPP_HANDLERS;
   self->last_xmpp_id = 0;
   self->get_vcard_id = 0;
   self->get_own_vcard_id = 0;
@@ -601,20 +603,6 @@ app_window_is_worker_running (AppWindow *self)
   return self->worker_active;
 }
 
-void
-app_window_worker_leave (AppWindow *self)
-{
-  if (self->worker)
-    worker_leave (self->worker);
-}
-
-void
-app_window_worker_keep_pace (AppWindow *self)
-{
-  if (self->worker)
-    worker_keep_pace (self->worker);
-}
-
 gboolean
 app_window_release_worker (gpointer data)
 {
@@ -646,13 +634,6 @@ app_window_interrupt_worker (AppWindow *self)
   interrupt_xmpp_connection (self);
 }
 
-void
-app_window_tell_worker_to_leave (AppWindow *self)
-{
-  if (self->worker)
-    worker_interrupt (self->worker);
-}
-
 bool
 app_window_give_up_worker (AppWindow *self)
 {
@@ -669,12 +650,6 @@ app_window_give_up_worker (AppWindow *self)
   self->input_stream_buffer = alloc (STREAM_BUFFER_SIZE);
   g_object_unref (self);
   return true;
-}
-
-bool
-app_window_is_worker_interrupted (AppWindow *self)
-{
-  return self->worker && worker_is_interrupted (self->worker);
 }
 
 void

@@ -37,10 +37,11 @@ struct _AppWindow {
   Buffer input_stream_buffer;
   Buffer output_stream_buffer;
   StreamManagement stream_management;
-  Outbox outbox;              // of the account; zeroed before
-  bool is_delivering;         // what waits in the outbox is sent
-  guint outbox_table_source;  // a timer that lets the empty table go; 0 for none
-  guint outbox_look_source;   // a timer that looks what the server's system has taken; 0 for none
+  const XMPPHandlers *xmpp_handlers;  // static; who takes what the worker hands over
+  Outbox outbox;                      // of the account; zeroed before
+  bool is_delivering;                 // what waits in the outbox is sent
+  guint outbox_table_source;          // a timer that lets the empty table go; 0 for none
+  guint outbox_look_source;  // a timer that looks what the server's system has taken; 0 for none
   u64 last_xmpp_id;
   u64 get_vcard_id;      // pending request for another account's vCard; 0 for none
   u64 get_own_vcard_id;  // pending request for the own vCard; 0 for none
@@ -130,18 +131,10 @@ void app_window_create_new_procedure (AppWindow *window, String title, String co
 void app_window_start_worker (AppWindow *window, void *(*entry) (void *) );
 // Whether a worker runs or its outcome still waits to be handled.
 bool app_window_is_worker_running (AppWindow *window);
-// The worker's farewell: it has made its last use of account, connection and buffer. Worker thread.
-void app_window_worker_leave (AppWindow *window);
-// Called by the worker after the records of each stanza: `worker_keep_pace`, where the window has a
-// worker.
-void app_window_worker_keep_pace (AppWindow *window);
 // Idle handler, posted by the worker behind its outcome: drops the worker's reference.
 gboolean app_window_release_worker (gpointer data);
 // Ends a running worker's wait for the server; its outcome, a failure, still comes.
 void app_window_interrupt_worker (AppWindow *window);
-bool app_window_is_worker_interrupted (AppWindow *window);  // any thread
-// Tells the worker to leave, without waking it where it waits for the server. Any thread.
-void app_window_tell_worker_to_leave (AppWindow *window);
 // Ends the worker of a login or a registration that the user gives up. True when that is done, and
 // another may start: the worker was still connecting and is left behind without its window. Else its
 // outcome, a failure, comes in a moment.

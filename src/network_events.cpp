@@ -6,9 +6,11 @@
 #include "contact_chat_page.h"
 #include "deletion.h"
 #include "delivery.h"
+#include "login_page.h"
 #include "morvane.h"
 #include "procedure_creation_page.h"
 #include "procedure_view.h"
+#include "registration_page.h"
 #include "shown_text.h"
 #include "vcard_page.h"
 
@@ -375,3 +377,28 @@ app_window_get_xmpp_clause_revision_decision_signal (gpointer data)
   dealloc_xmpp_clause_revision_decision_signal (signal);
   return G_SOURCE_REMOVE;
 }
+
+// ---- The table of handlers ----
+
+const XMPPHandlers APP_WINDOW_XMPP_HANDLERS = {
+  .message = app_window_get_xmpp_message_signal,
+  .message_error = app_window_get_xmpp_message_error_signal,
+  .presence_confirm = app_window_get_xmpp_presence_confirm_signal,
+  .presence_available = app_window_get_xmpp_presence_available_signal,
+  .presence_unavailable = app_window_get_xmpp_presence_unavailable_signal,
+  .presence_subscribe = app_window_get_xmpp_presence_subscribe_signal,
+  .presence_subscribed = app_window_get_xmpp_presence_subscribed_signal,
+  .iq_error = app_window_get_iq_error_message,
+  .vcard = app_window_get_vcard_message,
+  .procedure = app_window_get_xmpp_procedure,
+  .clause = app_window_get_xmpp_clause,
+  .clause_revision = app_window_get_xmpp_clause_revision,
+  .clause_message = app_window_get_xmpp_clause_message,
+  .clause_revision_decision = app_window_get_xmpp_clause_revision_decision_signal,
+  .login_failure = login_page_handle_login_failure,
+  .register_success = registration_page_handle_success,
+  .register_failure = registration_page_handle_failure,
+  .login_success = login_page_handle_login_success,
+  .worker_left = app_window_release_worker,
+  .acknowledged = app_window_note_acknowledged,
+};

@@ -10,6 +10,8 @@
 
 #include <glib.h>
 
+#include "xmpp.h"
+
 // All return G_SOURCE_REMOVE.
 
 // ---- Chat and presence ----
@@ -34,3 +36,8 @@ gboolean app_window_get_xmpp_clause (gpointer data);
 gboolean app_window_get_xmpp_clause_revision (gpointer data);
 gboolean app_window_get_xmpp_clause_message (gpointer data);
 gboolean app_window_get_xmpp_clause_revision_decision_signal (gpointer data);
+
+// ---- The table of handlers ----
+
+// All of these, and the pages' for outcomes: what every window has in `xmpp_handlers`.
+extern const XMPPHandlers APP_WINDOW_XMPP_HANDLERS;

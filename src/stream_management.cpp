@@ -367,7 +367,7 @@ stream_management_note_answer (gpointer data)
     stop_awaiting_answer (counts);
     if (is_more_asked (counts))
       await_answer (counts);
-    app_window_note_acknowledged (mark->window);
+    mark->window->xmpp_handlers->acknowledged (mark->window);
   }
   dealloc_xmpp_record (mark);
   return G_SOURCE_REMOVE;

@@ -7,7 +7,6 @@
 #include "app_window.h"
 #include "morvane.h"
 #include "network.h"
-#include "network_events.h"
 #include "stream_management.h"
 
 // ---- Records for the interface ----
@@ -452,7 +451,7 @@ parse_xmpp_vcard4 (AppWindow *window, u64 id, String from, XMLElement *vcard)
       *field = alloc_get_vcard4_field_text_by_name (property, value_name);
     }
   }
-  hand_over (app_window_get_vcard_message, message);
+  hand_over (window->xmpp_handlers->vcard, message);
 }
 
 // ---- Negotiation: sending ----
@@ -693,7 +692,7 @@ parse_xmpp_procedure (AppWindow *window, XMLElement *element, String)
   message->title = alloc_unescape_xml_text (title);
   message->initiator = alloc_string (procedure.author);
   message->time = procedure_time;
-  hand_over (app_window_get_xmpp_procedure, message);
+  hand_over (window->xmpp_handlers->procedure, message);
 }
 
 void
@@ -711,7 +710,7 @@ parse_xmpp_clause (AppWindow *window, XMLElement *element, String)
   message->clause_initiator = alloc_string (clause.author);
   message->procedure_time = procedure_time;
   message->clause_time = clause_time;
-  hand_over (app_window_get_xmpp_clause, message);
+  hand_over (window->xmpp_handlers->clause, message);
 }
 
 void
@@ -739,7 +738,7 @@ parse_xmpp_clause_revision (AppWindow *window, XMLElement *element, String)
   message->procedure_time = procedure_time;
   message->clause_time = clause_time;
   message->revision_time = revision_time;
-  hand_over (app_window_get_xmpp_clause_revision, message);
+  hand_over (window->xmpp_handlers->clause_revision, message);
 }
 
 void
@@ -767,7 +766,7 @@ parse_xmpp_clause_message (AppWindow *window, XMLElement *element, String)
   message->procedure_time = procedure_time;
   message->clause_time = clause_time;
   message->message_time = message_time;
-  hand_over (app_window_get_xmpp_clause_message, message);
+  hand_over (window->xmpp_handlers->clause_message, message);
 }
 
 void
@@ -806,5 +805,5 @@ parse_xmpp_clause_decision (AppWindow *window, XMLElement *element, String)
   signal->clause_time = clause_time;
   signal->revision_time = revision_time;
   signal->decision_time = decision_time;
-  hand_over (app_window_get_xmpp_clause_revision_decision_signal, signal);
+  hand_over (window->xmpp_handlers->clause_revision_decision, signal);
 }

@@ -13,6 +13,7 @@
 // parsers run on the session thread; the deallocators on the interface thread.
 #pragma once
 
+#include <glib.h>
 #include <gnutls/gnutls.h>
 
 #include "contacts.h"
@@ -135,6 +136,35 @@ struct VCardMessage {
   u64 id;       // of the request that this answers
   String from;  // as received; no data when the answer named no sender
   VCard vcard;
+};
+
+// Who takes what was received, and hears how a worker ended: filled in by the layer above, which
+// applies it. A window has one table as long as it lives. But for the last one, each is an idle handler
+// (`hand_over`): it frees the record of its kind and returns G_SOURCE_REMOVE.
+struct XMPPHandlers {
+  GSourceFunc message;
+  GSourceFunc message_error;
+  GSourceFunc presence_confirm;
+  GSourceFunc presence_available;
+  GSourceFunc presence_unavailable;
+  GSourceFunc presence_subscribe;
+  GSourceFunc presence_subscribed;
+  GSourceFunc iq_error;
+  GSourceFunc vcard;
+  GSourceFunc procedure;
+  GSourceFunc clause;
+  GSourceFunc clause_revision;
+  GSourceFunc clause_message;
+  GSourceFunc clause_revision_decision;
+  // Outcomes of a worker, an `XMPPThreadMessage` each.
+  GSourceFunc login_failure;
+  GSourceFunc register_success;
+  GSourceFunc register_failure;
+  // Given the window and a reference on it: the login succeeded, the worker has left.
+  GSourceFunc login_success;
+  GSourceFunc worker_left;
+  // The server has acknowledged stanzas. Called at once, on the interface thread.
+  void (*acknowledged) (AppWindow *window);
 };
 
 // A zeroed block of `size` bytes whose first field is the window, which may be NULL; takes a

@@ -6,12 +6,9 @@
 #include <string.h>
 
 #include "app_window.h"
-#include "login_page.h"
 #include "morvane.h"
 #include "network.h"
-#include "network_events.h"
 #include "receive.h"
-#include "registration_page.h"
 #include "sasl.h"
 #include "xml_scanner.h"
 
@@ -470,9 +467,11 @@ xmpp_iq_set_register (gnutls_session_t tls_session, Buffer buffer, u64 id, Strin
 static const char INTERRUPTED_TEXT[] = "Interrupted";
 
 // The worker's last act: it leaves the connection to the interface, then says how things ended; an
-// outcome without data is not told. A worker that was left behind has no window to tell.
+// outcome without data is not told. A worker that was left behind has no window to tell, so the table
+// was taken from the window before.
 static void *
-end_worker (AppWindow *window, GSourceFunc outcome_handler, String outcome)
+end_worker (AppWindow *window, const XMPPHandlers *handlers, GSourceFunc outcome_handler,
+            String outcome)
 {
   Worker *worker = worker_get_current ();
   if (worker && worker_is_abandoned (worker))
@@ -487,7 +486,7 @@ end_worker (AppWindow *window, GSourceFunc outcome_handler, String outcome)
     worker_leave (worker);
   if (message)
     hand_over (outcome_handler, message);
-  hand_over (app_window_release_worker, window);
+  hand_over (handlers->worker_left, window);
   return 0;
 }
 
@@ -534,6 +533,14 @@ dispatch_stanza (AppWindow *window, XMLElement *element)
   stream_management_leave_stanza (&window->stream_management);
 }
 
+static void
+keep_pace ()
+{
+  Worker *worker = worker_get_current ();
+  if (worker)
+    worker_keep_pace (worker);
+}
+
 // Dispatches the siblings from `tree` on; the last one is left out when it is still open. A worker that
 // is to leave takes only what the server acknowledges.
 static void
@@ -546,12 +553,12 @@ dispatch_stanzas (AppWindow *window, XMLElement *tree, bool is_last_open)
       continue;
     stream_management_note_error (&window->stream_management, element);
     pthread_mutex_lock (&dispatch_mutex);
-    bool is_wanted = !app_window_is_worker_interrupted (window);
+    bool is_wanted = !worker_is_current_interrupted ();
     if (is_wanted)
       dispatch_stanza (window, element);
     pthread_mutex_unlock (&dispatch_mutex);
     if (is_wanted)
-      app_window_worker_keep_pace (window);
+      keep_pace ();
   }
 }
 
@@ -560,7 +567,7 @@ static void
 count_lost_stanza (AppWindow *window)
 {
   pthread_mutex_lock (&dispatch_mutex);
-  if (!app_window_is_worker_interrupted (window))
+  if (!worker_is_current_interrupted ())
     stream_management_leave_stanza (&window->stream_management);
   pthread_mutex_unlock (&dispatch_mutex);
 }
@@ -593,7 +600,7 @@ run_xmpp_session (AppWindow *window, String kept)
     if (data.size)
       stream_management_note_heard (&window->stream_management, data);
     // Nobody waits for it any more, however much comes.
-    if (data.size && app_window_is_worker_interrupted (window) &&
+    if (data.size && worker_is_current_interrupted () &&
         !stream_management_is_counting (&window->stream_management))
       continue;
     CONSOLE_DUMP (data);
@@ -602,7 +609,7 @@ run_xmpp_session (AppWindow *window, String kept)
     handle_received (window, received);
   }
   // A window that closes may have said its farewell already.
-  if (!app_window_is_worker_interrupted (window))
+  if (!worker_is_current_interrupted ())
     end_xmpp_stream (window);
   console_put ("Disconnected.\n");
 }
@@ -613,7 +620,7 @@ static bool
 begin_presence (AppWindow *window)
 {
   pthread_mutex_lock (&connection_mutex);
-  bool is_wanted = !app_window_is_worker_interrupted (window);
+  bool is_wanted = !worker_is_current_interrupted ();
   window->connection.is_present = is_wanted;
   pthread_mutex_unlock (&connection_mutex);
   return is_wanted;
@@ -660,17 +667,18 @@ void *
 start_xmpp_connection_thread (void *argument)
 {
   AppWindow *window = (AppWindow *) argument;
+  const XMPPHandlers *handlers = window->xmpp_handlers;
   String kept = {};
   const char *failure = log_in (window, &kept);
   if (!failure) {
-    hand_over (login_page_handle_login_success, g_object_ref (window));
+    hand_over (handlers->login_success, g_object_ref (window));
     run_xmpp_session (window, kept);
     dealloc_string (kept);
   } else if (worker_is_current_interrupted ()) {
     failure = INTERRUPTED_TEXT;
   }
   String outcome = failure ? to_string (failure) : String{};
-  return end_worker (window, login_page_handle_login_failure, outcome);
+  return end_worker (window, handlers, handlers->login_failure, outcome);
 }
 
 // Why the server closed its stream, when an error stands in front of the closing tag. The condition
@@ -803,15 +811,15 @@ void *
 start_xmpp_register_thread (void *argument)
 {
   AppWindow *window = (AppWindow *) argument;
+  const XMPPHandlers *handlers = window->xmpp_handlers;
   assert (!window->connection.opened_socket);
   assert (!window->connection.opened_stream);
   RegisterOutcome outcome = register_account (window);
   if (!outcome.is_success && worker_is_current_interrupted ())
     outcome = make_register_failure (INTERRUPTED_TEXT);
-  return end_worker (window,
-                     outcome.is_success ? registration_page_handle_success
-                                        : registration_page_handle_failure,
-                     outcome.text);
+  GSourceFunc handler =
+    outcome.is_success ? handlers->register_success : handlers->register_failure;
+  return end_worker (window, handlers, handler, outcome.text);
 }
 
 // ---- Dispatch ----
@@ -827,7 +835,7 @@ post_message_signal (AppWindow *window, String from, String text)
     (XMPPMessageSignal *) alloc_xmpp_record (window, sizeof (XMPPMessageSignal));
   signal->from = alloc_string (from);
   signal->text = alloc_unescape_xml_text (text);
-  hand_over (app_window_get_xmpp_message_signal, signal);
+  hand_over (window->xmpp_handlers->message, signal);
 }
 
 // RFC 6120, 8.3.2: the defined condition is an empty element beside a text.
@@ -863,7 +871,7 @@ post_message_error_signal (AppWindow *window, XMLElement *element, XMLElement *e
     signal->id = string_to_u64 (id);
   signal->condition = alloc_string (find_error_condition (error));
   signal->text = alloc_unescape_xml_text (find_error_text (error));
-  hand_over (app_window_get_xmpp_message_error_signal, signal);
+  hand_over (window->xmpp_handlers->message_error, signal);
 }
 
 static void
@@ -920,7 +928,7 @@ parse_xmpp_iq_error (AppWindow *window, XMLElement *element)
   if (!id_attrib.size)
     return;
   assert (string_has_only_digits (id_attrib));
-  hand_over (app_window_get_iq_error_message,
+  hand_over (window->xmpp_handlers->iq_error,
              alloc_xmpp_iq_error_signal (window, string_to_u64 (id_attrib)));
 }
 
@@ -972,7 +980,7 @@ static void
 parse_xmpp_available_presence (AppWindow *window, String from, String to)
 {
   if (!to.size && from == window->account.full_jid) {
-    post_presence_signal (window, app_window_get_xmpp_presence_confirm_signal, from);
+    post_presence_signal (window, window->xmpp_handlers->presence_confirm, from);
   } else if (!to.size) {
     console_log ("Warning: Got a <presence> without a TO attribute and with FROM attribute '%.*s', "
                  "but we are '%.*s'.\n",
@@ -985,7 +993,7 @@ parse_xmpp_available_presence (AppWindow *window, String from, String to)
                  "'%.*s'.\n",
                  STRING_ARGS (to), STRING_ARGS (window->account.bare_jid));
   } else {
-    post_presence_signal (window, app_window_get_xmpp_presence_available_signal, from);
+    post_presence_signal (window, window->xmpp_handlers->presence_available, from);
   }
 }
 
@@ -1017,16 +1025,16 @@ parse_xmpp_presence (AppWindow *window, XMLElement *element)
     parse_xmpp_available_presence (window, from, to);
   } else if (type == "unavailable") {
     parse_xmpp_addressed_presence (window, "unavailable",
-                                   app_window_get_xmpp_presence_unavailable_signal, from, to);
+                                   window->xmpp_handlers->presence_unavailable, from, to);
   } else if (type == "subscribed") {
-    parse_xmpp_addressed_presence (window, "subscribed",
-                                   app_window_get_xmpp_presence_subscribed_signal, from, to);
+    parse_xmpp_addressed_presence (window, "subscribed", window->xmpp_handlers->presence_subscribed,
+                                   from, to);
   } else if (type != "subscribe") {
     console_log ("Warning: Got unhandled a <presence> of TYPE '%.*s'\n", STRING_ARGS (type));
   } else if (!from.size) {
     console_log ("Warning: Got <presence type='subscribe'> without a FROM attribute.\n");
   } else {
-    post_presence_signal (window, app_window_get_xmpp_presence_subscribe_signal, from);
+    post_presence_signal (window, window->xmpp_handlers->presence_subscribe, from);
   }
 }
 
@@ -1037,8 +1045,8 @@ interrupt_xmpp_login (AppWindow *window)
 {
   pthread_mutex_lock (&connection_mutex);
   bool is_login = !window->connection.is_present;
-  if (is_login)
-    app_window_tell_worker_to_leave (window);
+  if (is_login && window->worker)
+    worker_interrupt (window->worker);
   pthread_mutex_unlock (&connection_mutex);
   return is_login;
 }
@@ -1047,7 +1055,7 @@ void
 stop_taking_stanzas (AppWindow *window)
 {
   pthread_mutex_lock (&dispatch_mutex);
-  app_window_tell_worker_to_leave (window);
+  worker_interrupt (window->worker);
   pthread_mutex_unlock (&dispatch_mutex);
 }
 

@@ -832,11 +832,11 @@ static void *
 run_obedient_worker (void *data)
 {
   AppWindow *window = (AppWindow *) data;
-  while (!worker_may_leave && !app_window_is_worker_interrupted (window)) {
+  while (!worker_may_leave && !worker_is_current_interrupted ()) {
     sched_yield ();
   }
-  worker_was_interrupted = app_window_is_worker_interrupted (window);
-  app_window_worker_leave (window);
+  worker_was_interrupted = worker_is_current_interrupted ();
+  worker_leave (worker_get_current ());
   hand_over (app_window_release_worker, window);
   return NULL;
 }
@@ -848,7 +848,7 @@ run_stubborn_worker (void *data)
   while (!worker_may_leave) {
     sched_yield ();
   }
-  app_window_worker_leave (window);
+  worker_leave (worker_get_current ());
   hand_over (app_window_release_worker, window);
   return NULL;
 }
@@ -893,7 +893,7 @@ TEST (app_window_start_worker, works_again_after_the_first_has_left)
   app_window_interrupt_worker (test.window);
   end_worker (&test);
   start_worker (&test, run_obedient_worker);
-  EXPECT_FALSE (app_window_is_worker_interrupted (test.window));
+  EXPECT_FALSE (worker_is_interrupted (test.window->worker));
   end_worker (&test);
 }
 
@@ -912,7 +912,7 @@ TEST (app_window_interrupt_worker, tells_the_worker)
 {
   TestWindow test;
   start_worker (&test, run_obedient_worker);
-  EXPECT_FALSE (app_window_is_worker_interrupted (test.window));
+  EXPECT_FALSE (worker_is_interrupted (test.window->worker));
   app_window_interrupt_worker (test.window);
   EXPECT_TRUE (
     pump_until ([] (void *data) { return !app_window_is_worker_running ((AppWindow *) data); },
@@ -924,7 +924,7 @@ TEST (app_window_interrupt_worker, without_a_worker_does_nothing)
 {
   TestWindow test;
   app_window_interrupt_worker (test.window);
-  EXPECT_FALSE (app_window_is_worker_interrupted (test.window));
+  EXPECT_EQ (test.window->worker, nullptr);
 }
 
 TEST (app_window_destroy, lets_the_worker_leave_first)

@@ -853,7 +853,7 @@ TEST (interrupt_xmpp_login, leaves_a_session_alone)
   press_login (&wire);
   EXPECT_TRUE (pump_until (is_logged_in, wire.window));
   EXPECT_FALSE (interrupt_xmpp_login (wire.window));
-  EXPECT_FALSE (app_window_is_worker_interrupted (wire.window));
+  EXPECT_FALSE (worker_is_interrupted (wire.window->worker));
   scripted_server_signal (wire.server);
   finish_server (&wire);
   EXPECT_TRUE (pump_until (is_idle, wire.window));

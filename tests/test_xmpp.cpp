@@ -100,6 +100,26 @@ count_records ()
 
 // ---- Received elements ----
 
+// A window without widgets, which counts its references as the real one does.
+static AppWindow *
+make_bare_window ()
+{
+  static GType type =
+    g_type_register_static_simple (G_TYPE_OBJECT, "BareWindow", sizeof (GObjectClass), NULL,
+                                   sizeof (AppWindow), NULL, (GTypeFlags) 0);
+  AppWindow *window = (AppWindow *) g_object_new (type, NULL);
+  window->xmpp_handlers = &APP_WINDOW_XMPP_HANDLERS;
+  return window;
+}
+
+// Whose worker receives; lives as long as the program.
+static AppWindow *
+get_receiving_window ()
+{
+  static AppWindow *window = make_bare_window ();
+  return window;
+}
+
 typedef void (*ElementParser) (AppWindow *window, XMLElement *element, String from);
 
 struct Parsed {
@@ -120,7 +140,7 @@ parse (ElementParser parser, const std::string &xml)
 {
   Parsed parsed (xml);
   testing::internal::CaptureStdout ();
-  parser (NULL, parsed.element, to_string ("bob@beta.test/desk"));
+  parser (get_receiving_window (), parsed.element, to_string ("bob@beta.test/desk"));
   return testing::internal::GetCapturedStdout ();
 }
 
@@ -136,16 +156,6 @@ count_warnings (const std::string &console)
 }
 
 // ---- Ids and addresses ----
-
-// A window without widgets, which counts its references as the real one does.
-static AppWindow *
-make_bare_window ()
-{
-  static GType type =
-    g_type_register_static_simple (G_TYPE_OBJECT, "BareWindow", sizeof (GObjectClass), NULL,
-                                   sizeof (AppWindow), NULL, (GTypeFlags) 0);
-  return (AppWindow *) g_object_new (type, NULL);
-}
 
 TEST (generate_xmpp_id, begins_with_one)
 {
@@ -572,7 +582,7 @@ parse_vcard (const std::string &xml, const char *from = "bob@beta.test")
 {
   Parsed parsed (xml);
   testing::internal::CaptureStdout ();
-  parse_xmpp_vcard4 (NULL, 9, to_string (from), parsed.element);
+  parse_xmpp_vcard4 (get_receiving_window (), 9, to_string (from), parsed.element);
   return testing::internal::GetCapturedStdout ();
 }
 
@@ -587,7 +597,7 @@ TEST (parse_xmpp_vcard4, reads_every_field_with_its_entities)
   EXPECT_EQ (parse_vcard (FULL_VCARD_XML), "");
   VCardMessage *message = take_vcard ();
   ASSERT_TRUE (message);
-  EXPECT_EQ (message->window, nullptr);
+  EXPECT_EQ (message->window, get_receiving_window ());
   EXPECT_EQ (message->id, 9u);
   EXPECT_EQ (text_of (message->from), "bob@beta.test");
   EXPECT_STREQ (message->vcard.fullname, "Alice &quot;A&quot; &lt;1&gt;");
@@ -1377,20 +1387,20 @@ TEST (negotiation, comes_back_as_it_was_sent)
       Parsed parsed (session.end ());
       XMLElement *element = get_body_element (parsed);
       if (sender == send_procedure) {
-        parse_xmpp_procedure (NULL, element, {});
+        parse_xmpp_procedure (get_receiving_window (), element, {});
         XMPPProcedure *message = (XMPPProcedure *) take_record (app_window_get_xmpp_procedure);
         ASSERT_TRUE (message);
         EXPECT_EQ (text_of (message->title), text);
         dealloc_xmpp_procedure (message);
       } else if (sender == send_revision) {
-        parse_xmpp_clause_revision (NULL, element, {});
+        parse_xmpp_clause_revision (get_receiving_window (), element, {});
         XMPPClauseRevision *message =
           (XMPPClauseRevision *) take_record (app_window_get_xmpp_clause_revision);
         ASSERT_TRUE (message);
         EXPECT_EQ (text_of (message->text), text);
         dealloc_xmpp_clause_revision (message);
       } else {
-        parse_xmpp_clause_message (NULL, element, {});
+        parse_xmpp_clause_message (get_receiving_window (), element, {});
         XMPPClauseMessage *message =
           (XMPPClauseMessage *) take_record (app_window_get_xmpp_clause_message);
         ASSERT_TRUE (message);

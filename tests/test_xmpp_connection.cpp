@@ -267,6 +267,7 @@ struct BareWindow {
       g_type_register_static_simple (G_TYPE_OBJECT, "BareWindow", sizeof (GObjectClass), NULL,
                                      sizeof (AppWindow), NULL, (GTypeFlags) 0);
     window = (AppWindow *) g_object_new (type, NULL);
+    window->xmpp_handlers = &APP_WINDOW_XMPP_HANDLERS;
     window->worker = worker_new ();
     window->tls_credentials = tls_credentials;
     window->input_stream_buffer = alloc (input_size);

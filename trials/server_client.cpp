@@ -262,6 +262,7 @@ make_window (gnutls_certificate_credentials_t credentials, const char *jid)
   GType type = g_type_register_static_simple (G_TYPE_OBJECT, "BareWindow", sizeof (GObjectClass),
                                               NULL, sizeof (AppWindow), NULL, (GTypeFlags) 0);
   AppWindow *window = (AppWindow *) g_object_new (type, NULL);
+  window->xmpp_handlers = &APP_WINDOW_XMPP_HANDLERS;
   window->worker = worker_new ();
   window->tls_credentials = credentials;
   window->input_stream_buffer = alloc (STREAM_BUFFER_SIZE);
