@@ -8,6 +8,7 @@
 // that end where they are told to.
 #include "fuzz.h"
 
+#include "session_thread.h"
 #include "stream_judge.h"
 
 #include <algorithm>

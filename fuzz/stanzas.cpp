@@ -6,6 +6,7 @@
 
 #include "morvane.h"
 #include "receive.h"
+#include "stanza_dispatch.h"
 #include "xml_scanner.h"
 
 u64 fuzz_records_count;
@@ -41,6 +42,7 @@ fuzz_check_window_references ()
 // Who sent the message that is being dispatched; without data when only the target knows.
 static String message_from;
 
+// Takes the siblings to the session's own dispatch one by one, so that it is known who speaks.
 static void
 dispatch (AppWindow *window, XMLElement *tree, bool is_last_open)
 {
@@ -48,12 +50,7 @@ dispatch (AppWindow *window, XMLElement *tree, bool is_last_open)
     if (is_last_open && !element->next)
       break;
     message_from = get_xml_attribute (element, "from");
-    if (element->name == "message")
-      parse_xmpp_message (window, element);
-    else if (element->name == "presence")
-      parse_xmpp_presence (window, element);
-    else if (element->name == "iq")
-      parse_xmpp_iq (window, element);
+    dispatch_stanza (window, element);
   }
 }
 

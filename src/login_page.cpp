@@ -5,6 +5,7 @@
 #include "app_window.h"
 #include "morvane.h"
 #include "session.h"
+#include "session_thread.h"
 #include "wrapped_text.h"
 
 struct _LoginPage {

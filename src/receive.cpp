@@ -163,6 +163,43 @@ received_next_tree (Received *received, XMLElement **tree_out)
   return true;
 }
 
+// ---- Looking ahead ----
+
+// Whether `text` begins with an opening tag of this name.
+static bool
+begins_with_tag (String text, const char *name)
+{
+  String name_end = string_advance (text, 1 + to_string (name).size);
+  String begin = {text.data, text.size - name_end.size};
+  return name_end.size && begin.data[0] == '<' && string_advance (begin, 1) == name &&
+         !is_xml_name_char (name_end.data[0]);
+}
+
+bool
+begins_with_stanza (String text)
+{
+  return begins_with_tag (text, "message") || begins_with_tag (text, "presence") ||
+         begins_with_tag (text, "iq");
+}
+
+bool
+can_wait_for_session (String rest)
+{
+  XMLScanner scanner = {};
+  for (;;) {
+    while (rest.size && is_xml_space (rest.data[0])) {
+      rest = string_advance (rest, 1);
+    }
+    u64 count = scanner.stanzas_count;
+    String next = xml_scanner_feed_stanza (&scanner, rest);
+    if (scanner.stanzas_count == count)
+      return !rest.size || rest.data[0] == '<';
+    if (!begins_with_tag (rest, "message") && !begins_with_tag (rest, "presence"))
+      return false;
+    rest = next;
+  }
+}
+
 // ---- Answers to a request ----
 
 // How long an answer that has begun may pause before what is there is judged, in milliseconds.

@@ -51,6 +51,15 @@ Received make_received (String data, bool is_open, Buffer memory);
 // by the next one.
 bool received_next_tree (Received *received, XMLElement **tree_out);
 
+// ---- Looking ahead ----
+
+// Whether `text` begins with the opening tag of a message, a presence or an iq.
+bool begins_with_stanza (String text);
+// Whether what came behind the answer that binds a resource may wait for the session: messages and
+// presences, which the server passes on from that moment on (RFC 6120, 7.1), white space, and the
+// beginning of a stanza.
+bool can_wait_for_session (String rest);
+
 // ---- Answers to a request ----
 // Each receives into the front of `buffer` until a whole answer is there and nothing is open; what is
 // there when the server pauses for three seconds, or half of the buffer is full, is the answer too.

@@ -13,6 +13,7 @@
 #include "procedure_creation_page.h"
 #include "procedure_view.h"
 #include "registration_page.h"
+#include "stanza_dispatch.h"
 #include "vcard_page.h"
 
 static const char TITLE[] = "Morvane";

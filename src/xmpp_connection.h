@@ -1,6 +1,6 @@
-// The road of a session: the account, the steps from a socket to a bound resource, in-band
-// registration, the thread that owns a session and the dispatch of what it receives. RFC 6120
-// (streams, STARTTLS, SASL, resource binding), RFC 4616 (PLAIN), XEP-0077 (registration).
+// The road to a session: the account, the steps from a socket to a bound resource, in-band
+// registration, and the connection's end. RFC 6120 (streams, STARTTLS, SASL, resource binding), RFC
+// 4616 (PLAIN), XEP-0077 (registration).
 //
 // Most answers that differ from the expected one stop the program with an assertion: nothing is
 // guessed about a server that does not keep to the protocol.
@@ -106,32 +106,32 @@ u64 xmpp_iq_set_register (gnutls_session_t tls_session, Buffer buffer, u64 id, S
                           String password);
 
 // ---- Workers ----
-// Thread entries; the argument is the `AppWindow`, whose `app_window_start_worker` starts them.
-// The outcome reaches the page as an idle handler; posting it is the last that a worker does with
-// the window's connection and account, save for a login that succeeded: that worker goes on and
-// receives until the server ends the stream.
 
-void *start_xmpp_connection_thread (void *data);
+// The whole way of a login, from nothing to our presence. Returns why there is no session, or NULL when
+// there is one; `kept_out` is then what came ahead of it, and belongs to the caller.
+const char *xmpp_log_in (AppWindow *window, String *kept_out);
+// The entry of a registration's thread; `data` is the `AppWindow`, whose `app_window_start_worker`
+// starts it. The outcome reaches the page as an idle handler; handing it over is the last that the
+// thread does with the window's connection and account.
 void *start_xmpp_register_thread (void *data);
-// What the first of them does after a login: receives on the window's session and dispatches, until
-// the server ends the stream; then ends ours. `kept` came ahead of the session, and is copied.
-void run_xmpp_session (AppWindow *window, String kept);
+// The last act of a worker's entry: leaves the connection to the interface, then says how things ended,
+// where `outcome` has data. A worker that was left behind has no window to tell, so `handlers` is the
+// window's table as it was found at the beginning. Returns 0.
+void *end_xmpp_worker (AppWindow *window, const XMPPHandlers *handlers, GSourceFunc outcome_handler,
+                       String outcome);
+// The outcome of a worker that was interrupted.
+#define XMPP_INTERRUPTED_TEXT "Interrupted"
 
-// ---- Dispatch ----
-// Each takes one received top-level element.
+// ---- Iqs ----
 
-void parse_xmpp_message (AppWindow *window, XMLElement *element);
+// Takes one received top-level element; session thread.
 void parse_xmpp_iq (AppWindow *window, XMLElement *element);
-void parse_xmpp_presence (AppWindow *window, XMLElement *element);
 
 // ---- Closing ----
 
 // Tells a worker that still logs in to leave; it will then not announce our presence, so that the
 // server has delivered nothing. False when it has begun to announce it, and for ever after.
 bool interrupt_xmpp_login (AppWindow *window);
-// Tells the worker of a session to take no further stanza. When this returns, the records of all that
-// it took have been handed over.
-void stop_taking_stanzas (AppWindow *window);
 // Sends our end of the stream, the first time that it is called in a session.
 void end_xmpp_stream (AppWindow *window);
 // Whether our end was sent: nothing is sent behind it.

@@ -22,6 +22,7 @@
 #include "registration_page.h"
 #include "scripted_server.h"
 #include "session.h"
+#include "stanza_dispatch.h"
 #include "vcard_page.h"
 #include "widget_test.h"
 

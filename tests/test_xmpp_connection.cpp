@@ -22,6 +22,8 @@
 #include "network_events.h"
 #include "registration_page.h"
 #include "scripted_server.h"
+#include "session_thread.h"
+#include "stanza_dispatch.h"
 
 static std::string
 text_of (String string)

@@ -30,6 +30,7 @@
 #include "network.h"
 #include "network_events.h"
 #include "registration_page.h"
+#include "session_thread.h"
 
 static const u64 ROUND_ID = 4000000001;
 static const u64 STREAM_ID = 4000000002;
