@@ -213,54 +213,61 @@ is_answer_complete (const XMLScanner *scanner)
   return scanner->stanzas_count && xml_scanner_is_complete (scanner);
 }
 
-String
-receive_clear_answer (SocketDescriptor socket, Buffer buffer)
+// What an answer comes over: TLS, or the socket below it as long as there is no session.
+struct AnswerSource {
+  SocketDescriptor socket;
+  gnutls_session_t tls_session;  // NULL in clear text
+};
+
+static String
+receive_piece (AnswerSource source, Buffer buffer)
 {
-  XMLScanner scanner = {};
-  String answer = {buffer.data, 0};
-  do {
-    String data = os_recv (socket, buffer_advance (buffer, answer.size));
-    if (!data.size) {
-      break;
-    }
-    answer.size += data.size;
-    xml_scanner_feed (&scanner, data);
-  } while (!is_answer_complete (&scanner) && answer.size < buffer.size / 2 &&
-           os_wait_readable (socket, ANSWER_PAUSE_MAX));
-  return answer;
+  return source.tls_session ? recv_tls_data (source.tls_session, buffer)
+                            : os_recv (source.socket, buffer);
+}
+
+static bool
+wait_for_piece (AnswerSource source)
+{
+  bool is_pending = source.tls_session && gnutls_record_check_pending (source.tls_session);
+  return is_pending || os_wait_readable (source.socket, ANSWER_PAUSE_MAX);
 }
 
 // Receives until the answer is complete, or, for `is_one`, its first stanza.
 static String
-receive_tls_answer (gnutls_session_t tls_session, Buffer buffer, bool is_one)
+receive_answer (AnswerSource source, Buffer buffer, bool is_one)
 {
-  SocketDescriptor socket = gnutls_transport_get_int (tls_session);
   XMLScanner scanner = {};
   String answer = {buffer.data, 0};
   do {
-    String data = recv_tls_data (tls_session, buffer_advance (buffer, answer.size));
+    String data = receive_piece (source, buffer_advance (buffer, answer.size));
     if (!data.size) {
       break;
     }
     answer.size += data.size;
     xml_scanner_feed (&scanner, data);
-  } while (
-    !is_answer_complete (&scanner) && !(is_one && scanner.stanzas_count) &&
-    answer.size < buffer.size / 2 &&
-    (gnutls_record_check_pending (tls_session) || os_wait_readable (socket, ANSWER_PAUSE_MAX)));
+  } while (!is_answer_complete (&scanner) && !(is_one && scanner.stanzas_count) &&
+           answer.size < buffer.size / 2 && wait_for_piece (source));
   return answer;
+}
+
+String
+receive_clear_answer (SocketDescriptor socket, Buffer buffer)
+{
+  return receive_answer ({socket, NULL}, buffer, false);
 }
 
 String
 receive_tls_answer (gnutls_session_t tls_session, Buffer buffer)
 {
-  return receive_tls_answer (tls_session, buffer, false);
+  return receive_answer ({gnutls_transport_get_int (tls_session), tls_session}, buffer, false);
 }
 
 String
 receive_tls_stanza (gnutls_session_t tls_session, Buffer buffer, String *rest_out)
 {
-  String answer = receive_tls_answer (tls_session, buffer, true);
+  AnswerSource source = {gnutls_transport_get_int (tls_session), tls_session};
+  String answer = receive_answer (source, buffer, true);
   XMLScanner scanner = {};
   *rest_out = xml_scanner_feed_stanza (&scanner, answer);
   answer.size -= rest_out->size;
