@@ -185,9 +185,11 @@ class Player:
     # ---- Acting ----
 
     def press(self, name, nth=0):
-        """With the mouse now and then, as an assistive program does otherwise."""
+        """With the mouse now and then, as an assistive program does otherwise. The mouse does not stay:
+        when a revision comes, a button below the mouse decides nothing for half a second."""
         if self.day.source.random() < 0.1:
             self.party.click(name, nth)
+            self.day.desktop.xdotool("mousemove", 0, 0)
         else:
             self.party.press(name, nth)
 
