@@ -37,13 +37,28 @@ SLOWNESS = {"release": 1, "asan": 3, "tsan": 6}
 TIMES = {}  # what each program took, row by row
 
 LOGIN_POINTS = (
-    "header received", "header sent", "starttls received", "half of proceed", "proceed sent",
-    "half of the handshake", "first TLS header received", "first TLS header sent", "auth received",
-    "half of success", "second TLS header received", "second TLS header sent", "bind received",
-    "half of bind", "roster received", "half of roster", "presence received",
+    "header received",
+    "header sent",
+    "starttls received",
+    "half of proceed",
+    "proceed sent",
+    "half of the handshake",
+    "first TLS header received",
+    "first TLS header sent",
+    "auth received",
+    "half of success",
+    "second TLS header received",
+    "second TLS header sent",
+    "bind received",
+    "half of bind",
+    "roster received",
+    "half of roster",
+    "presence received",
 )
 REGISTER_POINTS = LOGIN_POINTS[:8] + (
-    "register query received", "half of register query", "register answer received",
+    "register query received",
+    "half of register query",
+    "register answer received",
     "half of register answer",
 )
 MESSAGE = "<message from='%s/boat' to='%s' type='chat'><body>%s</body></message>"
@@ -74,7 +89,7 @@ class Tally:
         expected = "%d in good order" % count
         if self.is_timed:
             expected += ", each within 2 s"
-        seen = "%d%s" % (self.good, expected[len(str(count)):])
+        seen = "%d%s" % (self.good, expected[len(str(count)) :])
         if self.bad:
             seen += "; " + "; ".join(self.bad)
         trial.check("%s: %s" % (self.kind, what), expected, seen)
@@ -85,8 +100,10 @@ def report_times(trial):
     """How long the closings of each program took."""
     for kind, rows in TIMES.items():
         trial.figure("%s: closings" % kind, sum(count for _, count, _, _ in rows))
-        trial.figure("%s: the slowest in each row, from the key to the end" % kind,
-                     ", ".join("%.2f s" % slowest for slowest, _, _, _ in rows))
+        trial.figure(
+            "%s: the slowest in each row, from the key to the end" % kind,
+            ", ".join("%.2f s" % slowest for slowest, _, _, _ in rows),
+        )
         late = sum(late for _, _, late, _ in rows)
         if late:
             trial.figure("%s: closings that were repeated because they took over 2 s" % kind, late)
@@ -98,10 +115,17 @@ def report_times(trial):
 class ClientMessage(ctypes.Structure):
     """Xlib's XClientMessageEvent, in the room of an XEvent."""
 
-    _fields_ = [("type", ctypes.c_int), ("serial", ctypes.c_ulong), ("send_event", ctypes.c_int),
-                ("display", ctypes.c_void_p), ("window", ctypes.c_ulong),
-                ("message_type", ctypes.c_ulong), ("format", ctypes.c_int),
-                ("data", ctypes.c_long * 5), ("rest", ctypes.c_long * 12)]
+    _fields_ = [
+        ("type", ctypes.c_int),
+        ("serial", ctypes.c_ulong),
+        ("send_event", ctypes.c_int),
+        ("display", ctypes.c_void_p),
+        ("window", ctypes.c_ulong),
+        ("message_type", ctypes.c_ulong),
+        ("format", ctypes.c_int),
+        ("data", ctypes.c_long * 5),
+        ("rest", ctypes.c_long * 12),
+    ]
 
 
 def ask_to_close(window):
@@ -112,12 +136,18 @@ def ask_to_close(window):
     xlib.XDefaultRootWindow.restype = xlib.XInternAtom.restype = ctypes.c_ulong
     display = ctypes.c_void_p(xlib.XOpenDisplay(window.desktop.environment["DISPLAY"].encode()))
     root = xlib.XDefaultRootWindow(display)
-    event = ClientMessage(type=33, send_event=1, window=int(window.xid), format=32,
-                          message_type=xlib.XInternAtom(display, b"_NET_CLOSE_WINDOW", 0))
+    event = ClientMessage(
+        type=33,
+        send_event=1,
+        window=int(window.xid),
+        format=32,
+        message_type=xlib.XInternAtom(display, b"_NET_CLOSE_WINDOW", 0),
+    )
     event.data[1] = 2  # from a pager
     substructure = 1 << 19 | 1 << 20
-    xlib.XSendEvent(display, ctypes.c_ulong(root), 0, ctypes.c_long(substructure),
-                    ctypes.byref(event))
+    xlib.XSendEvent(
+        display, ctypes.c_ulong(root), 0, ctypes.c_long(substructure), ctypes.byref(event)
+    )
     xlib.XCloseDisplay(display)
 
 
@@ -194,7 +224,8 @@ def wait_point(server, name, index=0):
     """Waits until the script of that connection is at the point."""
     driver.Desktop.current.wait(
         lambda: len(server.links) > index and server.links[index].reached == name,
-        "the server is at \"%s\"" % name)
+        'the server is at "%s"' % name,
+    )
 
 
 def end(party, server):
@@ -225,8 +256,9 @@ def begin_registration(party, jid):
     party.wait_for("New account", ENTRY_ROLES)
     party.put("New account", jid)
     for name in ("New password", "New password (again)"):
-        party.wait_for(name, ENTRY_ROLES).call("org.a11y.atspi.EditableText", "SetTextContents", "s",
-                                               "new-secret")
+        party.wait_for(name, ENTRY_ROLES).call(
+            "org.a11y.atspi.EditableText", "SetTextContents", "s", "new-secret"
+        )
     party.press("Register")
 
 
@@ -247,8 +279,10 @@ def open_session(party, server):
     """Logs in; the main page is shown."""
     party.press("Login")
     party.wait_for("New procedure", BUTTON_ROLES)
-    driver.Desktop.current.wait(lambda: server.links[0].reached == "session" or
-                                server.links[0].is_over, "the session has begun")
+    driver.Desktop.current.wait(
+        lambda: server.links[0].reached == "session" or server.links[0].is_over,
+        "the session has begun",
+    )
 
 
 def break_off(link):
@@ -325,8 +359,9 @@ def close_while_connecting(context, is_beside):
     party = new_party().start()
     second = party.start_again(driver.RIGHT) if is_beside else None
     party.press("Login")
-    driver.Desktop.current.wait(lambda: has_pending_connection(party.process.pid),
-                                "the program connects")
+    driver.Desktop.current.wait(
+        lambda: has_pending_connection(party.process.pid), "the program connects"
+    )
     problem, seconds = close_window(party)
     for peer in waiting:
         peer.close()
@@ -334,8 +369,10 @@ def close_while_connecting(context, is_beside):
     if second and not problem:
         second.press("Login")
         second.wait_for("New procedure", BUTTON_ROLES)
-        party.desktop.wait(lambda: not has_pending_connection(party.process.pid),
-                           "the attempt that was left behind is over")
+        party.desktop.wait(
+            lambda: not has_pending_connection(party.process.pid),
+            "the attempt that was left behind is over",
+        )
         problem, more = close_window(party, second)
         seconds = max(seconds, more)
     end(party, server)
@@ -366,12 +403,15 @@ def try_one_window(trial, kind, context):
     tally.report(trial, "closed at %d points of a login" % len(LOGIN_POINTS[::step]))
 
     tally = Tally(kind)
-    points = REGISTER_POINTS[step // 2::step]
+    points = REGISTER_POINTS[step // 2 :: step]
     for point in points:
         try_case(tally, point, lambda point=point: close_at_registration(point, context))
     for point in points[::4]:
-        try_case(tally, point + ", cancelled",
-                 lambda point=point: close_at_registration(point, context, True))
+        try_case(
+            tally,
+            point + ", cancelled",
+            lambda point=point: close_at_registration(point, context, True),
+        )
     tally.report(trial, "closed at %d points of a registration, and after its cancel" % len(points))
 
     tally = Tally(kind)
@@ -382,8 +422,10 @@ def try_one_window(trial, kind, context):
     tally = Tally(kind)
     try_case(tally, "alone", lambda: close_while_connecting(context, False))
     try_case(tally, "beside another", lambda: close_while_connecting(context, True))
-    tally.report(trial, "closed while nobody takes the connection, alone and beside a window that "
-                 "logs in then")
+    tally.report(
+        trial,
+        "closed while nobody takes the connection, alone and beside a window that " "logs in then",
+    )
 
     randomness = random.Random(4)
     tally = Tally(kind)
@@ -396,7 +438,7 @@ def try_one_window(trial, kind, context):
 def choose(points, kind):
     """Fewer points for the slower programs where what they could find lies in two windows, not in
     the point."""
-    return points[:-1 : 1 if kind == RELEASE else 3] + points[-1:]
+    return points[: -1 : 1 if kind == RELEASE else 3] + points[-1:]
 
 
 # ---- A burst ----
@@ -407,8 +449,9 @@ def flood(link):
     link.send("<presence from='%s/boat' to='%s'/>" % (BERT, ANNA))
     number = 0
     while True:
-        link.send("".join(MESSAGE % (BERT, ANNA, "number %d" % (number + index))
-                          for index in range(20)))
+        link.send(
+            "".join(MESSAGE % (BERT, ANNA, "number %d" % (number + index)) for index in range(20))
+        )
         number += 20
 
 
@@ -417,8 +460,10 @@ def close_in_burst(context, sizes):
     server = Server(login_script(ANNA, context, flood))
     party = new_party().start()
     party.press("Login")
-    party.desktop.wait(lambda: os.path.exists(party.store_path) and
-                       party.count_rows("contact_messages") >= 100, "the burst is being stored")
+    party.desktop.wait(
+        lambda: os.path.exists(party.store_path) and party.count_rows("contact_messages") >= 100,
+        "the burst is being stored",
+    )
     outcome = close_window(party)
     rows = party.rows("SELECT body FROM contact_messages ORDER BY db_id")
     whole = [("number %d" % number,) for number in range(len(rows))]
@@ -436,17 +481,22 @@ def try_burst(trial, kind, context):
     count = 1 if trial.short else 5
     for number in range(count):
         try_case(tally, "burst %d" % number, lambda: close_in_burst(context, sizes))
-    tally.report(trial, "closed %d times in a burst without an end; the store holds its front" %
-                 count)
+    tally.report(
+        trial, "closed %d times in a burst without an end; the store holds its front" % count
+    )
     if kind == RELEASE:
-        trial.figure("%s: messages stored of each burst when it was closed" % kind,
-                     ", ".join(str(size) for size in sizes))
+        trial.figure(
+            "%s: messages stored of each burst when it was closed" % kind,
+            ", ".join(str(size) for size in sizes),
+        )
 
 
 # ---- What waits at the server ----
 
-PROCEDURE = ("<message to='%s' type='chat'><body><x-procedure procedure='%s:%d'>Waiting %d"
-             "</x-procedure></body></message>")
+PROCEDURE = (
+    "<message to='%s' type='chat'><body><x-procedure procedure='%s:%d'>Waiting %d"
+    "</x-procedure></body></message>"
+)
 
 
 def count_waiting(server):
@@ -464,8 +514,9 @@ def close_with_backlog(count, lost, options=()):
     server = driver.Server(options=options)
     server.start()
     wire = hostile_wire.login_peer(HOST, "bert", driver.PASSWORDS[BERT])
-    wire.send("".join(PROCEDURE % (ANNA, BERT, 1000 + number, number)
-                      for number in range(count)).encode())
+    wire.send(
+        "".join(PROCEDURE % (ANNA, BERT, 1000 + number, number) for number in range(count)).encode()
+    )
     driver.Desktop.current.wait(lambda: count_waiting(server) == count, "all of it waits")
     party = new_party().start()
     party.press("Login")
@@ -484,8 +535,10 @@ def close_with_backlog(count, lost, options=()):
     if outcome[0] is None and len(set(stored)) != len(stored):
         return "stored twice", outcome[1]
     if outcome[0] is None and len(stored) + waiting != count:
-        return "%d stored and %d still at the server, of %d" % (len(stored), waiting,
-                                                                count), outcome[1]
+        return (
+            "%d stored and %d still at the server, of %d" % (len(stored), waiting, count),
+            outcome[1],
+        )
     return outcome
 
 
@@ -498,11 +551,16 @@ def try_backlog(trial, kind):
         for number in range(count):
             try_case(tally, "backlog %d" % number, lambda: close_with_backlog(300, lost, options))
         management = "with stream management" if options else "without stream management"
-        tally.report(trial, "%s, closed %d times at once with 300 stanzas waiting; none is lost" %
-                     (management, count))
+        tally.report(
+            trial,
+            "%s, closed %d times at once with 300 stanzas waiting; none is lost"
+            % (management, count),
+        )
         if kind == RELEASE:
-            trial.figure("%s: %s, stored, and still at the server, of each 300" %
-                         (kind, management), ", ".join("%d and %d" % pair for pair in lost))
+            trial.figure(
+                "%s: %s, stored, and still at the server, of each 300" % (kind, management),
+                ", ".join("%d and %d" % pair for pair in lost),
+            )
 
 
 # ---- Two windows ----
@@ -511,11 +569,14 @@ def try_backlog(trial, kind):
 def close_beside_another(point, context):
     """The first window is closed at a point of its login, while the second one does the same; then
     the second is let go on, gets a message, and is closed."""
+
     def talk(link):
         link.send("<presence from='%s/boat' to='%s'/>" % (CARLA, BERT))
         link.send(MESSAGE % (CARLA, BERT, "still there"))
-    server = Server(login_script(ANNA, context), login_script(BERT, context, talk),
-                    stops=[point, point])
+
+    server = Server(
+        login_script(ANNA, context), login_script(BERT, context, talk), stops=[point, point]
+    )
     party = new_party().start()
     second = party.start_again(driver.RIGHT)
     party.press("Login")
@@ -543,6 +604,7 @@ def close_while_other_negotiates(context):
         link.send("<presence from='%s/boat' to='%s'/>" % (CARLA, BERT))
         for number in range(count):
             link.send(MESSAGE % (CARLA, BERT, "number %d" % number))
+
     server = Server(login_script(ANNA, context), login_script(BERT, context, talk))
     party = new_party().start()
     second = party.start_again(driver.RIGHT)
@@ -569,12 +631,17 @@ def try_two_windows(trial, kind, context):
     points = LOGIN_POINTS[5::6] if trial.short else choose(LOGIN_POINTS, kind)
     for point in points:
         try_case(tally, point, lambda point=point: close_beside_another(point, context))
-    tally.report(trial, "two windows at each of %d points of a login: one closed, the other goes on, "
-                 "then closed" % len(points))
+    tally.report(
+        trial,
+        "two windows at each of %d points of a login: one closed, the other goes on, "
+        "then closed" % len(points),
+    )
     tally = Tally(kind)
     for number in range(1 if trial.short else 5):
         try_case(tally, "time %d" % number, lambda: close_while_other_negotiates(context))
-    tally.report(trial, "one of two windows closed while the other gets 200 messages; it has them all")
+    tally.report(
+        trial, "one of two windows closed while the other gets 200 messages; it has them all"
+    )
 
 
 # ---- Register during login, and the reverse ----
@@ -603,6 +670,7 @@ def register_during_login(point, context):
 
 def register_after_refused_login(context):
     """The login is refused while the registration page is shown; the registration works then."""
+
     def refuse(link):
         tls_server.ask_for_tls(link, HOST)
         link.begin_tls(context)
@@ -611,6 +679,7 @@ def register_after_refused_login(context):
         link.point("auth received")
         link.send("<failure xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>")
         link.hold()
+
     server = Server(refuse, register_script(HOST, context), stops=["auth received"])
     party = new_party().start()
     party.press("Login")
@@ -643,6 +712,7 @@ def login_during_registration(point, context):
         if ANOTHER in party.labels():  # the worker has not left yet
             party.press("Login")
         return False
+
     party.press("Login")
     party.desktop.wait(logged_in, "the login works")
     waited = time.monotonic() - start
@@ -660,15 +730,21 @@ def try_crossed(trial, kind, context):
     points = LOGIN_POINTS[2::9] if trial.short else choose(LOGIN_POINTS[:13], kind)
     for point in points:
         try_case(tally, point, lambda point=point: register_during_login(point, context))
-    tally.report(trial, "register pressed at %d points of a login: refused with a text, the login "
-                 "goes on" % len(points))
+    tally.report(
+        trial,
+        "register pressed at %d points of a login: refused with a text, the login "
+        "goes on" % len(points),
+    )
     tally = Tally(kind)
     points = REGISTER_POINTS[2::9] if trial.short else choose(REGISTER_POINTS, kind)
     try_case(tally, "refused login", lambda: register_after_refused_login(context))
     for point in points:
         try_case(tally, point, lambda point=point: login_during_registration(point, context))
-    tally.report(trial, "login right after a cancel at %d points of a registration, and a "
-                 "registration right after a refused login" % len(points))
+    tally.report(
+        trial,
+        "login right after a cancel at %d points of a registration, and a "
+        "registration right after a refused login" % len(points),
+    )
 
 
 # ---- Unsent typing ----
@@ -682,6 +758,7 @@ def close_while_typing(context, what, has_keys):
         if first is break_off:
             link.expect("x-revision")
             break_off(link)
+
     server = Server(login_script(ANNA, context, later), stops=[point])
     party = new_party().start()
     party.press("Login")
@@ -706,8 +783,10 @@ def close_while_typing(context, what, has_keys):
 
 def close_while_chatting(context):
     """Closes with unsent lines in a chat and in a title; nothing is said of these, and they go."""
+
     def come(link):
         link.send("<presence from='%s/boat' to='%s'/>" % (BERT, ANNA))
+
     server = Server(login_script(ANNA, context, come))
     party = new_party().start()
     open_session(party, server)
@@ -730,13 +809,21 @@ def try_typing(trial, kind, context):
     names = [SESSIONS[0][0]] if trial.short else [SESSIONS[index][0] for index in (0, 1, 5)]
     for name in names:
         for has_keys in (True, False):
-            try_case(tally, name,
-                     lambda name=name, keys=has_keys: close_while_typing(context, name, keys))
-    tally.report(trial, "closed with unsaved typing in a clause, by keys and by a task bar: kept "
-                 "as its draft, and so is another clause's (%s)" % ", ".join(names))
+            try_case(
+                tally,
+                name,
+                lambda name=name, keys=has_keys: close_while_typing(context, name, keys),
+            )
+    tally.report(
+        trial,
+        "closed with unsaved typing in a clause, by keys and by a task bar: kept "
+        "as its draft, and so is another clause's (%s)" % ", ".join(names),
+    )
     tally = Tally(kind)
     try_case(tally, "chat and title", lambda: close_while_chatting(context))
-    tally.report(trial, "closed with an unsent chat line and an unused title: neither sent nor kept")
+    tally.report(
+        trial, "closed with an unsent chat line and an unused title: neither sent nor kept"
+    )
 
 
 # ---- Memory ----
@@ -761,22 +848,34 @@ def try_many_windows(trial, context):
     known = {party.wait_new_window()}
     sizes, start = [], time.monotonic()
     for number in range(count):
-        subprocess.run([driver.Options.binary], cwd=party.directory, check=True,
-                       env=dict(desktop.environment, NO_AT_BRIDGE="1",
-                                DBUS_SESSION_BUS_ADDRESS=party.bus_address),
-                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        subprocess.run(
+            [driver.Options.binary],
+            cwd=party.directory,
+            check=True,
+            env=dict(
+                desktop.environment, NO_AT_BRIDGE="1", DBUS_SESSION_BUS_ADDRESS=party.bus_address
+            ),
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+        )
 
         def find():
-            found = desktop.xdotool("search", "--all", "--onlyvisible", "--pid", party.process.pid,
-                                    "--name", "^Morvane").split()
+            found = desktop.xdotool(
+                "search", "--all", "--onlyvisible", "--pid", party.process.pid, "--name", "^Morvane"
+            ).split()
             return next((xid for xid in found if xid not in known), None)
+
         xid = desktop.wait(find, "window %d opens" % number)
         desktop.xdotool("windowactivate", "--sync", xid)
         if number % 2:
-            desktop.wait(lambda: press_until_connected(desktop, server, number // 2 + 1),
-                         "window %d logs in" % number)
-            desktop.wait(lambda: server.links[-1].reached == "session",
-                         "window %d is in its session" % number)
+            desktop.wait(
+                lambda: press_until_connected(desktop, server, number // 2 + 1),
+                "window %d logs in" % number,
+            )
+            desktop.wait(
+                lambda: server.links[-1].reached == "session",
+                "window %d is in its session" % number,
+            )
         desktop.wait(lambda: close_until_gone(desktop, xid), "window %d is gone" % number)
         if number + 1 >= warm_up:
             sizes.append(measure_anonymous(party.process))
@@ -784,14 +883,19 @@ def try_many_windows(trial, context):
     growth = sizes[-1] - sizes[0]
     each = growth / (len(sizes) - 1)
     bound = 64
-    trial.check(RELEASE + ": %d windows opened and closed beside one that stays, every other one logged "
-                "in: growth a window, after the first %d" % (count, warm_up),
-                "at most %d KiB" % bound,
-                "%s %d KiB" % ("at most" if each <= bound else "more than", bound))
-    trial.figure(RELEASE + ": growth of the program's memory for each of these windows",
-                 "%.1f KiB (%d to %d KiB in all)" % (each, sizes[0], sizes[-1]))
-    trial.figure(RELEASE + ": opening, using and closing one of these windows",
-                 "%.2f s" % (seconds / count))
+    trial.check(
+        RELEASE + ": %d windows opened and closed beside one that stays, every other one logged "
+        "in: growth a window, after the first %d" % (count, warm_up),
+        "at most %d KiB" % bound,
+        "%s %d KiB" % ("at most" if each <= bound else "more than", bound),
+    )
+    trial.figure(
+        RELEASE + ": growth of the program's memory for each of these windows",
+        "%.1f KiB (%d to %d KiB in all)" % (each, sizes[0], sizes[-1]),
+    )
+    trial.figure(
+        RELEASE + ": opening, using and closing one of these windows", "%.2f s" % (seconds / count)
+    )
     party.kill()
     party.discard()
     server.close()
@@ -810,8 +914,10 @@ def close_until_gone(desktop, xid):
     desktop.key("alt+F4")
     deadline = time.monotonic() + 5
     while time.monotonic() < deadline:
-        if xid not in desktop.xdotool("search", "--all", "--onlyvisible", "--name",
-                                      "^Morvane").split():
+        if (
+            xid
+            not in desktop.xdotool("search", "--all", "--onlyvisible", "--name", "^Morvane").split()
+        ):
             return True
         time.sleep(0.01)
     return False
@@ -833,8 +939,11 @@ def main():
         if kind != RELEASE:
             driver.Options.binary = os.path.join(ROOT, "build", folder, "morvane")
             if not os.access(driver.Options.binary, os.X_OK):
-                trial.check("%s: the program is there (cmake --build --preset %s)" % (kind, folder),
-                            True, False)
+                trial.check(
+                    "%s: the program is there (cmake --build --preset %s)" % (kind, folder),
+                    True,
+                    False,
+                )
                 continue
         driver.SLOW = slow * SLOWNESS[folder]
         driver.BOUND = 30 * driver.SLOW

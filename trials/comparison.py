@@ -18,8 +18,11 @@ SEEDS = range(1, 6)
 ROUNDS = 1000  # pairs of texts a seed
 SHORT_ROUNDS = 150
 BOUND = 1200  # seconds a seed
-FIGURES = re.compile(r"^walk: (\d+) pairs of texts, (\d+) changes by mouse, (\d+) by key, "
-                     r"(\d+) times all at once$", re.MULTILINE)
+FIGURES = re.compile(
+    r"^walk: (\d+) pairs of texts, (\d+) changes by mouse, (\d+) by key, "
+    r"(\d+) times all at once$",
+    re.MULTILINE,
+)
 
 
 def main():
@@ -27,15 +30,28 @@ def main():
     seeds, rounds = (SEEDS[:2], SHORT_ROUNDS) if trial.short else (SEEDS, ROUNDS)
     sums = [0, 0, 0, 0]
     for seed in seeds:
-        figures = run_walk(trial, "test_clause_view_comparison", "clause_view_comparison_law.*",
-                           FIGURES, BOUND, MORVANE_SEED=seed, MORVANE_ROUNDS=rounds)
+        figures = run_walk(
+            trial,
+            "test_clause_view_comparison",
+            "clause_view_comparison_law.*",
+            FIGURES,
+            BOUND,
+            MORVANE_SEED=seed,
+            MORVANE_ROUNDS=rounds,
+        )
         if figures:
             sums = [sum(pair) for pair in zip(sums, figures)]
     wanted = f"{len(seeds) * rounds:,}"
-    trial.check(f"pairs of texts, of {wanted}, of which every step shows what it must, and the last "
-                "leaves the common words with what was kept", wanted, f"{sums[0]:,}")
-    trial.figure("Changes decided on by mouse; by key; all that were left at once",
-                 "; ".join(f"{figure:,}" for figure in sums[1:]))
+    trial.check(
+        f"pairs of texts, of {wanted}, of which every step shows what it must, and the last "
+        "leaves the common words with what was kept",
+        wanted,
+        f"{sums[0]:,}",
+    )
+    trial.figure(
+        "Changes decided on by mouse; by key; all that were left at once",
+        "; ".join(f"{figure:,}" for figure in sums[1:]),
+    )
     sys.exit(trial.end())
 
 

@@ -37,21 +37,21 @@ from trial import Trial
 import driver
 
 SERVER_PORT = 5223
-ANSWER_MAX = 60          # seconds until a window that does not answer is taken for hanging
-ARRIVAL_MAX = 120        # seconds until what is sent has arrived
-ROUNDS = 4               # judgements in a run
-CUTS_MAX = 4             # before a judgement
-LOGIN_BYTES = 6000       # until a cut, at most: a login has 3,000, and what waits comes then
+ANSWER_MAX = 60  # seconds until a window that does not answer is taken for hanging
+ARRIVAL_MAX = 120  # seconds until what is sent has arrived
+ROUNDS = 4  # judgements in a run
+CUTS_MAX = 4  # before a judgement
+LOGIN_BYTES = 6000  # until a cut, at most: a login has 3,000, and what waits comes then
 BURST_BYTES = {UP: 5000, DOWN: 2500}
-LONG = " long" * 8000    # 40 KB
-FLOOD = 40               # long texts
-TOLD_MAX = 12            # lines of a difference
+LONG = " long" * 8000  # 40 KB
+FLOOD = 40  # long texts
+TOLD_MAX = 12  # lines of a difference
 
 # How a road breaks: what is done to the party's road, and whether its program can know.
 CUTS = ["end", "reset", "reset_program", "reset_server", "swallow", "stall", "kill", "restart"]
 ROAD_CUTS = [kind for kind in CUTS if kind != "restart"]
 SILENT = {"swallow", "reset_server", "stall"}
-KILL_DELAY = 0.04        # seconds from the byte to the kill, at most
+KILL_DELAY = 0.04  # seconds from the byte to the kill, at most
 
 
 class Plan:
@@ -61,23 +61,34 @@ class Plan:
         self.name = name
         self.is_managed = is_managed
         self.kinds = kinds
-        self.cuts = cuts            # in the long form and in the short one
-        self.actors = actors        # "victim": the other is there and idle; "other": the other acts
+        self.cuts = cuts  # in the long form and in the short one
+        self.actors = actors  # "victim": the other is there and idle; "other": the other acts
         self.is_counted = is_counted  # one cut a run, and what is lost is no fault
 
 
 PLANS = [
     Plan("with stream management", True, CUTS, (500, 8)),
-    Plan("without stream management, on the sender's side", False, ROAD_CUTS, (150, 3),
-         "victim"),
-    Plan("without stream management, on the receiver's side", False, ROAD_CUTS, (100, 0),
-         "other", True),
-    Plan("without stream management, the server stopped", False, ["restart"], (40, 0), "both",
-         True),
-    Plan("with stream management, the server killed", True, ["kill_server"], (60, 0), "both",
-         True),
-    Plan("without stream management, the server killed", False, ["kill_server"], (60, 0), "both",
-         True),
+    Plan("without stream management, on the sender's side", False, ROAD_CUTS, (150, 3), "victim"),
+    Plan(
+        "without stream management, on the receiver's side",
+        False,
+        ROAD_CUTS,
+        (100, 0),
+        "other",
+        True,
+    ),
+    Plan(
+        "without stream management, the server stopped", False, ["restart"], (40, 0), "both", True
+    ),
+    Plan("with stream management, the server killed", True, ["kill_server"], (60, 0), "both", True),
+    Plan(
+        "without stream management, the server killed",
+        False,
+        ["kill_server"],
+        (60, 0),
+        "both",
+        True,
+    ),
 ]
 
 
@@ -99,23 +110,35 @@ class Player(driver.Party):
         super().__init__(name, jid)
         self.cuts = cuts
         self.is_online = False
-        self.has_session = False    # shows one, dead or alive; else the login page
+        self.has_session = False  # shows one, dead or alive; else the login page
         self.answers = None
         self.unread = b""
         self.ended = None
         self.environment.update(
-            LD_PRELOAD=os.path.join(cuts.trial.programs, "libcuts_hand.so"), NO_AT_BRIDGE="1")
+            LD_PRELOAD=os.path.join(cuts.trial.programs, "libcuts_hand.so"), NO_AT_BRIDGE="1"
+        )
 
     # ---- The program ----
 
     def launch(self):
         read_end, write_end = os.pipe()
-        environment = dict(self.desktop.environment, **self.environment, MORVANE_HAND=str(write_end),
-                           DBUS_SESSION_BUS_ADDRESS=self.bus_address)
+        environment = dict(
+            self.desktop.environment,
+            **self.environment,
+            MORVANE_HAND=str(write_end),
+            DBUS_SESSION_BUS_ADDRESS=self.bus_address,
+        )
         with open(self.console_path, "ab") as console, open(self.errors_path, "ab") as errors:
             process = driver.start_process(
-                [driver.Options.binary], cwd=self.directory, env=environment,
-                stdin=driver.subprocess.PIPE, stdout=console, stderr=errors, pass_fds=[write_end], bufsize=0)
+                [driver.Options.binary],
+                cwd=self.directory,
+                env=environment,
+                stdin=driver.subprocess.PIPE,
+                stdout=console,
+                stderr=errors,
+                pass_fds=[write_end],
+                bufsize=0,
+            )
         os.close(write_end)
         self.answers, self.unread = read_end, b""
         return process
@@ -151,7 +174,7 @@ class Player(driver.Party):
         data = ("\n".join(commands) + "\n\n").encode()
         try:
             while data:
-                data = data[self.process.stdin.write(data):]
+                data = data[self.process.stdin.write(data) :]
         except BrokenPipeError:
             raise Gone(self.name) from None
         began = time.monotonic()
@@ -183,14 +206,23 @@ class Player(driver.Party):
 
     def begin(self, title):
         contractor = self.cuts.other(self).jid
-        return self.act("press 0 New procedure", "write 0 Procedure title|" + title,
-                        "write 0 Contractor|" + contractor, "press 0 Begin")[-1] == "ok"
+        return (
+            self.act(
+                "press 0 New procedure",
+                "write 0 Procedure title|" + title,
+                "write 0 Contractor|" + contractor,
+                "press 0 Begin",
+            )[-1]
+            == "ok"
+        )
 
     def open(self, title):
         return self.act("row " + title)[0] == "ok"
 
     def commit(self, nth, text):
-        return self.act("write %d Clause text|%s" % (nth, text), "press %d Commit" % nth)[-1] == "ok"
+        return (
+            self.act("write %d Clause text|%s" % (nth, text), "press %d Commit" % nth)[-1] == "ok"
+        )
 
     def add_clause(self, text):
         nth = self.clauses()
@@ -202,8 +234,9 @@ class Player(driver.Party):
         return int(self.act("count Clause text")[0])
 
     def say(self, nth, text):
-        done = self.act("press %d Clause chat" % nth, "write 0 Message|" + text, "press 0 Send",
-                        "press 0 Close")
+        done = self.act(
+            "press %d Clause chat" % nth, "write 0 Message|" + text, "press 0 Send", "press 0 Close"
+        )
         return done[2] == "ok"
 
 
@@ -235,8 +268,11 @@ class Cuts:
 
     def subtract(self, before):
         """What was counted since the copy was taken."""
-        return {"counts": self.counts - before["counts"], "slowest": self.slowest,
-                "faults": self.faults[before["faults"]:]}
+        return {
+            "counts": self.counts - before["counts"],
+            "slowest": self.slowest,
+            "faults": self.faults[before["faults"] :],
+        }
 
     def add(self, row):
         """A negotiation of an earlier session."""
@@ -257,7 +293,9 @@ class Cuts:
         """One negotiation with several judgements; returns how many cuts it had."""
         self.source = random.Random("%d %d %s" % (seed, run, self.plan.name))
         options = ["--port", str(SERVER_PORT)]
-        self.server = driver.Server(options=options + ["--stream-management"] * self.plan.is_managed)
+        self.server = driver.Server(
+            options=options + ["--stream-management"] * self.plan.is_managed
+        )
         self.server.start()
         self.proxy = Proxy(("127.0.0.1", 5222), ("127.0.0.1", SERVER_PORT))
         self.players = [Player(self, "anna", driver.ANNA), Player(self, "bert", driver.BERT)]
@@ -292,8 +330,13 @@ class Cuts:
 
     def keep_traces(self, run):
         """What the consoles, the stores and the server's log say about a fault."""
-        folder = os.path.join(os.path.dirname(self.trial.programs), "..", "trials", "cuts-faults",
-                              "%d-%d-%s" % (PLANS.index(self.plan), run, time.strftime("%H%M%S")))
+        folder = os.path.join(
+            os.path.dirname(self.trial.programs),
+            "..",
+            "trials",
+            "cuts-faults",
+            "%d-%d-%s" % (PLANS.index(self.plan), run, time.strftime("%H%M%S")),
+        )
         os.makedirs(folder)
         for player in self.players:
             shutil.copy(player.console_path, os.path.join(folder, player.name + ".console"))
@@ -305,8 +348,11 @@ class Cuts:
         complaints = []
         for player in self.players:
             with open(player.errors_path, errors="replace") as errors:
-                complaints += [line for line in errors if driver.COMPLAINT.search(line) and
-                               "Assertion `" not in line]
+                complaints += [
+                    line
+                    for line in errors
+                    if driver.COMPLAINT.search(line) and "Assertion `" not in line
+                ]
             player.discard()
         if complaints:
             self.faults.append("on standard error: " + complaints[0])
@@ -316,10 +362,14 @@ class Cuts:
     def befriend(self):
         """Each sees from then on when the other comes and goes, which travels beside the rest."""
         one, other = self.players
-        one.act("press 0 New procedure", "write 0 Contractor|" + other.jid, "press 0 Add contractor")
+        one.act(
+            "press 0 New procedure", "write 0 Contractor|" + other.jid, "press 0 Add contractor"
+        )
         for player in self.players:
-            player.wait(lambda player=player: player.holds(
-                "contacts", "bare_jid", self.other(player).jid), "the other is a contact")
+            player.wait(
+                lambda player=player: player.holds("contacts", "bare_jid", self.other(player).jid),
+                "the other is a contact",
+            )
 
     def cut_and_judge(self, cuts_end):
         for number in range(ROUNDS):
@@ -348,9 +398,14 @@ class Cuts:
     def next_text(self, player):
         self.number += 1
         size = self.source.randrange(2, 9)
-        text = "%s %d %s" % (player.name, self.number, " ".join(
-            self.source.choice(["pays", "delivers", "apples", "weekly", "<by>", "cart", "it's"])
-            for _ in range(size)))
+        text = "%s %d %s" % (
+            player.name,
+            self.number,
+            " ".join(
+                self.source.choice(["pays", "delivers", "apples", "weekly", "<by>", "cart", "it's"])
+                for _ in range(size)
+            ),
+        )
         if self.source.random() < 0.03:
             text += LONG
         return text
@@ -420,7 +475,8 @@ class Cuts:
         other = self.other(victim)
         kind = self.source.choice(self.plan.kinds)
         actors = {"victim": [victim], "other": [other], "both": [victim, other]}.get(
-            self.plan.actors) or self.source.choice([[victim], [victim, other], [other]])
+            self.plan.actors
+        ) or self.source.choice([[victim], [victim, other], [other]])
         direction, point = self.draw_point(victim, actors)
         away = [player.name for player in self.players if not player.is_online]
         self.counts["cuts"] += 1
@@ -442,9 +498,10 @@ class Cuts:
         self.burst(actors)
         where = "in the midst" if self.hit.is_set() else "at the end"
         self.proxy.fire()
-        self.tell("%s of %s %s %s, byte %d; acting: %s; had been away: %s" % (
-            kind, victim.name, where, direction, point, [actor.name for actor in actors],
-            away))
+        self.tell(
+            "%s of %s %s %s, byte %d; acting: %s; had been away: %s"
+            % (kind, victim.name, where, direction, point, [actor.name for actor in actors], away)
+        )
         self.burst(actors)
         if kind == "stall" and not self.plan.is_counted and not self.trial.short:
             if self.source.random() < 0.1:
@@ -624,8 +681,10 @@ class Cuts:
                 raise Fault("%s cannot begin a procedure" % player.name)
             other = self.other(player)
             try:
-                other.wait(lambda other=other, title=title: other.holds(
-                    "procedures", "title", title), "%s arrives" % title)
+                other.wait(
+                    lambda other=other, title=title: other.holds("procedures", "title", title),
+                    "%s arrives" % title,
+                )
             except Gone:
                 self.collect(other)
             player.open(title)
@@ -633,8 +692,13 @@ class Cuts:
 
     def count_twice(self):
         """Procedures that are there twice at their contractor's, the most of a run counted."""
-        twice = sum(player.rows("SELECT count(*) - count(DISTINCT time) FROM procedures"
-                                " WHERE contractor = ?", player.jid)[0][0] for player in self.players)
+        twice = sum(
+            player.rows(
+                "SELECT count(*) - count(DISTINCT time) FROM procedures" " WHERE contractor = ?",
+                player.jid,
+            )[0][0]
+            for player in self.players
+        )
         self.counts["twice"] += twice - self.twice
         self.twice = twice
 
@@ -646,8 +710,9 @@ def add_arguments(parser):
     parser.add_argument("--cuts", type=int, help="how many, by default by the form")
     parser.add_argument("--percent", type=int, default=100, help="so much of that")
     parser.add_argument("--results", help="the file that keeps what each negotiation counted")
-    parser.add_argument("--minutes", type=float, default=float("inf"),
-                        help="begins no negotiation after so many")
+    parser.add_argument(
+        "--minutes", type=float, default=float("inf"), help="begins no negotiation after so many"
+    )
 
 
 def read_results(path):
@@ -689,24 +754,51 @@ def try_out(trial, plan, cuts_max, deadline):
     if cuts.runs == 0:
         return
     counts = cuts.counts
-    trial.check("%s: faults after %d cuts in %d negotiations" % (
-        plan.name, counts["cuts"], cuts.runs), 0, len(cuts.faults))
+    trial.check(
+        "%s: faults after %d cuts in %d negotiations" % (plan.name, counts["cuts"], cuts.runs),
+        0,
+        len(cuts.faults),
+    )
     for fault in cuts.faults:
         print("  " + fault)
-    trial.figure("%s: judgements; logins, again in the same window; logins given up; procedures "
-                 "that came twice" % plan.name, "%d; %d, %d; %d; %d" % (
-                     counts["judgements"], counts["logins"], counts["again"], counts["given up"],
-                     counts["twice"]))
-    trial.figure("%s: cuts" % plan.name, ", ".join(
-        "%s %d" % (kind.replace("_", " of the "), counts[kind]) for kind in plan.kinds))
+    trial.figure(
+        "%s: judgements; logins, again in the same window; logins given up; procedures "
+        "that came twice" % plan.name,
+        "%d; %d, %d; %d; %d"
+        % (
+            counts["judgements"],
+            counts["logins"],
+            counts["again"],
+            counts["given up"],
+            counts["twice"],
+        ),
+    )
+    trial.figure(
+        "%s: cuts" % plan.name,
+        ", ".join("%s %d" % (kind.replace("_", " of the "), counts[kind]) for kind in plan.kinds),
+    )
     if plan.is_counted:
         held = ", %d of them while nothing went to the other" % counts["held"]
-        trial.figure("%s: lost" % plan.name, "%d of %d objects, in %d of %d cuts%s" % (
-            counts["lost"], counts["objects"], counts["cuts that lost"], counts["cuts"],
-            held if "kill_server" in plan.kinds else ""))
-    trial.figure("%s: logins that the cut ended in a designed stop" % plan.name, ", ".join(
-        "%d x %s" % (count, key.split(": ", 1)[1]) for key, count in sorted(counts.items())
-        if key.startswith("stop")) or "none")
+        trial.figure(
+            "%s: lost" % plan.name,
+            "%d of %d objects, in %d of %d cuts%s"
+            % (
+                counts["lost"],
+                counts["objects"],
+                counts["cuts that lost"],
+                counts["cuts"],
+                held if "kill_server" in plan.kinds else "",
+            ),
+        )
+    trial.figure(
+        "%s: logins that the cut ended in a designed stop" % plan.name,
+        ", ".join(
+            "%d x %s" % (count, key.split(": ", 1)[1])
+            for key, count in sorted(counts.items())
+            if key.startswith("stop")
+        )
+        or "none",
+    )
     trial.figure("%s: servers that did not read 1.6 MB of texts" % plan.name, counts["floods"])
     trial.figure("%s: longest time until a window answered" % plan.name, "%.1f s" % cuts.slowest)
 

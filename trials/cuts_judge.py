@@ -61,8 +61,10 @@ def read(path, own):
     connection = open_store(path)
     connection.text_factory = lambda data: data.decode("utf-8", "surrogateescape")
     connection.execute("BEGIN")
-    held = {kind: collections.Counter(connection.execute(query, {"own": own}).fetchall())
-            for kind, query in QUERIES.items()}
+    held = {
+        kind: collections.Counter(connection.execute(query, {"own": own}).fetchall())
+        for kind, query in QUERIES.items()
+    }
     connection.close()
     return held
 
@@ -74,14 +76,19 @@ def describe(kind, item):
 
 def twice(held, own):
     """What the store holds more often than it may."""
-    return [(kind, item) for kind, items in held.items() for item, count in items.items()
-            if count > 1 and not (kind == "procedure" and item[2] == own)]
+    return [
+        (kind, item)
+        for kind, items in held.items()
+        for item, count in items.items()
+        if count > 1 and not (kind == "procedure" and item[2] == own)
+    ]
 
 
 def missing(held, other):
     """What is in the other store and not in this one."""
-    return [(kind, item) for kind, items in other.items() for item in items
-            if item not in held[kind]]
+    return [
+        (kind, item) for kind, items in other.items() for item in items if item not in held[kind]
+    ]
 
 
 def compare(stores):
@@ -90,10 +97,13 @@ def compare(stores):
     names = [own.split("@")[0] for _, own in stores]
     lines = []
     for at, name in enumerate(names):
-        lines += ["%s has twice: %s" % (name, describe(*fault))
-                  for fault in twice(held[at], stores[at][1])]
-        lines += ["%s has not: %s" % (name, describe(*fault))
-                  for fault in missing(held[at], held[1 - at])]
+        lines += [
+            "%s has twice: %s" % (name, describe(*fault))
+            for fault in twice(held[at], stores[at][1])
+        ]
+        lines += [
+            "%s has not: %s" % (name, describe(*fault)) for fault in missing(held[at], held[1 - at])
+        ]
     return lines
 
 
@@ -121,36 +131,57 @@ FAULTS = [
     (1, "DELETE FROM procedures WHERE db_id = 1"),
     (0, "DELETE FROM procedures WHERE db_id = 1"),
     (1, "UPDATE procedures SET title = 'Plums' WHERE db_id = 1"),
-    (0, "INSERT INTO procedures SELECT 9, time, initiator, contractor, title FROM procedures"
-        " WHERE db_id = 1"),
-    (0, "INSERT INTO procedures SELECT 9, time + 1, initiator, contractor, title FROM procedures"
-        " WHERE db_id = 2"),
+    (
+        0,
+        "INSERT INTO procedures SELECT 9, time, initiator, contractor, title FROM procedures"
+        " WHERE db_id = 1",
+    ),
+    (
+        0,
+        "INSERT INTO procedures SELECT 9, time + 1, initiator, contractor, title FROM procedures"
+        " WHERE db_id = 2",
+    ),
     (1, "DELETE FROM clauses WHERE db_id = 1"),
     (1, "DELETE FROM clause_revisions WHERE clause_db_id = 2"),
     (1, "UPDATE clauses SET procedure_db_id = 2 WHERE db_id = 1"),
-    (1, "INSERT INTO clauses SELECT 9, procedure_db_id, time, initiator, position FROM clauses"
-        " WHERE db_id = 1"),
+    (
+        1,
+        "INSERT INTO clauses SELECT 9, procedure_db_id, time, initiator, position FROM clauses"
+        " WHERE db_id = 1",
+    ),
     (0, "INSERT INTO clauses VALUES (9, 1, 209, 'b@h', 3)"),
     (0, "DELETE FROM clause_revisions WHERE db_id = 3"),
     (1, "UPDATE clause_revisions SET text = 'ten' WHERE db_id = 1"),
     (1, "UPDATE clause_revisions SET time = 309 WHERE db_id = 1"),
     (1, "UPDATE clause_revisions SET status = 'DRAFT' WHERE db_id = 2"),
-    (1, "INSERT INTO clause_revisions SELECT 9, clause_db_id, time, author, status, text"
-        " FROM clause_revisions WHERE db_id = 4"),
+    (
+        1,
+        "INSERT INTO clause_revisions SELECT 9, clause_db_id, time, author, status, text"
+        " FROM clause_revisions WHERE db_id = 4",
+    ),
     (0, "DELETE FROM clause_messages WHERE db_id = 2"),
-    (0, "INSERT INTO clause_messages SELECT 9, clause_db_id, time, author, text"
-        " FROM clause_messages WHERE db_id = 2"),
+    (
+        0,
+        "INSERT INTO clause_messages SELECT 9, clause_db_id, time, author, text"
+        " FROM clause_messages WHERE db_id = 2",
+    ),
     (0, "DELETE FROM clause_revision_decisions WHERE db_id = 2"),
     (0, "UPDATE clause_revision_decisions SET status = 'AGREE' WHERE db_id = 1"),
     (1, "UPDATE clause_revision_decisions SET clause_revision_db_id = 3 WHERE db_id = 1"),
-    (1, "INSERT INTO clause_revision_decisions SELECT 9, clause_revision_db_id, time, author, status"
-        " FROM clause_revision_decisions WHERE db_id = 1"),
+    (
+        1,
+        "INSERT INTO clause_revision_decisions SELECT 9, clause_revision_db_id, time, author, status"
+        " FROM clause_revision_decisions WHERE db_id = 1",
+    ),
 ]
 
 # No faults: a procedure twice at the contractor's, what is not sent, rows and clocks of one's own.
 DIFFERENCES = [
-    (1, "INSERT INTO procedures SELECT 9, time, initiator, contractor, title FROM procedures"
-        " WHERE db_id = 1"),
+    (
+        1,
+        "INSERT INTO procedures SELECT 9, time, initiator, contractor, title FROM procedures"
+        " WHERE db_id = 1",
+    ),
     (0, "INSERT INTO clauses VALUES (9, 1, 209, 'a@h', 3)"),
     (0, "INSERT INTO clause_revisions VALUES (9, 1, 309, 'a@h', 'DRAFT', 'Eleven')"),
     (1, "UPDATE clause_revision_decisions SET time = time + 9"),
@@ -165,8 +196,12 @@ def judge_change(at, statement):
         paths = [os.path.join(directory, name) for name in ("a", "b")]
         for number, path in enumerate(paths):
             connection = sqlite3.connect(path)
-            connection.executescript("PRAGMA synchronous = OFF; BEGIN;" + SCHEMA +
-                                     (statement if number == at else "") + "; COMMIT")
+            connection.executescript(
+                "PRAGMA synchronous = OFF; BEGIN;"
+                + SCHEMA
+                + (statement if number == at else "")
+                + "; COMMIT"
+            )
             connection.close()
         return compare(list(zip(paths, ("a@h", "b@h"))))
 
@@ -174,9 +209,14 @@ def judge_change(at, statement):
 def try_out(trial):
     """Two rows of the trial: the judge finds each fault, and nothing else."""
     found = sum(bool(judge_change(*fault)) for fault in FAULTS)
-    trial.check("two stores that differ in one row, hold one twice or miss one are told apart",
-                "%d of %d" % (len(FAULTS), len(FAULTS)), "%d of %d" % (found, len(FAULTS)))
+    trial.check(
+        "two stores that differ in one row, hold one twice or miss one are told apart",
+        "%d of %d" % (len(FAULTS), len(FAULTS)),
+        "%d of %d" % (found, len(FAULTS)),
+    )
     passed = sum(not judge_change(*difference) for difference in DIFFERENCES)
-    trial.check("and two that differ in what each keeps to itself are not",
-                "%d of %d" % (len(DIFFERENCES), len(DIFFERENCES)),
-                "%d of %d" % (passed, len(DIFFERENCES)))
+    trial.check(
+        "and two that differ in what each keeps to itself are not",
+        "%d of %d" % (len(DIFFERENCES), len(DIFFERENCES)),
+        "%d of %d" % (passed, len(DIFFERENCES)),
+    )

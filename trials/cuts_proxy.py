@@ -12,7 +12,7 @@ import threading
 
 BLOCK = 1 << 16
 
-UP = "up"      # from the program to the server
+UP = "up"  # from the program to the server
 DOWN = "down"  # from the server to the program
 
 
@@ -38,9 +38,9 @@ class Proxy:
         self.server_address = server_address
         self.owner = None
         self.roads = []
-        self.point = None    # owner, direction, bytes that may still pass, what is done then
+        self.point = None  # owner, direction, bytes that may still pass, what is done then
         self.lock = threading.RLock()
-        self.passed = {}     # bytes that passed by (owner, direction)
+        self.passed = {}  # bytes that passed by (owner, direction)
         self.selector = selectors.DefaultSelector()
         self.listener = socket.create_server(address)
         self.listener.setblocking(False)
@@ -216,8 +216,8 @@ class Proxy:
             if len(data) < point[2]:
                 point[2] -= len(data)
             else:
-                self.pass_on(road, direction, data[:point[2]])
-                rest = data[point[2]:]
+                self.pass_on(road, direction, data[: point[2]])
+                rest = data[point[2] :]
                 self.fire()
                 # What is not cut off for good waits.
                 if road in self.roads and road.is_passed:

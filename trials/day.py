@@ -27,24 +27,57 @@ from trial import Trial
 import driver
 
 START = 1772431200  # a Monday, 6 o'clock
-SKEW = 7            # seconds by which Bert's clock is behind Anna's
-AWKWARD = ["R&D", "<b>", "it's", "\"so\"", "Maß", "für", "\U0001f600", "&amp;", "]]>", "100%", "—",
-           "東京", "a'b''c", "\\n", "%s", "-- ;"]
+SKEW = 7  # seconds by which Bert's clock is behind Anna's
+AWKWARD = [
+    "R&D",
+    "<b>",
+    "it's",
+    '"so"',
+    "Maß",
+    "für",
+    "\U0001f600",
+    "&amp;",
+    "]]>",
+    "100%",
+    "—",
+    "東京",
+    "a'b''c",
+    "\\n",
+    "%s",
+    "-- ;",
+]
 WORDS = """the tenant owner buyer shall pay deliver keep repair return every month week year boat
 house roof berth pier barrel apples rent price deposit at on by before after within two three ten
 days euros notice in writing unless agreed otherwise and or not"""
 CARDS = {
-    "begin": 3, "add a clause": 8, "revise": 10, "draft": 5, "commit the draft": 5, "cancel": 4,
-    "decide": 16, "talk about a clause": 8, "chat": 8, "ask for presence": 2, "compare": 4,
-    "close": 4, "kill": 4, "restart the server": 1, "delete a procedure": 1, "be interrupted": 2,
-    "twice in a second": 2, "look back": 3, "agree": 4,
+    "begin": 3,
+    "add a clause": 8,
+    "revise": 10,
+    "draft": 5,
+    "commit the draft": 5,
+    "cancel": 4,
+    "decide": 16,
+    "talk about a clause": 8,
+    "chat": 8,
+    "ask for presence": 2,
+    "compare": 4,
+    "close": 4,
+    "kill": 4,
+    "restart the server": 1,
+    "delete a procedure": 1,
+    "be interrupted": 2,
+    "twice in a second": 2,
+    "look back": 3,
+    "agree": 4,
 }
 AWAY_MAX = 16  # actions
 PROCEDURES_MAX = 5
 CLAUSES_MAX = 4
 
-WARNING = re.compile(r"Warning: (A [a-z ]+ came, but we don't have the \w+ to attach it to\.|"
-                     r"Received a message from '.*', but that contact isn't in the contact list\.)")
+WARNING = re.compile(
+    r"Warning: (A [a-z ]+ came, but we don't have the \w+ to attach it to\.|"
+    r"Received a message from '.*', but that contact isn't in the contact list\.)"
+)
 
 
 class Difference(Exception):
@@ -108,10 +141,10 @@ class Player:
         self.day = day
         self.party = party
         self.model = rows
-        self.page = None       # the procedure that is shown
+        self.page = None  # the procedure that is shown
         self.list = "Procedures"
         self.is_connected = False
-        self.away = 0          # actions until it comes back
+        self.away = 0  # actions until it comes back
         self.console_end = 0
         self.sent = 0
         self.warnings = collections.Counter()
@@ -121,8 +154,8 @@ class Player:
         with open(clock, "r+b") as file:
             self.clock = mmap.mmap(file.fileno(), 8)
         party.environment.update(
-            LD_PRELOAD=os.path.join(day.trial.programs, "libday_clock.so"),
-            MORVANE_DAY_CLOCK=clock)
+            LD_PRELOAD=os.path.join(day.trial.programs, "libday_clock.so"), MORVANE_DAY_CLOCK=clock
+        )
 
     def set_clock(self, seconds):
         self.model.clock = seconds
@@ -145,8 +178,10 @@ class Player:
             self.party.close()
         self.model.leave(is_killed)
         if self.is_connected:
-            self.day.desktop.wait(lambda: self.day.count_disconnected() > gone,
-                                  "the server knows that %s is away" % self.party.name)
+            self.day.desktop.wait(
+                lambda: self.day.count_disconnected() > gone,
+                "the server knows that %s is away" % self.party.name,
+            )
         self.is_connected = False
         self.read_console()
 
@@ -202,23 +237,30 @@ class Player:
         """Presses the procedure's row in the list; whether the procedure is shown then. A press at
         the place of a row that went a moment ago may be lost."""
         for row in self.party.find_all(None, driver.ROW_ROLES):
-            if any(label.name() == title
-                   for label in self.party.find_all(None, driver.LABEL_ROLES, row)):
+            if any(
+                label.name() == title
+                for label in self.party.find_all(None, driver.LABEL_ROLES, row)
+            ):
                 self.party.press_node(row)
                 return self.day.wait_quietly(
-                    lambda: self.party.labels().count(title) == 2 and
-                    self.party.find("Add clause", driver.BUTTON_ROLES), 3)
+                    lambda: self.party.labels().count(title) == 2
+                    and self.party.find("Add clause", driver.BUTTON_ROLES),
+                    3,
+                )
         return False
 
     def open(self, procedure):
         if self.page is not procedure:
             self.show_list("Procedures")
-            self.day.desktop.wait(lambda: self.press_row(procedure["title"]), "%s opens \"%s\"" % (
-                self.party.name, procedure["title"]))
+            self.day.desktop.wait(
+                lambda: self.press_row(procedure["title"]),
+                '%s opens "%s"' % (self.party.name, procedure["title"]),
+            )
             self.page = procedure
         self.day.desktop.wait(
             lambda: self.party.count("Clause text") == len(procedure["clauses"]),
-            "%s sees %d clauses" % (self.party.name, len(procedure["clauses"])))
+            "%s sees %d clauses" % (self.party.name, len(procedure["clauses"])),
+        )
 
     def find(self, clause):
         """Shows the clause's procedure; returns the clause's number in it."""
@@ -272,8 +314,12 @@ class Player:
             self.party.give_keyboard(row)
             self.day.desktop.key("Return")
             return self.day.wait_quietly(
-                lambda: not self.party.popover_rows() and name in self.party.labels() and
-                self.party.text("Clause text", nth) == text, 2)
+                lambda: not self.party.popover_rows()
+                and name in self.party.labels()
+                and self.party.text("Clause text", nth) == text,
+                2,
+            )
+
         self.day.desktop.wait(choose, "%s chose the revision %s" % (self.party.name, name))
         self.model.show(clause, revision)
 
@@ -308,14 +354,16 @@ class Day:
         self.deck = []
         self.actions = collections.Counter()
         self.counts = collections.Counter()
-        self.agreed = set()     # what both agreed on at some time
+        self.agreed = set()  # what both agreed on at some time
         self.differing = 0
         self.began = time.monotonic()
         self.desktop = driver.Desktop()
         self.server = driver.Server()
         self.players = []
-        parties = (driver.Party("anna", driver.ANNA, driver.LEFT),
-                   driver.Party("bert", driver.BERT, driver.RIGHT))
+        parties = (
+            driver.Party("anna", driver.ANNA, driver.LEFT),
+            driver.Party("bert", driver.BERT, driver.RIGHT),
+        )
         for party, rows in zip(parties, model.make_parties(driver.ANNA, driver.BERT)):
             self.players.append(Player(self, party, rows))
         self.move_clock(0)
@@ -358,14 +406,16 @@ class Day:
 
     def count_kept(self, player):
         """How many messages the server keeps for a party that is away."""
-        return self.server_file("data", "alpha%2etest", "offline",
-                                player.model.user + ".list").count("item(")
+        return self.server_file(
+            "data", "alpha%2etest", "offline", player.model.user + ".list"
+        ).count("item(")
 
     # ---- Comparing ----
 
     def settle(self):
         """Waits until both databases hold what they must, what has no place there has been warned
         of, the server keeps the rest, and has acknowledged it."""
+
         def is_settled(player):
             if player.differences():
                 return False
@@ -377,8 +427,10 @@ class Day:
             return player.model.warnings == player.warnings
 
         def settled():
-            return all(is_settled(player) for player in self.players
-                       if player.model.rows["accounts"])
+            return all(
+                is_settled(player) for player in self.players if player.model.rows["accounts"]
+            )
+
         self.counts["comparisons"] += 1
         if self.wait_quietly(settled, driver.BOUND):
             return
@@ -389,11 +441,15 @@ class Day:
             lines += ["%s: %s" % (player.party.name, line) for line in player.differences()]
             kept, waiting = self.count_kept(player), len(player.model.waiting)
             if not player.model.is_online and kept != waiting:
-                lines.append("the server keeps %d messages for %s, not %d" % (
-                    kept, player.party.name, waiting))
+                lines.append(
+                    "the server keeps %d messages for %s, not %d"
+                    % (kept, player.party.name, waiting)
+                )
             if player.model.warnings != player.warnings:
-                lines.append("%s warns: %s, not %s" % (
-                    player.party.name, dict(player.warnings), player.model.warnings))
+                lines.append(
+                    "%s warns: %s, not %s"
+                    % (player.party.name, dict(player.warnings), player.model.warnings)
+                )
         self.differing += max(1, sum(line.lstrip()[:1] in "+-" for line in lines))
         raise Difference("\n".join(lines))
 
@@ -432,15 +488,22 @@ class Day:
         other = next(one for one in self.players if one is not player)
         if player.list == "Contacts" and player.is_connected and rows.contact(rows.other.jid):
             player.party.wait_contact(
-                rows.other.jid, "available" if other.is_connected else "unavailable")
+                rows.other.jid, "available" if other.is_connected else "unavailable"
+            )
             self.counts["presence"] += 1
         return seen
 
     def compare_agreements(self, stores):
         """What both agreed on, in procedures that both still have, is the same on both sides."""
         known = [{(row[2], row[1], row[4]) for row in store["procedures"]} for store in stores]
-        agreed = [{agreement for agreement in model.agreements(store)
-                   if agreement[0] in known[0] & known[1]} for store in stores]
+        agreed = [
+            {
+                agreement
+                for agreement in model.agreements(store)
+                if agreement[0] in known[0] & known[1]
+            }
+            for store in stores
+        ]
         self.expect("agreed", agreed[0], agreed[1])
         self.agreed |= agreed[0]
 
@@ -475,8 +538,11 @@ class Day:
                     del self.deck[number]
                     return kind
             # A short day has fewer of each, so that it has some of all.
-            more = [kind for kind, count in CARDS.items()
-                    for _ in range(-(-count // 3) if self.trial.short else count)]
+            more = [
+                kind
+                for kind, count in CARDS.items()
+                for _ in range(-(-count // 3) if self.trial.short else count)
+            ]
             self.source.shuffle(more)
             self.deck += more
         raise driver.Failure("no action can be drawn")
@@ -501,8 +567,11 @@ class Day:
 
     def do_add_a_clause(self):
         player = self.draw_player()
-        procedures = [procedure for procedure in player.model.procedures
-                      if len(procedure["clauses"]) < CLAUSES_MAX]
+        procedures = [
+            procedure
+            for procedure in player.model.procedures
+            if len(procedure["clauses"]) < CLAUSES_MAX
+        ]
         if not procedures:
             return False
         procedure = player.page if player.page in procedures else self.source.choice(procedures)
@@ -559,9 +628,12 @@ class Day:
     def do_decide(self):
         player = self.draw_player()
         rows = player.model
-        clause = self.draw_clause(player, lambda clause: clause["shown"] and not (
-            rows.decision(clause["shown"], rows.jid)) and rows.decision(clause["shown"],
-                                                                        rows.other.jid))
+        clause = self.draw_clause(
+            player,
+            lambda clause: clause["shown"]
+            and not (rows.decision(clause["shown"], rows.jid))
+            and rows.decision(clause["shown"], rows.other.jid),
+        )
         if clause is None or self.source.random() < 0.2:
             clause = self.draw_clause(player, lambda clause: clause["revisions"])
         if clause is None:
@@ -584,8 +656,9 @@ class Day:
         """One of two who are there, the other, and a clause with revisions that both have."""
         player = self.draw_player()
         other = next(one for one in self.players if one is not player)
-        clause = self.draw_clause(player, lambda clause: clause["revisions"] and
-                                  player.counterpart(clause))
+        clause = self.draw_clause(
+            player, lambda clause: clause["revisions"] and player.counterpart(clause)
+        )
         return player, other, clause
 
     def do_agree(self):
@@ -655,12 +728,18 @@ class Day:
 
     def do_compare(self):
         """Compares the shown revision with the one before, decides on each change, commits."""
+
         def texts(clause):
             return [revision["text"] for revision in clause["revisions"][-2:]]
+
         player = self.draw_player()
         clause = self.draw_clause(
-            player, lambda clause: len(set(texts(clause))) == 2 and all(
-                text.strip() and "\n" not in text and len(text) < 150 for text in texts(clause)))
+            player,
+            lambda clause: len(set(texts(clause))) == 2
+            and all(
+                text.strip() and "\n" not in text and len(text) < 150 for text in texts(clause)
+            ),
+        )
         if clause is None:
             return False
         if clause["shown"] is not clause["revisions"][-1]:
@@ -685,7 +764,7 @@ class Day:
                 is_last_kept = kept[number]
             if kept[number]:
                 done += text
-            rest = "".join(text for _, text in stretches[number + 1:])
+            rest = "".join(text for _, text in stretches[number + 1 :])
             party.wait_text("Clause text", done + rest, nth)
         if is_last_kept:
             party.open_menu(node, "Use this text as draft")
@@ -704,6 +783,7 @@ class Day:
         def find():
             node.call("org.a11y.atspi.Text", "SetCaretOffset", "i", offset)
             return party.find_tool(is_kept)
+
         tool = self.desktop.wait(find, "%s sees the tools of a change" % party.name)
         party.press(tool.name())
         self.desktop.wait(lambda: len(node.runs()) == changes - 1, "a change is decided on")
@@ -730,8 +810,7 @@ class Day:
         else:
             # It is kept by what comes in its place.
             nth = player.find(clause)
-            player.party.give_keyboard(
-                player.party.wait_for("Revisions", driver.BUTTON_ROLES, nth))
+            player.party.give_keyboard(player.party.wait_for("Revisions", driver.BUTTON_ROLES, nth))
             text = self.writer.text()
             player.party.put("Clause text", text, nth)
             player.model.type(clause, text)
@@ -748,8 +827,11 @@ class Day:
             self.begin(player)
             self.begin(player)
         elif kind == "clauses":
-            procedures = [procedure for procedure in player.model.procedures
-                          if len(procedure["clauses"]) + 2 <= CLAUSES_MAX]
+            procedures = [
+                procedure
+                for procedure in player.model.procedures
+                if len(procedure["clauses"]) + 2 <= CLAUSES_MAX
+            ]
             if not procedures:
                 return False
             procedure = self.source.choice(procedures)
@@ -838,8 +920,15 @@ class Day:
             kind = self.draw()
             self.settle()
             self.actions[kind] += 1
-            print("%s  %-20s %4.1f s" % (time.strftime("%H:%M:%S", time.gmtime(self.now)), kind,
-                                         time.monotonic() - began), flush=True)
+            print(
+                "%s  %-20s %4.1f s"
+                % (
+                    time.strftime("%H:%M:%S", time.gmtime(self.now)),
+                    kind,
+                    time.monotonic() - began,
+                ),
+                flush=True,
+            )
             if sum(self.actions.values()) % 5 == 0:
                 self.pause()
         self.end()
@@ -878,44 +967,88 @@ class Day:
         for player in self.players:
             player.read_console()
         hours = "%.1f" % ((self.now - START) / 3600)
-        trial.check("Hours that went by without a fault, at least", "%d.0" % self.hours,
-                    hours if fault is None else "%s, then: %s" % (hours, fault),
-                    fault is None and self.now >= START + self.hours * 3600)
-        trial.check("Pauses at which both databases held exactly the model's rows, and the server "
-                    "exactly the messages that waited", counts["pauses"], counts["pauses passed"])
+        trial.check(
+            "Hours that went by without a fault, at least",
+            "%d.0" % self.hours,
+            hours if fault is None else "%s, then: %s" % (hours, fault),
+            fault is None and self.now >= START + self.hours * 3600,
+        )
+        trial.check(
+            "Pauses at which both databases held exactly the model's rows, and the server "
+            "exactly the messages that waited",
+            counts["pauses"],
+            counts["pauses passed"],
+        )
         trial.check("Rows too many, too few, or with another column or link", 0, self.differing)
-        trial.check("Database files that SQLite finds whole at the pauses", 2 * counts["pauses"],
-                    counts["files"])
-        trial.check("Messages sent, by the model and by the consoles",
-                    sum(party.sent for party in models),
-                    sum(player.sent for player in self.players))
-        trial.check("Messages about a procedure that the receiver had deleted: warned of, and "
-                    "nothing else", sum(sum(party.warnings.values()) for party in models),
-                    sum(sum(player.warnings.values()) for player in self.players))
-        trial.check("Texts that both agreed on, whenever nothing was under way", "same",
-                    "same" if fault is None and self.agreed else "not known")
+        trial.check(
+            "Database files that SQLite finds whole at the pauses",
+            2 * counts["pauses"],
+            counts["files"],
+        )
+        trial.check(
+            "Messages sent, by the model and by the consoles",
+            sum(party.sent for party in models),
+            sum(player.sent for player in self.players),
+        )
+        trial.check(
+            "Messages about a procedure that the receiver had deleted: warned of, and "
+            "nothing else",
+            sum(sum(party.warnings.values()) for party in models),
+            sum(sum(player.warnings.values()) for player in self.players),
+        )
+        trial.check(
+            "Texts that both agreed on, whenever nothing was under way",
+            "same",
+            "same" if fault is None and self.agreed else "not known",
+        )
         trial.figure("Seed", self.seed)
         trial.figure("Real time", "%d s" % (time.monotonic() - self.began))
-        trial.figure("Actions", "%d: %s" % (
-            sum(self.actions.values()),
-            ", ".join("%s %d" % item for item in sorted(self.actions.items()))))
-        trial.figure("Changes decided on in the comparisons; decisions changed later; ends with "
-                     "unsaved typing", "%d; %d; %d" % (
-                         counts["changes decided on"], counts["changes of mind"],
-                         counts["left with unsaved typing"]))
-        trial.figure("Messages that the server kept for who was away, all delivered later",
-                     counts["came"])
-        trial.figure("Starts of a program after its first; of these after a kill -9", "%d; %d" % (
-            counts["restarts"], counts["kills"]))
-        trial.figure("Pauses", "%d: %d with both there, %d with one, %d with none; at %d messages "
-                     "were under way, up to %d" % (
-                         counts["pauses"], counts["pauses with 2 online"],
-                         counts["pauses with 1 online"], counts["pauses with 0 online"],
-                         counts["pauses under way"], counts["kept"]))
-        trial.figure("Rows compared at the pauses; comparisons beside them, one after each step",
-                     "%d; %d" % (counts["rows"], counts["comparisons"] - counts["pauses"]))
-        trial.figure("Pauses at which the other party's presence was on the screen, as it was",
-                     counts["presence"])
+        trial.figure(
+            "Actions",
+            "%d: %s"
+            % (
+                sum(self.actions.values()),
+                ", ".join("%s %d" % item for item in sorted(self.actions.items())),
+            ),
+        )
+        trial.figure(
+            "Changes decided on in the comparisons; decisions changed later; ends with "
+            "unsaved typing",
+            "%d; %d; %d"
+            % (
+                counts["changes decided on"],
+                counts["changes of mind"],
+                counts["left with unsaved typing"],
+            ),
+        )
+        trial.figure(
+            "Messages that the server kept for who was away, all delivered later", counts["came"]
+        )
+        trial.figure(
+            "Starts of a program after its first; of these after a kill -9",
+            "%d; %d" % (counts["restarts"], counts["kills"]),
+        )
+        trial.figure(
+            "Pauses",
+            "%d: %d with both there, %d with one, %d with none; at %d messages "
+            "were under way, up to %d"
+            % (
+                counts["pauses"],
+                counts["pauses with 2 online"],
+                counts["pauses with 1 online"],
+                counts["pauses with 0 online"],
+                counts["pauses under way"],
+                counts["kept"],
+            ),
+        )
+        trial.figure(
+            "Rows compared at the pauses; comparisons beside them, one after each step",
+            "%d; %d" % (counts["rows"], counts["comparisons"] - counts["pauses"]),
+        )
+        trial.figure(
+            "Pauses at which the other party's presence was on the screen, as it was",
+            counts["presence"],
+        )
         trial.figure("Texts that both agreed on", len(self.agreed))
 
 

@@ -17,8 +17,11 @@ SEEDS = range(1001, 1021)
 STEPS = 1000  # a seed
 SHORT_STEPS = 100
 BOUND = 1200  # seconds a seed
-FIGURES = re.compile(r"^walk: (\d+) steps; (\d+) texts typed, (\d+) received, (\d+) commits, "
-                     r"(\d+) deletions, (\d+) restarts, (\d+) kills$", re.MULTILINE)
+FIGURES = re.compile(
+    r"^walk: (\d+) steps; (\d+) texts typed, (\d+) received, (\d+) commits, "
+    r"(\d+) deletions, (\d+) restarts, (\d+) kills$",
+    re.MULTILINE,
+)
 
 
 def main():
@@ -26,15 +29,28 @@ def main():
     seeds, steps = (SEEDS[:1], SHORT_STEPS) if trial.short else (SEEDS, STEPS)
     sums = [0] * 7
     for seed in seeds:
-        figures = run_walk(trial, "test_clause_view_drafts", "clause_view/DraftsWalk.*/0",
-                           FIGURES, BOUND, MORVANE_SEED=seed, MORVANE_STEPS=steps)
+        figures = run_walk(
+            trial,
+            "test_clause_view_drafts",
+            "clause_view/DraftsWalk.*/0",
+            FIGURES,
+            BOUND,
+            MORVANE_SEED=seed,
+            MORVANE_STEPS=steps,
+        )
         if figures:
             sums = [sum(pair) for pair in zip(sums, figures)]
     wanted = f"{len(seeds) * steps:,}"
-    trial.check(f"steps, of {wanted}, after which the stored draft is the one it must be, and every "
-                "other saved text is at hand", wanted, f"{sums[0]:,}")
-    trial.figure("Texts typed; received; commits; deletions undone or not; restarts; kills",
-                 "; ".join(f"{figure:,}" for figure in sums[1:]))
+    trial.check(
+        f"steps, of {wanted}, after which the stored draft is the one it must be, and every "
+        "other saved text is at hand",
+        wanted,
+        f"{sums[0]:,}",
+    )
+    trial.figure(
+        "Texts typed; received; commits; deletions undone or not; restarts; kills",
+        "; ".join(f"{figure:,}" for figure in sums[1:]),
+    )
     sys.exit(trial.end())
 
 

@@ -40,10 +40,14 @@ STOP = re.compile(r"^morvane: (src/\w+\.cpp):\d+: .*: Assertion `(.*)' failed\.$
 RAM = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 
 # What makes an error iq one that a server passes on.
-ERROR = (b"<error type='cancel'><item-not-found xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>"
-         b"</iq>")
-LINE_MAX = 8192  # bytes of a line on the console; what is longer is cut there, and so it is laid down
-MARK = 10 ** 12  # ids of the iqs that mark the end of a case count on from here
+ERROR = (
+    b"<error type='cancel'><item-not-found xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>"
+    b"</iq>"
+)
+LINE_MAX = (
+    8192  # bytes of a line on the console; what is longer is cut there, and so it is laid down
+)
+MARK = 10**12  # ids of the iqs that mark the end of a case count on from here
 
 
 class Victim:
@@ -90,7 +94,9 @@ class Victim:
             self.pending += data
             if not data:
                 if self.party.process.poll() is not None:
-                    raise driver.Failure("the program ended with %s" % self.party.process.returncode)
+                    raise driver.Failure(
+                        "the program ended with %s" % self.party.process.returncode
+                    )
                 if time.monotonic() > deadline:
                     raise driver.Failure("the console never said %r" % pattern)
                 time.sleep(0.001)
@@ -106,15 +112,20 @@ class Victim:
             send(data)
         send(head + b"type='error' id='%d'>" % self.mark + ERROR)
         end = b"Warning: Got an IQ an ID %d which doesn't correspond to any requested." % self.mark
-        text = self.wait_console(end)[:-len(end)]
-        return [line[:LINE_MAX] for line in LINE.findall(text)
-                if b"GnuTLS recv error -28" not in line]
+        text = self.wait_console(end)[: -len(end)]
+        return [
+            line[:LINE_MAX] for line in LINE.findall(text) if b"GnuTLS recv error -28" not in line
+        ]
 
     def read_rows(self, table, start):
         """The rows of the store from a number on."""
         columns = ", ".join(cases.TABLES[table])
-        return [list(row) for row in self.store.execute(
-            f"SELECT {columns} FROM {table} WHERE db_id > {start} ORDER BY db_id")]
+        return [
+            list(row)
+            for row in self.store.execute(
+                f"SELECT {columns} FROM {table} WHERE db_id > {start} ORDER BY db_id"
+            )
+        ]
 
     def adopt(self):
         """Takes what the store has for what it must have."""
@@ -126,11 +137,15 @@ class Victim:
         for table, start in starts.items():
             seen, expected = self.read_rows(table, start), self.books.tables[table][start:]
             if len(seen) != len(expected):
-                return "%s: %d rows instead of %d" % (table, len(seen) + start,
-                                                      len(expected) + start)
+                return "%s: %d rows instead of %d" % (
+                    table,
+                    len(seen) + start,
+                    len(expected) + start,
+                )
             for one, other in zip(seen, expected):
-                if not all(mine == theirs or theirs == cases.NOW
-                           for mine, theirs in zip(one, other)):
+                if not all(
+                    mine == theirs or theirs == cases.NOW for mine, theirs in zip(one, other)
+                ):
                     return "%s: %.300r instead of %.300r" % (table, one, other)
         return None
 
@@ -169,8 +184,7 @@ class Victim:
         self.console.seek(0, os.SEEK_END)
         errors = self.take_errors()
         stops = [": ".join(stop) for stop in STOP.findall(errors)]
-        rest = [line for line in STOP.sub("", errors).splitlines()
-                if driver.COMPLAINT.search(line)]
+        rest = [line for line in STOP.sub("", errors).splitlines() if driver.COMPLAINT.search(line)]
         return status, stops, rest
 
     def take_errors(self):
@@ -213,8 +227,9 @@ class Tally:
         """One row of the trial for these groups."""
         total = sum(self.total[group] for group in groups)
         good = sum(self.good[group] for group in groups)
-        trial.check(row, f"{total:,} {outcome}", f"{good:,} {outcome}",
-                    ok=total == good and total > 0)
+        trial.check(
+            row, f"{total:,} {outcome}", f"{good:,} {outcome}", ok=total == good and total > 0
+        )
 
 
 def cut_at_nul(seen, expected):
@@ -290,8 +305,7 @@ def try_all(trial, victim, evil, peer, tally):
     found = [case for case in all_cases(peer) if not is_stop(case, victim.full)]
     if trial.short:
         found = thin(found, 20)
-    answered = re.compile(
-        rb"<presence type='subscribed?' id='\d+' from='[^']*' to='[^']*'/>")
+    answered = re.compile(rb"<presence type='subscribed?' id='\d+' from='[^']*' to='[^']*'/>")
     with evil.wire.news:
         start = len(evil.wire.heard)
     for case in found:
@@ -308,10 +322,13 @@ def try_all(trial, victim, evil, peer, tally):
             break
         time.sleep(driver.POLL)
     same = len(sent) == len(expected) and all(
-        re.fullmatch(pattern, stanza, re.S) for pattern, stanza in zip(expected, sent))
-    trial.check("answers to requests for subscription, in bytes that reached the server",
-                f"{len(expected)} stanzas as laid down",
-                f"{len(sent)} stanzas {'as laid down' if same else 'with others among them'}")
+        re.fullmatch(pattern, stanza, re.S) for pattern, stanza in zip(expected, sent)
+    )
+    trial.check(
+        "answers to requests for subscription, in bytes that reached the server",
+        f"{len(expected)} stanzas as laid down",
+        f"{len(sent)} stanzas {'as laid down' if same else 'with others among them'}",
+    )
 
 
 def check_store(victim):
@@ -351,9 +368,15 @@ def try_stops(trial, victim, evil, peer, tally):
         tally.add("stops", case.what, difference)
         tally.add("stores after stops", case.what, check_store(victim))
     evil.login(victim)
-    tally.add("stores after stops", "the last start",
-              victim.judge(cases.Case("last", "a clause", [peer.message(peer.element("x-clause"))]),
-                           evil.send, HEAD))
+    tally.add(
+        "stores after stops",
+        "the last start",
+        victim.judge(
+            cases.Case("last", "a clause", [peer.message(peer.element("x-clause"))]),
+            evil.send,
+            HEAD,
+        ),
+    )
 
 
 # ---- What the window shows ----
@@ -366,12 +389,19 @@ def try_shown(trial, victim, evil, peer):
     title = text.replace("'", "\u2019")
     author = b"&lt;b&gt;<i>bert<i>&amp;%s"
     times = [peer.fresh() for _ in range(4)]
-    pairs = [(kind, b"%s:%d" % (author, time), b"'") for kind, time in
-             zip((b"procedure", b"clause", b"revision", b"message"), times)]
-    one = cases.Message([(b"from", author, b"'")], [
-        cases.Element("x-procedure", pairs[:1], content), cases.Element("x-clause", pairs[:2], b""),
-        cases.Element("x-revision", pairs[:3], content),
-        cases.Element("x-clause-message", pairs[:2] + pairs[3:], content)])
+    pairs = [
+        (kind, b"%s:%d" % (author, time), b"'")
+        for kind, time in zip((b"procedure", b"clause", b"revision", b"message"), times)
+    ]
+    one = cases.Message(
+        [(b"from", author, b"'")],
+        [
+            cases.Element("x-procedure", pairs[:1], content),
+            cases.Element("x-clause", pairs[:2], b""),
+            cases.Element("x-revision", pairs[:3], content),
+            cases.Element("x-clause-message", pairs[:2] + pairs[3:], content),
+        ],
+    )
     difference = victim.judge(cases.Case("shown", "markup", [one]), evil.send, HEAD)
     party = victim.party
     party.open_procedure(title)
@@ -386,17 +416,23 @@ def try_shown(trial, victim, evil, peer):
     party.wait_for("Chat", driver.ENTRY_ROLES)
     if party.text("Chat") == "%s: %s" % (name, text):
         seen.append("chat line")
-    trial.check("markup, SQL and formats in title, author, text and chat line: what the window shows",
-                "stored as sent, title, author, text, chat line as text",
-                "%s as text" % ", ".join(sorted(seen[:1]) + sorted(seen[1:],
-                 key=["title", "author", "text", "chat line"].index)))
+    trial.check(
+        "markup, SQL and formats in title, author, text and chat line: what the window shows",
+        "stored as sent, title, author, text, chat line as text",
+        "%s as text"
+        % ", ".join(
+            sorted(seen[:1]) + sorted(seen[1:], key=["title", "author", "text", "chat line"].index)
+        ),
+    )
 
 
 def vcard_answer(sender, number, name):
     """The answer to a request for a vCard."""
-    return (b"<iq type='result' id='%s' from='%s'><vcard xmlns='urn:ietf:params:xml:ns:vcard-4.0'>"
-            b"<fn><text>%s</text></fn><role><text>%s</text></role></vcard></iq>" % (
-                number, sender, name, b"r" * 100000))
+    return (
+        b"<iq type='result' id='%s' from='%s'><vcard xmlns='urn:ietf:params:xml:ns:vcard-4.0'>"
+        b"<fn><text>%s</text></fn><role><text>%s</text></role></vcard></iq>"
+        % (number, sender, name, b"r" * 100000)
+    )
 
 
 def try_vcard(trial, victim, evil, peer):
@@ -415,10 +451,13 @@ def try_vcard(trial, victim, evil, peer):
     shown = victim.party.text("Name")
     victim.party.click("Close")
     is_text = shown.startswith("<b>An") and "</b> 'x'" in shown
-    trial.check("answers to a request for the own vCard: from others; from the server with markup "
-                "and bad UTF-8", "4 refused, the server's shown as text",
-                "%s, the server's shown %s" % ("4 refused" if refused else "%r" % seen,
-                                               "as text" if is_text else "as %r" % shown))
+    trial.check(
+        "answers to a request for the own vCard: from others; from the server with markup "
+        "and bad UTF-8",
+        "4 refused, the server's shown as text",
+        "%s, the server's shown %s"
+        % ("4 refused" if refused else "%r" % seen, "as text" if is_text else "as %r" % shown),
+    )
 
 
 # ---- Over a real server ----
@@ -473,9 +512,14 @@ def write_tree(node):
     if isinstance(node, bytes):
         return cases.escape(node)
     name, attributes, children = node
-    data = b"<" + name + b"".join(
-        b" %s='%s'" % (key.split("\x1f")[-1].encode(), cases.escape(value.encode()))
-        for key, value in attributes.items())
+    data = (
+        b"<"
+        + name
+        + b"".join(
+            b" %s='%s'" % (key.split("\x1f")[-1].encode(), cases.escape(value.encode()))
+            for key, value in attributes.items()
+        )
+    )
     if not children:
         return data + b"/>"
     return data + b">" + b"".join(write_tree(child) for child in children) + b"</" + name + b">"
@@ -492,8 +536,9 @@ def relay(case, peer):
         return None
     stanzas = []
     for _, _, children in trees:
-        bodies = [child for child in children if not isinstance(child, bytes)
-                  and child[0] == b"body"]
+        bodies = [
+            child for child in children if not isinstance(child, bytes) and child[0] == b"body"
+        ]
         body = None
         if bodies:
             body = []
@@ -501,9 +546,16 @@ def relay(case, peer):
                 name = None if isinstance(child, bytes) else child[0].decode()
                 if name in cases.PAIRS:
                     content = b"".join(write_tree(piece) for piece in child[2])
-                    body.append(cases.Element(name, [
-                        (key.split("\x1f")[-1].encode(), cases.escape(value.encode()), b"'")
-                        for key, value in child[1].items()], content))
+                    body.append(
+                        cases.Element(
+                            name,
+                            [
+                                (key.split("\x1f")[-1].encode(), cases.escape(value.encode()), b"'")
+                                for key, value in child[1].items()
+                            ],
+                            content,
+                        )
+                    )
                 elif name is None:
                     body.append(cases.escape(child))
                 else:
@@ -543,17 +595,21 @@ class RealPeer:
 
 def can_be_relayed(case):
     """Cases that a server passes on without a judgement of its own: messages."""
-    return all(isinstance(stanza, cases.Message) and dict(
-        (name, value) for name, value, _ in stanza.attributes).get(b"type") == b"chat"
-        for stanza in case.stanzas)
+    return all(
+        isinstance(stanza, cases.Message)
+        and dict((name, value) for name, value, _ in stanza.attributes).get(b"type") == b"chat"
+        for stanza in case.stanzas
+    )
 
 
 def relay_cases(trial, victim, real, tally, who, step):
     """A peer's cases through the real server: passed on and judged, or refused."""
-    found = [case for case in all_cases(real.peer) if can_be_relayed(case)
-             and case.group != "impostors"]
-    found = found[::step] + [case for case in all_cases(real.peer) if case.group == "impostors"
-                             and can_be_relayed(case)]
+    found = [
+        case for case in all_cases(real.peer) if can_be_relayed(case) and case.group != "impostors"
+    ]
+    found = found[::step] + [
+        case for case in all_cases(real.peer) if case.group == "impostors" and can_be_relayed(case)
+    ]
     for case in found:
         data = b"".join(cases.encode(stanza) for stanza in case.stanzas)
         arrived = relay(case, real.peer)
@@ -562,8 +618,13 @@ def relay_cases(trial, victim, real, tally, who, step):
             refused = real.is_refused(data)
             lines = victim.deliver(b"", real.send, real.head)
             unchanged = victim.store.execute("PRAGMA data_version").fetchone() == version
-            tally.add("refused", case.what, None if refused and not lines and unchanged else
-                      "refused %s, lines %r, unchanged %s" % (refused, lines, unchanged))
+            tally.add(
+                "refused",
+                case.what,
+                None
+                if refused and not lines and unchanged
+                else "refused %s, lines %r, unchanged %s" % (refused, lines, unchanged),
+            )
         elif not is_stop(arrived, victim.full):
             # The bytes are the peer's own; what is judged is what arrives.
             difference = judge_arrived(victim, real, arrived, data)
@@ -575,8 +636,9 @@ def relay_cases(trial, victim, real, tally, who, step):
 def judge_arrived(victim, real, arrived, data):
     """Judges a case by what arrives, while the peer's own bytes are sent."""
     sent = [data]
-    return victim.judge(arrived, lambda bytes_: real.send(sent.pop() if sent else bytes_),
-                        real.head)
+    return victim.judge(
+        arrived, lambda bytes_: real.send(sent.pop() if sent else bytes_), real.head
+    )
 
 
 def try_real_server(trial, tally):
@@ -586,8 +648,9 @@ def try_real_server(trial, tally):
     options = [] if trial.short else ["--federation"]
     servers = [driver.Server("prosody", options, driver.HOST, [driver.ANNA, driver.BERT, CAROL])]
     if not trial.short:
-        servers.append(driver.Server("prosody", options + ["--interface", OTHER_ADDRESS],
-                                     OTHER_HOST, [EVE]))
+        servers.append(
+            driver.Server("prosody", options + ["--interface", OTHER_ADDRESS], OTHER_HOST, [EVE])
+        )
     for server in servers:
         server.start()
     victim = Victim(driver.ANNA)
@@ -599,8 +662,10 @@ def try_real_server(trial, tally):
     befriend(victim, bert)
     carol = RealPeer(CAROL, "127.0.0.1", victim.full)
     carol.peer.next_time += 100000
-    peers = [(bert, "contact", 12 if trial.short else 1),
-             (carol, "stranger", 80 if trial.short else 4)]
+    peers = [
+        (bert, "contact", 12 if trial.short else 1),
+        (carol, "stranger", 80 if trial.short else 4),
+    ]
     if not trial.short:
         eve = RealPeer(EVE, OTHER_ADDRESS, victim.full)
         peers.append((eve, "other host", 10))
@@ -632,11 +697,17 @@ def try_nested(victim, bert, carol, tally):
     """A stranger's stanza holds another one in a contact's name, behind an element with a name that
     is rare and enough blanks to fill a record."""
     own = victim.full
-    for what, body in (("a revision", [bert.peer.element("x-revision", b"Forged")]),
-                       ("a procedure", [bert.peer.element("x-procedure", b"Forged")]),
-                       ("a line of the chat", [b"Forged"])):
+    for what, body in (
+        ("a revision", [bert.peer.element("x-revision", b"Forged")]),
+        ("a procedure", [bert.peer.element("x-procedure", b"Forged")]),
+        ("a line of the chat", [b"Forged"]),
+    ):
         inner = cases.encode(bert.peer.message(*body))
-        outer = b"<message to='%s' type='chat'><_x>t</_x>%s%s</message>" % (own, b" " * 20000, inner)
+        outer = b"<message to='%s' type='chat'><_x>t</_x>%s%s</message>" % (
+            own,
+            b" " * 20000,
+            inner,
+        )
         lines = victim.deliver(outer, carol.send, carol.head)
         speaks = [line for line in lines if line.startswith(b"Received") and b"bert" in line]
         difference = check_store(victim) or ("lines %r" % speaks if speaks else None)
@@ -647,8 +718,10 @@ def try_nested(victim, bert, carol, tally):
 
 def settle(real, number):
     """Waits until the server has taken all that this peer sent."""
-    real.send(b"<iq type='get' id='settle%d' to='%s'><ping xmlns='urn:xmpp:ping'/></iq>" % (
-        number, real.host.encode()))
+    real.send(
+        b"<iq type='get' id='settle%d' to='%s'><ping xmlns='urn:xmpp:ping'/></iq>"
+        % (number, real.host.encode())
+    )
     real.wire.wait(b"<iq [^>]*id=.settle%d" % number)
 
 
@@ -676,8 +749,11 @@ def try_offline(victim, bert, carol, tally):
         time.sleep(driver.POLL)
     stored = victim.read_rows("procedures", start)
     for number, row in enumerate(victim.books.tables["procedures"][start:]):
-        tally.add("offline", "offline: procedure %d" % number,
-                  None if row in stored else "not among %d rows" % len(stored))
+        tally.add(
+            "offline",
+            "offline: procedure %d" % number,
+            None if row in stored else "not among %d rows" % len(stored),
+        )
     if len(stored) < 20:
         victim.adopt()
     settle(carol, 2)
@@ -686,19 +762,29 @@ def try_offline(victim, bert, carol, tally):
 def try_real_stops(trial, victim, reals, tally):
     """Designed stops that a peer, a stranger and another host can cause through a real server."""
     for number, real in enumerate(reals):
-        found = [case for case in all_cases(real.peer) if is_stop(case, victim.full)
-                 and case.group == "attributes" and relay(case, real.peer)]
-        for case in found[number::127 if trial.short else 11 if number == 0 else 31]:
+        found = [
+            case
+            for case in all_cases(real.peer)
+            if is_stop(case, victim.full) and case.group == "attributes" and relay(case, real.peer)
+        ]
+        for case in found[number :: 127 if trial.short else 11 if number == 0 else 31]:
             arrived = relay(case, real.peer)
             try:
                 cases.read(arrived, victim.full)
                 continue
             except cases.Stop as stop:
                 expected = ": ".join(stop.args)
-            real_stop(victim, real, b"".join(map(cases.encode, case.stanzas)), expected, tally,
-                      case.what)
-        real_stop(victim, real, real.head + b"type='error' id='x'>" + ERROR,
-                  "src/xmpp_connection.cpp: string_has_only_digits (id_attrib)", tally, "error id")
+            real_stop(
+                victim, real, b"".join(map(cases.encode, case.stanzas)), expected, tally, case.what
+            )
+        real_stop(
+            victim,
+            real,
+            real.head + b"type='error' id='x'>" + ERROR,
+            "src/xmpp_connection.cpp: string_has_only_digits (id_attrib)",
+            tally,
+            "error id",
+        )
 
 
 def real_stop(victim, real, data, expected, tally, what):
@@ -709,8 +795,9 @@ def real_stop(victim, real, data, expected, tally, what):
     real.send(data)
     status, stops, rest = victim.wait_stop()
     good = (status, stops, rest) == (-signal.SIGABRT, [expected], [])
-    tally.add("real stops", what, None if good else "%r instead of %r" % (
-        (status, stops, rest), expected))
+    tally.add(
+        "real stops", what, None if good else "%r instead of %r" % ((status, stops, rest), expected)
+    )
     tally.add("real stores after stops", what, check_store(victim))
 
 
@@ -719,8 +806,13 @@ def real_stop(victim, real, data, expected, tally, what):
 
 def main():
     """Runs the parts that were asked for, all by default."""
-    trial = Trial("hostile", __doc__, lambda parser: parser.add_argument(
-        "--part", action="append", help="only this part: server, real, memory, floods"))
+    trial = Trial(
+        "hostile",
+        __doc__,
+        lambda parser: parser.add_argument(
+            "--part", action="append", help="only this part: server, real, memory, floods"
+        ),
+    )
     driver.enter_world(HOSTS)
     driver.Options.binary = trial.binary
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
@@ -735,8 +827,12 @@ def main():
         parts[name](trial, evil, tally)
         print("%s took %.1f s" % (name, time.monotonic() - start), flush=True)
     if tally.total["whole stores"]:
-        tally.check(trial, "the stores read as a whole at the end", ["whole stores"],
-                    "with every row as computed, and no other")
+        tally.check(
+            trial,
+            "the stores read as a whole at the end",
+            ["whole stores"],
+            "with every row as computed, and no other",
+        )
     tally.check(trial, "standard error of the windows", ["warnings"], "without a warning of GTK")
     evil.server.stop()
     desktop.stop()
@@ -757,60 +853,114 @@ def try_server(trial, evil, tally):
     """The hostile server: everything."""
     victim, peer = begin_session(evil)
     tally.add("opening", "opening", victim.judge(peer.opening(), evil.send, HEAD))
-    tally.add("opening", "a contact", victim.judge(cases.Case("opening", "a contact", [
-        cases.presence(None, peer.full, victim.full)]), evil.send, HEAD))
+    tally.add(
+        "opening",
+        "a contact",
+        victim.judge(
+            cases.Case("opening", "a contact", [cases.presence(None, peer.full, victim.full)]),
+            evil.send,
+            HEAD,
+        ),
+    )
     try_shown(trial, victim, evil, peer)
     try_vcard(trial, victim, evil, peer)
     try_all(trial, victim, evil, peer, tally)
     rows = (
-        ("attributes of the five elements: doubled, huge, renamed, unknown, with quotes, NUL, bad "
-         "UTF-8, SQL, markup", ["attributes"]),
-        ("texts in the five elements: void, 1 MB, SQL, markup, entities, NUL, bad UTF-8", ["texts"]),
-        ("elements repeated, reordered, nested, out of place, without their parents", ["structure"]),
+        (
+            "attributes of the five elements: doubled, huge, renamed, unknown, with quotes, NUL, bad "
+            "UTF-8, SQL, markup",
+            ["attributes"],
+        ),
+        (
+            "texts in the five elements: void, 1 MB, SQL, markup, entities, NUL, bad UTF-8",
+            ["texts"],
+        ),
+        (
+            "elements repeated, reordered, nested, out of place, without their parents",
+            ["structure"],
+        ),
         ("what is no XML, no stanza, or too much of either", ["broken"]),
         ("presences of every type from and to every address", ["presences"]),
         ("chat lines with every sender and text", ["messages"]),
         ("iqs: roster pushes, answers and vCards that nobody asked for", ["iqs"]),
-        ("negotiation in the name of the other party, of a third, from a stranger: "
-         "dropped, but for new procedures", ["impostors"]),
+        (
+            "negotiation in the name of the other party, of a third, from a stranger: "
+            "dropped, but for new procedures",
+            ["impostors"],
+        ),
     )
     for row, groups in rows:
-        tally.check(trial, "from a hostile server: " + row, groups,
-                    "with the lines and rows laid down")
+        tally.check(
+            trial, "from a hostile server: " + row, groups, "with the lines and rows laid down"
+        )
     look_back(victim, tally, "from the hostile server")
     victim.party.kill()
     victim.pending = b""
     victim.console.seek(0, os.SEEK_END)
     try_stops(trial, victim, evil, peer, tally)
-    tally.check(trial, "pairs missing, empty or malformed, iqs that may not be: each ends a program",
-                ["stops"], "with exactly their assertion")
-    tally.check(trial, "the store after each of these, and the start after it",
-                ["stores after stops"], "with every row and integrity_check ok")
+    tally.check(
+        trial,
+        "pairs missing, empty or malformed, iqs that may not be: each ends a program",
+        ["stops"],
+        "with exactly their assertion",
+    )
+    tally.check(
+        trial,
+        "the store after each of these, and the start after it",
+        ["stores after stops"],
+        "with every row and integrity_check ok",
+    )
     trial.figure("comparisons of sqlite_master, all equal", f"{victim.schemas_compared:,}")
-    trial.figure("rows that the hostile server's cases left, as they had to", sum(
-        len(rows) for rows in victim.books.tables.values()))
+    trial.figure(
+        "rows that the hostile server's cases left, as they had to",
+        sum(len(rows) for rows in victim.books.tables.values()),
+    )
     victim.end()
 
 
 def try_real(trial, _, tally):
     """The real server; the hostile one is not needed."""
     try_real_server(trial, tally)
-    names = [("contact", "a contact's cases that Prosody passes on"),
-             ("stranger", "a stranger's"), ("other host", "those of an account at another host")]
+    names = [
+        ("contact", "a contact's cases that Prosody passes on"),
+        ("stranger", "a stranger's"),
+        ("other host", "those of an account at another host"),
+    ]
     for group, row in names:
         if tally.total[group]:
-            tally.check(trial, "through Prosody: " + row, [group],
-                        "with the lines and rows laid down")
-    tally.check(trial, "through Prosody: NUL, control characters, bad UTF-8, doubled attributes, "
-                "over 256 KB", ["refused"], "refused by the server, nothing seen by the window")
-    tally.check(trial, "through Prosody: a stranger's stanza around one in a contact's name",
-                ["nested"], "of which nothing is stored")
-    tally.check(trial, "through Prosody: procedures that waited beside a stranger's stanza that gives "
-                "no tree", ["offline"], "stored")
-    tally.check(trial, "through Prosody: cases that end the program", ["real stops"],
-                "with exactly their assertion")
-    tally.check(trial, "the store after each of these", ["real stores after stops"],
-                "with every row and integrity_check ok")
+            tally.check(
+                trial, "through Prosody: " + row, [group], "with the lines and rows laid down"
+            )
+    tally.check(
+        trial,
+        "through Prosody: NUL, control characters, bad UTF-8, doubled attributes, " "over 256 KB",
+        ["refused"],
+        "refused by the server, nothing seen by the window",
+    )
+    tally.check(
+        trial,
+        "through Prosody: a stranger's stanza around one in a contact's name",
+        ["nested"],
+        "of which nothing is stored",
+    )
+    tally.check(
+        trial,
+        "through Prosody: procedures that waited beside a stranger's stanza that gives " "no tree",
+        ["offline"],
+        "stored",
+    )
+    tally.check(
+        trial,
+        "through Prosody: cases that end the program",
+        ["real stops"],
+        "with exactly their assertion",
+    )
+    tally.check(
+        trial,
+        "the store after each of these",
+        ["real stores after stops"],
+        "with every row and integrity_check ok",
+    )
 
 
 # ---- Memory ----
@@ -839,12 +989,18 @@ def try_memory(trial, evil, tally):
     per_byte = memory / console
     expected = f"no more a byte of text than harmless stanzas take, and {KEPT_SIZE // 1_000_000} MB"
     harmless = figures["harmless"][0] / figures["harmless"][1]
-    trial.check(f"{len(refused):,} refused cases, {rounds} times: memory beside the console's text",
-                expected, expected if memory < max(harmless, 1) * console + KEPT_SIZE else
-                f"{per_byte:.1f} bytes a byte of text instead of {harmless:.1f}")
-    trial.figure("refused cases: growth of memory, console text",
-                 f"+{memory / 1e6:.1f} MB, {console / 1e6:.1f} MB: {per_byte:.1f} bytes a byte; "
-                 f"harmless stanzas {harmless:.1f}")
+    trial.check(
+        f"{len(refused):,} refused cases, {rounds} times: memory beside the console's text",
+        expected,
+        expected
+        if memory < max(harmless, 1) * console + KEPT_SIZE
+        else f"{per_byte:.1f} bytes a byte of text instead of {harmless:.1f}",
+    )
+    trial.figure(
+        "refused cases: growth of memory, console text",
+        f"+{memory / 1e6:.1f} MB, {console / 1e6:.1f} MB: {per_byte:.1f} bytes a byte; "
+        f"harmless stanzas {harmless:.1f}",
+    )
     look_back(victim, tally, "of refused cases")
     victim.end()
 
@@ -887,8 +1043,9 @@ class Clicks:
     def __init__(self, party):
         party.click("New procedure")
         self.party = party
-        self.nodes = [party.wait_for(name, driver.ENTRY_ROLES)
-                      for name in ("Procedure title", "Contractor")]
+        self.nodes = [
+            party.wait_for(name, driver.ENTRY_ROLES) for name in ("Procedure title", "Contractor")
+        ]
         self.places = [party.scroll_to(node) for node in self.nodes]
         self.turn = 0
         self.times = []
@@ -966,14 +1123,21 @@ def try_flood(trial, victim, evil, clicks, tally, what, stanzas, rows):
     tally.add("clicks", what, None if slow < CLICK_MAX else "after %.1f s" % slow)
     new = rows - rows_before
     within = memory < 15 * console + 200_000 * new + 10_000_000
-    tally.add("memory", what, None if within else "%.1f MB for %.1f MB of text and %d contacts" % (
-        memory / 1e6, console / 1e6, new))
+    tally.add(
+        "memory",
+        what,
+        None
+        if within
+        else "%.1f MB for %.1f MB of text and %d contacts" % (memory / 1e6, console / 1e6, new),
+    )
     seen = victim.party.count_rows("contacts")
     tally.add("contacts", what, None if seen == rows else "%d instead of %d" % (seen, rows))
-    trial.figure(what, "%.1f s; slowest of %d clicks meanwhile %.0f ms, of 5 after it %.0f ms; memory "
-                 "+%.1f MB, console text %.1f MB, store +%.2f MB" % (
-                     seconds, count, during * 1000, after * 1000, memory / 1e6, console / 1e6,
-                     stored / 1e6))
+    trial.figure(
+        what,
+        "%.1f s; slowest of %d clicks meanwhile %.0f ms, of 5 after it %.0f ms; memory "
+        "+%.1f MB, console text %.1f MB, store +%.2f MB"
+        % (seconds, count, during * 1000, after * 1000, memory / 1e6, console / 1e6, stored / 1e6),
+    )
 
 
 def try_floods(trial, evil, tally):
@@ -1003,10 +1167,18 @@ def try_floods(trial, evil, tally):
         try_flood(trial, victim, evil, clicks, tally, name, stanzas, rows)
         if kind:
             wait_heard(evil.wire, heard, len(answers(own, senders)))
-    tally.check(trial, "floods: clicks into the window meanwhile and after", ["clicks"],
-                "answered within %.0f s" % CLICK_MAX)
-    tally.check(trial, "floods: memory", ["memory"],
-                "grown by at most 15 bytes a byte of console text, 200 KB a new contact and 10 MB")
+    tally.check(
+        trial,
+        "floods: clicks into the window meanwhile and after",
+        ["clicks"],
+        "answered within %.0f s" % CLICK_MAX,
+    )
+    tally.check(
+        trial,
+        "floods: memory",
+        ["memory"],
+        "grown by at most 15 bytes a byte of console text, 200 KB a new contact and 10 MB",
+    )
     tally.check(trial, "floods: rows of contacts", ["contacts"], "with one a new address")
     look_back(victim, tally, None)
     victim.end()
@@ -1016,8 +1188,10 @@ def answers(own, senders):
     """What the program sends when it is asked for subscriptions, without the ids."""
     return b"".join(
         b"<presence type='subscribed' id='' from='%s' to='%s'/>"
-        b"<presence type='subscribe' id='' from='%s' to='%s'/>" % (
-            own, sender, cases.bare(own), sender) for sender in senders)
+        b"<presence type='subscribe' id='' from='%s' to='%s'/>"
+        % (own, sender, cases.bare(own), sender)
+        for sender in senders
+    )
 
 
 def wait_heard(wire, start, size):

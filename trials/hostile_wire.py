@@ -104,7 +104,7 @@ class Wire:
             with self.sending:
                 for start in range(0, len(data), 16384):
                     with self.lock:
-                        self.session.write(data[start:start + 16384])
+                        self.session.write(data[start : start + 16384])
                         encrypted = self.outgoing.read()
                     # Without the lock: whoever does not listen must still be heard.
                     self.peer.sendall(encrypted)
@@ -209,8 +209,7 @@ class HostileServer:
         bind = wire.wait(rb"<iq type='set' id='(\d+)'><bind .*<resource>([^<]*)</resource>")
         wire.send(
             b"<iq type='result' id='%s'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'>"
-            b"<jid>%s@%s/%s</jid></bind></iq>"
-            % (bind.group(1), user, self.host, bind.group(2))
+            b"<jid>%s@%s/%s</jid></bind></iq>" % (bind.group(1), user, self.host, bind.group(2))
         )
         wire.wait(rb"<presence [^>]*><priority>1</priority></presence>")
         return wire
@@ -232,9 +231,7 @@ class HostileServer:
 
 def login_peer(host, user, password, address="127.0.0.1"):
     """Logs in at a real server, without a word that is not needed; returns the session."""
-    context = ssl.create_default_context(
-        cafile=os.path.join(os.environ["MORVANE_WORLD"], "ca.pem")
-    )
+    context = ssl.create_default_context(cafile=os.path.join(os.environ["MORVANE_WORLD"], "ca.pem"))
     peer = socket.create_connection((address, 5222), timeout=BOUND)
     name = host.encode()
     header = (

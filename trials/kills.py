@@ -126,8 +126,14 @@ class Watch:
             for line in calls:
                 words = line.split()
                 numbers = [int(word) for word in words[4:]]
-                yield (int(words[0]), words[2], words[3], numbers[0], tuple(numbers[1:3]),
-                       tuple(numbers[3:5]))
+                yield (
+                    int(words[0]),
+                    words[2],
+                    words[3],
+                    numbers[0],
+                    tuple(numbers[1:3]),
+                    tuple(numbers[3:5]),
+                )
 
     def places(self):
         """Every state that a kill can leave: (first number, last number, copies, is in a write).
@@ -145,8 +151,10 @@ class Watch:
 
     def count_changes(self):
         """How many changes SQLite had ended: it removes its journal."""
-        return sum(call.startswith("unlink") and file == "journal"
-                   for _, call, file, _, _, _ in self.calls())
+        return sum(
+            call.startswith("unlink") and file == "journal"
+            for _, call, file, _, _, _ in self.calls()
+        )
 
 
 # ---- Sentences ----
@@ -219,8 +227,11 @@ def commit(watch, others, nth, text, initiator, is_saved=True, title=TITLE):
         other.party.wait_text("Clause text", text, nth)
         other.cost("receive", other_before)
         number = sum(known[:3] == ("clause", title, initiator) for known in other.facts) + 1
-        if number <= nth + 1 and len([1 for known in other.facts
-                                      if known[0] == "clause" and known[1] == title]) <= nth:
+        if (
+            number <= nth + 1
+            and len([1 for known in other.facts if known[0] == "clause" and known[1] == title])
+            <= nth
+        ):
             other.shown(("clause", title, initiator, str(number)))
         other.shown(fact)
 
@@ -260,9 +271,13 @@ def chat_about_clause(anna, bert, lines):
     for watch in (anna, bert):
         watch.party.click("Clause chat", 0)
         watch.party.wait_for("Message", driver.ENTRY_ROLES)
-    talk(anna, bert, lines,
-         lambda watch, speaker, line: ("clause message", TITLE, speaker.party.name, line),
-         lambda party, line: "%s: %s" % (party.name, line))
+    talk(
+        anna,
+        bert,
+        lines,
+        lambda watch, speaker, line: ("clause message", TITLE, speaker.party.name, line),
+        lambda party, line: "%s: %s" % (party.name, line),
+    )
     for watch in (anna, bert):
         watch.party.click("Close")
         watch.party.wait_for("Add clause", driver.BUTTON_ROLES)
@@ -272,11 +287,18 @@ def chat_with_contact(anna, bert, lines):
     """The chat of the two as contacts."""
     for watch, other in ((anna, bert), (bert, anna)):
         watch.party.open_contact(other.party.jid)
-    talk(anna, bert, lines,
-         lambda watch, speaker, line: (
-             "contact message", (bert if watch is anna else anna).party.jid, speaker.party.jid,
-             line),
-         lambda party, line: "%s: %s" % (party.jid, line))
+    talk(
+        anna,
+        bert,
+        lines,
+        lambda watch, speaker, line: (
+            "contact message",
+            (bert if watch is anna else anna).party.jid,
+            speaker.party.jid,
+            line,
+        ),
+        lambda party, line: "%s: %s" % (party.jid, line),
+    )
     for watch in (anna, bert):
         watch.party.click("Close")
         watch.party.show_list("Procedures")
@@ -293,14 +315,19 @@ def cancel_draft(watch, nth, text, initiator, back_to):
 def cancel_clause(watch, nth):
     """Takes away the last clause, which was never committed."""
     count = watch.party.count("Clause text")
-    number = max(fact[3] for fact, (_, end) in watch.facts.items()
-                 if fact[:3] == ("clause", TITLE, watch.party.jid) and end is None)
-    watch.deleting(("clause", TITLE, watch.party.jid, number),
-                   *[fact for fact, (_, end) in watch.facts.items()
-                     if fact[0] == "draft" and end is None])
+    number = max(
+        fact[3]
+        for fact, (_, end) in watch.facts.items()
+        if fact[:3] == ("clause", TITLE, watch.party.jid) and end is None
+    )
+    watch.deleting(
+        ("clause", TITLE, watch.party.jid, number),
+        *[fact for fact, (_, end) in watch.facts.items() if fact[0] == "draft" and end is None],
+    )
     watch.party.click("Cancel", nth)
-    watch.party.desktop.wait(lambda: watch.party.count("Clause text") == count - 1,
-                             "the clause is gone")
+    watch.party.desktop.wait(
+        lambda: watch.party.count("Clause text") == count - 1, "the clause is gone"
+    )
     watch.deleted()
 
 
@@ -338,10 +365,10 @@ def negotiate(anna, bert, is_short):
         chat_with_contact(anna, bert, ["Good morning", "'Morning", "Let us end this today"])
         decide(anna, bert, 1, "Paid on delivery", "Disagree", "disagrees")
         decide(anna, bert, 1, "Paid on delivery", "Agree", "agrees")
-    save_draft(anna, 0, "Nine crates\nand \"not\" one more", a, 1)
-    commit(anna, [bert], 0, "Nine crates\nand \"not\" one more", a)
-    decide(bert, anna, 0, "Nine crates\nand \"not\" one more", "Agree", "agrees")
-    decide(anna, bert, 0, "Nine crates\nand \"not\" one more", "Disagree", "disagrees")
+    save_draft(anna, 0, 'Nine crates\nand "not" one more', a, 1)
+    commit(anna, [bert], 0, 'Nine crates\nand "not" one more', a)
+    decide(bert, anna, 0, 'Nine crates\nand "not" one more', "Agree", "agrees")
+    decide(anna, bert, 0, 'Nine crates\nand "not" one more', "Disagree", "disagrees")
     if not is_short:
         delete_procedure(anna, bert)
 
@@ -370,8 +397,12 @@ def look_at(programs, watch, pairs):
         results = os.path.join(directory, "results")
         subprocess.run(
             [os.path.join(programs, "kill_states"), watch.points, watch.party.jid, results],
-            input="".join("%d %d\n" % pair for pair in pairs), text=True, cwd=directory, check=True,
-            env=dict(os.environ, G_SLICE="always-malloc"))
+            input="".join("%d %d\n" % pair for pair in pairs),
+            text=True,
+            cwd=directory,
+            check=True,
+            env=dict(os.environ, G_SLICE="always-malloc"),
+        )
         with open(results, encoding="utf-8") as file:
             answers = [json.loads(line) for line in file]
     finally:
@@ -408,8 +439,7 @@ def count_torn_commits(commit_record, places, states):
     text, begin_at, end_at = commit_record
     neither = both = 0
     for count, model in find_states(begin_at, end_at, places, states):
-        forms = {item[0] for item in model
-                 if item[0] in ("draft", "revision") and item[-1] == text}
+        forms = {item[0] for item in model if item[0] in ("draft", "revision") and item[-1] == text}
         neither += count * (len(forms) == 0)
         both += count * (len(forms) == 2)
     return neither, both
@@ -418,8 +448,11 @@ def count_torn_commits(commit_record, places, states):
 def count_torn_deletions(deletion, places, states):
     """How many kills during a deletion leave only a part of what is being deleted."""
     facts, begin_at, end_at = deletion
-    return sum(count for count, model in find_states(begin_at, end_at, places, states)
-               if 0 < sum(fact in model for fact in facts) < len(facts))
+    return sum(
+        count
+        for count, model in find_states(begin_at, end_at, places, states)
+        if 0 < sum(fact in model for fact in facts) < len(facts)
+    )
 
 
 def judge(trial, watches):
@@ -441,8 +474,10 @@ def judge(trial, watches):
         states_count += len(states)
         strange += watch.field(STRANGE)
         integrity += sum(state.get("integrity") == "ok" for state in states.values())
-        orphans += sum(state.get("orphans") == "0" or int(state.get("tables", "9")) < 9
-                       for state in states.values())
+        orphans += sum(
+            state.get("orphans") == "0" or int(state.get("tables", "9")) < 9
+            for state in states.values()
+        )
         ended += sum(state["ended"] != 0 for state in states.values())
         fact_count += len(watch.facts)
         missing += missing_facts(watch, places, states)
@@ -459,42 +494,66 @@ def judge(trial, watches):
     for fact, number in missing[:10]:
         print("missing at %d: %r" % (number, fact))
     trial.figure("system calls that write, of both programs: a kill ahead of each", f"{kills:,}")
-    trial.figure("of these", ", ".join(f"{count:,} {name}" for name, count in sorted(
-        totals.items(), key=lambda item: -item[1])))
+    trial.figure(
+        "of these",
+        ", ".join(
+            f"{count:,} {name}" for name, count in sorted(totals.items(), key=lambda item: -item[1])
+        ),
+    )
     trial.figure("writes into the store's files: a kill in the middle of each", f"{middles:,}")
     trial.figure("committed changes of the two stores", f"{changes:,}")
-    trial.figure("different states of the store's files that these kills leave", f"{states_count:,}")
+    trial.figure(
+        "different states of the store's files that these kills leave", f"{states_count:,}"
+    )
     every = f"all {states_count:,} states"
 
     def some(count):
         return every if count == states_count else f"{count:,} states"
+
     trial.check("SQLite opens the store, and its integrity_check is ok", every, some(integrity))
     trial.check("no row has lost the row that it belongs to", every, some(orphans))
-    trial.check("the program opens the store and loads the account without a stop", every,
-                some(states_count - ended))
-    trial.check(f"each of {fact_count} changes that a window had shown as done is there after "
-                "every later kill, word for word", "nothing missing",
-                f"{len(missing)} missing" if missing else "nothing missing")
-    trial.check(f"a saved draft is being committed ({commits} times, {committing:,} kill points): "
-                "the text is stored as the draft or as the revision, as one of them",
-                "0 in neither form, 0 in both",
-                f"{neither:,} in neither form, {both:,} in both",
-                ok=commits > 0 and not neither and not both)
-    trial.check(f"a procedure or a new clause is being deleted ({deletions} times, {deleting:,} kill "
-                "points): all that it holds is there, or nothing", "0 with a part of it",
-                f"{torn:,} with a part of it", ok=deletions > 0 and not torn)
-    trial.figure("kill points that lose a text that was saved as a draft",
-                 f"{neither:,} of {kills:,}")
-    trial.check("files that SQLite reads back beside store and journal", "none",
-                strange or "none")
+    trial.check(
+        "the program opens the store and loads the account without a stop",
+        every,
+        some(states_count - ended),
+    )
+    trial.check(
+        f"each of {fact_count} changes that a window had shown as done is there after "
+        "every later kill, word for word",
+        "nothing missing",
+        f"{len(missing)} missing" if missing else "nothing missing",
+    )
+    trial.check(
+        f"a saved draft is being committed ({commits} times, {committing:,} kill points): "
+        "the text is stored as the draft or as the revision, as one of them",
+        "0 in neither form, 0 in both",
+        f"{neither:,} in neither form, {both:,} in both",
+        ok=commits > 0 and not neither and not both,
+    )
+    trial.check(
+        f"a procedure or a new clause is being deleted ({deletions} times, {deleting:,} kill "
+        "points): all that it holds is there, or nothing",
+        "0 with a part of it",
+        f"{torn:,} with a part of it",
+        ok=deletions > 0 and not torn,
+    )
+    trial.figure(
+        "kill points that lose a text that was saved as a draft", f"{neither:,} of {kills:,}"
+    )
+    trial.check("files that SQLite reads back beside store and journal", "none", strange or "none")
 
 
 # ---- Real kills ----
 
 # What is killed, at which part of its way through the store, and whether in the middle of a write;
 # None counts all writing calls of a commit, most of which go to console, server and screen.
-SHORT_KILLS = [("start", 0.4, True), ("commit", 0.3, False), ("commit", 0.75, True),
-               ("commit", 0.03, None), ("receive", 0.6, False)]
+SHORT_KILLS = [
+    ("start", 0.4, True),
+    ("commit", 0.3, False),
+    ("commit", 0.75, True),
+    ("commit", 0.03, None),
+    ("receive", 0.6, False),
+]
 LONG_KILLS = (
     [("start", part, part > 0.3) for part in (0.05, 0.5, 0.9)]
     + [("commit", part / 20, part % 2 == 0) for part in range(1, 20, 2)]
@@ -503,7 +562,8 @@ LONG_KILLS = (
     + [("draft", part, 0.5 < part < 0.8) for part in (0.2, 0.4, 0.6, 0.7, 0.9)]
     + [("decide", part, 0.4 < part < 0.8) for part in (0.1, 0.3, 0.6, 0.9)]
     + [("add", part, part < 0.8) for part in (0.3, 0.6, 0.9)]
-    + [("receive", part, part < 0.5) for part in (0.2, 0.4, 0.7, 0.9)])
+    + [("receive", part, part < 0.5) for part in (0.2, 0.4, 0.7, 0.9)]
+)
 
 
 def read_file(path):
@@ -530,6 +590,7 @@ def wait_killed(party):
             party.windows[0].labels()
             asked = time.monotonic()
         return process.poll() is not None
+
     party.desktop.wait(is_over, "%s's program is killed" % party.name)
     party.process = None
     party.windows = []
@@ -544,8 +605,10 @@ def compare_files(watch):
     is_in_middle = bool(watch.field(MIDDLE_KILLED))
     copies = middle if is_in_middle else after
     is_same = call == "killed" or watch.field(KILL_AT) > 0
-    for name, kind, copy in ((".morvane.db", "db", copies[0]),
-                             (".morvane.db-journal", "journal", copies[1])):
+    for name, kind, copy in (
+        (".morvane.db", "db", copies[0]),
+        (".morvane.db-journal", "journal", copies[1]),
+    ):
         told = read_file(os.path.join(watch.points, "%s-%d" % (kind, copy))) if copy else None
         is_same = is_same and read_file(os.path.join(watch.party.directory, name)) == told
     return is_same, copies, is_in_middle
@@ -581,13 +644,24 @@ class Kills:
         self.with_journal += copies[1] != 0
         self.elsewhere += is_in_middle is None
         state = look_at(self.trial.programs, watch, [copies])[copies]
-        lost = [fact for fact, (_, end) in watch.facts.items()
-                if end is None and fact not in state["model"]]
+        lost = [
+            fact
+            for fact, (_, end) in watch.facts.items()
+            if end is None and fact not in state["model"]
+        ]
         is_kept = not lost and not state["ended"] and state.get("integrity") == "ok"
         self.kept += is_kept
-        print("%s at %d of %d%s: %s" % (
-            action, at, whole, ", in the middle" if was_in_middle else "",
-            "kept" if is_kept else "LOST %r %r" % (lost, state)), flush=True)
+        print(
+            "%s at %d of %d%s: %s"
+            % (
+                action,
+                at,
+                whole,
+                ", in the middle" if was_in_middle else "",
+                "kept" if is_kept else "LOST %r %r" % (lost, state),
+            ),
+            flush=True,
+        )
         return state["model"]
 
     def start_again(self, watch):
@@ -616,6 +690,7 @@ class Kills:
 
         def launch():
             party.process = party.launch()
+
         party.expected_end = True
         self.kill(watch, "start", part, is_in_middle, launch)
         watch.prepare()
@@ -628,8 +703,13 @@ class Kills:
         """Leaving a text that is being typed."""
         anna, text = self.anna, "A draft, number %d" % self.count
         anna.party.write(0, text)
-        model = self.kill(anna, "draft", part, is_in_middle,
-                          self.press(anna, "Clause text", 1, driver.ENTRY_ROLES))
+        model = self.kill(
+            anna,
+            "draft",
+            part,
+            is_in_middle,
+            self.press(anna, "Clause text", 1, driver.ENTRY_ROLES),
+        )
         self.start_again(anna)
         self.drop_draft(model, text)
 
@@ -669,12 +749,14 @@ class Kills:
         model = self.kill(anna, "add", part, is_in_middle, self.press(anna, "Add clause"))
         self.start_again(anna)
         count = sum(item[0] == "clause" and item[1] == TITLE for item in model)
-        driver.Desktop.current.wait(lambda: anna.party.count("Clause text") == count,
-                                    "all clauses are shown")
+        driver.Desktop.current.wait(
+            lambda: anna.party.count("Clause text") == count, "all clauses are shown"
+        )
         if count > len(self.texts):
             anna.party.click("Cancel", count - 1)
             driver.Desktop.current.wait(
-                lambda: anna.party.count("Clause text") == len(self.texts), "the clause is gone")
+                lambda: anna.party.count("Clause text") == len(self.texts), "the clause is gone"
+            )
 
     def receive(self, part, is_in_middle):
         """A revision of the other party's is coming in."""
@@ -723,15 +805,23 @@ class Kills:
 
         def seen(count):
             return "%d of %d" % (count, self.count)
-        where = ("%d in the middle of a write into the store, %d at calls of all kinds, %d with an "
-                 "unfinished journal" % (self.in_middle, self.elsewhere, self.with_journal))
-        self.trial.check("a program is really killed, at first starts, drafts, commits, decisions, "
-                         "new clauses and received texts (%s): the files are those foretold" % where,
-                         every, seen(min(self.killed, self.foretold)))
-        self.trial.check("what had been shown is in the store that the kill has left", every,
-                         seen(self.kept))
-        self.trial.check("started again, the window shows the texts that it had shown", every,
-                         seen(self.shown))
+
+        where = (
+            "%d in the middle of a write into the store, %d at calls of all kinds, %d with an "
+            "unfinished journal" % (self.in_middle, self.elsewhere, self.with_journal)
+        )
+        self.trial.check(
+            "a program is really killed, at first starts, drafts, commits, decisions, "
+            "new clauses and received texts (%s): the files are those foretold" % where,
+            every,
+            seen(min(self.killed, self.foretold)),
+        )
+        self.trial.check(
+            "what had been shown is in the store that the kill has left", every, seen(self.kept)
+        )
+        self.trial.check(
+            "started again, the window shows the texts that it had shown", every, seen(self.shown)
+        )
 
 
 # ---- The trial ----
@@ -747,8 +837,10 @@ def main():
     server = driver.Server()
     server.start()
     started = time.monotonic()
-    watches = [Watch(driver.Party("anna", driver.ANNA, driver.LEFT)),
-               Watch(driver.Party("bert", driver.BERT, driver.RIGHT))]
+    watches = [
+        Watch(driver.Party("anna", driver.ANNA, driver.LEFT)),
+        Watch(driver.Party("bert", driver.BERT, driver.RIGHT)),
+    ]
     for watch in watches:
         watch.party.start()
     negotiate(*watches, trial.short)

@@ -18,10 +18,18 @@ import driver
 import load_peer
 import load_store
 
-FULL = dict(contacts=300, lines=10000, procedures=200, clauses=500, revisions=10, many=1000,
-            long_size=200000)
-SHORT = dict(contacts=60, lines=2000, procedures=40, clauses=100, revisions=10, many=200,
-             long_size=60000)
+FULL = dict(
+    contacts=300,
+    lines=10000,
+    procedures=200,
+    clauses=500,
+    revisions=10,
+    many=1000,
+    long_size=200000,
+)
+SHORT = dict(
+    contacts=60, lines=2000, procedures=40, clauses=100, revisions=10, many=200, long_size=60000
+)
 PACE = 50
 BURST_TIME = 1700000000
 ANSWER_MAX = 200
@@ -42,7 +50,8 @@ class Program:
     def start_watched(self):
         self.desktop.environment.update(
             LD_PRELOAD=os.path.join(self.trial.programs, "libload_loop.so"),
-            MORVANE_LOAD_LOG=self.log_path)
+            MORVANE_LOAD_LOG=self.log_path,
+        )
         self.party.start()
         del self.desktop.environment["LD_PRELOAD"]
 
@@ -67,6 +76,7 @@ class Program:
             if now - seen[0] > 0.02:
                 seen[:] = [now, time.monotonic()]
             return time.monotonic() - seen[1] > 0.4
+
         self.desktop.wait(idle, "the interface has nothing left to do", 300 * driver.SLOW)
 
     def read_log(self, what):
@@ -74,7 +84,7 @@ class Program:
         with open(self.log_path) as file:
             file.seek(self.read_to)
             data = file.read()
-        data = data[:data.rfind("\n") + 1]
+        data = data[: data.rfind("\n") + 1]
         self.read_to += len(data)
         processor, wall = self.longest.get(what, (0, 0))
         for line in data.splitlines():
@@ -93,10 +103,16 @@ class Program:
         result = action()
         self.wait_idle()
         self.read_log(what)
-        self.trial.figure(what, "longest stretch %d ms of processor (%d ms by the clock); "
-                          "%.1f s of processor in %.1f s" % (
-                              *(number // 1000 for number in self.longest[what]),
-                              self.processor_time() - worked, time.monotonic() - start))
+        self.trial.figure(
+            what,
+            "longest stretch %d ms of processor (%d ms by the clock); "
+            "%.1f s of processor in %.1f s"
+            % (
+                *(number // 1000 for number in self.longest[what]),
+                self.processor_time() - worked,
+                time.monotonic() - start,
+            ),
+        )
         return result
 
     # ---- What a user does ----
@@ -107,9 +123,17 @@ class Program:
 
     def find(self, name, role, bound=None):
         return self.desktop.wait(
-            lambda: next((node for node, seen in driver.walk(self.party.windows[0].frame)
-                          if seen == role and node.name() == name), None),
-            "there is a %s \"%s\"" % (role, name), bound)
+            lambda: next(
+                (
+                    node
+                    for node, seen in driver.walk(self.party.windows[0].frame)
+                    if seen == role and node.name() == name
+                ),
+                None,
+            ),
+            'there is a %s "%s"' % (role, name),
+            bound,
+        )
 
     def wheel(self, times, button=5, x=400, y=400):
         self.desktop.xdotool("mousemove", x, y)
@@ -139,8 +163,9 @@ def look_around(trial, program, sizes):
     button = program.find("Revisions", "toggle button")
     program.do("open its list", lambda: program.press(button))
     x, y, _, _ = button.extents()
-    program.do("scroll through the list", lambda: program.wheel(sizes["many"] // 2, 4, x + 30,
-                                                                y + 150))
+    program.do(
+        "scroll through the list", lambda: program.wheel(sizes["many"] // 2, 4, x + 30, y + 150)
+    )
     program.do("choose one", lambda: program.desktop.xdotool("click", 1))
     program.desktop.key("Escape")
 
@@ -150,8 +175,7 @@ def look_around(trial, program, sizes):
     program.wheel(600, 4)
     edit_long(trial, program, size)
 
-    program.do("show the contacts",
-               lambda: program.press(program.find("Contacts", "radio button")))
+    program.do("show the contacts", lambda: program.press(program.find("Contacts", "radio button")))
     contacts = program.find("Contact list", "list box").children()
     trial.check("rows of contacts after the login", sizes["contacts"], len(contacts))
     program.do("open a chat of %d lines" % sizes["lines"], lambda: program.press(contacts[0]))
@@ -173,25 +197,42 @@ def edit_long(trial, program, size):
         desktop.press_at(400, 200)
         desktop.wait(lambda: text.has(driver.STATE_FOCUSED), "the long text has the keyboard")
         desktop.type_text("typed into it ")
+
     program.do("type into the text of " + size, write)
-    program.do("commit it", lambda: (program.party.click("Commit"), desktop.wait(
-        lambda: program.stored("status = 'COMMITTED'") > before, "the long text is stored")))
+    program.do(
+        "commit it",
+        lambda: (
+            program.party.click("Commit"),
+            desktop.wait(
+                lambda: program.stored("status = 'COMMITTED'") > before, "the long text is stored"
+            ),
+        ),
+    )
     stored = program.party.rows("SELECT text FROM clause_revisions ORDER BY db_id DESC LIMIT 1")
-    trial.check("the text of %s with what was typed, committed" % size, "whole",
-                "whole" if "typed into it " in stored[0][0] and len(stored[0][0]) == int(
-                    size[:-3]) * 1000 + 14 else "%d characters" % len(stored[0][0]))
+    trial.check(
+        "the text of %s with what was typed, committed" % size,
+        "whole",
+        "whole"
+        if "typed into it " in stored[0][0] and len(stored[0][0]) == int(size[:-3]) * 1000 + 14
+        else "%d characters" % len(stored[0][0]),
+    )
 
     def compare():
         text_view = program.find("Clause text", "text")
         x, y, _, _ = text_view.extents()
         desktop.xdotool("mousemove", x + 60, y + 60, "click", 3)
         program.party.press_menu_item("Compare with the previous revision")
+
     program.do("ask for its comparison with the one before", compare)
     label = "These texts are too long to be compared."
     seen = [node for node in program.party.labels() if node == label or " > " in node]
-    trial.check("a comparison of two such texts, whose table would have a billion cells"
-                if not trial.short else "a comparison of two such texts", label,
-                "".join(seen)[:60])
+    trial.check(
+        "a comparison of two such texts, whose table would have a billion cells"
+        if not trial.short
+        else "a comparison of two such texts",
+        label,
+        "".join(seen)[:60],
+    )
 
 
 def say(trial, program):
@@ -203,6 +244,7 @@ def say(trial, program):
         program.desktop.type_text("one more")
         program.desktop.key("Return")
         program.party.wait_rows("contact_messages", before + 1)
+
     program.do("say a line in it", write)
 
 
@@ -219,8 +261,11 @@ class Burst:
         self.clauses = ["%s:%d" % (driver.ANNA, clause) for clause in times["big clauses"]]
         self.procedure = "%s:%d" % (driver.ANNA, times["big"])
         self.many = ["%s:%d" % (driver.ANNA, moment) for moment in times["many"]]
-        self.peer = load_peer.Peer(driver.BERT, driver.PASSWORDS[driver.BERT],
-                                   os.path.join(os.environ["MORVANE_WORLD"], "ca.pem"))
+        self.peer = load_peer.Peer(
+            driver.BERT,
+            driver.PASSWORDS[driver.BERT],
+            os.path.join(os.environ["MORVANE_WORLD"], "ca.pem"),
+        )
         self.console_start = program.party.console_mark()
         # (revisions stored, kilobytes resident, bytes of console, seconds of processor)
         self.curve = []
@@ -240,16 +285,24 @@ class Burst:
 
     def watch(self):
         """Takes the measures, and presses something as a user would."""
-        self.curve.append((self.stored(), self.program.memory(),
-                           os.path.getsize(self.program.party.console_path),
-                           self.program.processor_time()))
+        self.curve.append(
+            (
+                self.stored(),
+                self.program.memory(),
+                os.path.getsize(self.program.party.console_path),
+                self.program.processor_time(),
+            )
+        )
         self.program.desktop.press_at(*self.places[self.presses % len(self.places)])
         self.presses += 1
 
     def run(self):
         took = load_peer.keep_pace(self.count, PACE, self.send, self.watch)
-        self.program.desktop.wait(lambda: self.stored() == self.count,
-                                  "all revisions of the burst are stored", 600 * driver.SLOW)
+        self.program.desktop.wait(
+            lambda: self.stored() == self.count,
+            "all revisions of the burst are stored",
+            600 * driver.SLOW,
+        )
         self.program.wait_idle()
         self.watch()
         return took
@@ -272,11 +325,14 @@ def judge_work(trial, curve, seconds):
     """However many revisions a clause has already, one more costs the same."""
     middle = len(curve) // 2
     first, second = work(curve, 1, middle), work(curve, middle, -1)
-    trial.check("processor time for a revision, with all that a window does meanwhile",
-                "less than 50 ms" if seconds < 60 else
-                "in the second half less than twice that of the first",
-                "%.1f ms, then %.1f ms" % (first, second),
-                ok=second < 50 if seconds < 60 else second < 2 * first)
+    trial.check(
+        "processor time for a revision, with all that a window does meanwhile",
+        "less than 50 ms"
+        if seconds < 60
+        else "in the second half less than twice that of the first",
+        "%.1f ms, then %.1f ms" % (first, second),
+        ok=second < 50 if seconds < 60 else second < 2 * first,
+    )
 
 
 def check_store(trial, program, burst):
@@ -284,18 +340,35 @@ def check_store(trial, program, burst):
     rows = program.party.rows(
         "SELECT r.time, r.author, r.status, r.text, c.time FROM clause_revisions r"
         " JOIN clauses c ON c.db_id = r.clause_db_id WHERE r.author = ? AND r.time >= ?"
-        " ORDER BY r.db_id", driver.BERT, BURST_TIME)
+        " ORDER BY r.db_id",
+        driver.BERT,
+        BURST_TIME,
+    )
     expected = []
     for number in range(burst.count):
-        clause = (burst.clauses[number // 2 * 7 % len(burst.clauses)] if number % 2
-                  else burst.many[1])
-        expected.append((BURST_TIME + number, driver.BERT, "COMMITTED",
-                         load_store.make_text(number, 180), int(clause.rsplit(":", 1)[1])))
+        clause = (
+            burst.clauses[number // 2 * 7 % len(burst.clauses)] if number % 2 else burst.many[1]
+        )
+        expected.append(
+            (
+                BURST_TIME + number,
+                driver.BERT,
+                "COMMITTED",
+                load_store.make_text(number, 180),
+                int(clause.rsplit(":", 1)[1]),
+            )
+        )
     wrong = sum(one != other for one, other in zip(rows, expected))
-    trial.check("revisions stored, each whole, in its clause and in the order of sending",
-                "%d" % burst.count, "%d" % (len(rows) - wrong))
-    warnings = [line for line in program.party.console(burst.console_start).splitlines()
-                if line.startswith(("Warning:", "Error:"))]
+    trial.check(
+        "revisions stored, each whole, in its clause and in the order of sending",
+        "%d" % burst.count,
+        "%d" % (len(rows) - wrong),
+    )
+    warnings = [
+        line
+        for line in program.party.console(burst.console_start).splitlines()
+        if line.startswith(("Warning:", "Error:"))
+    ]
     trial.check("warnings and errors on the console meanwhile", 0, "; ".join(warnings[:3]) or 0)
 
 
@@ -310,13 +383,20 @@ def burst_of_revisions(trial, program, times, rows, seconds):
     took = burst.run()
     program.read_log("burst")
     busy = (program.processor_time() - worked) / took
-    trial.check("revisions sent a second", "%.1f at least" % (0.98 * PACE),
-                "%.1f for %.0f s" % (burst.count / took, took), ok=burst.count / took > 0.98 * PACE)
+    trial.check(
+        "revisions sent a second",
+        "%.1f at least" % (0.98 * PACE),
+        "%.1f for %.0f s" % (burst.count / took, took),
+        ok=burst.count / took > 0.98 * PACE,
+    )
     check_store(trial, program, burst)
     processor, wall = (number // 1000 for number in program.longest["burst"])
-    trial.check("longest stretch without an answer while they come",
-                "at most %d ms of processor" % ANSWER_MAX,
-                "%d ms (%d ms by the clock)" % (processor, wall), ok=processor <= ANSWER_MAX)
+    trial.check(
+        "longest stretch without an answer while they come",
+        "at most %d ms of processor" % ANSWER_MAX,
+        "%d ms (%d ms by the clock)" % (processor, wall),
+        ok=processor <= ANSWER_MAX,
+    )
     judge_answers(trial, burst)
     trial.figure("how busy the interface was", "%.0f %% of a processor" % (100 * busy))
     judge_memory(trial, burst.curve, seconds)
@@ -333,12 +413,19 @@ def judge_answers(trial, burst):
     late = sum(latency > ANSWER_MAX * 1000 for latency in latencies)
     # The last press may not be written down yet.
     least = 2 * (burst.presses - 1)
-    trial.check("presses of the mouse and their releases that were answered meanwhile",
-                "%d at least" % least, len(latencies), ok=len(latencies) >= least > 0)
+    trial.check(
+        "presses of the mouse and their releases that were answered meanwhile",
+        "%d at least" % least,
+        len(latencies),
+        ok=len(latencies) >= least > 0,
+    )
     if not trial.short:
-        trial.check("of these, answered within %d ms by the clock, the disk's waits included" %
-                    ANSWER_MAX, "99 % at least", "%d of %d" % (len(latencies) - late, len(latencies)),
-                    ok=late <= len(latencies) / 100)
+        trial.check(
+            "of these, answered within %d ms by the clock, the disk's waits included" % ANSWER_MAX,
+            "99 % at least",
+            "%d of %d" % (len(latencies) - late, len(latencies)),
+            ok=late <= len(latencies) / 100,
+        )
     trial.figure("the latest answer", "%d ms by the clock" % (max(latencies, default=0) // 1000))
 
 
@@ -347,14 +434,19 @@ def judge_memory(trial, curve, seconds):
     has its record and its row. So the growth for each must not grow itself."""
     middle = len(curve) // 2
     first, second = growth(curve, 1, middle), growth(curve, middle, -1)
-    trial.check("resident beside the console's text, for each revision with its row",
-                "below 16 KB" if seconds < 60 else
-                "below 16 KB, and in the second half at most a quarter and 1 KB more",
-                "%.1f KB, then %.1f KB" % (first / 1024, second / 1024),
-                ok=second < 16 * 1024 and (seconds < 60 or second < 1.25 * first + 1024))
-    trial.figure("resident at the start and the end, and the console's text meanwhile",
-                 "%d MB, %d MB, %.1f MB" % (curve[0][1] // 1024, curve[-1][1] // 1024,
-                                            (curve[-1][2] - curve[0][2]) / 1e6))
+    trial.check(
+        "resident beside the console's text, for each revision with its row",
+        "below 16 KB"
+        if seconds < 60
+        else "below 16 KB, and in the second half at most a quarter and 1 KB more",
+        "%.1f KB, then %.1f KB" % (first / 1024, second / 1024),
+        ok=second < 16 * 1024 and (seconds < 60 or second < 1.25 * first + 1024),
+    )
+    trial.figure(
+        "resident at the start and the end, and the console's text meanwhile",
+        "%d MB, %d MB, %.1f MB"
+        % (curve[0][1] // 1024, curve[-1][1] // 1024, (curve[-1][2] - curve[0][2]) / 1e6),
+    )
 
 
 def main():
@@ -373,12 +465,18 @@ def main():
     program.start_watched()
     program.party.windows[0].activate()
     rows = look_around(trial, program, sizes)
-    over = {what: longest[0] // 1000 for what, longest in program.longest.items()
-            if longest[0] > ANSWER_MAX * 1000}
-    trial.check("longest stretch without an answer in any of these",
-                "at most %d ms of processor" % ANSWER_MAX,
-                "; ".join("%s: %d ms" % item for item in over.items()) or "%d ms" % (
-                    max(longest[0] for longest in program.longest.values()) // 1000), ok=not over)
+    over = {
+        what: longest[0] // 1000
+        for what, longest in program.longest.items()
+        if longest[0] > ANSWER_MAX * 1000
+    }
+    trial.check(
+        "longest stretch without an answer in any of these",
+        "at most %d ms of processor" % ANSWER_MAX,
+        "; ".join("%s: %d ms" % item for item in over.items())
+        or "%d ms" % (max(longest[0] for longest in program.longest.values()) // 1000),
+        ok=not over,
+    )
     burst_of_revisions(trial, program, times, rows, 10 if trial.short else 300)
     program.party.close()
     check_end(trial, program)
@@ -389,8 +487,11 @@ def main():
 
 def check_end(trial, program):
     db = sqlite3.connect(program.party.store_path)
-    trial.check("the store after the window was closed", "ok",
-                db.execute("PRAGMA integrity_check").fetchone()[0])
+    trial.check(
+        "the store after the window was closed",
+        "ok",
+        db.execute("PRAGMA integrity_check").fetchone()[0],
+    )
     db.close()
 
 

@@ -28,19 +28,28 @@ class Peer:
         self.stream = context.wrap_socket(plain, server_hostname=self.host)
         self.open_stream("</stream:features>")
         secret = base64.b64encode(b"\0%s\0%s" % (user.encode(), password.encode())).decode()
-        self.exchange("<auth xmlns='urn:ietf:params:xml:ns:xmpp-sasl' mechanism='PLAIN'>"
-                      + secret + "</auth>", "<success")
+        self.exchange(
+            "<auth xmlns='urn:ietf:params:xml:ns:xmpp-sasl' mechanism='PLAIN'>"
+            + secret
+            + "</auth>",
+            "<success",
+        )
         self.open_stream("</stream:features>")
-        self.exchange("<iq type='set' id='bind'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'>"
-                      "<resource>morvane</resource></bind></iq>", "</iq>")
+        self.exchange(
+            "<iq type='set' id='bind'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'>"
+            "<resource>morvane</resource></bind></iq>",
+            "</iq>",
+        )
         self.stream.settimeout(None)
         self.reader = threading.Thread(target=self.drain, daemon=True)
         self.reader.start()
 
     def open_stream(self, end):
-        self.exchange("<?xml version='1.0'?><stream:stream to='%s' version='1.0' "
-                      "xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams'>"
-                      % self.host, end)
+        self.exchange(
+            "<?xml version='1.0'?><stream:stream to='%s' version='1.0' "
+            "xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams'>" % self.host,
+            end,
+        )
 
     def exchange(self, request, end):
         """Sends the request and reads until the end of what answers it."""
@@ -66,10 +75,22 @@ class Peer:
         """A committed revision; `procedure` and `clause` are written "initiator:time"."""
         self.last_id += 1
         self.stream.sendall(
-            ("<message type='chat' id='%d' from='%s' to='%s'><body>"
-             "<x-revision procedure='%s' clause='%s' revision='%s:%d'>%s</x-revision>"
-             "</body></message>" % (self.last_id, self.full_jid, to, procedure, clause, self.jid,
-                                    seconds, escape(text))).encode())
+            (
+                "<message type='chat' id='%d' from='%s' to='%s'><body>"
+                "<x-revision procedure='%s' clause='%s' revision='%s:%d'>%s</x-revision>"
+                "</body></message>"
+                % (
+                    self.last_id,
+                    self.full_jid,
+                    to,
+                    procedure,
+                    clause,
+                    self.jid,
+                    seconds,
+                    escape(text),
+                )
+            ).encode()
+        )
 
     def close(self):
         self.stream.sendall(b"</stream:stream>")

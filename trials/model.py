@@ -19,14 +19,27 @@ TABLES = {
     "accounts": (None, None, ("bare_jid",)),
     "contacts": ("accounts", "account_db_id", ("bare_jid",)),
     "contact_messages": ("contacts", "contact_db_id", ("time", "author", "body")),
-    "procedures": ("accounts", "account_db_id", ("time", "initiator", "contractor", "title",
-                                                 "finished_time", "updated_time",
-                                                 "last_seen_time")),
+    "procedures": (
+        "accounts",
+        "account_db_id",
+        (
+            "time",
+            "initiator",
+            "contractor",
+            "title",
+            "finished_time",
+            "updated_time",
+            "last_seen_time",
+        ),
+    ),
     "clauses": ("procedures", "procedure_db_id", ("time", "initiator", "position")),
     "clause_messages": ("clauses", "clause_db_id", ("time", "author", "text")),
     "clause_revisions": ("clauses", "clause_db_id", ("time", "author", "status", "text")),
-    "clause_revision_decisions": ("clause_revisions", "clause_revision_db_id",
-                                  ("time", "author", "status")),
+    "clause_revision_decisions": (
+        "clause_revisions",
+        "clause_revision_db_id",
+        ("time", "author", "status"),
+    ),
 }
 APP_INFO = [(1, "Morvane", "0.1")]
 
@@ -112,11 +125,11 @@ class Party:
         self.clock = 0
         self.is_online = False
         self.rows = {table: [] for table in TABLES}
-        self.procedures = []        # in memory, in order
-        self.waiting = []           # messages at the server
+        self.procedures = []  # in memory, in order
+        self.waiting = []  # messages at the server
         self.subscribed_to = set()  # whose presence it gets
-        self.requests = set()       # who asked for its presence while it was away
-        self.warnings = {}          # what the console must have said of messages out of place
+        self.requests = set()  # who asked for its presence while it was away
+        self.warnings = {}  # what the console must have said of messages out of place
         self.sent = 0
 
     # ---- Rows ----
@@ -143,13 +156,16 @@ class Party:
 
     def expected(self):
         """All that the database must hold."""
-        numbers = {id(row): number for table in TABLES
-                   for number, row in enumerate(self.rows[table])}
+        numbers = {
+            id(row): number for table in TABLES for number, row in enumerate(self.rows[table])
+        }
         tables = {"app_info": APP_INFO}
         for table, (parent, _, columns) in TABLES.items():
             tables[table] = [
-                ((numbers[id(row["parent"])],) if parent else ()) +
-                tuple(row[column] for column in columns) for row in self.rows[table]]
+                ((numbers[id(row["parent"])],) if parent else ())
+                + tuple(row[column] for column in columns)
+                for row in self.rows[table]
+            ]
         return tables
 
     # ---- Coming and going ----
@@ -174,8 +190,7 @@ class Party:
             for clause in procedure["clauses"]:
                 revisions = sorted(self.children("clause_revisions", clause), key=BY_AUTHOR)
                 clause["revisions"] = [row for row in revisions if row["status"] == "COMMITTED"]
-                clause["draft"] = next(
-                    (row for row in revisions if row["status"] == "DRAFT"), None)
+                clause["draft"] = next((row for row in revisions if row["status"] == "DRAFT"), None)
                 clause["shown"] = clause["base"] = (clause["revisions"] or [None])[-1]
                 clause["typed"] = None
 
@@ -233,15 +248,24 @@ class Party:
 
     def insert_procedure(self, time, initiator, contractor, title):
         procedure = self.insert(
-            "procedures", self.account(), time=time, initiator=initiator, contractor=contractor,
-            title=title, finished_time=None, updated_time=None, last_seen_time=None)
+            "procedures",
+            self.account(),
+            time=time,
+            initiator=initiator,
+            contractor=contractor,
+            title=title,
+            finished_time=None,
+            updated_time=None,
+            last_seen_time=None,
+        )
         procedure["clauses"] = []
         self.procedures.append(procedure)
         return procedure
 
     def insert_clause(self, procedure, time, initiator, position):
-        clause = self.insert("clauses", procedure, time=time, initiator=initiator,
-                             position=position)
+        clause = self.insert(
+            "clauses", procedure, time=time, initiator=initiator, position=position
+        )
         clause.update(revisions=[], draft=None, shown=None, base=None, typed=None)
         procedure["clauses"].append(clause)
         procedure["clauses"].sort(key=BY_INITIATOR)
@@ -262,8 +286,12 @@ class Party:
 
     def add_clause(self, procedure):
         """The other party learns of it with the first revision."""
-        return self.insert_clause(procedure, self.free_time(procedure["clauses"], "initiator"),
-                                  self.jid, len(procedure["clauses"]) + 1)
+        return self.insert_clause(
+            procedure,
+            self.free_time(procedure["clauses"], "initiator"),
+            self.jid,
+            len(procedure["clauses"]) + 1,
+        )
 
     def delete_clause(self, clause):
         for revision in self.children("clause_revisions", clause):
@@ -275,8 +303,9 @@ class Party:
     # ---- Texts ----
 
     def insert_revision(self, clause, time, author, text):
-        revision = self.insert("clause_revisions", clause, time=time, author=author,
-                               status="COMMITTED", text=text)
+        revision = self.insert(
+            "clause_revisions", clause, time=time, author=author, status="COMMITTED", text=text
+        )
         clause["revisions"].append(revision)
         clause["revisions"].sort(key=BY_AUTHOR)
         return revision
@@ -294,8 +323,14 @@ class Party:
         if clause["draft"]:
             clause["draft"].update(time=self.clock, text=text)
         else:
-            clause["draft"] = self.insert("clause_revisions", clause, time=self.clock,
-                                          author=self.jid, status="DRAFT", text=text)
+            clause["draft"] = self.insert(
+                "clause_revisions",
+                clause,
+                time=self.clock,
+                author=self.jid,
+                status="DRAFT",
+                text=text,
+            )
 
     def drop_draft(self, clause):
         clause["typed"] = None
@@ -321,8 +356,9 @@ class Party:
         clause["shown"] = clause["base"] = revision
         if len(clause["revisions"]) == 1 and clause["initiator"] == self.jid:
             self.send("clause", *identity(procedure), *identity(clause))
-        self.send("revision", *identity(procedure), *identity(clause), self.jid, time,
-                  revision["text"])
+        self.send(
+            "revision", *identity(procedure), *identity(clause), self.jid, time, revision["text"]
+        )
         return revision
 
     def cancel(self, clause):
@@ -337,8 +373,14 @@ class Party:
     # ---- Decisions and talk ----
 
     def decision(self, revision, author):
-        return next((row for row in self.children("clause_revision_decisions", revision)
-                     if row["author"] == author), None)
+        return next(
+            (
+                row
+                for row in self.children("clause_revision_decisions", revision)
+                if row["author"] == author
+            ),
+            None,
+        )
 
     def set_decision(self, revision, author, status):
         """One decision an author, stamped by the clock of who stores it."""
@@ -346,21 +388,32 @@ class Party:
         if decision:
             decision.update(time=self.clock, status=status)
         else:
-            self.insert("clause_revision_decisions", revision, time=self.clock, author=author,
-                        status=status)
+            self.insert(
+                "clause_revision_decisions", revision, time=self.clock, author=author, status=status
+            )
 
     def decide(self, clause, status):
         """About the revision that is shown."""
         revision = clause["shown"]
         self.set_decision(revision, self.jid, status)
-        self.send("decision", *identity(clause["parent"]), *identity(clause), revision["author"],
-                  revision["time"], self.jid, status)
+        self.send(
+            "decision",
+            *identity(clause["parent"]),
+            *identity(clause),
+            revision["author"],
+            revision["time"],
+            self.jid,
+            status,
+        )
 
     def say_of(self, clause, text):
         """A line about a clause: signed with the user's name alone."""
         text, time = sendable(text), self.clock
-        taken = {row["time"] for row in self.children("clause_messages", clause)
-                 if row["author"] == self.user}
+        taken = {
+            row["time"]
+            for row in self.children("clause_messages", clause)
+            if row["author"] == self.user
+        }
         while time in taken:
             time += 1
         self.insert("clause_messages", clause, time=time, author=self.user, text=text)
@@ -369,8 +422,13 @@ class Party:
     def say(self, text):
         """A line to the contact; the other side stamps it when it comes."""
         text = sendable(text)
-        self.insert("contact_messages", self.contact(self.other.jid), time=self.clock,
-                    author=self.jid, body=text)
+        self.insert(
+            "contact_messages",
+            self.contact(self.other.jid),
+            time=self.clock,
+            author=self.jid,
+            body=text,
+        )
         self.send("chat", self.jid, text)
 
     # ---- Messages ----
@@ -410,35 +468,53 @@ class Party:
         if procedure:
             self.insert_clause(procedure, clause_time, clause_initiator, 1)
 
-    def receive_revision(self, initiator, time, clause_initiator, clause_time, author,
-                         revision_time, text):
+    def receive_revision(
+        self, initiator, time, clause_initiator, clause_time, author, revision_time, text
+    ):
         clause = self.find("clause revision", (initiator, time), (clause_initiator, clause_time))
         if clause:
             revision = self.insert_revision(clause, revision_time, author, text)
             self.show(clause, revision)
 
-    def receive_decision(self, initiator, time, clause_initiator, clause_time, revision_author,
-                         revision_time, author, status):
+    def receive_decision(
+        self,
+        initiator,
+        time,
+        clause_initiator,
+        clause_time,
+        revision_author,
+        revision_time,
+        author,
+        status,
+    ):
         event = "clause revision decision"
         clause = self.find(event, (initiator, time), (clause_initiator, clause_time))
         if not clause:
             return
-        revision = next((row for row in clause["revisions"] if (row["author"], row["time"]) ==
-                         (revision_author, revision_time)), None)
+        revision = next(
+            (
+                row
+                for row in clause["revisions"]
+                if (row["author"], row["time"]) == (revision_author, revision_time)
+            ),
+            None,
+        )
         if revision:
             self.set_decision(revision, author, status)
         else:
             self.warn("A %s came, but we don't have the revision to attach it to." % event)
 
-    def receive_message(self, initiator, time, clause_initiator, clause_time, author, message_time,
-                        text):
+    def receive_message(
+        self, initiator, time, clause_initiator, clause_time, author, message_time, text
+    ):
         clause = self.find("clause message", (initiator, time), (clause_initiator, clause_time))
         if clause:
             self.insert("clause_messages", clause, time=message_time, author=author, text=text)
 
     def receive_chat(self, sender, text):
-        self.insert("contact_messages", self.contact(sender), time=self.clock, author=sender,
-                    body=text)
+        self.insert(
+            "contact_messages", self.contact(sender), time=self.clock, author=sender, body=text
+        )
 
 
 def identity(row):
@@ -464,9 +540,13 @@ def read_store(path):
     connection = sqlite3.connect("file:%s?mode=ro" % path, uri=True, timeout=5)
     try:
         connection.execute("BEGIN")
-        names = sorted(name for (name,) in connection.execute(
-            # What waits to be sent has a table of its own while there is something.
-            "SELECT name FROM sqlite_master WHERE type = 'table' AND name != 'outbox'"))
+        names = sorted(
+            name
+            for (name,) in connection.execute(
+                # What waits to be sent has a table of its own while there is something.
+                "SELECT name FROM sqlite_master WHERE type = 'table' AND name != 'outbox'"
+            )
+        )
         if names != sorted(["app_info"] + list(TABLES)):
             raise ValueError("the tables are %s" % names)
         tables = {"app_info": connection.execute("SELECT * FROM app_info").fetchall()}
@@ -481,8 +561,10 @@ def read_store(path):
             rows = [tuple(row[place] for place in places) for row in cursor]
             numbers[table] = {row[0]: number for number, row in enumerate(rows)}
             if parent:
-                rows = [(0, numbers[parent].get(row[1], "row %s, which is missing" % row[1])) +
-                        row[2:] for row in rows]
+                rows = [
+                    (0, numbers[parent].get(row[1], "row %s, which is missing" % row[1])) + row[2:]
+                    for row in rows
+                ]
             tables[table] = [row[1:] for row in rows]
         return tables
     finally:
@@ -506,8 +588,9 @@ def differences(expected, seen):
             continue
         one, other = [repr(row) for row in rows], [repr(row) for row in seen[table]]
         lines += [table + ":"] + [
-            line[:400] for line in difflib.unified_diff(one, other, "expected", "seen", "", "", 1,
-                                                        "")]
+            line[:400]
+            for line in difflib.unified_diff(one, other, "expected", "seen", "", "", 1, "")
+        ]
     return lines
 
 
@@ -519,11 +602,20 @@ def agreements(tables):
     """What both have agreed on, free of row numbers: (procedure, clause, revision, text)."""
     agreed = set()
     for number, (clause, time, author, status, text) in enumerate(tables["clause_revisions"]):
-        yes = {row[2] for row in tables["clause_revision_decisions"]
-               if row[0] == number and row[3] == "AGREE"}
+        yes = {
+            row[2]
+            for row in tables["clause_revision_decisions"]
+            if row[0] == number and row[3] == "AGREE"
+        }
         procedure, clause_time, clause_initiator, _ = tables["clauses"][clause]
         _, procedure_time, initiator, contractor, title = tables["procedures"][procedure][:5]
         if status == "COMMITTED" and yes >= {initiator, contractor}:
-            agreed.add(((initiator, procedure_time, title), (clause_initiator, clause_time),
-                        (author, time), text))
+            agreed.add(
+                (
+                    (initiator, procedure_time, title),
+                    (clause_initiator, clause_time),
+                    (author, time),
+                    text,
+                )
+            )
     return agreed

@@ -33,8 +33,12 @@ TITLE = "Lease of the boat house"
 SIZES = [1, 10, 100, 1400, 8192, 16384]
 # Streams of a session, in the order in which one store can take them.
 NEGOTIATION = ["prosody-contractor", "prosody-offline", "prosody-long-revision"]
-STREAMS = NEGOTIATION + ["prosody-initiator", "prosody-shutdown", "ejabberd-chat",
-                         "ejabberd-offline"]
+STREAMS = NEGOTIATION + [
+    "prosody-initiator",
+    "prosody-shutdown",
+    "ejabberd-chat",
+    "ejabberd-offline",
+]
 WAYS = ["FIN", "RST", "close-notify", "stream end"]
 ROUND = b"<iq type='error' id='4000000001'/>"
 STREAM = b"<iq type='error' id='4000000002'/>"
@@ -46,8 +50,10 @@ INPUT_HALF = 0x7FFFFF // 2
 def login_answers(jid, server="prosody"):
     """What the server answered to a login, as that account's."""
     name = jid.split("@")[0].encode()
-    return [answer.replace(b"anna@", name + b"@")
-            for answer in server_peer.read_answers(server + "-login")]
+    return [
+        answer.replace(b"anna@", name + b"@")
+        for answer in server_peer.read_answers(server + "-login")
+    ]
 
 
 def owner(name):
@@ -100,10 +106,23 @@ def describe_body(sender, body):
 def describe_vcard(stanza, card):
     """The record that an answer with a profile gives; its texts stay escaped until shown."""
     line = f"vcard {stanza.get('id')} '{stanza.get('from') or ''}'"
-    for name, field in (("fn", "text"), ("role", "text"), ("email", "text"), ("tel", "uri"),
-                        ("url", "uri"), ("org", "text"), ("adr", "street"), ("key", "text")):
-        found = [child.text for element in card if local(element) == name
-                 for child in element if local(child) == field]
+    for name, field in (
+        ("fn", "text"),
+        ("role", "text"),
+        ("email", "text"),
+        ("tel", "uri"),
+        ("url", "uri"),
+        ("org", "text"),
+        ("adr", "street"),
+        ("key", "text"),
+    ):
+        found = [
+            child.text
+            for element in card
+            if local(element) == name
+            for child in element
+            if local(child) == field
+        ]
         text = found[0] if found else None
         if text is None:
             line += " -"
@@ -119,7 +138,9 @@ def describe(data):
     data = data.replace(b"</stream:stream>", b"")
     root = xml.etree.ElementTree.fromstring(
         b"<stream:stream xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams'>"
-        + data + b"</stream:stream>")
+        + data
+        + b"</stream:stream>"
+    )
     lines = []
     for stanza in root:
         name, kind, sender = local(stanza), stanza.get("type"), stanza.get("from")
@@ -164,8 +185,11 @@ class Rounds:
                 link.send(data, size)
                 link.send(ROUND)
             for offset in self.offsets(data):
-                link.send_raw(link.make_records(data[:offset]) + link.make_records(data[offset:])
-                              + link.make_records(ROUND))
+                link.send_raw(
+                    link.make_records(data[:offset])
+                    + link.make_records(data[offset:])
+                    + link.make_records(ROUND)
+                )
             if len(data) < 8192:
                 for byte in link.make_records(data) + link.make_records(ROUND):
                     link.send_raw(bytes([byte]))
@@ -187,7 +211,11 @@ class Rounds:
             listener = Listener(self.serve)
             client = subprocess.run(
                 [os.path.join(self.trial.programs, "server_client"), "session", self.jid],
-                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=False, timeout=3600)
+                stdout=subprocess.PIPE,
+                stderr=subprocess.DEVNULL,
+                check=False,
+                timeout=3600,
+            )
             listener.stop()
             self.read(client.stdout)
 
@@ -226,21 +254,34 @@ def try_cuts(trial):
     """The records that the worker hands over, however a stream came."""
     rounds = Rounds(trial, STREAMS)
     rounds.run()
-    stanzas = [len(match[0]) for name in STREAMS for match in
-               re.finditer(rb"<(message|iq|presence)[ />].*?</\1>", server_peer.read_stream(name),
-                           re.DOTALL)]
-    trial.check("recorded streams of Prosody and ejabberd, delivered whole: records for the window",
-                f"the {rounds.expected} that another XML parser finds",
-                f"the {rounds.expected} that another XML parser finds"
-                if rounds.found == rounds.expected else f"{rounds.found} of them")
-    trial.check(f"each stream in TLS records of {', '.join(map(str, SIZES))} bytes, and cut in two "
-                f"at {rounds.cuts:,} offsets: the same records",
-                "every time", "every time" if not rounds.different and rounds.same == rounds.rounds
-                else "; ".join(rounds.different[:5]) or f"{rounds.same} of {rounds.rounds}")
+    stanzas = [
+        len(match[0])
+        for name in STREAMS
+        for match in re.finditer(
+            rb"<(message|iq|presence)[ />].*?</\1>", server_peer.read_stream(name), re.DOTALL
+        )
+    ]
+    trial.check(
+        "recorded streams of Prosody and ejabberd, delivered whole: records for the window",
+        f"the {rounds.expected} that another XML parser finds",
+        f"the {rounds.expected} that another XML parser finds"
+        if rounds.found == rounds.expected
+        else f"{rounds.found} of them",
+    )
+    trial.check(
+        f"each stream in TLS records of {', '.join(map(str, SIZES))} bytes, and cut in two "
+        f"at {rounds.cuts:,} offsets: the same records",
+        "every time",
+        "every time"
+        if not rounds.different and rounds.same == rounds.rounds
+        else "; ".join(rounds.different[:5]) or f"{rounds.same} of {rounds.rounds}",
+    )
     trial.figure("recorded streams, their bytes", f"{len(STREAMS)}, {rounds.bytes:,}")
     trial.figure("deliveries of a stream", f"{rounds.rounds:,}")
-    trial.figure("the longest stanza recorded, and the longest that the input buffer takes (bytes)",
-                 f"{max(stanzas):,}, {INPUT_HALF:,}")
+    trial.figure(
+        "the longest stanza recorded, and the longest that the input buffer takes (bytes)",
+        f"{max(stanzas):,}, {INPUT_HALF:,}",
+    )
 
 
 # ---- Servers that leave, byte by byte ----
@@ -256,35 +297,80 @@ STREAM_CLOSED = "text Server disconnected for unknown reason by closing the XMPP
 # server leaves within them. What comes after the whole of an answer is the next one's beginning.
 LOGIN_STEPS = [
     ("the clear header and its features", {CONNECT, SILENT}),
-    ("the go-ahead for TLS", {
-        CONNECT, SILENT, NO_XML, "stop xml_element->is_void",
-        "stop xml_element->name == \"proceed\"", "stop !xml_element->next"}),
+    (
+        "the go-ahead for TLS",
+        {
+            CONNECT,
+            SILENT,
+            NO_XML,
+            "stop xml_element->is_void",
+            'stop xml_element->name == "proceed"',
+            "stop !xml_element->next",
+        },
+    ),
     ("a header within TLS", {SILENT, NO_XML}),
     ("the answer to the password", {SILENT, NO_XML, AUTHORIZE}),
     ("a header within TLS", {SILENT, NO_XML}),
-    ("the address that is bound", {
-        SILENT, NO_XML, "session", "stop xml_element->name == \"iq\"", "stop response_id.size",
-        "stop string_to_u64 (response_id) == id",
-        "stop get_xml_attribute (xml_element, \"type\") == \"result\"",
-        "stop !xml_element->next", "stop xml_element->children",
-        "stop xml_element->name == \"bind\"", "stop xml_element->name == \"jid\"",
-        "stop get_xml_attribute (xml_element, \"xmlns\") == \"urn:ietf:params:xml:ns:xmpp-bind\"",
-        "stop xml_element->text.size", "stop !xml_element->children", "stop bare_jid.size",
-        "stop bare_jid == window->account.bare_jid", "stop resource.size"}),
+    (
+        "the address that is bound",
+        {
+            SILENT,
+            NO_XML,
+            "session",
+            'stop xml_element->name == "iq"',
+            "stop response_id.size",
+            "stop string_to_u64 (response_id) == id",
+            'stop get_xml_attribute (xml_element, "type") == "result"',
+            "stop !xml_element->next",
+            "stop xml_element->children",
+            'stop xml_element->name == "bind"',
+            'stop xml_element->name == "jid"',
+            'stop get_xml_attribute (xml_element, "xmlns") == "urn:ietf:params:xml:ns:xmpp-bind"',
+            "stop xml_element->text.size",
+            "stop !xml_element->children",
+            "stop bare_jid.size",
+            "stop bare_jid == window->account.bare_jid",
+            "stop resource.size",
+        },
+    ),
 ]
 REGISTRATION_STEPS = LOGIN_STEPS[:3] + [
-    ("the offer of a registration", {
-        SILENT, NO_XML, SOCKET_CLOSED, STREAM_CLOSED, "text Registration unavailable",
-        "stop xml_element->name == \"iq\"", "stop response_id.size",
-        "stop string_to_u64 (response_id) == id", "stop iq_type.size"}),
-    ("the answer to the registration", {
-        SOCKET_CLOSED, STREAM_CLOSED, "text Unhandled error", "text result",
-        "text The requested username already exists.", "stop xml", "stop response_id.size",
-        "stop string_to_u64 (response_id) == set_register_iq_id", "stop iq_type.size",
-        "stop !xml->next", "stop xml_error", "stop xml_text", "stop text.size",
-        "stop get_xml_attribute (xml_error, \"type\") == \"cancel\"",
-        "stop unopened_elements->name == \"stream:stream\"",
-        "stop unopened_elements->parent == NULL", "stop !\"Unhandled error\""}),
+    (
+        "the offer of a registration",
+        {
+            SILENT,
+            NO_XML,
+            SOCKET_CLOSED,
+            STREAM_CLOSED,
+            "text Registration unavailable",
+            'stop xml_element->name == "iq"',
+            "stop response_id.size",
+            "stop string_to_u64 (response_id) == id",
+            "stop iq_type.size",
+        },
+    ),
+    (
+        "the answer to the registration",
+        {
+            SOCKET_CLOSED,
+            STREAM_CLOSED,
+            "text Unhandled error",
+            "text result",
+            "text The requested username already exists.",
+            "stop xml",
+            "stop response_id.size",
+            "stop string_to_u64 (response_id) == set_register_iq_id",
+            "stop iq_type.size",
+            "stop !xml->next",
+            "stop xml_error",
+            "stop xml_text",
+            "stop text.size",
+            'stop get_xml_attribute (xml_error, "type") == "cancel"',
+            'stop unopened_elements->name == "stream:stream"',
+            "stop unopened_elements->parent == NULL",
+            'stop !"Unhandled error"',
+        },
+    ),
 ]
 
 
@@ -292,13 +378,20 @@ class Attempts:
     """Attempts of server_client, one after the other, each with an end of its own."""
 
     def __init__(self, trial, mode):
-        self.answers = (login_answers(driver.ANNA) if mode == "login" else
-                        server_peer.read_answers("prosody-registration"))
+        self.answers = (
+            login_answers(driver.ANNA)
+            if mode == "login"
+            else server_peer.read_answers("prosody-registration")
+        )
         self.requests = LOGIN_REQUESTS if mode == "login" else REGISTRATION_REQUESTS
         self.listener = Listener(self.serve)
         self.client = subprocess.Popen(
-            [os.path.join(trial.programs, "server_client"), mode], stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+            [os.path.join(trial.programs, "server_client"), mode],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            text=True,
+        )
         self.play = None
 
     def serve(self, link):
@@ -315,6 +408,7 @@ class Attempts:
 
     def leave_within(self, step, count, way, whole_record=True):
         """A server that leaves after `count` bytes of the answer, or of the TLS record with it."""
+
         def play(link):
             server_peer.answer(link, self.answers, self.requests, step)
             if step == 2:
@@ -325,14 +419,17 @@ class Attempts:
             else:
                 link.send_raw(link.make_records(self.answers[step])[:count])
             link.end(way)
+
         return self.run(play)
 
     def leave_handshake(self, count, way):
         """A server that leaves after `count` bytes of its part of the handshake."""
+
         def play(link):
             server_peer.answer(link, self.answers, self.requests, 2)
             link.handshake(count)
             link.end(way)
+
         return self.run(play)
 
     def stop(self):
@@ -345,15 +442,21 @@ class Attempts:
 def tell(outcomes):
     """How often each outcome came, in words."""
     words = {"session": "logged in"}
-    return ", ".join(f"{count:,} x {words.get(outcome, outcome.removeprefix('text '))}"
-                     for outcome, count in outcomes.most_common())
+    return ", ".join(
+        f"{count:,} x {words.get(outcome, outcome.removeprefix('text '))}"
+        for outcome, count in outcomes.most_common()
+    )
 
 
 def check_outcomes(trial, what, outcomes, allowed):
     """A row for the outcomes of one step."""
     strange = {outcome: count for outcome, count in outcomes.items() if outcome not in allowed}
-    trial.check(f"{what} ({sum(outcomes.values()):,} attempts)",
-                "a page's text or a designed stop", tell(outcomes), ok=not strange)
+    trial.check(
+        f"{what} ({sum(outcomes.values()):,} attempts)",
+        "a page's text or a designed stop",
+        tell(outcomes),
+        ok=not strange,
+    )
     for outcome, count in strange.items():
         print(f"  not meant: {count} x {outcome}", flush=True)
 
@@ -398,8 +501,9 @@ def try_bytes(trial):
                 handshake[attempts.leave_handshake(count, WAYS[count % 2])] += 1
         attempts.stop()
     for (mode, words), (outcomes, allowed) in rows.items():
-        check_outcomes(trial, f"{mode}: the server leaves after each byte of {words}", outcomes,
-                       allowed)
+        check_outcomes(
+            trial, f"{mode}: the server leaves after each byte of {words}", outcomes, allowed
+        )
     check_outcomes(trial, "amid the TLS record of any of these", amid, {SILENT, SOCKET_CLOSED})
     check_outcomes(trial, "after each byte of its TLS handshake", handshake, {CONNECT})
 
@@ -431,6 +535,7 @@ class Scene:
 
     def deliver(self, *names, size=server_peer.RECORD_MAX, cut=None):
         """A play that logs in and delivers streams, in records of that size or cut in two."""
+
         def play(link):
             log_in(link, JID, size)
             for name in names:
@@ -441,6 +546,7 @@ class Scene:
                 else:
                     link.send(data, size)
             link.send(ROUND, size)
+
         return play
 
     def enter(self, play=None):
@@ -479,6 +585,7 @@ class Scene:
             if bert.find("New procedure", driver.BUTTON_ROLES):
                 return "session"
             return None
+
         found = self.desktop.wait(outcome, "the attempt ends")
         bert.expected_end = False
         return found
@@ -562,11 +669,13 @@ def try_window_cuts(trial):
         scene.bert.close()
     rows = sum(len(rows) for rows in whole.values())
     scene.stop()
-    trial.check("a whole login and session in records of "
-                f"{', '.join(map(str, sizes))} bytes{'' if trial.short else ', and cut in two'}: "
-                "rows of the store, clauses and decisions in the window",
-                f"{rows} rows, the same each of {len(plays)} times",
-                f"{rows} rows, the same each of {same} times")
+    trial.check(
+        "a whole login and session in records of "
+        f"{', '.join(map(str, sizes))} bytes{'' if trial.short else ', and cut in two'}: "
+        "rows of the store, clauses and decisions in the window",
+        f"{rows} rows, the same each of {len(plays)} times",
+        f"{rows} rows, the same each of {same} times",
+    )
 
 
 # ---- Servers that leave, in front of the window ----
@@ -575,6 +684,7 @@ def try_window_cuts(trial):
 def leave_at(scene, step, place, way):
     """A play that logs in up to a step and leaves there: before the answer, within it, within the
     TLS record that carries it, or behind it."""
+
     def play(link):
         answers = scene.answers
         server_peer.answer(link, answers, LOGIN_REQUESTS, step)
@@ -589,15 +699,18 @@ def leave_at(scene, step, place, way):
         elif place == "after":
             link.send(answer)
         link.end(way)
+
     return play
 
 
 def leave_handshake_at(scene, count, way):
     """A play that leaves within the TLS handshake."""
+
     def play(link):
         server_peer.answer(link, scene.answers, LOGIN_REQUESTS, 2)
         link.handshake(count)
         link.end(way)
+
     return play
 
 
@@ -636,12 +749,18 @@ def try_window_login_ends(trial):
         found += scene.is_stored(stored)
         scene.bert.close()
     scene.stop()
-    trial.check(f"login in the window: the server leaves before, amid and after each answer, amid "
-                f"its TLS record and in the handshake ({len(points)} places)",
-                "the page's text or a designed stop", "; ".join(strange) or tell(outcomes),
-                ok=not strange)
-    trial.check("and then a login, in the same window or after a new start, finds all that is "
-                "stored", f"{len(points)} of {len(points)}", f"{found} of {len(points)}")
+    trial.check(
+        f"login in the window: the server leaves before, amid and after each answer, amid "
+        f"its TLS record and in the handshake ({len(points)} places)",
+        "the page's text or a designed stop",
+        "; ".join(strange) or tell(outcomes),
+        ok=not strange,
+    )
+    trial.check(
+        "and then a login, in the same window or after a new start, finds all that is " "stored",
+        f"{len(points)} of {len(points)}",
+        f"{found} of {len(points)}",
+    )
 
 
 def try_window_registration_ends(trial):
@@ -650,10 +769,17 @@ def try_window_registration_ends(trial):
     stored = prepare(scene)
     answers = server_peer.read_answers("prosody-registration")
     outcomes, strange, found, count = Counter(), [], 0, 0
-    for step, place, way in [(3, "before", "FIN"), (3, "amid", "RST"), (3, "after", "stream end"),
-                             (3, "amid", "FIN"), (4, "before", "close-notify"),
-                             (4, "before", "stream end"), (4, "amid", "FIN"),
-                             (4, "amid", "stream end"), (4, "after", "FIN")]:
+    for step, place, way in [
+        (3, "before", "FIN"),
+        (3, "amid", "RST"),
+        (3, "after", "stream end"),
+        (3, "amid", "FIN"),
+        (4, "before", "close-notify"),
+        (4, "before", "stream end"),
+        (4, "amid", "FIN"),
+        (4, "amid", "stream end"),
+        (4, "after", "FIN"),
+    ]:
         if trial.short and (step, place) != (4, "before"):
             continue
         count += 1
@@ -665,6 +791,7 @@ def try_window_registration_ends(trial):
             size = {"before": 0, "amid": len(answer) // 2, "after": len(answer)}
             link.send(answer[: size[place]])
             link.end(way)
+
         scene.play = play
         bert = scene.bert.start()
         bert.click("Register")
@@ -674,8 +801,9 @@ def try_window_registration_ends(trial):
         bert.click("Register")
         outcome = scene.await_outcome()
         outcomes[outcome] += 1
-        allowed = REGISTRATION_STEPS[step][1] | (REGISTRATION_STEPS[4][1] if place == "after"
-                                                 else set())
+        allowed = REGISTRATION_STEPS[step][1] | (
+            REGISTRATION_STEPS[4][1] if place == "after" else set()
+        )
         if outcome not in allowed:
             strange.append(f"{outcome}: {place} answer {step}, {way}")
         if bert.process:
@@ -683,11 +811,16 @@ def try_window_registration_ends(trial):
         found += scene.is_stored(stored)
         scene.bert.close()
     scene.stop()
-    trial.check(f"registration in the window: the server leaves before, amid and after its answers "
-                f"({count} places)", "the page's text or a designed stop",
-                "; ".join(strange) or tell(outcomes), ok=not strange)
-    trial.check("and then a login finds all that is stored", f"{count} of {count}",
-                f"{found} of {count}")
+    trial.check(
+        f"registration in the window: the server leaves before, amid and after its answers "
+        f"({count} places)",
+        "the page's text or a designed stop",
+        "; ".join(strange) or tell(outcomes),
+        ok=not strange,
+    )
+    trial.check(
+        "and then a login finds all that is stored", f"{count} of {count}", f"{found} of {count}"
+    )
 
 
 def try_window_session_ends(trial):
@@ -722,13 +855,15 @@ def try_window_session_ends(trial):
                 link.send_raw(link.make_records(data[begin:end])[:-9])
             leave.wait(server_peer.PATIENCE)
             link.end(way)
+
         mark = bert.console_mark()
         scene.enter(play)
         before = bert.everything()
         leave.set()
         bert.wait_console("Disconnected.", mark)
-        kept += all(set(rows) <= set(before[table]) for table, rows in stored.items()
-                    if table != "contacts")
+        kept += all(
+            set(rows) <= set(before[table]) for table, rows in stored.items() if table != "contacts"
+        )
         texts = [row for (row,) in bert.rows("SELECT text FROM clause_revisions")]
         # A stanza that the end cut is lost, the half of it is never taken for the whole.
         whole += sum(row.startswith(text) for row in texts) == (place == "between")
@@ -740,11 +875,19 @@ def try_window_session_ends(trial):
         bert.close()
     scene.stop()
     count = len(points)
-    trial.check(f"session: the server leaves between two stanzas, amid one and amid a TLS record "
-                f"({count} ends): all rows from before are there, and a stanza is applied if all "
-                "of it had come, else not at all", f"{count} and {count}", f"{kept} and {whole}")
-    trial.check("and the window takes a new procedure and stores it, and the next start logs in "
-                "and finds every row", f"{count} and {count}", f"{usable} and {found}")
+    trial.check(
+        f"session: the server leaves between two stanzas, amid one and amid a TLS record "
+        f"({count} ends): all rows from before are there, and a stanza is applied if all "
+        "of it had come, else not at all",
+        f"{count} and {count}",
+        f"{kept} and {whole}",
+    )
+    trial.check(
+        "and the window takes a new procedure and stores it, and the next start logs in "
+        "and finds every row",
+        f"{count} and {count}",
+        f"{usable} and {found}",
+    )
 
 
 # ---- Servers that say nothing ----
@@ -761,6 +904,7 @@ def milliseconds(since):
 def silent_at(scene, step, amid_record):
     """A play that logs in up to a step and is silent there, before the answer or within its TLS
     record."""
+
     def play(link):
         server_peer.answer(link, scene.answers, LOGIN_REQUESTS, min(step, 6))
         if step == 2:
@@ -770,15 +914,18 @@ def silent_at(scene, step, amid_record):
         if amid_record:
             link.send_raw(link.make_records(scene.answers[step])[:-20])
         scene.reached.set()
+
     return play
 
 
 def silent_handshake(scene, count):
     """A play that is silent after so many bytes of the TLS handshake."""
+
     def play(link):
         server_peer.answer(link, scene.answers, LOGIN_REQUESTS, 2)
         link.handshake(count)
         scene.reached.set()
+
     return play
 
 
@@ -824,14 +971,20 @@ def try_window_silence(trial):
     same = bert.everything() == stored
     scene.stop()
     slack = 5 if trial.short else 1
-    trial.check(f"a server that says nothing from a step of the login on ({len(plays)} places: "
-                "before an answer, amid a TLS record, in the handshake, behind the login): a click "
-                "is answered", f"within {CLICK_MS * slack} ms", f"within {max(clicks)} ms",
-                ok=max(clicks) <= CLICK_MS * slack)
-    trial.check("closing the window then ends the program, and the store is as it was",
-                f"within {CLOSE_MS * slack} ms, every row",
-                f"within {max(closes)} ms, {'every row' if same else 'other rows'}",
-                ok=max(closes) <= CLOSE_MS * slack and same)
+    trial.check(
+        f"a server that says nothing from a step of the login on ({len(plays)} places: "
+        "before an answer, amid a TLS record, in the handshake, behind the login): a click "
+        "is answered",
+        f"within {CLICK_MS * slack} ms",
+        f"within {max(clicks)} ms",
+        ok=max(clicks) <= CLICK_MS * slack,
+    )
+    trial.check(
+        "closing the window then ends the program, and the store is as it was",
+        f"within {CLOSE_MS * slack} ms, every row",
+        f"within {max(closes)} ms, {'every row' if same else 'other rows'}",
+        ok=max(closes) <= CLOSE_MS * slack and same,
+    )
 
 
 def try_window_pause(trial):
@@ -848,6 +1001,7 @@ def try_window_pause(trial):
         scene.reached.set()
         go_on.wait(server_peer.PATIENCE)
         link.send(data[half:] + ROUND)
+
     scene.play = play
     bert.start()
     bert.login()
@@ -860,11 +1014,16 @@ def try_window_pause(trial):
     after = bert.count_rows("clause_revisions")
     bert.close()
     scene.stop()
-    expected = sum(line.startswith("revision anna") and " anna@alpha.test:" in line[9:]
-                   for line in describe(data))
-    trial.check("a pause within a stanza: the window makes a procedure meanwhile; then the rest "
-                "comes", "no revision, then some", f"{'no' if not before else before} revision, "
-                f"then {'some' if 0 < after <= expected else after}")
+    expected = sum(
+        line.startswith("revision anna") and " anna@alpha.test:" in line[9:]
+        for line in describe(data)
+    )
+    trial.check(
+        "a pause within a stanza: the window makes a procedure meanwhile; then the rest " "comes",
+        "no revision, then some",
+        f"{'no' if not before else before} revision, "
+        f"then {'some' if 0 < after <= expected else after}",
+    )
 
 
 # ---- A server that stops reading ----
@@ -917,8 +1076,16 @@ def answer_time(party):
     start = time.monotonic()
     node = party.windows[0].frame
     party.desktop.accessibility.call_sync(
-        node.owner, node.path, "org.a11y.atspi.Accessible", "GetState", None, None,
-        driver.Gio.DBusCallFlags.NONE, 60000, None)
+        node.owner,
+        node.path,
+        "org.a11y.atspi.Accessible",
+        "GetState",
+        None,
+        None,
+        driver.Gio.DBusCallFlags.NONE,
+        60000,
+        None,
+    )
     return milliseconds(start)
 
 
@@ -936,12 +1103,15 @@ def commit_for_deaf(scene, deaf):
     # By keyboard: the button is pages above the end of such a text.
     texts, latest = [], 0
     for number in range(DEAF_TEXTS):
-        texts.append(f"{number}\n" + "a line of forty bytes, and of all commits\n" * (DEAF_SIZE // 42))
+        texts.append(
+            f"{number}\n" + "a line of forty bytes, and of all commits\n" * (DEAF_SIZE // 42)
+        )
         bert.write(nth, texts[-1])
         scene.desktop.key("ctrl+Return")
         latest = max(latest, answer_time(bert))
-        bert.wait_rows("clause_revisions", number + 1,
-                       "status = 'COMMITTED' AND text LIKE '%forty%'")
+        bert.wait_rows(
+            "clause_revisions", number + 1, "status = 'COMMITTED' AND text LIKE '%forty%'"
+        )
     return texts, latest
 
 
@@ -959,11 +1129,14 @@ def try_window_deaf(trial):
         deaf = DeafServer(scene, is_leaving)
         texts, latest = commit_for_deaf(scene, deaf)
         kept = count_same([text for (text,) in bert.rows(texts_query)], texts)
-        trial.check(f"a server that does not read while {DEAF_TEXTS} commits of {DEAF_SIZE:,} bytes go "
-                    f"out{', and then leaves' if is_leaving else ''}: commits stored, and the window's "
-                    "latest answer after one", f"{DEAF_TEXTS}, within {CLICK_MS} ms",
-                    f"{kept}, within {latest} ms",
-                    ok=kept == DEAF_TEXTS and latest <= CLICK_MS)
+        trial.check(
+            f"a server that does not read while {DEAF_TEXTS} commits of {DEAF_SIZE:,} bytes go "
+            f"out{', and then leaves' if is_leaving else ''}: commits stored, and the window's "
+            "latest answer after one",
+            f"{DEAF_TEXTS}, within {CLICK_MS} ms",
+            f"{kept}, within {latest} ms",
+            ok=kept == DEAF_TEXTS and latest <= CLICK_MS,
+        )
         mark = bert.console_mark()
         deaf.go_on.set()
         if is_leaving:
@@ -979,12 +1152,16 @@ def try_window_deaf(trial):
         else:
             later = deaf
             what = "and once it reads, all comes whole and in order"
-        scene.desktop.wait(lambda later=later: later.text.count(b"</x-revision>") >= DEAF_TEXTS,
-                           what)
+        scene.desktop.wait(
+            lambda later=later: later.text.count(b"</x-revision>") >= DEAF_TEXTS, what
+        )
         bert.close()
         later.done.wait(server_peer.PATIENCE)
-        trial.check(what, f"{DEAF_TEXTS} of {DEAF_TEXTS}",
-                    f"{count_same(later.revisions(), texts)} of {DEAF_TEXTS}")
+        trial.check(
+            what,
+            f"{DEAF_TEXTS} of {DEAF_TEXTS}",
+            f"{count_same(later.revisions(), texts)} of {DEAF_TEXTS}",
+        )
         forget(scene)
     scene.stop()
 
@@ -1014,8 +1191,11 @@ def try_prosody_restart(trial):
     for party in (anna, bert):
         party.wait_console("Disconnected.")
     desktop.wait(lambda: "not connected" in anna.windows[0].frame.name(), "the title says so")
-    trial.check("Prosody stops while the window is open: the title says so, and the window stays",
-                "the same labels", "the same labels" if anna.labels() == before else anna.labels())
+    trial.check(
+        "Prosody stops while the window is open: the title says so, and the window stays",
+        "the same labels",
+        "the same labels" if anna.labels() == before else anna.labels(),
+    )
     anna.commit(0, "Made without a server")
     server.start()
     anna.commit(0, "Made after its return")
@@ -1023,9 +1203,11 @@ def try_prosody_restart(trial):
     texts = "SELECT text FROM clause_revisions ORDER BY db_id"
     mine = [text for (text,) in anna.rows(texts)]
     owed = anna.count_rows("outbox")
-    trial.check("commits made meanwhile and after its return, in the same window",
-                "3 stored, 2 of them not sent; no new connection",
-                f"{len(mine)} stored, {owed} of them not sent; {again or 'no'} new connection")
+    trial.check(
+        "commits made meanwhile and after its return, in the same window",
+        "3 stored, 2 of them not sent; no new connection",
+        f"{len(mine)} stored, {owed} of them not sent; {again or 'no'} new connection",
+    )
     stored = anna.negotiation()
     for party in (anna, bert):
         party.close()
@@ -1033,8 +1215,11 @@ def try_prosody_restart(trial):
     anna.login()
     anna.open_procedure(TITLE)
     anna.wait_text("Clause text", mine[-1])
-    trial.check("a new start of the program logs in and finds", "every row",
-                "every row" if anna.negotiation() == stored else "other rows")
+    trial.check(
+        "a new start of the program logs in and finds",
+        "every row",
+        "every row" if anna.negotiation() == stored else "other rows",
+    )
     anna.commit(0, "For one who is away")
     mine.append("For one who is away")
     bert.start()
@@ -1042,8 +1227,11 @@ def try_prosody_restart(trial):
     bert.open_procedure(TITLE)
     bert.wait_text("Clause text", mine[-1])
     theirs = [text for (text,) in bert.rows(texts)]
-    trial.check("all of it, and what is then sent, arrives at the other party, who logs in later",
-                mine, theirs)
+    trial.check(
+        "all of it, and what is then sent, arrives at the other party, who logs in later",
+        mine,
+        theirs,
+    )
     for party in (anna, bert):
         party.close()
         party.discard()

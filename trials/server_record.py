@@ -185,7 +185,7 @@ def record_ejabberd(relay, scene):
     for party in (anna, bert):
         party.open_contact(driver.BERT if party is anna else driver.ANNA)
     anna.say("Good morning! Have you seen the second clause?")
-    anna.say("It's \"400 euros\" & no more.")
+    anna.say('It\'s "400 euros" & no more.')
     bert.say("I have; <400> it is.")
     bert.wait_rows("contact_messages", 3)
     # It knows nothing of such profiles, and says so.

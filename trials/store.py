@@ -55,16 +55,22 @@ def write_file(path, data):
 KINDS = (
     ("full", "the disk is full", ("database or disk is full",)),
     ("half", "the disk is full in the middle of a write", ("database or disk is full",)),
-    ("readonly", "the file system has become read-only",
-     ("disk I/O error", "unable to open database file")),
+    (
+        "readonly",
+        "the file system has become read-only",
+        ("disk I/O error", "unable to open database file"),
+    ),
 )
 
 
 def run_faults(trial, kind, step, directory):
     """The lines of store_faults, as numbers and as lists of (count, text)."""
     results = os.path.join(directory, "results")
-    subprocess.run([os.path.join(trial.programs, "store_faults"), kind, str(step), results],
-                   cwd=directory, check=True)
+    subprocess.run(
+        [os.path.join(trial.programs, "store_faults"), kind, str(step), results],
+        cwd=directory,
+        check=True,
+    )
     numbers, texts = {}, {"message": [], "stop": []}
     with open(results, encoding="utf-8") as file:
         for line in file:
@@ -86,29 +92,47 @@ def try_operations(trial):
         finally:
             shutil.rmtree(directory)
         if kind == "full":
-            trial.figure("changes of the store in a negotiation with every operation of it",
-                         f"{numbers['changes']:,}")
-            trial.figure("system calls of these that change a file: a failing disk from each on",
-                         f"{numbers['calls']:,}" + (f", every {step}th" if step > 1 else ""))
+            trial.figure(
+                "changes of the store in a negotiation with every operation of it",
+                f"{numbers['changes']:,}",
+            )
+            trial.figure(
+                "system calls of these that change a file: a failing disk from each on",
+                f"{numbers['calls']:,}" + (f", every {step}th" if step > 1 else ""),
+            )
         met = numbers["met"]
         said = {text for _, text in texts["message"]}
         stops = {text for _, text in texts["stop"]}
-        is_right = (numbers["stopped"] == met and met > 0 and said <= set(messages) and
-                    stops <= {"db.cpp: !error", "db.cpp: open_error == SQLITE_OK"})
-        trial.check(f"{what}: the statement stops the program", f"{met:,} of {met:,}: " + stop_text(
-            stops if is_right else {"db.cpp: !error"}, messages), f"{numbers['stopped']:,} of "
-            f"{met:,}: " + stop_text(stops, [text for text in messages if text in said] +
-                                     sorted(said - set(messages))), ok=is_right)
+        is_right = (
+            numbers["stopped"] == met
+            and met > 0
+            and said <= set(messages)
+            and stops <= {"db.cpp: !error", "db.cpp: open_error == SQLITE_OK"}
+        )
+        trial.check(
+            f"{what}: the statement stops the program",
+            f"{met:,} of {met:,}: "
+            + stop_text(stops if is_right else {"db.cpp: !error"}, messages),
+            f"{numbers['stopped']:,} of "
+            f"{met:,}: "
+            + stop_text(
+                stops, [text for text in messages if text in said] + sorted(said - set(messages))
+            ),
+            ok=is_right,
+        )
         faults = numbers["faults"]
-        trial.check(f"{what}: the store is sound and holds just what had come back as done, and "
-                    "the next start loads it", f"{faults:,} of {faults:,}",
-                    f"{min(numbers['intact'], numbers['started']):,} of {faults:,}")
+        trial.check(
+            f"{what}: the store is sound and holds just what had come back as done, and "
+            "the next start loads it",
+            f"{faults:,} of {faults:,}",
+            f"{min(numbers['intact'], numbers['started']):,} of {faults:,}",
+        )
 
 
 def stop_text(stops, messages):
     """How a stop is told of in a row."""
-    asserted = " or ".join("\"%s\"" % stop.split(": ", 1)[1] for stop in sorted(stops))
-    return "%s, %s" % (asserted, " or ".join("\"%s\"" % message for message in messages))
+    asserted = " or ".join('"%s"' % stop.split(": ", 1)[1] for stop in sorted(stops))
+    return "%s, %s" % (asserted, " or ".join('"%s"' % message for message in messages))
 
 
 # ---- A failing disk below real windows ----
@@ -146,8 +170,11 @@ def tell_end(status, console, errors):
     """(status, assertion, message) of an ended program."""
     stop = re.search(r"(src/\w+\.cpp):\d+:.*Assertion `(.*)' failed", errors)
     said = re.findall(r'^(?:error_msg|sqlite3_errmsg \(db\)): "(.*)" \(', console, re.MULTILINE)
-    return (status, "%s: %s" % stop.groups() if stop else "no assertion",
-            said[-1] if said else "no message")
+    return (
+        status,
+        "%s: %s" % stop.groups() if stop else "no assertion",
+        said[-1] if said else "no message",
+    )
 
 
 def press(party, name, nth=0):
@@ -205,8 +232,11 @@ def try_window(trial, party, kind, action, number):
         party.wait_text("Clause text", before["clause_revisions"][-1][5])
         party.click("Cancel")
         party.wait_text("Clause text", "Ten crates a week")
-    print("%s, %s from call %d on: %s, %s; intact %s, shown %s" % (
-        action, kind, number, stop, said, is_intact, is_shown), flush=True)
+    print(
+        "%s, %s from call %d on: %s, %s; intact %s, shown %s"
+        % (action, kind, number, stop, said, is_intact, is_shown),
+        flush=True,
+    )
     return is_stop, is_intact and is_shown
 
 
@@ -217,8 +247,7 @@ def try_first_start(party, kind, number):
     party.process = party.launch()
     status, stop, said = wait_stopped(party)
     heal(party)
-    is_stop = (status == STOPPED and stop in (BROKEN_SQL, NOT_OPENED) and
-               said in get_messages(kind))
+    is_stop = status == STOPPED and stop in (BROKEN_SQL, NOT_OPENED) and said in get_messages(kind)
     print("first start, %s from call %d on: %s, %s" % (kind, number, stop, said), flush=True)
     party.start()
     return is_stop, party.rows("SELECT * FROM app_info") == [(1, "Morvane", "0.1")]
@@ -252,7 +281,7 @@ def try_commits(party, numbers):
         act()
         _, stop, said = wait_stopped(party)
         heal(party)
-        ends.add("\"%s\", \"%s\"" % (stop.split(": ", 1)[-1], said))
+        ends.add('"%s", "%s"' % (stop.split(": ", 1)[-1], said))
         kept += party.everything() == before
         party.start()
         party.login()
@@ -272,9 +301,16 @@ def try_windows(trial, desktop):
     party.begin(TITLE, driver.BERT)
     for nth, text in enumerate(("Ten crates a week", "Paid on delivery")):
         party.commit(party.add_clause(), text)
-    cases = [("commit", "full", 1)] if trial.short else [
-        (action, kind, number) for action in ("commit", "save a draft", "add a clause", "begin")
-        for kind in ("full", "readonly") for number in (1, 6)]
+    cases = (
+        [("commit", "full", 1)]
+        if trial.short
+        else [
+            (action, kind, number)
+            for action in ("commit", "save a draft", "add a clause", "begin")
+            for kind in ("full", "readonly")
+            for number in (1, 6)
+        ]
+    )
     for action, kind, number in cases:
         seen.append(try_window(trial, party, kind, action, number))
     numbers = (8,) if trial.short else (2, 5, 8, 10)
@@ -284,15 +320,22 @@ def try_windows(trial, desktop):
     for name in ("STORE_DISK", "LD_PRELOAD"):
         del desktop.environment[name]
     every = "%d of %d" % (len(seen), len(seen))
-    trial.check("a window on a failing disk (first start, first login, drafts, commits, new clauses "
-                "and procedures): it stops, and says why on the console", every,
-                "%d of %d" % (sum(is_stop for is_stop, _ in seen), len(seen)))
-    trial.check("with the disk well again, the window shows all that it had shown", every,
-                "%d of %d" % (sum(is_right for _, is_right in seen), len(seen)))
-    trial.check("the disk becomes full in a commit of a saved draft: the draft and all else is there",
-                "%d of %d stop by \"!error\", \"database or disk is full\"" % (
-                    len(numbers), len(numbers)),
-                "%d of %d stop by %s" % (kept, len(numbers), ends))
+    trial.check(
+        "a window on a failing disk (first start, first login, drafts, commits, new clauses "
+        "and procedures): it stops, and says why on the console",
+        every,
+        "%d of %d" % (sum(is_stop for is_stop, _ in seen), len(seen)),
+    )
+    trial.check(
+        "with the disk well again, the window shows all that it had shown",
+        every,
+        "%d of %d" % (sum(is_right for _, is_right in seen), len(seen)),
+    )
+    trial.check(
+        "the disk becomes full in a commit of a saved draft: the draft and all else is there",
+        '%d of %d stop by "!error", "database or disk is full"' % (len(numbers), len(numbers)),
+        "%d of %d stop by %s" % (kept, len(numbers), ends),
+    )
 
 
 # ---- Files that are not the program's own ----
@@ -302,10 +345,20 @@ def make_store(trial):
     """The bytes of a store late in a negotiation, without free pages."""
     directory = fast_directory()
     try:
-        subprocess.run([os.path.join(trial.programs, "store_faults"), "full", "100000",
-                        os.path.join(directory, "results")], cwd=directory, check=True)
-        names = sorted((name for name in os.listdir(directory) if name.startswith("reference-")),
-                       key=lambda name: int(name.split("-")[1]))
+        subprocess.run(
+            [
+                os.path.join(trial.programs, "store_faults"),
+                "full",
+                "100000",
+                os.path.join(directory, "results"),
+            ],
+            cwd=directory,
+            check=True,
+        )
+        names = sorted(
+            (name for name in os.listdir(directory) if name.startswith("reference-")),
+            key=lambda name: int(name.split("-")[1]),
+        )
         for name in reversed(names):
             connection = sqlite3.connect(os.path.join(directory, name))
             free = connection.execute("PRAGMA freelist_count").fetchone()[0]
@@ -333,14 +386,22 @@ def start_on(trial, prepare, wrap=(), during=None):
     stops at its store, or comes as far as to look for a display. Returns how it ended, and whether
     the directory is as it was. `during` is called while it runs."""
     directory = fast_directory()
-    environment = {name: value for name, value in os.environ.items()
-                   if name not in ("DISPLAY", "WAYLAND_DISPLAY")}
+    environment = {
+        name: value
+        for name, value in os.environ.items()
+        if name not in ("DISPLAY", "WAYLAND_DISPLAY")
+    }
     try:
         prepare(directory)
         before = list_directory(directory)
-        process = subprocess.Popen([*wrap, trial.binary], cwd=directory, env=environment,
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE)
+        process = subprocess.Popen(
+            [*wrap, trial.binary],
+            cwd=directory,
+            env=environment,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
         if during:
             during(process, directory)
         console, errors = process.communicate(timeout=60 * driver.SLOW)
@@ -358,17 +419,20 @@ def start_on(trial, prepare, wrap=(), during=None):
 def told(end, is_same):
     """How an end on a file is told of in a row."""
     _, stop, said = end
-    text = "starts" if stop == "started" else "stops by \"%s\", \"%s\"" % (
-        stop.split(": ", 1)[-1], said)
+    text = (
+        "starts" if stop == "started" else 'stops by "%s", "%s"' % (stop.split(": ", 1)[-1], said)
+    )
     return text + (", nothing changed" if is_same else ", changed")
 
 
 def database(statements):
     """Makes a database by these statements in the place of the store."""
+
     def prepare(directory):
         connection = sqlite3.connect(os.path.join(directory, ".morvane.db"))
         connection.executescript(statements)
         connection.close()
+
     return prepare
 
 
@@ -379,11 +443,13 @@ def content(data):
 
 def with_modes(data, file_mode, directory_mode):
     """The same, with these modes."""
+
     def prepare(directory):
         if data is not None:
             content(data)(directory)
             os.chmod(os.path.join(directory, ".morvane.db"), file_mode)
         os.chmod(directory, directory_mode)
+
     return prepare
 
 
@@ -401,28 +467,43 @@ def same_end(ends):
 
 def try_others(trial, store):
     """Files of other kinds."""
-    ends = [told(*start_on(trial, prepare))
-            for prepare in (lambda directory: None, content(b""), content(b"x"))]
-    trial.check("no file, an empty one, and one of a single byte, which SQLite takes for empty",
-                "starts, changed", same_end(ends))
+    ends = [
+        told(*start_on(trial, prepare))
+        for prepare in (lambda directory: None, content(b""), content(b"x"))
+    ]
+    trial.check(
+        "no file, an empty one, and one of a single byte, which SQLite takes for empty",
+        "starts, changed",
+        same_end(ends),
+    )
 
     numbers = random.Random(4)
     sizes = [2, 15, 16, 99, 100, 511, 512, 1024, 4096, 40960] + [
-        numbers.randrange(2, 100000) for _ in range(10 if trial.short else 190)]
-    ends = [told(*start_on(trial, content(data)))
-            for data in [bytes(8192)] + [numbers.randbytes(size) for size in sizes]]
-    trial.check(f"a file of zeros, and {len(sizes)} files of 2 bytes to 100 KB at random",
-                "stops by \"!error\", \"file is not a database\", nothing changed", same_end(ends))
+        numbers.randrange(2, 100000) for _ in range(10 if trial.short else 190)
+    ]
+    ends = [
+        told(*start_on(trial, content(data)))
+        for data in [bytes(8192)] + [numbers.randbytes(size) for size in sizes]
+    ]
+    trial.check(
+        f"a file of zeros, and {len(sizes)} files of 2 bytes to 100 KB at random",
+        'stops by "!error", "file is not a database", nothing changed',
+        same_end(ends),
+    )
 
     locked_out = without_privileges()
-    prepares = [lambda directory: os.mkdir(os.path.join(directory, ".morvane.db")),
-                with_modes(store, 0, 0o700), with_modes(None, 0, 0o500),
-                with_modes(store, 0o600, 0)]
-    trial.check("a directory in the store's place; a store that may not be read; none, where none "
-                "may be made; one in a directory that may not be searched",
-                "stops by \"open_error == SQLITE_OK\", \"unable to open database file\", "
-                "nothing changed",
-                same_end(told(*start_on(trial, prepare, locked_out)) for prepare in prepares))
+    prepares = [
+        lambda directory: os.mkdir(os.path.join(directory, ".morvane.db")),
+        with_modes(store, 0, 0o700),
+        with_modes(None, 0, 0o500),
+        with_modes(store, 0o600, 0),
+    ]
+    trial.check(
+        "a directory in the store's place; a store that may not be read; none, where none "
+        "may be made; one in a directory that may not be searched",
+        'stops by "open_error == SQLITE_OK", "unable to open database file", ' "nothing changed",
+        same_end(told(*start_on(trial, prepare, locked_out)) for prepare in prepares),
+    )
 
 
 OTHER_PROGRAM = """
@@ -434,19 +515,31 @@ INSERT INTO songs VALUES ('One', 100), ('Two', 200);
 def try_databases(trial):
     """Databases that are not this program's."""
     for what, statements, expected in (
-            ("another program's database: it starts, with its own tables beside the others",
-             "", "starts, changed; their rows are all there"),
-            ("another program's database with a table \"app_info\": it stops, when its other "
-             "tables are made already", "CREATE TABLE app_info (name TEXT);",
-             "stops by \"!error\", \"no such column: db_version\", changed; their rows are all "
-             "there")):
+        (
+            "another program's database: it starts, with its own tables beside the others",
+            "",
+            "starts, changed; their rows are all there",
+        ),
+        (
+            'another program\'s database with a table "app_info": it stops, when its other '
+            "tables are made already",
+            "CREATE TABLE app_info (name TEXT);",
+            'stops by "!error", "no such column: db_version", changed; their rows are all ' "there",
+        ),
+    ):
         keeper = fast_directory()
         kept = os.path.join(keeper, "kept.db")
         try:
             # A second name of the same file outlives its directory.
-            text = told(*start_on(trial, database(OTHER_PROGRAM + statements),
-                                  during=lambda _, directory, to=kept: os.link(
-                                      os.path.join(directory, ".morvane.db"), to)))
+            text = told(
+                *start_on(
+                    trial,
+                    database(OTHER_PROGRAM + statements),
+                    during=lambda _, directory, to=kept: os.link(
+                        os.path.join(directory, ".morvane.db"), to
+                    ),
+                )
+            )
             trial.check(what, expected, text + "; " + find_songs(kept))
         finally:
             shutil.rmtree(keeper)
@@ -472,8 +565,11 @@ sys.stdin.read()
 
 def lock(path, statement):
     """Another process that locks the store by the statement, until its input is closed."""
-    process = driver.start_process([sys.executable, "-c", LOCKER, path, statement],
-                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    process = driver.start_process(
+        [sys.executable, "-c", LOCKER, path, statement],
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+    )
     if process.stdout.readline() != b"locked\n":
         raise driver.Failure("the store could not be locked")
     return process
@@ -494,6 +590,7 @@ def try_locks(trial, store):
         def prepare(directory):
             content(store)(directory)
             lockers.append(lock(os.path.join(directory, ".morvane.db"), statement))
+
         return prepare
 
     def let_go(process, directory):
@@ -503,8 +600,9 @@ def try_locks(trial, store):
         deadline = time.monotonic() + driver.BOUND
         while time.monotonic() < deadline and process.poll() is None:
             try:
-                if path in [os.readlink(os.path.join(descriptors, name))
-                            for name in os.listdir(descriptors)]:
+                if path in [
+                    os.readlink(os.path.join(descriptors, name)) for name in os.listdir(descriptors)
+                ]:
                     break
             except OSError:
                 continue
@@ -514,15 +612,24 @@ def try_locks(trial, store):
     text = told(*start_on(trial, locked_by("BEGIN EXCLUSIVE")))
     waited = time.monotonic() - started
     unlock(lockers.pop())
-    trial.check("a store that another process has locked: it waits 5 s for it",
-                "stops by \"!error\", \"database is locked\", nothing changed, after 5 s or more",
-                text + (", after 5 s or more" if waited >= 5 else ", at once"))
-    trial.check("the same, and the lock ends while it waits", "starts, nothing changed",
-                told(*start_on(trial, locked_by("BEGIN EXCLUSIVE"), during=let_go)))
-    trial.check("a store from which another process reads, or into which it is about to write",
-                "starts, nothing changed; starts, nothing changed",
-                "; ".join(told(*start_on(trial, locked_by(statement)))
-                          for statement in ("BEGIN", "BEGIN IMMEDIATE")))
+    trial.check(
+        "a store that another process has locked: it waits 5 s for it",
+        'stops by "!error", "database is locked", nothing changed, after 5 s or more',
+        text + (", after 5 s or more" if waited >= 5 else ", at once"),
+    )
+    trial.check(
+        "the same, and the lock ends while it waits",
+        "starts, nothing changed",
+        told(*start_on(trial, locked_by("BEGIN EXCLUSIVE"), during=let_go)),
+    )
+    trial.check(
+        "a store from which another process reads, or into which it is about to write",
+        "starts, nothing changed; starts, nothing changed",
+        "; ".join(
+            told(*start_on(trial, locked_by(statement)))
+            for statement in ("BEGIN", "BEGIN IMMEDIATE")
+        ),
+    )
     while lockers:
         unlock(lockers.pop())
 
@@ -532,9 +639,19 @@ def load_state(trial, data):
     directory = fast_directory()
     try:
         write_file(os.path.join(directory, "db-1"), data)
-        subprocess.run([os.path.join(trial.programs, "kill_states"), directory, driver.ANNA,
-                        os.path.join(directory, "results")], input="1 0\n", text=True,
-                       cwd=directory, check=True, stderr=subprocess.DEVNULL)
+        subprocess.run(
+            [
+                os.path.join(trial.programs, "kill_states"),
+                directory,
+                driver.ANNA,
+                os.path.join(directory, "results"),
+            ],
+            input="1 0\n",
+            text=True,
+            cwd=directory,
+            check=True,
+            stderr=subprocess.DEVNULL,
+        )
         return json.loads(read_file(os.path.join(directory, "results")))
     finally:
         shutil.rmtree(directory)
@@ -548,24 +665,37 @@ def try_cuts(trial, store):
     lengths |= {15, 16, 99, 100, 101, 511, 512, 513}
     lengths |= set(range(2, last, 4001 if trial.short else 151))
     lengths = sorted(length for length in lengths if length <= last)
-    expected = ("stops by \"!error\", \"database disk image is malformed\", nothing changed",
-                "stops by \"!error\", \"file is not a database\", nothing changed")
+    expected = (
+        'stops by "!error", "database disk image is malformed", nothing changed',
+        'stops by "!error", "file is not a database", nothing changed',
+    )
     ends = [told(*start_on(trial, content(store[:length]))) for length in lengths]
     others = [end for end in ends if end not in expected]
-    trial.check(f"a store of {len(store):,} bytes that has lost its last page or more, "
-                f"{len(lengths):,} lengths", " or ".join(expected),
-                others[0] if others else " or ".join(sorted(set(ends))), ok=not others)
+    trial.check(
+        f"a store of {len(store):,} bytes that has lost its last page or more, "
+        f"{len(lengths):,} lengths",
+        " or ".join(expected),
+        others[0] if others else " or ".join(sorted(set(ends))),
+        ok=not others,
+    )
 
     lengths = range(last + 1, len(store), 512 if trial.short else 16)
     ends = {told(*start_on(trial, content(store[:length]))) for length in lengths}
-    trial.check(f"a store that has lost a part of its last page, {len(lengths)} lengths: SQLite "
-                "does not see it at the start", "starts, nothing changed", " or ".join(ends))
+    trial.check(
+        f"a store that has lost a part of its last page, {len(lengths)} lengths: SQLite "
+        "does not see it at the start",
+        "starts, nothing changed",
+        " or ".join(ends),
+    )
     whole = load_state(trial, store)["model"]
     states = [load_state(trial, store[:length]) for length in lengths]
     stopped = sum(state["ended"] != 0 for state in states)
     same = sum(state.get("model") == whole for state in states)
-    trial.figure("of these, the login stops the program / all is there / rows or text are missing "
-                 "and nobody is told", f"{stopped} / {same} / {len(states) - stopped - same}")
+    trial.figure(
+        "of these, the login stops the program / all is there / rows or text are missing "
+        "and nobody is told",
+        f"{stopped} / {same} / {len(states) - stopped - same}",
+    )
 
 
 # ---- The same files below real windows ----
@@ -583,9 +713,11 @@ def try_window_files(trial, desktop, store):
     party.wait_text("Clause text", "It's another text", 1)
     party.close()
     is_same = read_file(party.store_path) == before
-    trial.check("a store of a newer version, in a window: started, logged in, looked at, closed",
-                "all is shown, nothing changed",
-                "all is shown, " + ("nothing changed" if is_same else "changed"))
+    trial.check(
+        "a store of a newer version, in a window: started, logged in, looked at, closed",
+        "all is shown, nothing changed",
+        "all is shown, " + ("nothing changed" if is_same else "changed"),
+    )
 
     # Another process holds the store while the window is open.
     party.start()
@@ -602,9 +734,13 @@ def try_window_files(trial, desktop, store):
     unlock(locker)
     party.wait_sensitive("Commit", False, 1)
     is_stored = ("Written while locked", "COMMITTED") in party.rows(
-        "SELECT text, status FROM clause_revisions")
-    trial.check("another process writes for a while as the window commits", "the commit is done",
-                "the commit is done" if is_stored else "the commit is lost")
+        "SELECT text, status FROM clause_revisions"
+    )
+    trial.check(
+        "another process writes for a while as the window commits",
+        "the commit is done",
+        "the commit is done" if is_stored else "the commit is lost",
+    )
     party.write(1, "Written while locked for good")
     act = press(party, "Add clause")
     party.focus("Clause text", 0)
@@ -614,9 +750,11 @@ def try_window_files(trial, desktop, store):
     _, stop, said = wait_stopped(party)
     unlock(locker)
     is_same = party.everything() == before
-    trial.check("another process writes for more than 5 s as the window adds a clause",
-                "stops by \"!error\", \"database is locked\", nothing changed",
-                told((0, stop, said), is_same))
+    trial.check(
+        "another process writes for more than 5 s as the window adds a clause",
+        'stops by "!error", "database is locked", nothing changed',
+        told((0, stop, said), is_same),
+    )
     party.discard()
 
     # Only the first change meets it that the store may not be written.
@@ -634,9 +772,11 @@ def try_window_files(trial, desktop, store):
     press(party, "Add clause")()
     _, stop, said = wait_stopped(party)
     driver.Options.binary = trial.binary
-    trial.check("a store that may only be read, in a window: the first change stops it",
-                "stops by \"!error\", \"attempt to write a readonly database\", nothing changed",
-                told((0, stop, said), read_file(party.store_path) == before))
+    trial.check(
+        "a store that may only be read, in a window: the first change stops it",
+        'stops by "!error", "attempt to write a readonly database", nothing changed',
+        told((0, stop, said), read_file(party.store_path) == before),
+    )
     party.discard()
 
     party = driver.Party("songs", driver.ANNA, driver.LEFT)
@@ -645,10 +785,11 @@ def try_window_files(trial, desktop, store):
     act = press(party, "Login")
     act()
     _, stop, said = wait_stopped(party)
-    trial.check("another program's database with a table \"accounts\": the login stops",
-                "stops by \"!error\", \"no such column: db_id\"; their rows are all there",
-                "stops by \"%s\", \"%s\"; %s" % (stop.split(": ", 1)[-1], said,
-                                               find_songs(party.store_path)))
+    trial.check(
+        'another program\'s database with a table "accounts": the login stops',
+        'stops by "!error", "no such column: db_id"; their rows are all there',
+        'stops by "%s", "%s"; %s' % (stop.split(": ", 1)[-1], said, find_songs(party.store_path)),
+    )
     party.discard()
 
 

@@ -80,12 +80,21 @@ def run_walk(trial, program, test_filter, figures, bound, **environment):
     """Runs a random walk of a test program, which ends within `bound` seconds; the figures in the line
     that matches, or None after it failed, with the end of what it printed."""
     result = subprocess.run(
-        [os.path.join(ROOT, "tests", "run"), "--display", "--",
-         os.path.join(os.path.dirname(trial.binary), "tests", program),
-         "--gtest_filter=" + test_filter],
+        [
+            os.path.join(ROOT, "tests", "run"),
+            "--display",
+            "--",
+            os.path.join(os.path.dirname(trial.binary), "tests", program),
+            "--gtest_filter=" + test_filter,
+        ],
         env=dict(os.environ, **{name: str(value) for name, value in environment.items()}),
-        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=bound,
-        encoding="utf-8", errors="replace", check=False)
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        timeout=bound,
+        encoding="utf-8",
+        errors="replace",
+        check=False,
+    )
     line = figures.search(result.stdout)
     if result.returncode != 0 or line is None:
         print(result.stdout[-8000:])

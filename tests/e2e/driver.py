@@ -118,8 +118,9 @@ class Desktop:
         self.home = os.path.join(self.directory, "home")
         os.makedirs(os.path.join(self.home, ".config", "gtk-3.0"))
         with open(os.path.join(self.home, ".config", "gtk-3.0", "settings.ini"), "w") as settings:
-            settings.write("[Settings]\ngtk-enable-animations=%d\ngtk-cursor-blink=0\n" %
-                           animations)
+            settings.write(
+                "[Settings]\ngtk-enable-animations=%d\ngtk-cursor-blink=0\n" % animations
+            )
         atexit.register(self.stop)
         self.environment = self.make_environment()
         self.start_display()
@@ -134,9 +135,19 @@ class Desktop:
         with open(settings, "w") as file:
             file.write("[Settings]\ngtk-enable-animations=0\n")
         environment = dict(os.environ)
-        for name in ("NO_AT_BRIDGE", "GTK_MODULES", "GTK_THEME", "WAYLAND_DISPLAY", "XAUTHORITY",
-                     "DBUS_SESSION_BUS_ADDRESS", "AT_SPI_BUS_ADDRESS", "XDG_CONFIG_HOME",
-                     "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"):
+        for name in (
+            "NO_AT_BRIDGE",
+            "GTK_MODULES",
+            "GTK_THEME",
+            "WAYLAND_DISPLAY",
+            "XAUTHORITY",
+            "DBUS_SESSION_BUS_ADDRESS",
+            "AT_SPI_BUS_ADDRESS",
+            "XDG_CONFIG_HOME",
+            "XDG_DATA_HOME",
+            "XDG_CACHE_HOME",
+            "XDG_STATE_HOME",
+        ):
             environment.pop(name, None)
         environment.update(
             HOME=self.home,
@@ -153,10 +164,25 @@ class Desktop:
     def start_display(self):
         read_end, write_end = os.pipe()
         log = open(os.path.join(self.directory, "display.log"), "w")
-        self.processes.append(start_process(
-            ["Xvfb", "-displayfd", str(write_end), "-screen", "0",
-             "%dx%dx24" % (SCREEN_WIDTH, SCREEN_HEIGHT), "-nolisten", "tcp", "-noreset", "-wr"],
-            pass_fds=[write_end], stdout=log, stderr=log))
+        self.processes.append(
+            start_process(
+                [
+                    "Xvfb",
+                    "-displayfd",
+                    str(write_end),
+                    "-screen",
+                    "0",
+                    "%dx%dx24" % (SCREEN_WIDTH, SCREEN_HEIGHT),
+                    "-nolisten",
+                    "tcp",
+                    "-noreset",
+                    "-wr",
+                ],
+                pass_fds=[write_end],
+                stdout=log,
+                stderr=log,
+            )
+        )
         os.close(write_end)
         with os.fdopen(read_end) as numbers:
             number = numbers.readline().strip()
@@ -164,9 +190,14 @@ class Desktop:
             raise Failure("Xvfb did not start:\n" + tail(log.name))
         self.environment["DISPLAY"] = ":" + number
         managed = os.path.join(self.directory, "managed")
-        self.processes.append(start_process(
-            ["openbox", "--sm-disable", "--startup", "touch " + managed], env=self.environment,
-            stdout=log, stderr=log))
+        self.processes.append(
+            start_process(
+                ["openbox", "--sm-disable", "--startup", "touch " + managed],
+                env=self.environment,
+                stdout=log,
+                stderr=log,
+            )
+        )
         log.close()
         self.wait(lambda: os.path.exists(managed), "the window manager runs")
 
@@ -180,11 +211,21 @@ class Desktop:
                 "<busconfig><type>%s</type><listen>unix:dir=%s</listen><auth>EXTERNAL</auth>"
                 '<policy context="default"><allow user="*"/>'
                 '<allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>'
-                '<allow own="*"/></policy></busconfig>\n' % (kind, self.directory))
+                '<allow own="*"/></policy></busconfig>\n' % (kind, self.directory)
+            )
         log = open(os.path.join(self.directory, name + ".log"), "w")
         process = start_process(
-            ["dbus-daemon", "--config-file=" + config, "--nofork", "--nopidfile",
-             "--print-address=1"], stdout=subprocess.PIPE, stderr=log, text=True)
+            [
+                "dbus-daemon",
+                "--config-file=" + config,
+                "--nofork",
+                "--nopidfile",
+                "--print-address=1",
+            ],
+            stdout=subprocess.PIPE,
+            stderr=log,
+            text=True,
+        )
         log.close()
         self.processes.append(process)
         address = process.stdout.readline().strip()
@@ -195,23 +236,42 @@ class Desktop:
     def start_accessibility(self):
         _, address = self.start_bus("accessibility", "accessibility")
         self.environment["AT_SPI_BUS_ADDRESS"] = address
-        registry = next(path for path in ("/usr/libexec/at-spi2-registryd",
-                                          "/usr/lib/at-spi2-core/at-spi2-registryd")
-                        if os.path.exists(path))
+        registry = next(
+            path
+            for path in (
+                "/usr/libexec/at-spi2-registryd",
+                "/usr/lib/at-spi2-core/at-spi2-registryd",
+            )
+            if os.path.exists(path)
+        )
         log = open(os.path.join(self.directory, "registry.log"), "w")
         self.processes.append(
-            start_process([registry], env=self.environment, stdout=log, stderr=log))
+            start_process([registry], env=self.environment, stdout=log, stderr=log)
+        )
         log.close()
         self.accessibility = Gio.DBusConnection.new_for_address_sync(
-            address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
-        self.wait(lambda: self.call_bus("NameHasOwner", "s", REGISTRY),
-                  "the accessibility registry runs")
+            address,
+            Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION,
+            None,
+            None,
+        )
+        self.wait(
+            lambda: self.call_bus("NameHasOwner", "s", REGISTRY), "the accessibility registry runs"
+        )
 
     def call_bus(self, method, signature, *values):
         return self.accessibility.call_sync(
-            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
-            GLib.Variant("(%s)" % signature, values), None, 0, int(5000 * SLOW), None).unpack()[0]
+            "org.freedesktop.DBus",
+            "/org/freedesktop/DBus",
+            "org.freedesktop.DBus",
+            method,
+            GLib.Variant("(%s)" % signature, values),
+            None,
+            0,
+            int(5000 * SLOW),
+            None,
+        ).unpack()[0]
 
     def stop(self):
         for party in list(self.parties):
@@ -225,9 +285,17 @@ class Desktop:
                 shutil.rmtree(self.directory, ignore_errors=True)
 
     def run(self, command, **options):
-        return subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                              timeout=BOUND, check=False, **options)
+        return subprocess.run(
+            command,
+            env=self.environment,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            timeout=BOUND,
+            check=False,
+            **options,
+        )
 
     def picture(self, path, area=None):
         """Saves what the screen shows, or the area (width, height, x, y) of it."""
@@ -245,6 +313,7 @@ class Desktop:
             self.picture(path, area)
             with open(path, "rb") as one, open(other, "rb") as two:
                 return pixels(one.read()) == pixels(two.read())
+
         self.wait(still, "the screen is still")
         os.remove(other)
 
@@ -253,8 +322,10 @@ class Desktop:
         path = os.path.join(self.directory, "colours.png")
         self.still_picture(path)
         wanted = "".join("%%[hex:p{%d,%d}]\\n" % place for place in places)
-        return [line[:6].lower() for line in
-                self.run(["convert", path, "-format", wanted, "info:"]).stdout.split()]
+        return [
+            line[:6].lower()
+            for line in self.run(["convert", path, "-format", wanted, "info:"]).stdout.split()
+        ]
 
     # ---- Waiting ----
 
@@ -332,8 +403,10 @@ class Desktop:
         if self.clipboard is None:
             self.clipboard = start_process(
                 [sys.executable, os.path.abspath(__file__), "clipboard"],
-                env=dict(self.environment, NO_AT_BRIDGE="1"), stdin=subprocess.PIPE,
-                stdout=subprocess.PIPE)
+                env=dict(self.environment, NO_AT_BRIDGE="1"),
+                stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE,
+            )
             self.processes.append(self.clipboard)
         data = text.encode()
         self.clipboard.stdin.write(b"%d\n" % len(data) + data)
@@ -347,6 +420,7 @@ def serve_clipboard():
     gi.require_version("Gtk", "3.0")
     gi.require_version("Gdk", "3.0")
     from gi.repository import Gdk, Gtk
+
     clipboard = Gtk.Clipboard.get(Gdk.SELECTION_CLIPBOARD)
 
     def take(text):
@@ -369,9 +443,9 @@ def pixels(png):
     """A picture file without the chunks that hold dates."""
     at, kept = 8, b""
     while at < len(png):
-        size = int.from_bytes(png[at:at + 4], "big")
-        if png[at + 4:at + 8] in (b"IHDR", b"PLTE", b"IDAT"):
-            kept += png[at + 8:at + 8 + size]
+        size = int.from_bytes(png[at : at + 4], "big")
+        if png[at + 4 : at + 8] in (b"IHDR", b"PLTE", b"IDAT"):
+            kept += png[at + 8 : at + 8 + size]
         at += size + 12
     return kept
 
@@ -418,12 +492,21 @@ class Node:
     def call(self, interface, method, signature="", *values):
         arguments = GLib.Variant("(%s)" % signature, values) if signature else None
         return Desktop.current.accessibility.call_sync(
-            self.owner, self.path, interface, method, arguments, None, Gio.DBusCallFlags.NONE,
-            int(10000 * SLOW), None).unpack()
+            self.owner,
+            self.path,
+            interface,
+            method,
+            arguments,
+            None,
+            Gio.DBusCallFlags.NONE,
+            int(10000 * SLOW),
+            None,
+        ).unpack()
 
     def property(self, name):
-        return self.call("org.freedesktop.DBus.Properties", "Get", "ss",
-                         "org.a11y.atspi.Accessible", name)[0]
+        return self.call(
+            "org.freedesktop.DBus.Properties", "Get", "ss", "org.a11y.atspi.Accessible", name
+        )[0]
 
     def children(self):
         return [Node(*child) for child in self.call("org.a11y.atspi.Accessible", "GetChildren")[0]]
@@ -464,27 +547,31 @@ class Node:
 
     def character_place(self, offset):
         """Where the character of the text is on the screen, in sight or not."""
-        x, y, width, height = self.call("org.a11y.atspi.Text", "GetCharacterExtents", "iu",
-                                        offset, 0)
+        x, y, width, height = self.call(
+            "org.a11y.atspi.Text", "GetCharacterExtents", "iu", offset, 0
+        )
         return x, y, width, height
 
     def runs(self):
         """The stretches of a text that have a background of their own: (start, end). The toolkit
         does not tell which."""
         runs, offset = [], 0
-        size = self.call("org.freedesktop.DBus.Properties", "Get", "ss", "org.a11y.atspi.Text",
-                         "CharacterCount")[0]
+        size = self.call(
+            "org.freedesktop.DBus.Properties", "Get", "ss", "org.a11y.atspi.Text", "CharacterCount"
+        )[0]
         while offset < size:
-            attributes, _, end = self.call("org.a11y.atspi.Text", "GetAttributeRun", "ib", offset,
-                                           False)
+            attributes, _, end = self.call(
+                "org.a11y.atspi.Text", "GetAttributeRun", "ib", offset, False
+            )
             if "bg-color" in attributes:
                 runs.append((offset, end))
             offset = max(end, offset + 1)
         return runs
 
     def caret(self):
-        return self.call("org.freedesktop.DBus.Properties", "Get", "ss", "org.a11y.atspi.Text",
-                         "CaretOffset")[0]
+        return self.call(
+            "org.freedesktop.DBus.Properties", "Get", "ss", "org.a11y.atspi.Text", "CaretOffset"
+        )[0]
 
     def process(self):
         return Desktop.current.call_bus("GetConnectionUnixProcessID", "s", self.owner)
@@ -510,8 +597,9 @@ class Window:
         self.xid = xid
         self.place = place
         self.desktop.xdotool("windowmove", xid, place[0], place[1])
-        self.frame = self.desktop.wait(self.find_placed_frame,
-                                       "%s's window is accessible" % party.name)
+        self.frame = self.desktop.wait(
+            self.find_placed_frame, "%s's window is accessible" % party.name
+        )
 
     def find_frame(self):
         """The accessible frame that lies where this window was put."""
@@ -542,7 +630,7 @@ class Window:
         return found[nth] if len(found) > nth or (nth < 0 and found) else None
 
     def wait_for(self, name, roles, nth=0):
-        what = "%s sees %s \"%s\" number %d" % (self.party.name, roles[0], name, nth)
+        what = '%s sees %s "%s" number %d' % (self.party.name, roles[0], name, nth)
         return self.desktop.wait(lambda: self.find(name, roles, nth), what)
 
     def count(self, name, roles=ENTRY_ROLES):
@@ -584,13 +672,17 @@ class Window:
                 return parts
             last[0] = parts
             return None
-        return self.desktop.wait(settle, "\"%s\" of %s lies still" % (node.name(), self.party.name))
+
+        return self.desktop.wait(settle, '"%s" of %s lies still' % (node.name(), self.party.name))
 
     def is_below_sight(self, node, area):
         """Whether the widget comes after all that the area shows; rows are stacked vertically."""
         nodes = list(walk(area, True))
-        shown = [index for index, (other, role) in enumerate(nodes)
-                 if role in ENTRY_ROLES + BUTTON_ROLES + LABEL_ROLES and other.has(STATE_SHOWING)]
+        shown = [
+            index
+            for index, (other, role) in enumerate(nodes)
+            if role in ENTRY_ROLES + BUTTON_ROLES + LABEL_ROLES and other.has(STATE_SHOWING)
+        ]
         return [other for other, _ in nodes].index(node) > max(shown, default=-1)
 
     def scroll_to(self, node):
@@ -603,8 +695,10 @@ class Window:
                 return x + width // 2, y + height // 2
             areas = self.scrolled_areas(node)[:-1]
             if not areas or time.monotonic() > deadline:
-                self.desktop.fail("\"%s\" of %s cannot be brought into sight: %s of %s" % (
-                    node.name(), self.party.name, (x, y, width, height), whole))
+                self.desktop.fail(
+                    '"%s" of %s cannot be brought into sight: %s of %s'
+                    % (node.name(), self.party.name, (x, y, width, height), whole)
+                )
             left, top, area_width, area_height = areas[-1].extents()
             content = areas[-1].children()[0].children()[0]
             before = content.extents()
@@ -623,9 +717,12 @@ class Window:
                 below = whole[1] + whole[3] // 2 > top + area_height // 2
                 turns = 1
             self.desktop.press_at(
-                left + area_width // 2, top + area_height // 2, 5 if below else 4, turns)
-            self.desktop.wait(lambda: content.extents() != before,
-                              "the wheel moves \"%s\" of %s" % (node.name(), self.party.name))
+                left + area_width // 2, top + area_height // 2, 5 if below else 4, turns
+            )
+            self.desktop.wait(
+                lambda: content.extents() != before,
+                'the wheel moves "%s" of %s' % (node.name(), self.party.name),
+            )
 
     # ---- Acting ----
 
@@ -634,8 +731,10 @@ class Window:
         if self.desktop.xdotool("getactivewindow") == self.xid:
             return
         self.desktop.xdotool("windowactivate", self.xid)
-        self.desktop.wait(lambda: self.desktop.xdotool("getactivewindow") == self.xid,
-                          "%s's window is active" % self.party.name)
+        self.desktop.wait(
+            lambda: self.desktop.xdotool("getactivewindow") == self.xid,
+            "%s's window is active" % self.party.name,
+        )
 
     def press_node(self, node, button=1):
         self.activate()
@@ -644,13 +743,16 @@ class Window:
 
     def click(self, name, nth=0):
         """Presses the button of that name, once it can be pressed."""
+
         def ready():
             node = self.find(name, BUTTON_ROLES, nth)
             if node is None or not node.has(STATE_SENSITIVE):
                 return None
             return node
-        node = self.desktop.wait(ready, "%s can press \"%s\" number %d" % (
-            self.party.name, name, nth))
+
+        node = self.desktop.wait(
+            ready, '%s can press "%s" number %d' % (self.party.name, name, nth)
+        )
         self.press_node(node)
 
     def focus(self, name, nth=0):
@@ -659,13 +761,14 @@ class Window:
         self.press_node(node)
         self.desktop.wait(
             lambda: node.has(STATE_FOCUSED),
-            "\"%s\" number %d of %s has the keyboard" % (name, nth, self.party.name))
+            '"%s" number %d of %s has the keyboard' % (name, nth, self.party.name),
+        )
         return node
 
     def clear(self, name, nth=0):
         node = self.focus(name, nth)
         self.desktop.key("ctrl+a", "BackSpace")
-        self.desktop.wait(lambda: node.text() == "", "\"%s\" is empty" % name)
+        self.desktop.wait(lambda: node.text() == "", '"%s" is empty' % name)
         return node
 
     def paste(self, name, text, nth=0):
@@ -673,7 +776,7 @@ class Window:
         node = self.clear(name, nth)
         self.desktop.copy(text)
         self.desktop.key("ctrl+v")
-        self.desktop.wait(lambda: node.text() != "", "\"%s\" is no longer empty" % name)
+        self.desktop.wait(lambda: node.text() != "", '"%s" is no longer empty' % name)
 
     def enter(self, name, text, nth=0):
         """Puts text in the place of what the entry holds; pastes what has no key of its own."""
@@ -684,8 +787,9 @@ class Window:
             self.desktop.copy(text)
             self.desktop.key("ctrl+v")
         if node.role() == "password text":
-            self.desktop.wait(lambda: len(node.text()) == len(text),
-                              "%s typed the password" % self.party.name)
+            self.desktop.wait(
+                lambda: len(node.text()) == len(text), "%s typed the password" % self.party.name
+            )
         else:
             self.wait_text(name, text, nth)
 
@@ -699,9 +803,12 @@ class Window:
             node = self.find(name, ENTRY_ROLES, nth)
             seen[0] = node.text() if node else None
             return seen[0] == expected
+
         try:
-            self.desktop.wait(same, "\"%s\" number %d of %s shows %r" % (
-                name, nth, self.party.name, short(expected)))
+            self.desktop.wait(
+                same,
+                '"%s" number %d of %s shows %r' % (name, nth, self.party.name, short(expected)),
+            )
         except Failure as failure:
             raise Failure("%s\n  it shows: %r" % (failure, short(seen[0] or ""))) from None
 
@@ -712,47 +819,57 @@ class Window:
     def wait_sensitive(self, name, expected=True, nth=0):
         self.desktop.wait(
             lambda: self.is_sensitive(name, nth) == expected,
-            "\"%s\" number %d of %s is %s" % (
-                name, nth, self.party.name, "sensitive" if expected else "insensitive"))
+            '"%s" number %d of %s is %s'
+            % (name, nth, self.party.name, "sensitive" if expected else "insensitive"),
+        )
 
     def wait_label(self, text):
-        self.desktop.wait(lambda: text in self.labels(),
-                          "%s reads \"%s\"" % (self.party.name, text))
+        self.desktop.wait(lambda: text in self.labels(), '%s reads "%s"' % (self.party.name, text))
 
     def wait_labels(self, text, count):
-        self.desktop.wait(lambda: self.labels().count(text) == count,
-                          "%s reads \"%s\" %d times" % (self.party.name, text, count))
+        self.desktop.wait(
+            lambda: self.labels().count(text) == count,
+            '%s reads "%s" %d times' % (self.party.name, text, count),
+        )
 
     def wait_no_label(self, text):
-        self.desktop.wait(lambda: text not in self.labels(),
-                          "%s no longer reads \"%s\"" % (self.party.name, text))
+        self.desktop.wait(
+            lambda: text not in self.labels(), '%s no longer reads "%s"' % (self.party.name, text)
+        )
 
     # ---- Acting without the mouse ----
 
     def press(self, name, nth=0):
         """Presses the button of that name, once it can be pressed, the way an assistive program
         does it: wherever the button is, and without giving it or its window the keyboard."""
+
         def ready():
             node = self.find(name, BUTTON_ROLES + ("radio button",), nth)
             return node if node is not None and node.has(STATE_SENSITIVE) else None
-        node = self.desktop.wait(ready, "%s can press \"%s\" number %d" % (
-            self.party.name, name, nth))
+
+        node = self.desktop.wait(
+            ready, '%s can press "%s" number %d' % (self.party.name, name, nth)
+        )
         node.call("org.a11y.atspi.Action", "DoAction", "i", 0)
 
     def put(self, name, text, nth=0):
         """Puts text in the place of what the entry holds, likewise; returns the entry."""
         node = self.wait_for(name, ENTRY_ROLES, nth)
         node.call("org.a11y.atspi.EditableText", "SetTextContents", "s", text)
-        self.desktop.wait(lambda: node.text() == text, "\"%s\" number %d of %s holds the text" % (
-            name, nth, self.party.name))
+        self.desktop.wait(
+            lambda: node.text() == text,
+            '"%s" number %d of %s holds the text' % (name, nth, self.party.name),
+        )
         return node
 
     def give_keyboard(self, node):
         """Gives the widget the keyboard, likewise, in the window that is made active."""
         self.activate()
         node.call("org.a11y.atspi.Component", "GrabFocus")
-        self.desktop.wait(lambda: node.has(STATE_FOCUSED), "\"%s\" of %s has the keyboard" % (
-            node.name(), self.party.name))
+        self.desktop.wait(
+            lambda: node.has(STATE_FOCUSED),
+            '"%s" of %s has the keyboard' % (node.name(), self.party.name),
+        )
 
     # ---- The revisions popover ----
 
@@ -772,8 +889,9 @@ class Window:
 
     def close_revisions(self):
         self.desktop.key("Escape")
-        self.desktop.wait(lambda: not self.popover_rows(),
-                          "%s's revisions popover is closed" % self.party.name)
+        self.desktop.wait(
+            lambda: not self.popover_rows(), "%s's revisions popover is closed" % self.party.name
+        )
 
     def choose_revision(self, nth, which):
         """Opens the popover, activates the row of that number, or "draft", and closes it if it is
@@ -790,12 +908,14 @@ class Window:
 
     def open_procedure(self, title):
         """Activates the procedure's row in the list at the left."""
+
         def find():
             for row in self.find_all(None, ROW_ROLES):
                 if any(label.name() == title for label in self.find_all(None, LABEL_ROLES, row)):
                     return row
             return None
-        row = self.desktop.wait(find, "%s's list shows \"%s\"" % (self.party.name, title))
+
+        row = self.desktop.wait(find, '%s\'s list shows "%s"' % (self.party.name, title))
         self.press_node(row)
         self.wait_for("Add clause", BUTTON_ROLES)
 
@@ -806,16 +926,19 @@ class Window:
         items = {}
         for frame in self.party.frames():
             if frame.role() != "frame":
-                items.update((node.name(), node) for node, role in walk(frame)
-                             if role == "menu item")
+                items.update(
+                    (node.name(), node) for node, role in walk(frame) if role == "menu item"
+                )
         return items
 
     def wait_menu(self, name):
         """Waits for the context menu with that item and returns all items."""
+
         def find():
             items = self.menu_items()
             return items if name in items and items[name].extents()[2] > 0 else None
-        return self.desktop.wait(find, "%s sees the menu with \"%s\"" % (self.party.name, name))
+
+        return self.desktop.wait(find, '%s sees the menu with "%s"' % (self.party.name, name))
 
     def open_menu(self, node, name):
         """Presses the widget with the secondary button, the way a hand does: it holds the button
@@ -831,14 +954,15 @@ class Window:
             self.desktop.xdotool("mouseup", 3)
             if name in self.menu_items():
                 return
-        self.desktop.fail("%s sees no menu with \"%s\"" % (self.party.name, name))
+        self.desktop.fail('%s sees no menu with "%s"' % (self.party.name, name))
 
     def press_menu_item(self, name):
         """Presses the item of the context menu that is open, or about to open."""
         x, y, width, height = self.wait_menu(name)[name].extents()
         self.desktop.press_at(x + width // 2, y + height // 2)
-        self.desktop.wait(lambda: not self.menu_items(),
-                          "%s's context menu is closed" % self.party.name)
+        self.desktop.wait(
+            lambda: not self.menu_items(), "%s's context menu is closed" % self.party.name
+        )
 
     # ---- Comparison ----
 
@@ -847,8 +971,10 @@ class Window:
         name = "Compare with the previous revision"
         self.open_menu(self.wait_for("Clause text", ENTRY_ROLES, nth), name)
         self.press_menu_item(name)
-        self.desktop.wait(lambda: any(" > " in label for label in self.labels()),
-                          "%s sees a comparison" % self.party.name)
+        self.desktop.wait(
+            lambda: any(" > " in label for label in self.labels()),
+            "%s sees a comparison" % self.party.name,
+        )
 
     def find_tool(self, is_kept):
         """The tool that keeps the words of a change, or removes them; None while there is none."""
@@ -882,6 +1008,7 @@ class Window:
             right = sum(tools[1].extents()[::2])
             is_centred = left <= x + 2 < right - 20 or left <= edge + 1
             return tools if abs(top - y - height) <= 1 and is_centred and not step[0] else None
+
         tools = self.desktop.wait(find, "the tools stand just under the line")
         self.settled(tools[0])
         return tools
@@ -901,8 +1028,10 @@ class Window:
 
     def show_list(self, name):
         """Shows "Procedures" or "Contacts" at the left."""
+
         def find():
             return next(iter(self.find_all(name, ("radio button",))), None)
+
         self.press_node(self.desktop.wait(find, "%s can show %s" % (self.party.name, name)))
 
     def contact_row(self, jid):
@@ -915,16 +1044,19 @@ class Window:
 
     def wait_contact(self, jid, status):
         """Waits until the list of contacts, which is shown, says so; returns the row."""
+
         def find():
             row, seen = self.contact_row(jid)
             return row if seen == status else None
+
         return self.desktop.wait(find, "%s sees %s %s" % (self.party.name, jid, status))
 
     def open_contact(self, jid):
         """Shows the chat with the contact."""
         self.show_list("Contacts")
-        row, _ = self.desktop.wait(lambda: self.contact_row(jid),
-                                   "%s has the contact %s" % (self.party.name, jid))
+        row, _ = self.desktop.wait(
+            lambda: self.contact_row(jid), "%s has the contact %s" % (self.party.name, jid)
+        )
         self.press_node(row)
         self.wait_for("Message", ENTRY_ROLES)
 
@@ -956,9 +1088,11 @@ class Window:
         """Adds a clause behind all others and returns its number in the view.
 
         Clauses of one second are in the order of their authors, so that second goes by first."""
-        (latest,), = self.party.rows("SELECT max(time) FROM clauses")
-        self.desktop.wait(lambda: time.time() >= (latest or 0) + 1,
-                          "the second of %s's last clause is over" % self.party.name)
+        ((latest,),) = self.party.rows("SELECT max(time) FROM clauses")
+        self.desktop.wait(
+            lambda: time.time() >= (latest or 0) + 1,
+            "the second of %s's last clause is over" % self.party.name,
+        )
         nth = self.count("Clause text")
         self.click("Add clause")
         self.wait_for("Clause text", ENTRY_ROLES, nth)
@@ -974,7 +1108,8 @@ class Window:
         self.click("Commit", nth)
         self.desktop.wait(
             lambda: self.party.count_rows("clause_revisions", "status = 'COMMITTED'") > before,
-            "%s's revision is stored" % self.party.name)
+            "%s's revision is stored" % self.party.name,
+        )
         self.wait_sensitive("Commit", False, nth)
 
     def decide(self, name, nth):
@@ -1006,7 +1141,8 @@ class Party:
         self.jid = jid
         self.place = place
         self.directory = directory or tempfile.mkdtemp(
-            prefix=name + "-", dir=self.desktop.directory)
+            prefix=name + "-", dir=self.desktop.directory
+        )
         os.makedirs(self.directory, exist_ok=True)
         self.store_path = os.path.join(self.directory, ".morvane.db")
         self.console_path = os.path.join(self.directory, "console.log")
@@ -1015,7 +1151,8 @@ class Party:
         self.others = []
         self.windows = []
         self.bus, self.bus_address = self.desktop.start_bus(
-            "session-%s-%d" % (name, len(self.desktop.processes)))
+            "session-%s-%d" % (name, len(self.desktop.processes))
+        )
         self.expected_end = False
         self.environment = {}  # of the program, beside the desktop's
         self.desktop.parties.append(self)
@@ -1037,8 +1174,14 @@ class Party:
         environment = dict(self.desktop.environment, **self.environment)
         environment["DBUS_SESSION_BUS_ADDRESS"] = self.bus_address
         with open(self.console_path, "ab") as console, open(self.errors_path, "ab") as errors:
-            return start_process([Options.binary], cwd=self.directory, env=environment,
-                                 stdin=subprocess.DEVNULL, stdout=console, stderr=errors)
+            return start_process(
+                [Options.binary],
+                cwd=self.directory,
+                env=environment,
+                stdin=subprocess.DEVNULL,
+                stdout=console,
+                stderr=errors,
+            )
 
     def start(self):
         """Starts the program and waits for its window."""
@@ -1060,9 +1203,11 @@ class Party:
         known = {window.xid for window in self.windows}
 
         def new():
-            found = self.desktop.xdotool("search", "--all", "--onlyvisible", "--pid",
-                                         self.process.pid, "--name", "^Morvane").split()
+            found = self.desktop.xdotool(
+                "search", "--all", "--onlyvisible", "--pid", self.process.pid, "--name", "^Morvane"
+            ).split()
             return next((xid for xid in found if xid not in known), None)
+
         return self.desktop.wait(new, "%s's window opens" % self.name)
 
     def frames(self):
@@ -1076,14 +1221,19 @@ class Party:
             return
         status = self.process.returncode
         self.expected_end = True
-        self.desktop.fail("%s's program ended by itself with %d while waiting until %s" % (
-            self.name, status, what))
+        self.desktop.fail(
+            "%s's program ended by itself with %d while waiting until %s"
+            % (self.name, status, what)
+        )
 
     def wait_end(self, bound=10):
         """Waits until the program has ended in good order and checks what it left behind."""
         self.expected_end = True
-        self.desktop.wait(lambda: self.process.poll() is not None,
-                          "%s's program has ended" % self.name, bound * SLOW)
+        self.desktop.wait(
+            lambda: self.process.poll() is not None,
+            "%s's program has ended" % self.name,
+            bound * SLOW,
+        )
         status = self.process.returncode
         self.process = None
         self.windows = []
@@ -1126,8 +1276,10 @@ class Party:
         with open(self.errors_path, errors="replace") as errors:
             found = [line for line in errors if COMPLAINT.search(line)]
         if found:
-            self.desktop.fail("%s's program complained on standard error:\n    %s" % (
-                self.name, "    ".join(found[:20])))
+            self.desktop.fail(
+                "%s's program complained on standard error:\n    %s"
+                % (self.name, "    ".join(found[:20]))
+            )
 
     def describe(self):
         """What the first window shows, in one line, for a failure's report."""
@@ -1149,14 +1301,18 @@ class Party:
 
     def check_negotiation_warnings(self):
         """Fails when something of the other party's, or of the program's own, was out of place."""
-        warnings = [line for line in self.console().splitlines()
-                    if re.match("Warning: (A clause|Received|Trying|Got|Expected)", line)]
+        warnings = [
+            line
+            for line in self.console().splitlines()
+            if re.match("Warning: (A clause|Received|Trying|Got|Expected)", line)
+        ]
         if warnings:
             self.desktop.fail("%s's console warns: %s" % (self.name, warnings))
 
     def wait_console(self, text, start=0):
-        self.desktop.wait(lambda: text in self.console(start),
-                          "%s's console says %r" % (self.name, text))
+        self.desktop.wait(
+            lambda: text in self.console(start), "%s's console says %r" % (self.name, text)
+        )
 
     # ---- Store ----
 
@@ -1186,15 +1342,22 @@ class Party:
         def enough():
             seen[0] = self.count_rows(table, condition)
             return seen[0] == count
+
         try:
-            self.desktop.wait(enough, "%s's store has %d rows of %s where %s" % (
-                self.name, count, table, condition))
+            self.desktop.wait(
+                enough,
+                "%s's store has %d rows of %s where %s" % (self.name, count, table, condition),
+            )
         except Failure as failure:
             raise Failure("%s\n  it has %s" % (failure, seen[0])) from None
 
     def drafts(self):
-        return [text for (text,) in self.rows(
-            "SELECT text FROM clause_revisions WHERE status = 'DRAFT' ORDER BY db_id")]
+        return [
+            text
+            for (text,) in self.rows(
+                "SELECT text FROM clause_revisions WHERE status = 'DRAFT' ORDER BY db_id"
+            )
+        ]
 
     def negotiation(self):
         """What both parties must share, free of row ids, of positions and of decision times.
@@ -1202,18 +1365,27 @@ class Party:
         A clause without a committed revision is known to its initiator alone and left out, and so
         are drafts."""
         procedures = []
-        for procedure in self.rows("SELECT db_id, time, initiator, contractor, title"
-                                   " FROM procedures"):
+        for procedure in self.rows(
+            "SELECT db_id, time, initiator, contractor, title" " FROM procedures"
+        ):
             clauses = []
-            for clause in self.rows("SELECT db_id, time, initiator FROM clauses"
-                                    " WHERE procedure_db_id = ?", procedure[0]):
+            for clause in self.rows(
+                "SELECT db_id, time, initiator FROM clauses" " WHERE procedure_db_id = ?",
+                procedure[0],
+            ):
                 revisions = []
                 for revision in self.rows(
-                        "SELECT db_id, time, author, status, text FROM clause_revisions"
-                        " WHERE clause_db_id = ? AND status = 'COMMITTED'", clause[0]):
-                    decisions = sorted(self.rows(
-                        "SELECT author, status FROM clause_revision_decisions"
-                        " WHERE clause_revision_db_id = ?", revision[0]))
+                    "SELECT db_id, time, author, status, text FROM clause_revisions"
+                    " WHERE clause_db_id = ? AND status = 'COMMITTED'",
+                    clause[0],
+                ):
+                    decisions = sorted(
+                        self.rows(
+                            "SELECT author, status FROM clause_revision_decisions"
+                            " WHERE clause_revision_db_id = ?",
+                            revision[0],
+                        )
+                    )
                     revisions.append(revision[1:] + (tuple(decisions),))
                 if revisions:
                     clauses.append(clause[1:] + (tuple(sorted(revisions)),))
@@ -1222,8 +1394,12 @@ class Party:
 
     def everything(self):
         """Every row of every table, to compare a store with itself."""
-        tables = [name for (name,) in self.rows(
-            "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name")]
+        tables = [
+            name
+            for (name,) in self.rows(
+                "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name"
+            )
+        ]
         return {table: self.rows("SELECT * FROM %s ORDER BY 1" % table) for table in tables}
 
     def everything_at_rest(self):
@@ -1233,21 +1409,35 @@ class Party:
 
     def positions(self, mine):
         """The positions of the clauses that this party opened, or that it received."""
-        return [position for (position,) in self.rows(
-            "SELECT position FROM clauses WHERE (initiator = ?) = ? ORDER BY db_id",
-            self.jid, int(mine))]
+        return [
+            position
+            for (position,) in self.rows(
+                "SELECT position FROM clauses WHERE (initiator = ?) = ? ORDER BY db_id",
+                self.jid,
+                int(mine),
+            )
+        ]
 
 
 def wait_same(one, other):
     """Waits until both parties hold the same negotiation and returns it."""
     desktop = Desktop.current
     try:
-        desktop.wait(lambda: one.negotiation() == other.negotiation(),
-                     "%s and %s hold the same" % (one.name, other.name))
+        desktop.wait(
+            lambda: one.negotiation() == other.negotiation(),
+            "%s and %s hold the same" % (one.name, other.name),
+        )
     except Failure as failure:
-        raise Failure("%s\n  %s: %s\n  %s: %s" % (
-            failure, one.name, short(repr(one.negotiation()), 3000),
-            other.name, short(repr(other.negotiation()), 3000))) from None
+        raise Failure(
+            "%s\n  %s: %s\n  %s: %s"
+            % (
+                failure,
+                one.name,
+                short(repr(one.negotiation()), 3000),
+                other.name,
+                short(repr(other.negotiation()), 3000),
+            )
+        ) from None
     return one.negotiation()
 
 
@@ -1273,7 +1463,9 @@ class Server:
         script = os.path.join(ROOT, "scripts", "server")
         self.process = start_process(
             [script, self.name] + self.options + [self.directory, self.host] + self.accounts,
-            stdout=subprocess.PIPE, text=True)
+            stdout=subprocess.PIPE,
+            text=True,
+        )
         line = self.process.stdout.readline()
         if not line.startswith("ready"):
             raise Failure("the server did not start: " + line)
@@ -1321,7 +1513,8 @@ class Stranger:
                 b"<?xml version='1.0'?><stream:stream id='1' xmlns='jabber:client' "
                 b"xmlns:stream='http://etherx.jabber.org/streams' version='1.0' from='%s'>"
                 b"<stream:features><starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'><required/>"
-                b"</starttls></stream:features>" % HOST.encode())
+                b"</starttls></stream:features>" % HOST.encode()
+            )
             self.read_until(peer, b"starttls", 1)
             peer.sendall(b"<proceed xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>")
             secure = self.context.wrap_socket(peer, server_side=True)
@@ -1397,8 +1590,11 @@ class Case(unittest.TestCase):
 
 
 def find_binary(given):
-    binary = given or os.environ.get("MORVANE_BINARY") or os.path.join(
-        ROOT, "build", "release", "morvane")
+    binary = (
+        given
+        or os.environ.get("MORVANE_BINARY")
+        or os.path.join(ROOT, "build", "release", "morvane")
+    )
     if not os.access(binary, os.X_OK):
         sys.exit("There is no program at " + binary)
     return os.path.abspath(binary)

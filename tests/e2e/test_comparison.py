@@ -54,15 +54,23 @@ class Comparison(driver.Case):
         def find():
             runs = node.runs()
             return (runs,) if runs and count is None or len(runs) == count else None
-        return self.desktop.wait(find, "%s sees %s changes" % (
-            party.name, "some" if count is None else count))[0]
+
+        return self.desktop.wait(
+            find, "%s sees %s changes" % (party.name, "some" if count is None else count)
+        )[0]
 
     def point_away(self, party):
         """Points at a word without a change, so that no tools show."""
         node = self.node(party)
         text, runs = node.text(), node.runs()
-        offset = next((at for at, letter in enumerate(text) if letter.isalpha() and
-                       not any(start <= at < end for start, end in runs)), None)
+        offset = next(
+            (
+                at
+                for at, letter in enumerate(text)
+                if letter.isalpha() and not any(start <= at < end for start, end in runs)
+            ),
+            None,
+        )
         if offset is not None:
             x, y, width, height = node.character_place(offset)
             for step in (0, 1):
@@ -105,8 +113,10 @@ class Comparison(driver.Case):
         return left + text[at:], kept
 
     def wait_comparing(self, party):
-        self.desktop.wait(lambda: any(" > " in label for label in party.labels()),
-                          "%s sees a comparison" % party.name)
+        self.desktop.wait(
+            lambda: any(" > " in label for label in party.labels()),
+            "%s sees a comparison" % party.name,
+        )
 
     # ---- Ways to a comparison ----
 
@@ -149,11 +159,12 @@ class Comparison(driver.Case):
             self.desktop.key("F8")
         self.desktop.wait(lambda: node.caret() == run[0], "the cursor stands at the change")
         # The tools come next after the text, what keeps the words first.
-        for keeps in (True, False)[:1 if is_kept else 2]:
+        for keeps in (True, False)[: 1 if is_kept else 2]:
             self.desktop.key("Tab")
             tool = self.desktop.wait(lambda: party.find_tool(keeps), "the tools are there")
-            self.desktop.wait(lambda: tool.has(driver.STATE_FOCUSED),
-                              "Tab leads to \"%s\"" % tool.name())
+            self.desktop.wait(
+                lambda: tool.has(driver.STATE_FOCUSED), 'Tab leads to "%s"' % tool.name()
+            )
         self.desktop.key("space")
 
     def decide_all(self, party, decide, kept):
@@ -324,7 +335,8 @@ class Comparison(driver.Case):
         self.says("a few seconds later the label names the revision again")
         self.desktop.wait(
             lambda: "A revision can't be compared with itself." not in anna.labels(),
-            "the refusal is gone")
+            "the refusal is gone",
+        )
         self.assertEqual(self.node(anna).runs(), [])
         self.says("what was typed is saved and compared")
         anna.write(0, NEWER + " and son")

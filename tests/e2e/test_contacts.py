@@ -100,8 +100,10 @@ class Prosody(Contacts):
         anna.enter("Message", "the last one")
         self.desktop.key("Return")
         anna.wait_text("Message", "")
-        bert.desktop.wait(lambda: bert.text("Chat").endswith(driver.ANNA + ": the last one"),
-                          "Bert reads the last line")
+        bert.desktop.wait(
+            lambda: bert.text("Chat").endswith(driver.ANNA + ": the last one"),
+            "Bert reads the last line",
+        )
         self.says("the page is left and opened again")
         for party in (anna, bert):
             shown = party.text("Chat")
@@ -110,8 +112,10 @@ class Prosody(Contacts):
             party.open_contact(driver.BERT if party is anna else driver.ANNA)
             party.wait_text("Chat", shown)
         self.says("both restart")
-        before = {party.name: (party.text("Chat"), party.everything()["contact_messages"])
-                  for party in (anna, bert)}
+        before = {
+            party.name: (party.text("Chat"), party.everything()["contact_messages"])
+            for party in (anna, bert)
+        }
         for party in (anna, bert):
             party.close()
         for party, other in ((anna, bert), (bert, anna)):
@@ -122,8 +126,9 @@ class Prosody(Contacts):
             self.assertEqual(party.everything()["contact_messages"], before[party.name][1])
             self.assertEqual(len(before[party.name][1]), len(said) + 1)
         bert.say("and on it goes")
-        self.desktop.wait(lambda: anna.text("Chat").endswith(driver.BERT + ": and on it goes"),
-                          "Anna reads it")
+        self.desktop.wait(
+            lambda: anna.text("Chat").endswith(driver.BERT + ": and on it goes"), "Anna reads it"
+        )
         anna.close()
         bert.close()
 
@@ -150,6 +155,7 @@ class Prosody(Contacts):
         def is_in_sight(offset):
             _, top, _, line_height = chat.character_place(offset)
             return y <= top and top + line_height <= y + height
+
         last = len(chat.text()) - 1
         self.desktop.wait(lambda: is_in_sight(last), "the end of the chat is in sight")
         self.assertFalse(is_in_sight(0))

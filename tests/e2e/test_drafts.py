@@ -46,8 +46,9 @@ class Drafts(driver.Case):
         self.desktop.wait(lambda: anna.drafts() == ["First draft"], "the draft is stored")
         anna.write(0, "Second draft, 'quoted'")
         anna.focus("Clause text", other)
-        self.desktop.wait(lambda: anna.drafts() == ["Second draft, 'quoted'"],
-                          "the draft is replaced")
+        self.desktop.wait(
+            lambda: anna.drafts() == ["Second draft, 'quoted'"], "the draft is replaced"
+        )
         anna.kill()
         self.after(anna)
         anna.choose_revision(0, "draft")
@@ -159,7 +160,8 @@ class Drafts(driver.Case):
         sentence = "This is what anna types while bert commits a text"
         anna.clear("Clause text")
         typing = driver.start_process(
-            ["xdotool", "type", "--delay", "120", sentence], env=self.desktop.environment)
+            ["xdotool", "type", "--delay", "120", sentence], env=self.desktop.environment
+        )
         self.desktop.wait(lambda: len(anna.text("Clause text")) > 10, "anna types")
         bert.press("Commit")
         anna.wait_text("Clause text", "Words of bert")
@@ -167,13 +169,13 @@ class Drafts(driver.Case):
         self.desktop.wait(lambda: typing.poll() is not None, "anna has typed to the end")
         self.assertEqual(typing.returncode, 0)
         self.assertEqual(anna.text("Clause text"), "Words of bert")
-        kept, = anna.drafts()
+        (kept,) = anna.drafts()
         self.assertTrue(kept and sentence.startswith(kept), kept)
         self.picture("kept")
         self.says("one key leads back")
         self.desktop.key("Escape")
         anna.wait_text("Clause text", kept)
-        self.desktop.type_text(sentence[len(kept):])
+        self.desktop.type_text(sentence[len(kept) :])
         anna.wait_text("Clause text", sentence)
         self.desktop.key("ctrl+Return")
         bert.wait_text("Clause text", sentence)

@@ -8,7 +8,7 @@ import driver
 OTHER_HOST = "beta.test"
 BERT = "bert@" + OTHER_HOST
 HOSTS = "%s %s=127.0.0.2" % (driver.HOST, OTHER_HOST)
-TITLE = "Lease of the \"boat house\" & pier"
+TITLE = 'Lease of the "boat house" & pier'
 VALUES = {"Name": "Bert & Söhne", "Occupation": "baker"}
 
 driver.PASSWORDS[BERT] = "bert-of-beta"
@@ -21,8 +21,10 @@ class Federation(driver.Case):
         super().setUp()
         self.servers = [
             driver.Server("prosody", ["--federation"], driver.HOST, [driver.ANNA]),
-            driver.Server("prosody", ["--federation", "--interface", "127.0.0.2"], OTHER_HOST,
-                          [BERT])]
+            driver.Server(
+                "prosody", ["--federation", "--interface", "127.0.0.2"], OTHER_HOST, [BERT]
+            ),
+        ]
         for server in self.servers:
             server.start()
 
@@ -44,9 +46,11 @@ class Federation(driver.Case):
         for server, other in zip(self.servers, reversed(self.servers)):
             with open(os.path.join(server.directory, "prosody.log")) as log:
                 lines = log.read()
-            for line in ("Accepting SASL EXTERNAL identity from " + other.host,
-                         "Incoming s2s connection %s->%s complete" % (other.host, server.host),
-                         "Outgoing s2s connection %s->%s complete" % (server.host, other.host)):
+            for line in (
+                "Accepting SASL EXTERNAL identity from " + other.host,
+                "Incoming s2s connection %s->%s complete" % (other.host, server.host),
+                "Outgoing s2s connection %s->%s complete" % (server.host, other.host),
+            ):
                 self.assertIn(line, lines)
 
     def test_negotiation(self):

@@ -63,7 +63,8 @@ class Login(driver.Case):
         self.assertEqual(len(anna.text("Password")), len("not-the-secret"))
         self.desktop.wait(
             lambda: anna.find("Login", driver.BUTTON_ROLES).has(driver.STATE_FOCUSED),
-            "Login has the keyboard")
+            "Login has the keyboard",
+        )
         anna.enter("Password", driver.PASSWORDS[driver.ANNA])
         anna.click("Login")
         anna.wait_for("New procedure", driver.BUTTON_ROLES)
@@ -123,8 +124,13 @@ class NoLogin(driver.Case):
 
     def test_untrusted_certificates(self):
         """servers whose certificates are signed by nobody known, too old or another's"""
-        for name in ("selfsigned.test", "unknown-ca.test", "expired.test", "future.test",
-                     "wrong.test"):
+        for name in (
+            "selfsigned.test",
+            "unknown-ca.test",
+            "expired.test",
+            "future.test",
+            "wrong.test",
+        ):
             self.says(name)
             stranger = driver.Stranger(name)
             try:

@@ -41,12 +41,19 @@ class Negotiation(driver.Case):
         shared = driver.wait_same(anna, bert)
         for party in (anna, bert):
             self.assertEqual(set(party.positions(False)) - {1}, set())
-            for table, parent, who in (("procedures", "account_db_id", "initiator"),
-                                       ("clauses", "procedure_db_id", "initiator"),
-                                       ("clause_revisions", "clause_db_id", "author")):
-                self.assertEqual(party.rows(
-                    "SELECT count(*) FROM %s GROUP BY %s, %s, time HAVING count(*) > 1" % (
-                        table, parent, who)), [], "two of %s share a second" % table)
+            for table, parent, who in (
+                ("procedures", "account_db_id", "initiator"),
+                ("clauses", "procedure_db_id", "initiator"),
+                ("clause_revisions", "clause_db_id", "author"),
+            ):
+                self.assertEqual(
+                    party.rows(
+                        "SELECT count(*) FROM %s GROUP BY %s, %s, time HAVING count(*) > 1"
+                        % (table, parent, who)
+                    ),
+                    [],
+                    "two of %s share a second" % table,
+                )
         return shared
 
     def test_full_negotiation(self):
@@ -64,10 +71,12 @@ class Negotiation(driver.Case):
         self.assertEqual(bert.positions(True), [2])
 
         self.says("revisions and counter-revisions")
-        for party, other, text in ((bert, anna, "Eight crates a week"),
-                                   (anna, bert, "Nine crates a week"),
-                                   (bert, anna, "Nine crates a week, ten in May"),
-                                   (bert, anna, "Nine crates a week, ten in June")):
+        for party, other, text in (
+            (bert, anna, "Eight crates a week"),
+            (anna, bert, "Nine crates a week"),
+            (bert, anna, "Nine crates a week, ten in May"),
+            (bert, anna, "Nine crates a week, ten in June"),
+        ):
             party.commit(0, text)
             other.wait_text("Clause text", text)
         self.check_rows(anna, bert)
@@ -99,10 +108,21 @@ class Negotiation(driver.Case):
         (procedure,) = self.check_rows(anna, bert)
         self.assertEqual(procedure[1:4], (driver.ANNA, driver.BERT, "Delivery of apples"))
         self.assertEqual(sorted(len(clause[2]) for clause in procedure[4]), [1, 1, 6])
-        decisions = sorted((author, status) for clause in procedure[4] for revision in clause[2]
-                           for author, status in revision[4])
-        self.assertEqual(decisions, [(driver.ANNA, "AGREE"), (driver.ANNA, "DISAGREE"),
-                                     (driver.BERT, "AGREE"), (driver.BERT, "DISAGREE")])
+        decisions = sorted(
+            (author, status)
+            for clause in procedure[4]
+            for revision in clause[2]
+            for author, status in revision[4]
+        )
+        self.assertEqual(
+            decisions,
+            [
+                (driver.ANNA, "AGREE"),
+                (driver.ANNA, "DISAGREE"),
+                (driver.BERT, "AGREE"),
+                (driver.BERT, "DISAGREE"),
+            ],
+        )
         self.finish(anna, bert)
 
     def test_awkward_text(self):
@@ -120,8 +140,17 @@ class Negotiation(driver.Case):
         self.desktop.still_picture(os.path.join(self.desktop.output, "awkward.png"))
         self.check_rows(anna, bert)
         self.says("texts with blanks and line breaks at their ends, texts of one character")
-        for text in ("trailing blanks  ", "\nline breaks around\n\n", "'", "&", "<", "&lt;", "\"",
-                     "\U0001f600", "]]>"):
+        for text in (
+            "trailing blanks  ",
+            "\nline breaks around\n\n",
+            "'",
+            "&",
+            "<",
+            "&lt;",
+            '"',
+            "\U0001f600",
+            "]]>",
+        ):
             bert.commit(0, text)
             anna.wait_text("Clause text", text)
         self.says("control characters are taken out, line ends are line feeds")
@@ -130,8 +159,9 @@ class Negotiation(driver.Case):
         anna.commit(0)
         for party in (anna, bert):
             party.wait_text("Clause text", clean)
-        texts = [revision[3] for clause in self.check_rows(anna, bert)[0][4]
-                 for revision in clause[2]]
+        texts = [
+            revision[3] for clause in self.check_rows(anna, bert)[0][4] for revision in clause[2]
+        ]
         self.assertEqual(texts.count(AWKWARD), 2)
         self.finish(anna, bert)
 

@@ -13,7 +13,8 @@ import driver  # noqa: E402
 TITLE = "Repair of the roof"
 NAME = "org.freedesktop.Notifications"
 PATH = "/org/freedesktop/Notifications"
-INTERFACE = Gio.DBusNodeInfo.new_for_xml("""
+INTERFACE = Gio.DBusNodeInfo.new_for_xml(
+    """
 <node>
   <interface name="org.freedesktop.Notifications">
     <method name="Notify">
@@ -30,7 +31,8 @@ INTERFACE = Gio.DBusNodeInfo.new_for_xml("""
     </method>
     <signal name="ActionInvoked"> <arg type="u"/> <arg type="s"/> </signal>
   </interface>
-</node>""").interfaces[0]
+</node>"""
+).interfaces[0]
 
 
 class Notifications:
@@ -51,12 +53,24 @@ class Notifications:
     def serve(self, address):
         self.context.push_thread_default()
         self.connection = Gio.DBusConnection.new_for_address_sync(
-            address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+            address,
+            Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION,
+            None,
+            None,
+        )
         self.connection.register_object(PATH, INTERFACE, self.answer, None, None)
         self.connection.call_sync(
-            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-            GLib.Variant("(su)", (NAME, 0)), None, 0, -1, None)
+            "org.freedesktop.DBus",
+            "/org/freedesktop/DBus",
+            "org.freedesktop.DBus",
+            "RequestName",
+            GLib.Variant("(su)", (NAME, 0)),
+            None,
+            0,
+            -1,
+            None,
+        )
         self.is_ready.set()
         self.loop.run()
         self.context.pop_thread_default()
@@ -75,8 +89,9 @@ class Notifications:
             invocation.return_value(GLib.Variant("(ssss)", ("test", "test", "1", "1.2")))
 
     def invoke(self, number, action):
-        self.connection.emit_signal(None, PATH, NAME, "ActionInvoked",
-                                    GLib.Variant("(us)", (number, action)))
+        self.connection.emit_signal(
+            None, PATH, NAME, "ActionInvoked", GLib.Variant("(us)", (number, action))
+        )
 
     def stop(self):
         self.loop.quit()
@@ -106,7 +121,7 @@ class Notification(driver.Case):
         self.server.stop()
         self.wait_told()
         self.desktop.wait(lambda: "Disconnected.\n" in anna.console(), "the session is over")
-        (title, body, actions), = self.service.shown
+        ((title, body, actions),) = self.service.shown
         self.assertEqual(title, "Morvane is not connected")
         self.assertIn(driver.ANNA, body)
         # Pairs of a name and a label; "default" is a press on the notification itself.

@@ -13,8 +13,26 @@ BURST = 60
 def make_big_text(seed):
     """A text of exactly BIG bytes: lines of words with awkward characters among them."""
     source = random.Random(seed)
-    words = ["clause", "party", "the", "of", "shall", "not", "R&D", "<b>", "it's", "\"so\"", "Maß",
-             "für", "\U0001f600", "&amp;", "]]>", "%", "—", "東京"]
+    words = [
+        "clause",
+        "party",
+        "the",
+        "of",
+        "shall",
+        "not",
+        "R&D",
+        "<b>",
+        "it's",
+        '"so"',
+        "Maß",
+        "für",
+        "\U0001f600",
+        "&amp;",
+        "]]>",
+        "%",
+        "—",
+        "東京",
+    ]
     text = ""
     size = 0
     while size < BIG - 400:
@@ -49,7 +67,7 @@ class Offline(driver.Case):
         self.says("sent; Bert comes")
         bert = self.arrive()
         bert.wait_text("Clause text", text)
-        ((procedure,),) = driver.wait_same(anna, bert)[0][4][0][2],
+        ((procedure,),) = (driver.wait_same(anna, bert)[0][4][0][2],)
         self.assertEqual(procedure[3], text)
         self.says("Bert answers with 60 KB while Anna is there")
         answer = make_big_text(2)
@@ -68,7 +86,7 @@ class Offline(driver.Case):
         anna = self.begin()
         nth = anna.add_clause()
         for number in range(BURST // 2):
-            anna.commit(nth, "Number %d: \"%s\" & <%d>" % (number, "it's " * (number % 7), number))
+            anna.commit(nth, 'Number %d: "%s" & <%d>' % (number, "it's " * (number % 7), number))
             anna.decide("Agree" if number % 3 else "Disagree", nth)
         sent = anna.negotiation()
         self.assertEqual(len(sent[0][4][0][2]), BURST // 2)

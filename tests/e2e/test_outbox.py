@@ -29,8 +29,12 @@ class Outbox(driver.Case):
         return anna, bert
 
     def tables(self, party):
-        return [row[0] for row in party.rows(
-            "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name")]
+        return [
+            row[0]
+            for row in party.rows(
+                "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name"
+            )
+        ]
 
     def owed(self, party):
         if "outbox" not in self.tables(party):
@@ -59,8 +63,9 @@ class Outbox(driver.Case):
             party.login()
         driver.wait_same(anna, bert)
         for party in (anna, bert):
-            self.desktop.wait(lambda: len(self.tables(party)) == 9,
-                              "%s's store has its nine tables" % party.name)
+            self.desktop.wait(
+                lambda: len(self.tables(party)) == 9, "%s's store has its nine tables" % party.name
+            )
         bert.open_procedure(TITLE)
         bert.wait_text("Clause text", "The barge is blue.", 0)
         bert.wait_text("Clause text", "The rent is 400 EUR.", 1)
@@ -85,8 +90,14 @@ class Outbox(driver.Case):
 
     def wait_told(self, party):
         def told():
-            return [text for text in party.labels() if text.startswith(
-                "Not delivered to %s (the server takes no text as long as" % driver.BERT)]
+            return [
+                text
+                for text in party.labels()
+                if text.startswith(
+                    "Not delivered to %s (the server takes no text as long as" % driver.BERT
+                )
+            ]
+
         self.desktop.wait(told, "%s is told" % party.name)
 
     def descriptions(self, party, nth):
@@ -159,6 +170,7 @@ class OutboxWithManagement(Outbox):
 
         def told():
             return [text for text in anna.labels() if text.startswith("Not delivered to nobody@")]
+
         before = size()
         anna.begin(TITLE, "nobody@" + driver.HOST)
         anna.add_clause()

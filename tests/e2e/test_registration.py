@@ -28,7 +28,8 @@ class Registration(driver.Case):
         party.wait_sensitive("Register")
         return self.desktop.wait(
             lambda: next((text for text in party.labels() if text.strip()), None),
-            "the page says why")
+            "the page says why",
+        )
 
     def wait_login_page(self, party, jid):
         party.wait_for("Account", driver.ENTRY_ROLES)
@@ -191,9 +192,11 @@ class EjabberdForbidden(Registration):
 
     def test_denied(self):
         """a server that offers it and denies it answers with an error other than cancel"""
-        self.check_stop("--deny-registration",
-                        'get_xml_attribute (xml_error, "type") == "cancel"',
-                        "Access denied by service policy")
+        self.check_stop(
+            "--deny-registration",
+            'get_xml_attribute (xml_error, "type") == "cancel"',
+            "Access denied by service policy",
+        )
 
 
 if __name__ == "__main__":

@@ -76,6 +76,7 @@ class Signals(driver.Case):
             finally:
                 os.close(writer)
                 anna.console_path = file_path
+
         with open(anna.console_path, "wb"):
             pass
         anna.launch = launch_into_closed_pipe

@@ -32,8 +32,13 @@ class TwoWindows(driver.Case):
         anna.wait_label("contractor agrees")
         accounts = anna.rows("SELECT bare_jid FROM accounts ORDER BY db_id")
         self.assertEqual(accounts, [(driver.ANNA,), (driver.BERT,)])
-        self.assertEqual(anna.rows("SELECT count(*), count(DISTINCT account_db_id), "
-                                   "count(DISTINCT time) FROM procedures"), [(2, 2, 1)])
+        self.assertEqual(
+            anna.rows(
+                "SELECT count(*), count(DISTINCT account_db_id), "
+                "count(DISTINCT time) FROM procedures"
+            ),
+            [(2, 2, 1)],
+        )
 
         self.says("the second window is closed; the first goes on")
         second.close()
@@ -162,11 +167,20 @@ class TwoPrograms(driver.Case):
         anna.wait_label("contractor agrees")
         anna.close()
         bert.close()
-        self.assertEqual(anna.rows("SELECT count(*), count(DISTINCT account_db_id) FROM procedures"),
-                         [(2, 2)])
-        self.assertEqual(sorted(os.listdir(anna.directory)), [
-            ".morvane.db", ".morvanerc", "bert-console.log", "bert-errors.log", "console.log",
-            "errors.log"])
+        self.assertEqual(
+            anna.rows("SELECT count(*), count(DISTINCT account_db_id) FROM procedures"), [(2, 2)]
+        )
+        self.assertEqual(
+            sorted(os.listdir(anna.directory)),
+            [
+                ".morvane.db",
+                ".morvanerc",
+                "bert-console.log",
+                "bert-errors.log",
+                "console.log",
+                "errors.log",
+            ],
+        )
 
 
 class CloseDuringLogin(driver.Case):

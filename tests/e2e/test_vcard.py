@@ -3,16 +3,24 @@
 
 import driver
 
-FIELDS = ("Name", "Occupation", "Organization", "Email", "Telephone", "URL", "Address",
-          "Public key")
+FIELDS = (
+    "Name",
+    "Occupation",
+    "Organization",
+    "Email",
+    "Telephone",
+    "URL",
+    "Address",
+    "Public key",
+)
 VALUES = {
-    "Name": "Bert \"the <b>Baker</b>\" O'Connor & Söhne",
+    "Name": 'Bert "the <b>Baker</b>" O\'Connor & Söhne',
     "Occupation": "baker &amp; miller; 1 < 2 > 0",
     "Organization": "Bakery 'Three Mills' \U0001f956",
     "Email": "bert@alpha.test",
     "Telephone": "tel:+49-30-123456",
     "URL": "https://alpha.test/?a=1&b='2'&lt;",
-    "Address": "12, Mill Lane; \"East\" Wing",
+    "Address": '12, Mill Lane; "East" Wing',
     "Public key": "mDMEY&<x>'y'\"z\"==",
 }
 OWN = "Your Public Profile"

@@ -25,12 +25,18 @@ CLAUSES = [
     "The rent is 420 euros a month, due on the first working day.",
     "The lease begins on 1 May and runs for two years.",
 ]
-COUNTER_RENT = ("The rent is 390 euros a month, due on the third working day.\n"
-                "Electricity is metered and paid apart.")
-LAST_RENT = ("The rent is 400 euros a month, due on the third working day.\n"
-             "Electricity is metered and paid apart.")
-COMPARED = ("The rent is 390 euros a month, due on the third working day.\n"
-            "Electricity is metered and paid apart.")
+COUNTER_RENT = (
+    "The rent is 390 euros a month, due on the third working day.\n"
+    "Electricity is metered and paid apart."
+)
+LAST_RENT = (
+    "The rent is 400 euros a month, due on the third working day.\n"
+    "Electricity is metered and paid apart."
+)
+COMPARED = (
+    "The rent is 390 euros a month, due on the third working day.\n"
+    "Electricity is metered and paid apart."
+)
 CARLA = "carla@" + driver.HOST
 PROFILE = {
     "Name": "Bert Boatman",
@@ -53,8 +59,10 @@ class Walk:
         self.step = 0
         self.started = time.monotonic()
         self.parties = {}
-        for name, jid, place in (("anna", driver.ANNA, driver.LEFT),
-                                 ("bert", driver.BERT, driver.RIGHT)):
+        for name, jid, place in (
+            ("anna", driver.ANNA, driver.LEFT),
+            ("bert", driver.BERT, driver.RIGHT),
+        ):
             directory = os.path.join(output, name)
             shutil.rmtree(directory, ignore_errors=True)
             self.parties[name] = driver.Party(name, jid, place, directory=directory)
@@ -79,8 +87,10 @@ class Walk:
         for name in ("New password", "New password (again)"):
             carla.enter(name, "carla-secret")
         carla.click("Register")
-        self.desktop.wait(lambda: any(text.strip() for text in carla.labels()),
-                          "the server refuses a name that is taken")
+        self.desktop.wait(
+            lambda: any(text.strip() for text in carla.labels()),
+            "the server refuses a name that is taken",
+        )
         self.picture("name-taken", "Carla wants an account under a name that is taken")
         carla.enter("New account", CARLA)
         carla.click("Register")
@@ -111,8 +121,10 @@ class Walk:
         bert.say("I have; 400 euros & not a cent more.")
         anna.say("Let us talk about it there.")
         for party in (anna, bert):
-            self.desktop.wait(lambda: party.text("Chat").endswith("about it there."),
-                              "%s reads the last line" % party.name)
+            self.desktop.wait(
+                lambda: party.text("Chat").endswith("about it there."),
+                "%s reads the last line" % party.name,
+            )
         self.picture("chat", "They chat")
         for party in (anna, bert):
             party.click("Close")
@@ -146,8 +158,10 @@ class Walk:
             party.click("Clause chat", 1)
         anna.say("Is the boat house heated?")
         bert.say("It is, so electricity is <not> included.")
-        anna.wait_text("Chat", "anna: Is the boat house heated?\n"
-                               "bert: It is, so electricity is <not> included.")
+        anna.wait_text(
+            "Chat",
+            "anna: Is the boat house heated?\n" "bert: It is, so electricity is <not> included.",
+        )
         self.picture("clause-chat", "They talk about the second clause")
         for party in (anna, bert):
             party.click("Close")
@@ -259,8 +273,9 @@ class Walk:
         anna.show_list("Contacts")
         anna.wait_contact(driver.BERT, "available")
         anna.open_contact(driver.BERT)
-        self.desktop.wait(lambda: anna.text("Chat").endswith("about it there."),
-                          "the chat is as it was")
+        self.desktop.wait(
+            lambda: anna.text("Chat").endswith("about it there."), "the chat is as it was"
+        )
         self.picture("chat-again", "Anna finds Bert online, and their chat as it was")
         anna.show_list("Procedures")
         for party in (anna, bert):
@@ -289,13 +304,21 @@ class Walk:
         for party in self.parties.values():
             shutil.copyfile(party.store_path, os.path.join(self.output, party.name + ".db"))
             if party.positions(True) != ([1, 2] if party is self.anna else [3]):
-                self.desktop.fail("%s's clauses have the positions %s" % (
-                    party.name, party.positions(True)))
-        (_, initiator, contractor, title, clauses), = shared
-        print("Both stores hold \"%s\" of %s and %s: %d clauses, %d revisions, %d decisions" % (
-            title, initiator, contractor, len(clauses),
-            sum(len(clause[2]) for clause in clauses),
-            sum(len(revision[4]) for clause in clauses for revision in clause[2])))
+                self.desktop.fail(
+                    "%s's clauses have the positions %s" % (party.name, party.positions(True))
+                )
+        ((_, initiator, contractor, title, clauses),) = shared
+        print(
+            'Both stores hold "%s" of %s and %s: %d clauses, %d revisions, %d decisions'
+            % (
+                title,
+                initiator,
+                contractor,
+                len(clauses),
+                sum(len(clause[2]) for clause in clauses),
+                sum(len(revision[4]) for clause in clauses for revision in clause[2]),
+            )
+        )
 
 
 def main():
