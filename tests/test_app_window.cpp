@@ -1045,6 +1045,20 @@ TEST (app_window_close, stores_what_still_comes)
   end_closing (&test);
 }
 
+// The server is waited for, then the worker, and then no one.
+TEST (app_window_close, does_not_wait_forever_for_a_worker_that_stays)
+{
+  TestWindow test;
+  open_negotiation (&test);
+  start_worker (&test, run_stubborn_worker);
+  gtk_window_close (GTK_WINDOW (test.window));
+  EXPECT_TRUE (
+    pump_until ([] (void *data) { return !app_window_is_open ((AppWindow *) data); }, test.window));
+  EXPECT_EQ (app_window_count_stray_workers (), 1u);
+  worker_may_leave = true;
+  EXPECT_TRUE (pump_until ([] (void *) { return app_window_count_stray_workers () == 0; }, NULL));
+}
+
 TEST (app_window_close, says_nothing_after_its_farewell)
 {
   TestWindow test;
