@@ -42,9 +42,9 @@ struct _AppWindow {
   bool is_delivering;                 // what waits in the outbox is sent
   guint outbox_table_source;          // a timer that lets the empty table go; 0 for none
   guint outbox_look_source;  // a timer that looks what the server's system has taken; 0 for none
-  u64 last_xmpp_id;
-  u64 get_vcard_id;      // pending request for another account's vCard; 0 for none
-  u64 get_own_vcard_id;  // pending request for the own vCard; 0 for none
+  u64 last_xmpp_id;          // of all sessions: what comes back late is known by its id
+  u64 get_vcard_id;          // pending request for another account's vCard; 0 for none
+  u64 get_own_vcard_id;      // pending request for the own vCard; 0 for none
   GtkWidget *prev_main_page;
   ContactStack contacts;
   ProceduresStack procedures;

@@ -252,7 +252,6 @@ app_window_unload_account (AppWindow *self)
   self->get_vcard_id = 0;
   self->get_own_vcard_id = 0;
   self->prev_main_page = NULL;
-  self->last_xmpp_id = 0;
   app_window_release_account (self);
 }
 

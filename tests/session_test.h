@@ -89,9 +89,10 @@ struct Session {
     log_in ();
   }
 
-  // Logs in to a server that listens already.
+  // Logs in to a server that listens already, and expects the first ids in each login.
   void log_in ()
   {
+    window->last_xmpp_id = 0;
     type (window->login_page, "bare_jid_entry", JID);
     type (window->login_page, "password_entry", "pw");
     press (window->login_page, "login_button");

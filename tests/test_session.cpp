@@ -338,6 +338,15 @@ TEST (app_window_log_in_again, leaves_nothing_that_was_typed_for_the_former_acco
   EXPECT_EQ (find_widget (loaded.window, "chat_entry"), nullptr);
 }
 
+// A message of this session may come back in the next one, and is known by its id.
+TEST (app_window_log_in_again, gives_no_request_id_twice)
+{
+  Loaded loaded;
+  u64 id = generate_xmpp_id (loaded.window);
+  leave (&loaded);
+  EXPECT_EQ (generate_xmpp_id (loaded.window), id + 1);
+}
+
 TEST (app_window_log_in_again, puts_the_password_of_nobody_into_the_page)
 {
   Loaded loaded;

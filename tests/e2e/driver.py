@@ -690,7 +690,8 @@ class Window:
         deadline = time.monotonic() + BOUND
         below = None  # of a widget out of sight: where it is looked for
         while True:
-            (x, y, width, height), whole = self.settled(node)
+            found = self.settled(node)
+            (x, y, width, height), whole = found
             if width >= min(whole[2], 16) and height >= min(whole[3], 24):
                 return x + width // 2, y + height // 2
             areas = self.scrolled_areas(node)[:-1]
@@ -719,8 +720,10 @@ class Window:
             self.desktop.press_at(
                 left + area_width // 2, top + area_height // 2, 5 if below else 4, turns
             )
+            # A page that had not begun to slide brings the widget into sight by itself.
             self.desktop.wait(
-                lambda: content.extents() != before,
+                lambda: content.extents() != before
+                or (self.visible_part(node), node.extents()) != found,
                 'the wheel moves "%s" of %s' % (node.name(), self.party.name),
             )
 
