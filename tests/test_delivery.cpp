@@ -812,6 +812,7 @@ TEST (delivery, a_revision_that_the_server_refuses_for_its_size_is_held_and_the_
     EXPECT_EQ (list_sent (second.finish ().received),
                "x-procedure x-clause x-revision x-clause x-revision ");
     EXPECT_EQ (held_and_owed (&second.test), "held revision\n");
+    EXPECT_TRUE (pump_until (is_idle, second.window));
 
     // One that has a newer one in its place is not told of for ever.
     Session third;
