@@ -744,7 +744,7 @@ def try_window_files(trial, desktop, store):
     party.write(1, "Written while locked for good")
     act = press(party, "Add clause")
     party.focus("Clause text", 0)
-    before = party.everything()
+    before = party.everything_at_rest()
     locker = lock(party.store_path, "BEGIN IMMEDIATE")
     act()
     _, stop, said = wait_stopped(party)
