@@ -105,15 +105,22 @@ is_mapped (void *clause)
   return gtk_widget_get_mapped (GTK_WIDGET (((Clause *) clause)->view));
 }
 
+static Procedure *
+show_short_clauses (TestWindow *test)
+{
+  log_in (test);
+  Procedure *procedure = add_procedure (test);
+  for (u32 i = 0; i < 40; i++) {
+    add_revision (test, add_clause (test, procedure), "Planks of oak");
+  }
+  show (test, procedure);
+  return procedure;
+}
+
 TEST (procedure_view_new, maps_only_the_clauses_near_to_what_is_in_sight)
 {
   TestWindow test;
-  log_in (&test);
-  Procedure *procedure = add_procedure (&test);
-  for (u32 i = 0; i < 40; i++) {
-    add_revision (&test, add_clause (&test, procedure), "Planks of oak");
-  }
-  show (&test, procedure);
+  Procedure *procedure = show_short_clauses (&test);
   Clause *first = procedure->clauses[0];
   Clause *last = procedure->clauses[39];
   EXPECT_TRUE (pump_until (is_mapped, first));
@@ -355,12 +362,7 @@ get_clause_at (Procedure *procedure, double pages)
 TEST (procedure_view_new, maps_the_page_after_what_is_in_sight)
 {
   TestWindow test;
-  log_in (&test);
-  Procedure *procedure = add_procedure (&test);
-  for (u32 i = 0; i < 40; i++) {
-    add_revision (&test, add_clause (&test, procedure), "Planks of oak");
-  }
-  show (&test, procedure);
+  Procedure *procedure = show_short_clauses (&test);
   EXPECT_TRUE (pump_until (is_mapped, procedure->clauses[0]));
   Clause *next = get_clause_at (procedure, 6.9);
   Clause *far = get_clause_at (procedure, 8.5);
