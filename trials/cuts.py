@@ -13,9 +13,9 @@ stores are judged (cuts_judge.py): what both have must be the same, none twice.
 The programs do what the parties do at the word of cuts_hand.c, which presses their buttons from
 inside. Everything is drawn by a seeded generator; a run that failed is done again with its number.
 
-The long form takes hours. With --results each negotiation's counts are kept in a file, a line for each,
-and what is there is not done again: --minutes ends a session between two negotiations, and the next
-one goes on. Begin with an empty file when the program has changed.
+The long form takes over an hour. With --results each negotiation's counts are kept in a file, a line
+for each, and what is there is not done again: --minutes ends a session between two negotiations, and
+the next one goes on. Begin with an empty file when the program has changed.
 """
 
 import collections
