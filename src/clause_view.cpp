@@ -723,6 +723,9 @@ clause_view_show_diff (ClauseView *self, ClauseRevision *older, ClauseRevision *
   if (self->aside.text_buffer) {
     clause_view_keep_decisions (self, &self->aside.comparison, self->aside.text_buffer);
     revision_list_show_kept_drafts (&self->revision_list);
+    // Unless it speaks of a text that was left later.
+    if (!self->is_draft_newer)
+      clause_status_hide_note (&self->status);
   }
   clause_view_drop_aside (self);
   char *older_name = alloc_shown_revision_name (older);

@@ -853,6 +853,40 @@ TEST (clause_view_decisions, stay_at_hand_when_another_comparison_begins)
   EXPECT_EQ (drafts.stored (), text + "\n");
 }
 
+// Nothing is left that Escape could go back to, and nothing says so.
+TEST (clause_view_decisions, are_not_promised_any_more_when_another_comparison_begins)
+{
+  Drafts drafts ({"one two x\nthree", "eins two y three"});
+  begin_to_decide (&drafts);
+  drafts.receive (6000, "their words");
+  ASSERT_TRUE (is_note_shown (drafts.clause, COMPARISON_IS_KEPT));
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_FALSE (is_note_shown (drafts.clause, COMPARISON_IS_KEPT));
+  key_guard_end (GTK_WINDOW (drafts.test->window));
+  for (int i = 0; i < 2; i++) {
+    press_key (drafts.test.get (), GDK_KEY_Escape);
+    EXPECT_EQ (drafts.text (), "their words");
+    EXPECT_EQ (drafts.status (), BOB ":6000");
+  }
+}
+
+TEST (clause_view_decisions, leave_the_promise_of_a_later_text_when_another_comparison_begins)
+{
+  Drafts drafts ({"one two", "one three"});
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  drafts.receive (6000, "their words");
+  gtk_text_buffer_insert_at_cursor (drafts.buffer (), "my words", -1);
+  std::string draft = drafts.text ();
+  drafts.receive (6001, "their next words");
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (is_note_shown (drafts.clause, TEXT_IS_KEPT));
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), "their next words");
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), draft);
+}
+
 // A U+23CE of the user's own is text.
 TEST (clause_view_decisions, stay_at_hand_with_the_symbols_that_were_typed)
 {
@@ -1282,6 +1316,7 @@ enum Step {
   STEP_TAKE_NEWER,
   STEP_USE_AS_DRAFT,
   STEP_ESCAPE,
+  STEP_ESCAPE_ELSEWHERE,
   STEP_GO_BACK,
   STEP_BRING_BACK,
   STEP_UNDO,
@@ -1378,6 +1413,28 @@ has_row (Drafts *drafts)
   return find_row (drafts->clause, "draft") != NULL;
 }
 
+// Outside of the text, Escape does what the note promises, and nothing else.
+static void
+escape_elsewhere (Drafts *drafts, DraftsModel *model)
+{
+  bool is_text_kept = is_note_shown (drafts->clause, TEXT_IS_KEPT);
+  bool is_comparison_kept = is_note_shown (drafts->clause, COMPARISON_IS_KEPT);
+  std::string status = drafts->status ();
+  drafts->focus ("text_view");
+  drafts->focus ("revision_select_menu_button");
+  save (model);
+  press_key (drafts->test.get (), GDK_KEY_Escape);
+  if (is_text_kept) {
+    show_draft (model);
+    EXPECT_EQ (drafts->status (), "draft");
+  } else if (is_comparison_kept) {
+    model->shown = DraftsModel::COMPARISON;
+    EXPECT_NE (drafts->status ().find (" > "), std::string::npos) << drafts->status ();
+  } else {
+    EXPECT_EQ (drafts->status (), status);
+  }
+}
+
 static void
 take_step (Drafts *drafts, DraftsModel *model, Step step, unsigned number)
 {
@@ -1447,6 +1504,9 @@ take_step (Drafts *drafts, DraftsModel *model, Step step, unsigned number)
     read_shown (drafts, model);
     if (model->shown == DraftsModel::DRAFT)
       show_draft (model);
+    break;
+  case STEP_ESCAPE_ELSEWHERE:
+    escape_elsewhere (drafts, model);
     break;
   case STEP_GO_BACK:
     if (choose (clause, GO_BACK)) {
