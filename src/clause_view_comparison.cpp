@@ -151,6 +151,9 @@ clause_view_leave_diff (ClauseView *self)
 static void
 clause_view_use_as_draft (ClauseView *self)
 {
+  // The menu may have been open when a revision took the comparison's place.
+  if (!self->comparison.is_shown)
+    return;
   self->revision = NULL;
   clause_view_replace_draft (self);
   text_history_begin (self->text.history);

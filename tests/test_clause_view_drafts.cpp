@@ -887,6 +887,33 @@ TEST (clause_view_decisions, leave_the_promise_of_a_later_text_when_another_comp
   EXPECT_EQ (drafts.text (), draft);
 }
 
+// A menu may stay open while a revision arrives.
+TEST (clause_view_decisions, are_used_and_not_what_arrived_while_the_menu_was_open)
+{
+  Drafts drafts ({"one two", "one three"});
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  GtkWidget *menu = GTK_WIDGET (g_object_ref_sink (gtk_menu_new ()));
+  g_signal_emit_by_name (drafts.widget ("text_view"), "populate-popup", menu);
+  drafts.receive (6000, "their words");
+  int count = 0;
+  for (GtkMenuItem *item : list_items (menu)) {
+    if (!strcmp (gtk_menu_item_get_label (item), USE_AS_DRAFT)) {
+      gtk_menu_item_activate (item);
+      count++;
+    }
+  }
+  gtk_widget_destroy (menu);
+  g_object_unref (menu);
+  pump ();
+  EXPECT_EQ (count, 1);
+  EXPECT_EQ (drafts.text (), "their words");
+  EXPECT_EQ (drafts.status (), BOB ":6000");
+  EXPECT_EQ (drafts.stored (), "");
+  EXPECT_TRUE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+  EXPECT_EQ (drafts.text (), "one three");
+}
+
 // A U+23CE of the user's own is text.
 TEST (clause_view_decisions, stay_at_hand_with_the_symbols_that_were_typed)
 {
