@@ -34,6 +34,12 @@ clause_status_set (ClauseStatus *self, const char *status)
   gtk_label_set_text (self->label, status);
 }
 
+const char *
+clause_status_get (ClauseStatus *self)
+{
+  return self->status_before ? self->status_before : gtk_label_get_text (self->label);
+}
+
 static gboolean
 clause_status_end_refusal (gpointer data)
 {
@@ -47,8 +53,7 @@ clause_status_end_refusal (gpointer data)
 void
 clause_status_show_refusal (ClauseStatus *self, const char *refusal)
 {
-  char *status =
-    g_strdup (self->status_before ? self->status_before : gtk_label_get_text (self->label));
+  char *status = g_strdup (clause_status_get (self));
   clause_status_set (self, refusal);
   self->status_before = status;
   self->refusal_source = g_timeout_add_seconds (REFUSAL_SECONDS, clause_status_end_refusal, self);

@@ -21,6 +21,8 @@ void clause_status_finalize (ClauseStatus *self);
 
 // Ends a refusal, so that none outlasts what it was said about.
 void clause_status_set (ClauseStatus *self, const char *status);
+// What is shown, also while a refusal has its place. The record's, until its next change.
+const char *clause_status_get (ClauseStatus *self);
 // Tells the user for a few seconds, in the place of the status, why nothing happened.
 void clause_status_show_refusal (ClauseStatus *self, const char *refusal);
 

@@ -35,7 +35,7 @@ clause_view_put_comparison_aside (ClauseView *self)
   ComparisonAside *aside = &self->aside;
   aside->text_buffer = GTK_TEXT_BUFFER (g_object_ref (gtk_text_view_get_buffer (self->text_view)));
   aside->comparison = self->comparison;
-  aside->status = g_strdup (gtk_label_get_text (self->revision_status_label));
+  aside->status = g_strdup (clause_status_get (&self->status));
   aside->was_draft_shown = self->was_draft_shown;
   GtkTextBuffer *text_buffer = gtk_text_buffer_new (NULL);
   clause_text_change_buffer (&self->text, text_buffer);

@@ -756,6 +756,19 @@ TEST (clause_view_arrival, keeps_a_comparison_with_its_decisions)
   EXPECT_EQ (drafts.text (), "one three");
 }
 
+TEST (clause_view_arrival, keeps_a_comparison_under_its_own_name)
+{
+  Drafts drafts ({"one two", "one three"});
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  std::string status = drafts.status ();
+  compare_row (&drafts, BOB ":3001");
+  ASSERT_EQ (drafts.status (), "A revision can't be compared with itself.");
+  drafts.receive (6000, "their words");
+  EXPECT_TRUE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+  EXPECT_EQ (drafts.status (), status);
+}
+
 TEST (clause_view_arrival, goes_back_to_the_text_that_was_left_after_a_comparison)
 {
   Drafts drafts ({"one two", "one three"});
