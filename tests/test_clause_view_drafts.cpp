@@ -7,6 +7,7 @@
 #include <set>
 #include <vector>
 
+#include "clause_view_parts.h"
 #include "db.h"
 #include "fake_session.h"
 #include "key_guard.h"
@@ -1053,6 +1054,19 @@ TEST (clause_view_haste, press_half_a_second_later_decides)
   EXPECT_TRUE (pump_until ([] (void *) { return g_get_monotonic_time () > end; }, NULL));
   press (drafts.clause->view, "agree_button");
   EXPECT_EQ (list_decisions (&drafts), "AGREE\n");
+}
+
+TEST (clause_view_haste, lasts_half_a_second)
+{
+  Drafts drafts ({"first", "second"});
+  point_at (&drafts, "agree_button");
+  drafts.receive (6000, "their words");
+  g_signal_emit_by_name (drafts.widget ("agree_button"), "pressed");
+  DecisionButtons *buttons = &drafts.clause->view->decision_buttons;
+  for (s64 age : {499999, 500000}) {
+    buttons->arrival_time = buttons->press_time - age;
+    EXPECT_EQ (decision_buttons_are_hasty (buttons), age < 500000) << age;
+  }
 }
 
 TEST (clause_view_haste, press_that_began_before_decides_nothing)
