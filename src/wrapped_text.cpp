@@ -45,10 +45,47 @@ wrapped_text_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
   GTK_WIDGET_CLASS (wrapped_text_parent_class)->size_allocate (widget, allocation);
 }
 
+// Whether the text scrolls by itself, as a chat does. A clause's text is as high as all its lines, and
+// its page scrolls.
+static bool
+wrapped_text_scrolls (GtkWidget *widget)
+{
+  GtkWidget *parent = gtk_widget_get_parent (widget);
+  if (!GTK_IS_SCROLLED_WINDOW (parent))
+    return false;
+  GtkPolicyType policy;
+  gtk_scrolled_window_get_policy (GTK_SCROLLED_WINDOW (parent), NULL, &policy);
+  return policy != GTK_POLICY_NEVER;
+}
+
+// GtkTextView draws a text that is larger than its window by way of a picture up to half as high again as
+// that window. X refuses one of more than 32,767 pixels, and that ends the program. A text that its page
+// scrolls has a window of its own size, but for the moment in which it wraps anew. The window grows ahead
+// of its allocation then; what has no room yet is clipped by the widget's own window around it.
+static void
+wrapped_text_make_window_fit (GtkScrollable *scrollable)
+{
+  GdkWindow *window = gtk_text_view_get_window (GTK_TEXT_VIEW (scrollable), GTK_TEXT_WINDOW_TEXT);
+  int text_width = (int) gtk_adjustment_get_upper (gtk_scrollable_get_hadjustment (scrollable));
+  int text_height = (int) gtk_adjustment_get_upper (gtk_scrollable_get_vadjustment (scrollable));
+  int width = gdk_window_get_width (window), height = gdk_window_get_height (window);
+  if (width < text_width || height < text_height)
+    gdk_window_resize (window, MAX (width, text_width), MAX (height, text_height));
+}
+
+static gboolean
+wrapped_text_draw (GtkWidget *widget, cairo_t *cr)
+{
+  if (!wrapped_text_scrolls (widget))
+    wrapped_text_make_window_fit (GTK_SCROLLABLE (widget));
+  return GTK_WIDGET_CLASS (wrapped_text_parent_class)->draw (widget, cr);
+}
+
 static void
 wrapped_text_class_init (WrappedTextClass *text_class)
 {
   GTK_WIDGET_CLASS (text_class)->size_allocate = wrapped_text_size_allocate;
+  GTK_WIDGET_CLASS (text_class)->draw = wrapped_text_draw;
   GTK_WIDGET_CLASS (text_class)->get_preferred_width = wrapped_text_get_preferred_width;
 }
 

@@ -10,6 +10,8 @@
 #include "vcard_page.h"
 #include "widget_test.h"
 
+#include <gdk/gdkx.h>
+
 // What half of a small screen has, in pixels.
 static const int NARROW = 460;
 
@@ -229,6 +231,18 @@ resize (TestWindow *test, int width)
   pump ();
 }
 
+static bool
+is_as_high_as_its_lines (void *widget)
+{
+  GtkTextView *text_view = GTK_TEXT_VIEW (widget);
+  GtkTextIter end;
+  GdkRectangle last_line;
+  gtk_text_buffer_get_end_iter (gtk_text_view_get_buffer (text_view), &end);
+  gtk_text_view_get_iter_location (text_view, &end, &last_line);
+  int height = gtk_widget_get_allocated_height (GTK_WIDGET (text_view));
+  return height == last_line.y + last_line.height + 2 * 12;
+}
+
 TEST (wrapped_text, lets_the_window_shrink_again)
 {
   TestWindow test;
@@ -240,13 +254,54 @@ TEST (wrapped_text, lets_the_window_shrink_again)
   for (int width : {1300, NARROW, 900, NARROW, 640})
     resize (&test, width);
   // The text is as high as it is at this width, and not as it was at another.
-  GtkTextView *text_view = GTK_TEXT_VIEW (find_widget (procedure->view, "text_view"));
+  EXPECT_TRUE (pump_until (is_as_high_as_its_lines, find_widget (procedure->view, "text_view")));
+}
+
+// ---- Height ----
+
+// What X takes for the height of a picture, in pixels.
+static const int PICTURE_MAX = 32767;
+
+static bool
+is_higher_than_any_picture (void *text_view)
+{
   GtkTextIter end;
   GdkRectangle last_line;
-  gtk_text_buffer_get_end_iter (gtk_text_view_get_buffer (text_view), &end);
-  gtk_text_view_get_iter_location (text_view, &end, &last_line);
-  int height = gtk_widget_get_allocated_height (GTK_WIDGET (text_view));
-  EXPECT_EQ (height, last_line.y + last_line.height + 2 * 12);
+  gtk_text_buffer_get_end_iter (gtk_text_view_get_buffer (GTK_TEXT_VIEW (text_view)), &end);
+  gtk_text_view_get_iter_location (GTK_TEXT_VIEW (text_view), &end, &last_line);
+  return last_line.y > PICTURE_MAX * 5 / 4;
+}
+
+static void
+draw_somewhere (GtkWidget *widget)
+{
+  cairo_surface_t *surface = cairo_image_surface_create (CAIRO_FORMAT_ARGB32, 300, 300);
+  cairo_t *cr = cairo_create (surface);
+  gtk_widget_draw (widget, cr);
+  cairo_destroy (cr);
+  cairo_surface_destroy (surface);
+}
+
+// As it is between the frame in which a text wraps anew and the one in which its page has made room. No
+// program but the X server says whether it takes what is drawn.
+TEST (wrapped_text, is_drawn_where_it_outgrows_its_window_and_any_picture)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test, "Planks", "bob@beta.test");
+  std::string text = repeat ("Planks of oak and of ash.\n", 3000);
+  add_revision (&test, procedure->clauses[0], "bob@beta.test", text.c_str ());
+  show (&test, procedure);
+  GtkWidget *text_view = find_widget (procedure->view, "text_view");
+  ASSERT_TRUE (pump_until (is_higher_than_any_picture, text_view));
+  GtkAllocation allocation;
+  gtk_widget_get_allocation (text_view, &allocation);
+  allocation.height = PICTURE_MAX * 5 / 4;
+  GdkDisplay *display = gdk_display_get_default ();
+  gdk_x11_display_error_trap_push (display);
+  gtk_widget_size_allocate (text_view, &allocation);
+  draw_somewhere (text_view);
+  EXPECT_EQ (gdk_x11_display_error_trap_pop (display), 0);
 }
 
 // ---- Lines ----
