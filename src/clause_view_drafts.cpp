@@ -72,12 +72,25 @@ clause_view_leave_text (ClauseView *self)
   self->is_as_arrived = false;
 }
 
+// The key without its modifiers. On a keyboard with other letters than Latin ones it is what its place
+// has on the first of the user's keyboards, as in GTK's own key bindings.
+static guint
+get_plain_key (GdkEventKey *event)
+{
+  guint key = event->keyval;
+  GdkKeymap *keymap = gdk_keymap_get_for_display (gdk_window_get_display (event->window));
+  if (gdk_keyval_to_unicode (key) > 0x7f)
+    gdk_keymap_translate_keyboard_state (keymap, event->hardware_keycode, (GdkModifierType) 0, 0,
+                                         &key, NULL, NULL, NULL);
+  return gdk_keyval_to_lower (key);
+}
+
 bool
 clause_view_edit_key (ClauseView *self, GdkEventKey *event)
 {
   if (!(event->state & GDK_CONTROL_MASK))
     return false;
-  guint key = gdk_keyval_to_lower (event->keyval);
+  guint key = get_plain_key (event);
   if (key == GDK_KEY_Return || key == GDK_KEY_KP_Enter) {
     if (gtk_widget_is_sensitive (GTK_WIDGET (self->commit_button)))
       gtk_button_clicked (self->commit_button);

@@ -1140,6 +1140,35 @@ TEST (clause_view_undo, goes_back_to_where_typing_began_and_forth)
   EXPECT_EQ (drafts.status (), "draft");
 }
 
+// Of a keyboard with other letters: where those of both are on one, the Latin ones come first.
+TEST (clause_view_undo, hears_the_key_whatever_letters_it_has)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  GtkWidget *text_view = drafts.widget ("text_view");
+  GdkKeymapKey *places = NULL;
+  int count = 0;
+  GdkKeymap *keymap = gdk_keymap_get_for_display (gtk_widget_get_display (text_view));
+  ASSERT_TRUE (gdk_keymap_get_entries_for_keyval (keymap, GDK_KEY_z, &places, &count));
+  GdkEvent *event = gdk_event_new (GDK_KEY_PRESS);
+  event->key.window = GDK_WINDOW (g_object_ref (gtk_widget_get_window (text_view)));
+  GdkSeat *seat = gdk_display_get_default_seat (gtk_widget_get_display (text_view));
+  gdk_event_set_device (event, gdk_seat_get_keyboard (seat));
+  event->key.hardware_keycode = (guint16) places[0].keycode;
+  for (guint keyval : {GDK_KEY_Cyrillic_ya, GDK_KEY_Greek_zeta}) {
+    event->key.keyval = keyval;
+    event->key.state = GDK_CONTROL_MASK;
+    EXPECT_TRUE (gtk_widget_event (text_view, event));
+    EXPECT_EQ (drafts.text (), "first") << keyval;
+    event->key.state |= GDK_SHIFT_MASK;
+    EXPECT_TRUE (gtk_widget_event (text_view, event));
+    EXPECT_EQ (drafts.text (), "firstx") << keyval;
+  }
+  gdk_event_free (event);
+  g_free (places);
+}
+
 TEST (clause_view_undo, never_reaches_into_another_text)
 {
   Drafts drafts ({"first", "second"});
