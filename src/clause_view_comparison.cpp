@@ -99,11 +99,12 @@ clause_view_compare (ClauseView *self, ClauseRevision *revision, ClauseRevision 
   clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
 }
 
-// What the user looks at, as the one end of a comparison; the draft must be stored.
+// What the user looks at, as the one end of a comparison; the draft must be stored. The draft of a
+// comparison that the user went back to may be gone.
 static ClauseRevision *
 clause_view_get_shown_revision (ClauseView *self)
 {
-  if (self->is_draft || self->was_draft_shown)
+  if ((self->is_draft || self->was_draft_shown) && self->clause->draft)
     return self->clause->draft;
   return self->revision ? self->revision : self->base_revision;
 }

@@ -951,6 +951,22 @@ TEST (clause_view_decisions, stay_in_the_comparison_when_a_row_is_chosen)
   EXPECT_EQ (drafts.text (), text);
 }
 
+// The draft that the comparison began at is committed meanwhile.
+TEST (clause_view_decisions, stay_with_what_is_shown_where_their_draft_is_gone)
+{
+  Drafts drafts ({"one two", "one three"}, "one four");
+  show_row (drafts.clause, "draft");
+  compare_row (&drafts, ALICE ":3000");
+  press_key (drafts.test.get (), GDK_KEY_F8);
+  press (drafts.clause->view, "diff_add_button");
+  drafts.receive (6000, "one five");
+  show_row (drafts.clause, "draft");
+  press (drafts.clause->view, "commit_button");
+  EXPECT_TRUE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+  compare_row (&drafts, BOB ":3001");
+  EXPECT_EQ (drafts.status ().find (BOB ":3001 > " ALICE ":"), 0u) << drafts.status ();
+}
+
 TEST (clause_view_decisions, given_up_with_escape_are_gone)
 {
   Drafts drafts ({"one two x\nthree", "eins two y three"});
