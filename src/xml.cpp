@@ -526,6 +526,7 @@ console_text_append_closing_tag (ConsoleText *text, String name)
 static void
 warn_unclosed_elements (XMLElement *innermost)
 {
+  console_begin_line ();
   ConsoleText text = {};
   console_text_append (&text, "Warning: Unclosed XML elements: ");
   for (XMLElement *element = innermost; element; element = element->parent) {
@@ -534,11 +535,13 @@ warn_unclosed_elements (XMLElement *innermost)
   }
   console_text_append (&text, "\n");
   console_text_hand_over (&text);
+  console_end_line ();
 }
 
 static void
 warn_unopened_elements (XMLElement *first)
 {
+  console_begin_line ();
   ConsoleText text = {};
   console_text_append (&text, "Warning: Close XML elements which have never opened: ");
   for (XMLElement *element = first; element; element = element->next) {
@@ -547,6 +550,7 @@ warn_unopened_elements (XMLElement *first)
   }
   console_text_append (&text, "\n");
   console_text_hand_over (&text);
+  console_end_line ();
 }
 
 XMLElement *

@@ -1,18 +1,44 @@
 // The console, its value dumps, the hand-over between threads and the clock.
 #include "morvane.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <netdb.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <string>
 
+#include "os_gnulinux.h"
 #include "xml.h"
+#include "xmpp_connection.h"
 
 // ---- Helpers ----
+
+// The lock of standard output, which is counted where this thread does not have it yet.
+static thread_local u32 stdout_locks_depth;
+static thread_local u32 stdout_locks_count;
+
+extern "C" void
+flockfile (FILE *file)
+{
+  static void (*lock) (FILE *) = (void (*) (FILE *)) dlsym (RTLD_NEXT, "flockfile");
+  lock (file);
+  stdout_locks_count += stdout_locks_depth++ == 0;
+}
+
+extern "C" void
+funlockfile (FILE *file)
+{
+  static void (*unlock) (FILE *) = (void (*) (FILE *)) dlsym (RTLD_NEXT, "funlockfile");
+  stdout_locks_depth--;
+  unlock (file);
+}
 
 // The clock of this test program, which can be made to fail.
 static bool clock_fails = false;
@@ -753,6 +779,40 @@ dump_tree ()
   print_xml_tree (parse_xml_tree ({block, sizeof (block)}, text, &unclosed, &unopened), 0);
 }
 
+#define DEFINE_DUMP(name, type, number)                                                            \
+  static void dump_##name ()                                                                       \
+  {                                                                                                \
+    type name##_value = (type) (number);                                                           \
+    CONSOLE_DUMP (name##_value);                                                                   \
+  }
+DEFINE_DUMP (pointer, void *, 255)
+DEFINE_DUMP (char, char, 'a')
+DEFINE_DUMP (r32, r32, 1.5)
+DEFINE_DUMP (r64, r64, 2.5)
+DEFINE_DUMP (u8, u8, 1)
+DEFINE_DUMP (u16, u16, 2)
+DEFINE_DUMP (u32, u32, 3)
+DEFINE_DUMP (u64, u64, 4)
+DEFINE_DUMP (s8, s8, 5)
+DEFINE_DUMP (s16, s16, 6)
+DEFINE_DUMP (s32, s32, 7)
+
+static void
+dump_address ()
+{
+  struct addrinfo address = {};
+  address.ai_family = AF_INET6;
+  address.ai_socktype = SOCK_STREAM;
+  address.ai_protocol = IPPROTO_TCP;
+  os_print_address_info_list (&address);
+}
+
+static void
+refuse_account ()
+{
+  alloc_xmpp_account (to_string ("anna"), to_string ("secret"), to_string ("desk"));
+}
+
 static void
 put_in_pieces ()
 {
@@ -779,7 +839,27 @@ static const DumpedLine DUMPED_LINES[] = {
   {dump_tree, "<a b='c'>\n  <d>\n    e\n  </d>\n</a>\n"},
   {put_in_pieces, "One line.\n"},
   {put_line, "Whole\n"},
+  {dump_pointer, "pointer_value: 0xff (void *)\n"},
+  {dump_char, "char_value: 97 (char)\n"},
+  {dump_r32, "r32_value: 1.500000 (r32)\n"},
+  {dump_r64, "r64_value: 2.500000 (r64)\n"},
+  {dump_u8, "u8_value: 1 (u8)\n"},
+  {dump_u16, "u16_value: 2 (u16)\n"},
+  {dump_u32, "u32_value: 3 (u32)\n"},
+  {dump_u64, "u64_value: 4 (u64)\n"},
+  {dump_s8, "s8_value: 5 (s8)\n"},
+  {dump_s16, "s16_value: 6 (s16)\n"},
+  {dump_s32, "s32_value: 7 (s32)\n"},
+  {dump_address, "canonname: (null)\nfamily: AF_INET6\nsocktype: SOCK_STREAM\n"
+                 "protocol: IPPROTO_TCP\n"},
+  {refuse_account, "Error: Login account 'anna' is missing an '@' symbol.\n"},
 };
+
+static int
+count_lines (const std::string &text)
+{
+  return (int) std::count (text.begin (), text.end (), '\n');
+}
 
 static void *
 dump_often (void *data)
@@ -820,7 +900,9 @@ TEST_F (console, tears_no_line_of_one_thread_by_those_of_others)
     dump_number ();
     g_main_context_iteration (NULL, FALSE);
   }
-  int lines_count = 11 * (int) DUMPS_COUNT;
+  int lines_count = (int) DUMPS_COUNT;
+  for (const DumpedLine &line : DUMPED_LINES)
+    lines_count += count_lines (line.shown) * (int) DUMPS_COUNT;
   while (gtk_text_buffer_get_line_count (_console_text_buffer) < lines_count + 1)
     g_main_context_iteration (NULL, TRUE);
   for (u32 index = 0; index < G_N_ELEMENTS (threads); ++index)
@@ -828,6 +910,51 @@ TEST_F (console, tears_no_line_of_one_thread_by_those_of_others)
   std::string output = testing::internal::GetCapturedStdout ();
   EXPECT_EQ (output, get_pane_text ());
   expect_whole_lines (output);
+}
+
+// More than is handed over in one piece.
+static const u32 ELEMENTS_COUNT = 70000;
+
+static void
+parse_tags (const char *tag)
+{
+  static u8 block[24 * 1024 * 1024];
+  std::string text;
+  for (u32 index = 0; index < ELEMENTS_COUNT; ++index)
+    text += tag;
+  parse_xml_tree ({block, sizeof (block)}, to_string (text.c_str ()), NULL, NULL);
+}
+
+static void
+warn_of_unclosed_elements ()
+{
+  parse_tags ("<a>");
+}
+
+static void
+warn_of_unopened_elements ()
+{
+  parse_tags ("</a>");
+}
+
+// How often the console is locked anew meanwhile: between two times another thread may write.
+static u32
+count_locks (void (*dump) ())
+{
+  begin_output ();
+  u32 count = stdout_locks_count;
+  dump ();
+  count = stdout_locks_count - count;
+  end_output ();
+  return count;
+}
+
+TEST_F (console, is_locked_until_the_line_of_a_dump_ends)
+{
+  for (const DumpedLine &line : DUMPED_LINES)
+    EXPECT_EQ (count_locks (line.dump), 1u) << line.shown;
+  EXPECT_EQ (count_locks (warn_of_unclosed_elements), 1u);
+  EXPECT_EQ (count_locks (warn_of_unopened_elements), 1u);
 }
 
 TEST (get_posix_time, is_the_time_of_the_system)
