@@ -727,6 +727,16 @@ is_undo_offered (TestWindow *test)
   return gtk_widget_get_visible (test->window->undo_bar);
 }
 
+TEST (app_window_remove_procedure, names_it_beside_the_undo)
+{
+  TestWindow test;
+  open_account (&test, "INSERT INTO procedures (db_id, account_db_id, time, initiator, contractor,"
+                       " title) VALUES (1, 1, 1000, '" ALICE "', '" BOB "', 'Oak \u202eplanks');");
+  app_window_remove_procedure (test.window, test.window->procedures.procedures[0]);
+  EXPECT_STREQ (gtk_label_get_text (test.window->undo_label),
+                "\u201c\u2068Oak \u202eplanks\u2069\u201d deleted.");
+}
+
 TEST (app_window_remove_procedure, can_be_undone_at_its_old_place)
 {
   TestWindow test;

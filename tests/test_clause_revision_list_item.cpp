@@ -84,6 +84,25 @@ TEST (clause_revision_list_item_find_row, finds_the_row_of_each_revision_and_of_
   dealloc_clause_revision (second);
 }
 
+static bool
+warns (const char *author)
+{
+  ClauseRevision *revision = make_revision (author, 1);
+  GtkWidget *item = clause_revision_list_item_new (revision);
+  GtkWidget *toplevel = show_alone (item);
+  GtkStyleContext *style = gtk_widget_get_style_context (find_widget (item, "label"));
+  bool is_warning = gtk_style_context_has_class (style, "warning");
+  gtk_widget_destroy (toplevel);
+  dealloc_clause_revision (revision);
+  return is_warning;
+}
+
+TEST (clause_revision_list_item_new, warns_of_an_author_who_may_imitate_another)
+{
+  EXPECT_TRUE (warns ("b\u03bfb@beta.test"));
+  EXPECT_FALSE (warns ("bob@beta.test"));
+}
+
 TEST (clause_revision_list_item_find_row, goes_by_identity_not_by_author_and_time)
 {
   GtkWidget *toplevel;

@@ -471,6 +471,49 @@ TEST (clause_view_show_revision, never_starts_a_draft)
   EXPECT_EQ (query (&test, "SELECT count (*) FROM clause_revisions"), "2\n");
 }
 
+static bool
+is_author_warned_of (Clause *clause)
+{
+  GtkWidget *label = find_widget (clause->view, "revision_status_label");
+  return gtk_style_context_has_class (gtk_widget_get_style_context (label), "warning");
+}
+
+TEST (clause_view_show_revision, warns_of_an_author_who_may_imitate_another)
+{
+  TestWindow test;
+  Clause *clause =
+    open_clause (&test, std::string (OWN_PROCEDURE) + OWN_CLAUSE + FIRST_REVISION +
+                          "INSERT INTO clause_revisions VALUES (2, 1, 4000, 'b\u03bfb@beta.test',"
+                          " 'COMMITTED', 'second text');");
+  EXPECT_TRUE (is_author_warned_of (clause));
+  activate_row (clause, 0);
+  EXPECT_FALSE (is_author_warned_of (clause));
+  clause_view_show_diff (clause->view, clause->revisions[0], clause->revisions[1]);
+  EXPECT_TRUE (is_author_warned_of (clause));
+  activate_row (clause, 0);
+  clause_view_show_diff (clause->view, clause->revisions[1], clause->revisions[0]);
+  EXPECT_TRUE (is_author_warned_of (clause));
+  clause_view_set_draft_mode (clause->view);
+  EXPECT_FALSE (is_author_warned_of (clause));
+}
+
+TEST (clause_view_show_revision, keeps_its_author_to_his_place_in_the_tooltips)
+{
+  TestWindow test;
+  Clause *clause =
+    open_clause (&test, std::string (OWN_PROCEDURE) + OWN_CLAUSE +
+                          "INSERT INTO clause_revisions VALUES (1, 1, 3000, 'bob\u202e@beta.test',"
+                          " 'COMMITTED', 'first text');");
+  const char *verbs[] = {"Agree", "Disagree"};
+  for (int i = 0; i < 2; i++) {
+    char *tooltip = gtk_widget_get_tooltip_text (find_widget (clause->view, BUTTONS[i]));
+    std::string begin =
+      std::string (verbs[i]) + " with the revision of \u2068bob\u202e@beta.test\u2069, ";
+    EXPECT_EQ (std::string (tooltip).substr (0, begin.size ()), begin);
+    g_free (tooltip);
+  }
+}
+
 struct DecisionCase {
   const char *own;     // status, or NULL for none
   const char *others;  // likewise

@@ -90,6 +90,15 @@ TEST (procedure_view_new, names_its_widgets_for_assistive_technology)
   }
 }
 
+TEST (procedure_view_new, keeps_the_title_to_its_place)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test, "Oak \u202eplanks");
+  show (&test, procedure);
+  EXPECT_EQ (get_text (procedure->view, "title_label"), "\u2068Oak \u202eplanks\u2069");
+}
+
 TEST (procedure_view_new, takes_a_title_that_is_no_text_without_a_warning)
 {
   TestWindow test;
