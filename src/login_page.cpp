@@ -106,7 +106,6 @@ login_page_start_login (LoginPage *self, String bare_jid)
   // The register button stays on: the user may turn to the other page while the server is slow.
   login_page_set_entries_sensitive (self, FALSE);
   gtk_label_set_text (self->status_label, "");
-  gtk_widget_set_tooltip_text (GTK_WIDGET (self->status_label), NULL);
   self->is_logging_in = true;
   gtk_spinner_start (self->spinner);
   window->account = alloc_xmpp_account (bare_jid, password, to_string ("morvane"));
@@ -119,6 +118,7 @@ login_page_login_button_handle (GtkButton *, LoginPage *self)
 {
   char *bare_jid = g_ascii_strdown (gtk_entry_get_text (self->bare_jid_entry), -1);
   const char *refusal = login_page_claim_account (self, to_string (bare_jid));
+  gtk_widget_set_tooltip_text (GTK_WIDGET (self->status_label), NULL);
   if (refusal) {
     gtk_label_set_text (self->status_label, refusal);
   } else {

@@ -464,6 +464,21 @@ TEST (login_page_handle_login_failure, tells_of_characters_that_reach_the_server
   EXPECT_EQ (tooltip_after_failure ("alice@\303\244lpha.test", "secret"), "");
 }
 
+TEST (login_page_handle_login_failure, leaves_no_tooltip_to_the_next_refusal)
+{
+  TestWindow test;
+  GtkWidget *label = find_widget (test.window->login_page, "status_label");
+  fill (&test, DEAF_JID, "p\303\244ss");
+  login_page_handle_login_failure (alloc_thread_message (test.window, "Unable to authorize", 0));
+  EXPECT_TRUE (gtk_widget_get_has_tooltip (label));
+  int other = lock_all_accounts (&test);
+  press (test.window->login_page, "login_button");
+  EXPECT_EQ (get_text (test.window->login_page, "status_label"),
+             "This account is open in another window");
+  EXPECT_FALSE (gtk_widget_get_has_tooltip (label));
+  close (other);
+}
+
 TEST (login_page_handle_login_failure, leaves_the_focus_alone_on_another_page)
 {
   TestWindow test;
