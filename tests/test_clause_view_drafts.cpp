@@ -815,6 +815,20 @@ TEST (clause_view_arrival, goes_back_to_the_comparison_that_was_left_after_a_tex
   EXPECT_EQ (drafts.status (), "draft");
 }
 
+TEST (clause_view_arrival, leads_back_to_the_draft_that_a_kept_comparison_began_at)
+{
+  Drafts drafts ({"one two", "one three"}, "one four");
+  show_row (drafts.clause, "draft");
+  compare_row (&drafts, ALICE ":3000");
+  press_key (drafts.test.get (), GDK_KEY_F8);
+  press (drafts.clause->view, "diff_add_button");
+  drafts.receive (6000, "their words");
+  EXPECT_TRUE (choose (drafts.clause, GO_BACK_TO_COMPARISON));
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), "one four");
+  EXPECT_EQ (drafts.status (), "draft");
+}
+
 TEST (clause_view_arrival, closes_well_with_a_comparison_kept)
 {
   Drafts drafts ({"one two", "one three"});
@@ -1038,17 +1052,19 @@ TEST (clause_view_haste, press_meant_for_the_revision_before_decides_nothing)
   EXPECT_EQ (take_sent (drafts.test.get ()), "");
 }
 
-// The decision buttons may come to lie where Commit was.
-TEST (clause_view_haste, press_meant_for_commit_decides_nothing)
+// The decision buttons may come to lie where the others were.
+TEST (clause_view_haste, press_meant_for_commit_or_cancel_decides_nothing)
 {
-  Drafts drafts ({"first", "second"});
-  drafts.focus ("text_view");
-  drafts.keys ("x");
-  point_at (&drafts, "commit_button");
-  drafts.receive (6000, "their words");
-  press (drafts.clause->view, "disagree_button");
-  EXPECT_EQ (list_decisions (&drafts), "");
-  EXPECT_EQ (drafts.stored (), "secondx\n");
+  for (const char *name : {"commit_button", "cancel_button"}) {
+    Drafts drafts ({"first", "second"});
+    drafts.focus ("text_view");
+    drafts.keys ("x");
+    point_at (&drafts, name);
+    drafts.receive (6000, "their words");
+    press (drafts.clause->view, "disagree_button");
+    EXPECT_EQ (list_decisions (&drafts), "") << name;
+    EXPECT_EQ (drafts.stored (), "secondx\n");
+  }
 }
 
 TEST (clause_view_haste, pointer_that_was_elsewhere_decides)
@@ -1223,6 +1239,23 @@ TEST (clause_view_undo, ends_where_another_draft_began)
   for (int i = 0; i < 3; i++)
     undo (&drafts);
   EXPECT_EQ (drafts.text (), "secondx");
+}
+
+TEST (clause_view_undo, never_takes_the_text_of_a_comparison_for_the_draft_before)
+{
+  Drafts drafts ({"one two", "one three"});
+  drafts.focus ("text_view");
+  press_key (drafts.test.get (), GDK_KEY_Home, GDK_CONTROL_MASK);
+  drafts.keys ("x");
+  show_row (drafts.clause, BOB ":3001");
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  EXPECT_TRUE (choose (drafts.clause, USE_AS_DRAFT));
+  show_row (drafts.clause, BOB ":3001");
+  show_row (drafts.clause, "draft");
+  drafts.focus ("text_view");
+  undo (&drafts);
+  EXPECT_EQ (drafts.text (), "one three");
 }
 
 TEST (clause_view_undo, has_nothing_to_undo_after_a_restart)
