@@ -17,6 +17,18 @@
 #define ALICE "alice@alpha.test"
 #define BOB   "bob@beta.test"
 
+// Whether anybody has any lock on the directory.
+static bool
+is_directory_locked (const char *directory)
+{
+  int descriptor = open (directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  EXPECT_EQ (fcntl (descriptor, F_OFD_GETLK, &lock), 0);
+  close (descriptor);
+  return lock.l_type != F_UNLCK;
+}
+
 // A store in a directory of its own, gone with the record.
 struct Store {
   std::filesystem::path directory;
@@ -38,15 +50,9 @@ struct Store {
     std::filesystem::remove_all (directory);
   }
 
-  // Whether anybody has any lock on the directory.
   bool is_locked ()
   {
-    int descriptor = open (directory.c_str (), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    EXPECT_EQ (fcntl (descriptor, F_OFD_GETLK, &lock), 0);
-    close (descriptor);
-    return lock.l_type != F_UNLCK;
+    return is_directory_locked (directory.c_str ());
   }
 };
 
@@ -144,6 +150,7 @@ TEST (account_lock_take, takes_a_store_without_a_file)
   EXPECT_EQ (sqlite3_open (":memory:", &db), SQLITE_OK);
   AccountLock *lock = account_lock_take (db, to_string (ALICE));
   EXPECT_TRUE (lock);
+  EXPECT_FALSE (is_directory_locked ("."));
   account_lock_drop (lock);
   sqlite3_close (db);
 }

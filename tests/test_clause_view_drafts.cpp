@@ -459,17 +459,24 @@ TEST (clause_view_drafts, clause_without_revision_shows_its_stored_draft)
 
 // ---- A revision that arrives ----
 
+static GtkWidget *
+find_note (Clause *clause, const char *text)
+{
+  GtkWidget *note = NULL;
+  GList *rows = gtk_container_get_children (GTK_CONTAINER (clause->view));
+  for (GList *link = rows; link; link = link->next) {
+    if (GTK_IS_LABEL (link->data) && gtk_widget_get_visible (GTK_WIDGET (link->data)) &&
+        !strcmp (gtk_label_get_text (GTK_LABEL (link->data)), text))
+      note = GTK_WIDGET (link->data);
+  }
+  g_list_free (rows);
+  return note;
+}
+
 static bool
 is_note_shown (Clause *clause, const char *text)
 {
-  bool is_shown = false;
-  GList *rows = gtk_container_get_children (GTK_CONTAINER (clause->view));
-  for (GList *link = rows; link; link = link->next) {
-    if (GTK_IS_LABEL (link->data) && gtk_widget_get_visible (GTK_WIDGET (link->data)))
-      is_shown |= !strcmp (gtk_label_get_text (GTK_LABEL (link->data)), text);
-  }
-  g_list_free (rows);
-  return is_shown;
+  return find_note (clause, text);
 }
 
 static const char TEXT_IS_KEPT[] = "Your text is kept: Escape goes back to it.";
@@ -592,6 +599,20 @@ TEST (clause_view_note, can_be_read_at_the_end_of_a_high_clause)
   NoteInSight none = {&drafts, TEXT_IS_KEPT, 0};
   EXPECT_TRUE (pump_until (is_count_in_sight, &none));
   EXPECT_EQ (drafts.text (), lines + "x");
+}
+
+// Which may have 460 pixels only, with the list of procedures beside it.
+TEST (clause_view_note, asks_for_little_of_the_windows_width)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  drafts.receive (6000, "their words");
+  GtkWidget *note = find_note (drafts.clause, TEXT_IS_KEPT);
+  ASSERT_TRUE (note);
+  int minimum = 0;
+  gtk_widget_get_preferred_width (note, &minimum, NULL);
+  EXPECT_LE (minimum, 100);
 }
 
 TEST (clause_view_note, waits_for_who_comes_back_to_the_page)
