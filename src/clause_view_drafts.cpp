@@ -7,6 +7,9 @@
 // How long after the last key the typing is stored.
 static const guint SAVE_SECONDS = 10;
 
+// A place of the cursor, in characters.
+static const int TEXT_END = -1;
+
 // ---- The draft ----
 
 void
@@ -120,7 +123,7 @@ clause_view_bring_back (gpointer data, u32 index)
   g_free (text);
   revision_list_show_kept_drafts (&self->revision_list);
   text_history_begin (self->text.history);
-  self->draft_cursor = -1;
+  self->draft_cursor = TEXT_END;
   clause_view_select_draft_row (self);
   clause_view_show_draft (self);
   clause_view_focus_in_place (self, GTK_WIDGET (self->text_view));
