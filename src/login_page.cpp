@@ -161,6 +161,9 @@ login_page_key_press_handle (GtkWidget *, GdkEvent *event, LoginPage *self)
   if (!is_escape || !self->is_logging_in)
     return FALSE;
   AppWindow *window = MORVANE_APP_WINDOW (gtk_widget_get_toplevel (GTK_WIDGET (self)));
+  // What the server delivers to a session must be kept, so one that has begun is loaded.
+  if (!interrupt_xmpp_login (window))
+    return TRUE;
   if (app_window_give_up_worker (window)) {
     login_page_end_login (self, "");
     gtk_widget_grab_focus (GTK_WIDGET (self->login_button));
