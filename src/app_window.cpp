@@ -284,6 +284,7 @@ app_window_init (AppWindow *self)
   g_type_ensure (vcard_page_get_type ());
   g_type_ensure (procedure_creation_page_get_type ());
   g_type_ensure (wrapped_text_get_type ());
+  g_type_ensure (wrapped_label_get_type ());
   gtk_widget_init_template (GTK_WIDGET (self));
   deletion_init (self);
   self->xmpp_handlers = &APP_WINDOW_XMPP_HANDLERS;

@@ -8,7 +8,6 @@
 #include "morvane.h"
 #include "procedure_view.h"
 #include "unsent_mark.h"
-#include "wrapped_text.h"
 
 struct _ClauseChatPage {
   GtkBox parent_instance;
@@ -75,7 +74,6 @@ clause_chat_page_class_init (ClauseChatPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
   // The template names it.
-  g_type_ensure (wrapped_text_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/clause_chat_page.ui");
   gtk_widget_class_bind_template_child (widget_class, ClauseChatPage, send_button);

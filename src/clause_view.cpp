@@ -13,7 +13,6 @@
 #include "procedure_view.h"
 #include "shown_text.h"
 #include "unsent_mark.h"
-#include "wrapped_text.h"
 
 G_DEFINE_TYPE (ClauseView, clause_view, GTK_TYPE_BOX)
 
@@ -334,7 +333,6 @@ clause_view_class_init (ClauseViewClass *view_class)
   G_OBJECT_CLASS (view_class)->dispose = clause_view_dispose;
   G_OBJECT_CLASS (view_class)->finalize = clause_view_finalize;
   // The template names it.
-  g_type_ensure (wrapped_text_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/clause_view.ui");
   gtk_widget_class_bind_template_child (widget_class, ClauseView, chat_button);
   gtk_widget_class_bind_template_child (widget_class, ClauseView, text_view);

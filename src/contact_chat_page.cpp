@@ -5,7 +5,6 @@
 #include "db.h"
 #include "delivery_notice.h"
 #include "morvane.h"
-#include "wrapped_text.h"
 
 struct _ContactChatPage {
   GtkBox parent_instance;
@@ -76,7 +75,6 @@ contact_chat_page_class_init (ContactChatPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
   // The template names it.
-  g_type_ensure (wrapped_text_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/contact_chat_page.ui");
   gtk_widget_class_bind_template_child (widget_class, ContactChatPage, send_button);

@@ -6,7 +6,6 @@
 #include "morvane.h"
 #include "session.h"
 #include "session_thread.h"
-#include "wrapped_text.h"
 
 struct _LoginPage {
   GtkBox parent_instance;
@@ -185,7 +184,6 @@ login_page_class_init (LoginPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
   // The template names it.
-  g_type_ensure (wrapped_label_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/login_page.ui");
   gtk_widget_class_bind_template_child (widget_class, LoginPage, bare_jid_entry);
   gtk_widget_class_bind_template_child (widget_class, LoginPage, password_entry);

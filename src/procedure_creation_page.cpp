@@ -7,7 +7,6 @@
 #include "morvane.h"
 #include "procedure_view.h"
 #include "shown_text.h"
-#include "wrapped_text.h"
 
 struct _ProcedureCreationPage {
   GtkBox parent_instance;
@@ -173,7 +172,6 @@ procedure_creation_page_class_init (ProcedureCreationPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
   // The template names it.
-  g_type_ensure (wrapped_label_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/procedure_creation_page.ui");
   gtk_widget_class_bind_template_child (widget_class, ProcedureCreationPage, title_entry);

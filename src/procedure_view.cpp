@@ -6,7 +6,6 @@
 #include "delivery_notice.h"
 #include "morvane.h"
 #include "shown_text.h"
-#include "wrapped_text.h"
 
 // The first clauses of a page, which are mapped with it as any widget is.
 static const u32 MAPPED_CLAUSES = 16;
@@ -436,7 +435,6 @@ procedure_view_class_init (ProcedureViewClass *view_class)
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
   // The template names them.
   g_type_ensure (clauses_box_get_type ());
-  g_type_ensure (wrapped_label_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/procedure_view.ui");
   gtk_widget_class_bind_template_child (widget_class, ProcedureView, stack);

@@ -5,7 +5,6 @@
 #include "app_window.h"
 #include "morvane.h"
 #include "session.h"
-#include "wrapped_text.h"
 
 struct _RegistrationPage {
   GtkBox parent_instance;
@@ -61,7 +60,6 @@ registration_page_show_outcome (RegistrationPage *self, const char *status)
   gtk_label_set_text (self->status_label, is_awaited ? status : "");
   gtk_spinner_stop (self->status_spinner);
   self->is_registering = false;
-  self->is_cancelled = false;
   return is_awaited;
 }
 
@@ -163,7 +161,6 @@ registration_page_class_init (RegistrationPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
   // The template names it.
-  g_type_ensure (wrapped_label_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/registration_page.ui");
   gtk_widget_class_bind_template_child (widget_class, RegistrationPage, status_label);

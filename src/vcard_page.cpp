@@ -2,7 +2,6 @@
 
 #include "app_window.h"
 #include "shown_text.h"
-#include "wrapped_text.h"
 
 struct _VCardPage {
   GtkBin parent_instance;
@@ -98,7 +97,6 @@ vcard_page_class_init (VCardPageClass *page_class)
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
   widget_class->size_allocate = vcard_page_size_allocate;
   // The template names it.
-  g_type_ensure (wrapped_label_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/vcard_page.ui");
   gtk_widget_class_bind_template_child (widget_class, VCardPage, title_label);
   gtk_widget_class_bind_template_child (widget_class, VCardPage, save_button);

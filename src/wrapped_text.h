@@ -27,6 +27,6 @@ struct WrappedLabelClass {
   GtkLabelClass parent_class;
 };
 
-// Each must be registered before a template that names it is instantiated.
+// Templates name them, and need them registered: AppWindow does that for the whole program.
 GType wrapped_text_get_type ();
 GType wrapped_label_get_type ();

@@ -17,6 +17,7 @@
 #include "kept_drafts.h"
 #include "login_page.h"
 #include "network.h"
+#include "wrapped_text.h"
 
 // ---- Session ----
 
@@ -495,6 +496,9 @@ main (int argc, char **argv)
   setvbuf (stdout, NULL, _IONBF, 0);
   gtk_init (&argc, &argv);
   g_log_set_writer_func (write_log, NULL, NULL);
+  // As AppWindow does; not all tests have one.
+  g_type_ensure (wrapped_text_get_type ());
+  g_type_ensure (wrapped_label_get_type ());
   // Pages change at once, so that no test waits for a slide to end.
   g_object_set (gtk_settings_get_default (), "gtk-enable-animations", FALSE, NULL);
   int status = RUN_ALL_TESTS ();
