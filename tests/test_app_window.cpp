@@ -1118,10 +1118,9 @@ TEST (app_window_close, asked_for_again_changes_nothing)
   end_closing (&test);
 }
 
-// The model is whole, the views are not.
-TEST (app_window_close, gives_the_loading_of_views_up_and_stores_what_comes)
+static std::string
+make_large_account ()
 {
-  TestWindow test;
   std::string sql;
   for (int i = 1; i <= 300; i++) {
     std::string id = std::to_string (i);
@@ -1130,25 +1129,49 @@ TEST (app_window_close, gives_the_loading_of_views_up_and_stores_what_comes)
       id + ", 1, " + std::to_string (1000 + i) + ", '" BOB "', '" ALICE "', 'Title');" +
       "INSERT INTO clauses VALUES (" + id + ", " + id + ", 2000, '" BOB "', 1);";
   }
-  start_worker (&test, run_stubborn_worker);
-  g_timeout_add (
-    0,
-    [] (gpointer window) -> gboolean {
-      bool is_loading = ((AppWindow *) window)->loading;
-      if (is_loading)
-        gtk_window_close (GTK_WINDOW (window));
-      return is_loading ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
-    },
-    test.window);
-  open_account (&test, sql);
-  EXPECT_TRUE (test.window->closing);
-  EXPECT_EQ (test.window->procedures.count, 300u);
-  Procedure *last = test.window->procedures.procedures[299];
+  return sql;
+}
+
+static gboolean
+close_while_loading (gpointer window)
+{
+  bool is_loading = ((AppWindow *) window)->loading;
+  if (is_loading)
+    gtk_window_close (GTK_WINDOW (window));
+  return is_loading ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+}
+
+// The model is whole, the views are not.
+static void
+expect_half_loaded_and_storing (TestWindow *test)
+{
+  EXPECT_TRUE (test->window->closing);
+  EXPECT_EQ (test->window->procedures.count, 300u);
+  Procedure *last = test->window->procedures.procedures[299];
   EXPECT_EQ (last->view, nullptr);
-  deliver_clause (test.window, {BOB, last->time}, {BOB, 3000});
-  deliver_revision (test.window, {BOB, last->time}, {BOB, 2000}, {BOB, 3001}, "text");
-  EXPECT_EQ (query (&test, "SELECT text FROM clause_revisions"), "text\n");
-  EXPECT_EQ (count (&test, "clauses"), "301\n");
+  deliver_clause (test->window, {BOB, last->time}, {BOB, 3000});
+  deliver_revision (test->window, {BOB, last->time}, {BOB, 2000}, {BOB, 3001}, "text");
+  EXPECT_EQ (query (test, "SELECT text FROM clause_revisions"), "text\n");
+  EXPECT_EQ (count (test, "clauses"), "301\n");
+}
+
+TEST (app_window_close, gives_the_loading_of_views_up_and_stores_what_comes)
+{
+  TestWindow test;
+  start_worker (&test, run_stubborn_worker);
+  g_timeout_add (0, close_while_loading, test.window);
+  open_account (&test, make_large_account ());
+  expect_half_loaded_and_storing (&test);
+  end_closing (&test);
+}
+
+TEST (app_window_close, lays_out_no_views_when_it_was_asked_for_ahead_of_the_loading)
+{
+  TestWindow test;
+  start_worker (&test, run_stubborn_worker);
+  begin_closing (&test);
+  open_account (&test, make_large_account ());
+  expect_half_loaded_and_storing (&test);
   end_closing (&test);
 }
 

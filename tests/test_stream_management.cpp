@@ -396,6 +396,7 @@ TEST (stream_management, a_server_that_does_not_answer_is_lost)
   session.begin ({server_wait (), server_send ("<enabled xmlns='urn:xmpp:sm:3'/>"),
                   server_expect_until (ASK)},
                  options);
+  EXPECT_EQ (session.window->stream_management.answer_time_max, 60000u);
   session.window->stream_management.answer_time_max = 1;
   scripted_server_signal (session.server);
   EXPECT_TRUE (pump_until (is_idle, session.window));
