@@ -1,11 +1,26 @@
 #include "wrapped_text.h"
 
+#include <string.h>
+
 // The width that a text asks for at least, in pixels: a short word beside the borders.
 static const int LEAST_WIDTH = 80;
 
 // What a line holds at most, in characters of usual width. The eye loses its way back from the end of a
 // longer one.
 static const int LINE_CHARS = 90;
+
+// From how many bytes on a word is too long to be wrapped as one. Pango takes a tenth of a second for
+// 3,000 letters, and three seconds for 30,000.
+static const int LONG_WORD_SIZE = 2000;
+
+static bool
+has_long_word (const char *text, int size)
+{
+  int word_size = 0;
+  for (int i = 0; i < size && word_size < LONG_WORD_SIZE; i++)
+    word_size = g_ascii_isspace (text[i]) ? 0 : word_size + 1;
+  return word_size == LONG_WORD_SIZE;
+}
 
 // ---- Texts ----
 
@@ -28,16 +43,25 @@ wrapped_text_get_line_width (GtkWidget *widget)
   return PANGO_PIXELS (width);
 }
 
-// Lines begin where they would without the margin, below the labels of their text. What breaks at any
-// letter is a log, and takes all the room.
+// A log breaks at any letter by its template.
+static bool
+wrapped_text_is_log (WrappedText *self)
+{
+  return gtk_text_view_get_wrap_mode (GTK_TEXT_VIEW (self)) == GTK_WRAP_CHAR &&
+         !self->has_long_word;
+}
+
+// Lines begin where they would without the margin, below the labels of their text. A log takes all the
+// room.
 static void
 wrapped_text_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
 {
+  WrappedText *self = (WrappedText *) widget;
   GtkTextView *text_view = GTK_TEXT_VIEW (widget);
   int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (widget));
   int room = allocation->width - 2 * border_width;
   int margin = 0;
-  if (gtk_text_view_get_wrap_mode (text_view) != GTK_WRAP_CHAR)
+  if (!wrapped_text_is_log (self))
     margin = MAX (0, room - wrapped_text_get_line_width (widget));
   bool is_rtl = gtk_widget_get_direction (widget) == GTK_TEXT_DIR_RTL;
   gtk_text_view_set_left_margin (text_view, is_rtl ? margin : 0);
@@ -82,6 +106,43 @@ wrapped_text_draw (GtkWidget *widget, cairo_t *cr)
 }
 
 static void
+wrapped_text_note_long_word (WrappedText *self, bool has_long_word)
+{
+  if (self->has_long_word == has_long_word)
+    return;
+  self->has_long_word = has_long_word;
+  gtk_text_view_set_wrap_mode (GTK_TEXT_VIEW (self),
+                               has_long_word ? GTK_WRAP_CHAR : GTK_WRAP_WORD_CHAR);
+}
+
+// Comes ahead of the insertion, and so of the layout. A long word that is deleted is forgotten with the
+// rest of the text.
+static void
+wrapped_text_insert_text_handle (GtkTextBuffer *text_buffer, GtkTextIter *, char *text, int size,
+                                 WrappedText *self)
+{
+  if (wrapped_text_is_log (self) || text_buffer != gtk_text_view_get_buffer (GTK_TEXT_VIEW (self)))
+    return;
+  bool had_one = self->has_long_word && gtk_text_buffer_get_char_count (text_buffer);
+  wrapped_text_note_long_word (self, had_one || has_long_word (text, size));
+}
+
+static void
+wrapped_text_buffer_handle (WrappedText *self)
+{
+  if (wrapped_text_is_log (self))
+    return;
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (GTK_TEXT_VIEW (self));
+  GtkTextIter start, end;
+  gtk_text_buffer_get_bounds (text_buffer, &start, &end);
+  char *text = gtk_text_buffer_get_slice (text_buffer, &start, &end, TRUE);
+  wrapped_text_note_long_word (self, has_long_word (text, (int) strlen (text)));
+  g_free (text);
+  g_signal_connect_object (text_buffer, "insert-text", G_CALLBACK (wrapped_text_insert_text_handle),
+                           self, (GConnectFlags) 0);
+}
+
+static void
 wrapped_text_class_init (WrappedTextClass *text_class)
 {
   GTK_WIDGET_CLASS (text_class)->size_allocate = wrapped_text_size_allocate;
@@ -90,8 +151,9 @@ wrapped_text_class_init (WrappedTextClass *text_class)
 }
 
 static void
-wrapped_text_init (WrappedText *)
+wrapped_text_init (WrappedText *self)
 {
+  g_signal_connect (self, "notify::buffer", G_CALLBACK (wrapped_text_buffer_handle), NULL);
 }
 
 // ---- Labels ----
@@ -106,12 +168,21 @@ wrapped_label_get_preferred_width (GtkWidget *widget, int *minimum, int *natural
 }
 
 static void
+wrapped_label_label_handle (GtkLabel *label)
+{
+  const char *text = gtk_label_get_text (label);
+  bool is_long = has_long_word (text, (int) strlen (text));
+  gtk_label_set_line_wrap_mode (label, is_long ? PANGO_WRAP_CHAR : PANGO_WRAP_WORD_CHAR);
+}
+
+static void
 wrapped_label_class_init (WrappedLabelClass *label_class)
 {
   GTK_WIDGET_CLASS (label_class)->get_preferred_width = wrapped_label_get_preferred_width;
 }
 
 static void
-wrapped_label_init (WrappedLabel *)
+wrapped_label_init (WrappedLabel *self)
 {
+  g_signal_connect (self, "notify::label", G_CALLBACK (wrapped_label_label_handle), NULL);
 }

@@ -3,8 +3,11 @@
 // of tabs, which does not wrap, made it as wide as all the tabs. A label asks for the width of the
 // longest piece that does not wrap, as many pictures joined into one are. These two take the width of
 // their place instead. The templates name them "WrappedText" and "WrappedLabel"; in all else they are a
-// GtkTextView and a GtkLabel, but for this: a line of a text that wraps at words holds about 90
-// characters at most, and a margin takes the rest of a wide place.
+// GtkTextView and a GtkLabel, but for this:
+// - a line of a text that wraps at words holds about 90 characters at most, and a margin takes the rest
+//   of a wide place;
+// - where there is a word of thousands of letters, all wraps at any letter: the time that GTK takes to
+//   find where to wrap a word grows with the square of its length.
 //
 // Threads: the interface thread only.
 #pragma once
@@ -13,6 +16,8 @@
 
 struct WrappedText {
   GtkTextView parent_instance;
+  // Private.
+  bool has_long_word;
 };
 
 struct WrappedTextClass {

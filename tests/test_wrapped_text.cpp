@@ -383,7 +383,57 @@ TEST (wrapped_text, gives_the_console_all_the_room)
   TestWindow test;
   press_key (&test, GDK_KEY_grave, GDK_MOD1_MASK);
   gtk_paned_set_position (test.window->console_paned, 200);
-  gtk_text_buffer_set_text (test.console, repeat (PROSE, 20).c_str (), -1);
+  gtk_text_buffer_set_text (test.console, (repeat (PROSE, 20) + repeat ("w", 3000)).c_str (), -1);
   resize (&test, 1390);
   EXPECT_GT (get_longest_line (GTK_WIDGET (test.window->console)), 120);
+}
+
+// ---- Long words ----
+
+static GtkWrapMode
+get_wrap_mode (Clause *clause)
+{
+  return gtk_text_view_get_wrap_mode (GTK_TEXT_VIEW (find_widget (clause->view, "text_view")));
+}
+
+TEST (wrapped_text, breaks_at_any_letter_as_long_as_a_word_is_too_long_for_pango)
+{
+  TestWindow test;
+  log_in (&test);
+  Procedure *procedure = add_procedure (&test, "Planks", "bob@beta.test");
+  Clause *clause = procedure->clauses[0];
+  std::string texts[] = {repeat ("w", 1999), repeat ("w", 1999) + " " + repeat ("w", 1999),
+                         repeat (PROSE, 100), "Planks\n" + repeat ("w", 2000) + "\nof oak"};
+  GtkWrapMode modes[] = {GTK_WRAP_WORD_CHAR, GTK_WRAP_WORD_CHAR, GTK_WRAP_WORD_CHAR, GTK_WRAP_CHAR};
+  for (const std::string &text : texts)
+    add_revision (&test, clause, "bob@beta.test", text.c_str ());
+  show (&test, procedure);
+  for (u32 i : {3u, 2u, 3u, 1u, 3u, 0u}) {
+    clause_view_show_revision (clause->view, clause->revisions[i], test.window->account.bare_jid);
+    EXPECT_EQ (get_wrap_mode (clause), modes[i]) << i;
+    pump ();
+  }
+  // Pasted, and then more behind it.
+  type (clause->view, "text_view", repeat ("w", 2000).c_str ());
+  EXPECT_EQ (get_wrap_mode (clause), GTK_WRAP_CHAR);
+  GtkWidget *text_view = find_widget (clause->view, "text_view");
+  gtk_text_buffer_insert_at_cursor (gtk_text_view_get_buffer (GTK_TEXT_VIEW (text_view)), " oak",
+                                    -1);
+  EXPECT_EQ (get_wrap_mode (clause), GTK_WRAP_CHAR);
+  // As wide as other texts.
+  resize (&test, 1390);
+  EXPECT_LE (get_longest_line (text_view), 100);
+}
+
+TEST (wrapped_text, breaks_a_title_at_any_letter_where_it_is_one_long_word)
+{
+  TestWindow test;
+  log_in (&test);
+  for (u32 size : {1999u, 2000u}) {
+    Procedure *procedure = add_procedure (&test, repeat ("w", size).c_str (), "bob@beta.test");
+    show (&test, procedure);
+    GtkLabel *label = GTK_LABEL (find_widget (procedure->view, "title_label"));
+    EXPECT_EQ (gtk_label_get_line_wrap_mode (label),
+               size < 2000 ? PANGO_WRAP_WORD_CHAR : PANGO_WRAP_CHAR);
+  }
 }
