@@ -150,10 +150,10 @@ compare_revision_rows (GtkListBoxRow *row, GtkListBoxRow *other_row, gpointer da
   if (!revision || !other_revision)
     return !revision - !other_revision;
   if (revision->time != other_revision->time)
-    return revision->time < other_revision->time ? -1 : 1;
+    return (revision->time > other_revision->time) - (revision->time < other_revision->time);
   s64 index = get_revision_index_reversed (clause, revision);
   s64 other_index = get_revision_index_reversed (clause, other_revision);
-  return index < other_index ? -1 : index > other_index;
+  return (index > other_index) - (index < other_index);
 }
 
 void

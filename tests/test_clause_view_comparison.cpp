@@ -299,6 +299,23 @@ TEST (clause_view_comparison, menu_key_without_a_row_that_has_the_focus_opens_no
   EXPECT_FALSE (is_handled);
 }
 
+static gboolean
+count_asked (GtkWidget *, int *count)
+{
+  ++*count;
+  return FALSE;
+}
+
+// GTK asks the next handler, and the widgets around the list, where nobody has dealt with the key.
+TEST (clause_view_comparison, menu_key_is_dealt_with_by_the_row_that_has_the_focus)
+{
+  Comparison comparison ({"one", "two"});
+  int count = 0;
+  g_signal_connect (get_list (comparison.clause), "popup-menu", G_CALLBACK (count_asked), &count);
+  compare_row (&comparison.test, comparison.clause, 0);
+  EXPECT_EQ (count, 0);
+}
+
 TEST (clause_view_comparison, text_that_is_scrolled_sideways_returns)
 {
   Comparison comparison ({"one"});

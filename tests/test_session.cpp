@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "account_lock.h"
 #include "app_window.h"
 #include "clause_view.h"
 #include "fake_session.h"
@@ -176,6 +177,21 @@ TEST (app_window_claim_account, holds_one_account_at_a_time)
   EXPECT_TRUE (app_window_claim_account (test.window, to_string (BOB)));
   app_window_release_account (test.window);
   EXPECT_FALSE (is_account_locked (&test));
+}
+
+// The other program's connection to the store is one of this program that the window doesn't know.
+TEST (app_window_claim_account, is_refused_while_another_program_has_the_account)
+{
+  TestWindow test;
+  sqlite3 *db = NULL;
+  EXPECT_EQ (sqlite3_open (sqlite3_db_filename (test.db, "main"), &db), SQLITE_OK);
+  AccountLock *lock = account_lock_take (db, to_string (ALICE));
+  EXPECT_TRUE (lock);
+  EXPECT_FALSE (app_window_claim_account (test.window, to_string (ALICE)));
+  EXPECT_TRUE (app_window_claim_account (test.window, to_string (BOB)));
+  account_lock_drop (lock);
+  EXPECT_TRUE (app_window_claim_account (test.window, to_string (ALICE)));
+  sqlite3_close (db);
 }
 
 // Whose session is over gives the account to another window of its process, and to no other process.
