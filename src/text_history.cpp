@@ -53,6 +53,21 @@ is_same_word (TextEdit *last, TextEdit *next)
   return !begins_word && next_character != '\n';
 }
 
+// The last edit becomes one with the word that it goes on with.
+static void
+text_history_join (TextHistory *self)
+{
+  TextEdit *edit = self->done ? (TextEdit *) self->done->data : NULL;
+  TextEdit *word = edit && self->done->next ? (TextEdit *) self->done->next->data : NULL;
+  if (!edit || edit->continues || !is_same_word (word, edit))
+    return;
+  char *text = g_strconcat (word->text, edit->text, NULL);
+  g_free (word->text);
+  word->text = text;
+  dealloc_text_edit (edit);
+  self->done = g_slist_delete_link (self->done, self->done);
+}
+
 // Takes `text` over.
 static void
 text_history_add (TextHistory *self, bool is_insertion, int offset, char *text)
@@ -66,15 +81,9 @@ text_history_add (TextHistory *self, bool is_insertion, int offset, char *text)
   edit->text = text;
   edit->continues = self->actions_depth > 0 && self->is_action_begun;
   self->is_action_begun = true;
-  TextEdit *last = self->done ? (TextEdit *) self->done->data : NULL;
-  if (!edit->continues && is_same_word (last, edit)) {
-    char *word = g_strconcat (last->text, text, NULL);
-    g_free (last->text);
-    last->text = word;
-    dealloc_text_edit (edit);
-    return;
-  }
   self->done = g_slist_prepend (self->done, edit);
+  if (self->actions_depth == 0)
+    text_history_join (self);
 }
 
 // ---- Handlers ----
@@ -117,6 +126,9 @@ static void
 text_history_end_user_action_handle (GtkTextBuffer *, TextHistory *self)
 {
   self->actions_depth--;
+  // Only now it is known to be the only edit of its action: what is pasted may come in pieces.
+  if (self->actions_depth == 0 && self->is_action_begun)
+    text_history_join (self);
 }
 
 // ---- Making ----

@@ -110,6 +110,40 @@ TEST (text_history_undo, takes_a_typed_word_as_one_step)
   EXPECT_FALSE (text_history_undo (history.history));
 }
 
+// As GTK pastes a copy that holds a picture, or U+FFFC.
+TEST (text_history_undo, takes_a_paste_in_pieces_as_one_step)
+{
+  History history;
+  history.insert (0, "planks");
+  gtk_text_buffer_begin_user_action (history.buffer);
+  history.insert (6, "a");
+  history.insert (7, "\uFFFC");
+  history.insert (8, "b");
+  gtk_text_buffer_end_user_action (history.buffer);
+  text_history_undo (history.history);
+  EXPECT_EQ (history.text (), "planks");
+  text_history_undo (history.history);
+  EXPECT_EQ (history.text (), "");
+  text_history_redo (history.history);
+  EXPECT_EQ (history.text (), "planks");
+  text_history_redo (history.history);
+  EXPECT_EQ (history.text (), "planksa\uFFFCb");
+}
+
+// Each key is a user action of its own.
+TEST (text_history_undo, takes_a_word_of_keys_as_one_step)
+{
+  History history;
+  for (int i = 0; i < 6; i++) {
+    char key[] = {"planks"[i], '\0'};
+    gtk_text_buffer_begin_user_action (history.buffer);
+    history.insert (i, key);
+    gtk_text_buffer_end_user_action (history.buffer);
+  }
+  text_history_undo (history.history);
+  EXPECT_EQ (history.text (), "");
+}
+
 TEST (text_history_undo, leaves_the_cursor_where_the_text_changed)
 {
   History history;
