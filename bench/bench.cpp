@@ -11,6 +11,7 @@
 #include "diff.h"
 #include "morvane.h"
 #include "xml.h"
+#include "xml_dump.h"
 #include "xml_scanner.h"
 
 static const u64 MESSAGE_SIZE = 60000;  // bytes of a long clause text

@@ -1,6 +1,7 @@
 // Tokenizer and tree parser: the first two bytes are the size of the arena, the third its distance
 // from an aligned address, the rest is the text.
 #include "fuzz.h"
+#include "xml_dump.h"
 
 const char *const DESIGNED_STOPS[] = {NULL};
 

@@ -7,6 +7,7 @@
 #include "morvane.h"
 #include "receive.h"
 #include "stanza_dispatch.h"
+#include "xml_dump.h"
 #include "xml_scanner.h"
 
 u64 fuzz_records_count;

@@ -7,6 +7,7 @@
 #include "morvane.h"
 #include "stream_management.h"
 #include "worker.h"
+#include "xml_dump.h"
 #include "xmpp.h"
 #include "xmpp_connection.h"
 

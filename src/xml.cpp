@@ -1,4 +1,4 @@
-// The XML reader: tokens, trees in an arena, console output of trees, escaping.
+// The XML reader: tokens, trees in an arena, escaping.
 #include "xml.h"
 
 #include <assert.h>
@@ -7,89 +7,13 @@
 #include <string.h>
 
 #include "morvane.h"
+#include "xml_dump.h"
 
 const char *const XML_TOKEN_TYPE_STRINGS[12] = {
   "UNKNOWN",         "TAG_START",  "TAG_END", "VOID_TAG_END",        "CLOSING_TAG_START",
   "IDENTIFIER",      "EQUALS",     "STRING",  "UNTERMINATED_STRING", "DOCTYPE_TAG_START",
   "DOCTYPE_TAG_END", "INNER_TEXT",
 };
-
-// Console text that is put together from many small pieces and handed over in few large ones: each
-// hand-over costs a heap record and an idle source, and a received tree has thousands of pieces.
-struct ConsoleText {
-  Buffer block;  // owned; `data` is its start, `size` its whole size
-  u64 used;      // bytes
-};
-
-// From this size on the text is handed over at the next line end, so that neither a length given as
-// an int nor the memory of one block grows with the tree, and no character is cut in two.
-static const u64 CONSOLE_TEXT_HAND_OVER_SIZE = 262144;
-
-static void
-console_text_reserve (ConsoleText *text, u64 size)
-{
-  if (text->block.size - text->used >= size) {
-    return;
-  }
-  u64 size_new = text->block.size ? text->block.size * 2 : 1024;
-  while (size_new - text->used < size) {
-    size_new *= 2;
-  }
-  text->block.data = (u8 *) realloc (text->block.data, size_new);
-  text->block.size = size_new;
-}
-
-static void
-console_text_append (ConsoleText *text, String string)
-{
-  if (string.size) {
-    console_text_reserve (text, string.size);
-    memcpy (text->block.data + text->used, string.data, string.size);
-    text->used += string.size;
-  }
-}
-
-static void
-console_text_append (ConsoleText *text, const char *cstr)
-{
-  console_text_append (text, to_string (cstr));
-}
-
-// How deep the indentation goes. The depth of a tree is the peer's choice, and with indentation
-// without an end a small stanza would make gigabytes of text.
-static const u32 INDENTATION_DEPTH_MAX = 128;
-
-static void
-console_text_append_indentation (ConsoleText *text, u32 depth)
-{
-  u64 size = (u64) (depth < INDENTATION_DEPTH_MAX ? depth : INDENTATION_DEPTH_MAX) * 2;
-  if (size) {
-    console_text_reserve (text, size);
-    memset (text->block.data + text->used, ' ', size);
-    text->used += size;
-  }
-}
-
-// Hands the text over, shrunk to what was written, and starts anew.
-static void
-console_text_hand_over (ConsoleText *text)
-{
-  if (text->used) {
-    String string = {(u8 *) realloc (text->block.data, text->used), text->used};
-    _console_put (string);
-  } else {
-    dealloc (text->block);
-  }
-  *text = {};
-}
-
-static void
-console_text_hand_over_if_large (ConsoleText *text)
-{
-  if (text->used >= CONSOLE_TEXT_HAND_OVER_SIZE) {
-    console_text_hand_over (text);
-  }
-}
 
 // ---- Tokenizer ----
 
@@ -178,19 +102,6 @@ get_token (String input, XMLToken *token_out)
   }
   token_out->text = {input.data, size};
   return string_advance (input, size);
-}
-
-void
-_console_put (String name, XMLToken token)
-{
-  ConsoleText text = {};
-  console_text_append (&text, name);
-  console_text_append (&text, ": ");
-  console_text_append (&text, XML_TOKEN_TYPE_STRINGS[token.type]);
-  console_text_append (&text, ": \"");
-  console_text_append (&text, token.text);
-  console_text_append (&text, "\"\n");
-  console_text_hand_over (&text);
 }
 
 // ---- Tree ----
@@ -515,44 +426,6 @@ xml_parser_build_tree (XMLParser *parser)
   return true;
 }
 
-static void
-console_text_append_closing_tag (ConsoleText *text, String name)
-{
-  console_text_append (text, "</");
-  console_text_append (text, name);
-  console_text_append (text, ">");
-}
-
-static void
-warn_unclosed_elements (XMLElement *innermost)
-{
-  console_begin_line ();
-  ConsoleText text = {};
-  console_text_append (&text, "Warning: Unclosed XML elements: ");
-  for (XMLElement *element = innermost; element; element = element->parent) {
-    console_text_append_closing_tag (&text, element->name);
-    console_text_hand_over_if_large (&text);
-  }
-  console_text_append (&text, "\n");
-  console_text_hand_over (&text);
-  console_end_line ();
-}
-
-static void
-warn_unopened_elements (XMLElement *first)
-{
-  console_begin_line ();
-  ConsoleText text = {};
-  console_text_append (&text, "Warning: Close XML elements which have never opened: ");
-  for (XMLElement *element = first; element; element = element->next) {
-    console_text_append_closing_tag (&text, element->name);
-    console_text_hand_over_if_large (&text);
-  }
-  console_text_append (&text, "\n");
-  console_text_hand_over (&text);
-  console_end_line ();
-}
-
 XMLElement *
 parse_xml_tree (Buffer memory, String text, XMLElement **unclosed_out, XMLElement **unopened_out)
 {
@@ -570,12 +443,12 @@ parse_xml_tree (Buffer memory, String text, XMLElement **unclosed_out, XMLElemen
   if (unclosed_out) {
     *unclosed_out = unclosed;
   } else if (unclosed) {
-    warn_unclosed_elements (unclosed);
+    warn_unclosed_xml_elements (unclosed);
   }
   if (unopened_out) {
     *unopened_out = unopened;
   } else if (unopened) {
-    warn_unopened_elements (unopened);
+    warn_unopened_xml_elements (unopened);
   }
   return tree;
 }
@@ -615,111 +488,6 @@ xml_append_attribute (XMLElement *element, XMLAttribute *attribute)
     element->attributes = attribute;
   }
   element->last_attribute = attribute;
-}
-
-static void
-console_text_append_attributes (ConsoleText *text, XMLElement *element)
-{
-  for (XMLAttribute *attribute = element->attributes; attribute; attribute = attribute->next) {
-    console_text_append (text, " ");
-    console_text_append (text, attribute->name);
-    console_text_append (text, "='");
-    console_text_append (text, attribute->value);
-    console_text_append (text, "'");
-  }
-}
-
-// Writes what stands in front of the children. True when these and a closing line follow.
-static bool
-console_text_append_node (ConsoleText *text, XMLElement *node, u32 depth)
-{
-  console_text_append_indentation (text, depth);
-  if (node->text.size) {
-    console_text_append (text, node->text);
-    console_text_append (text, "\n");
-    return false;
-  }
-  console_text_append (text, node->is_doctype ? "<?" : "<");
-  console_text_append (text, node->name);
-  console_text_append_attributes (text, node);
-  if (node->is_void) {
-    console_text_append (text, "/>\n");
-  } else if (node->is_doctype) {
-    console_text_append (text, "?>\n");
-  } else if (node->children) {
-    console_text_append (text, ">\n");
-    return true;
-  } else {
-    console_text_append (text, ">");
-    console_text_append_closing_tag (text, node->name);
-    console_text_append (text, "\n");
-  }
-  return false;
-}
-
-// Elements whose closing line is still to be printed. Links to the parent would not do: text nodes
-// have none, and the depth is the peer's choice, so the stack of calls would not do either.
-struct OpenElements {
-  u32 max;                // slots allocated
-  u32 count;              // slots used
-  XMLElement **elements;  // owned; the elements are borrowed
-};
-
-static void
-open_elements_push (OpenElements *open, XMLElement *element)
-{
-  if (open->count == open->max) {
-    open->max = open->max ? open->max * 2 : 32;
-    open->elements = (XMLElement **) realloc_pointers (open->elements, open->max);
-  }
-  open->elements[open->count] = element;
-  open->count += 1;
-}
-
-void
-print_xml_tree (XMLElement *node, u32 depth)
-{
-  console_begin_line ();
-  ConsoleText text = {};
-  OpenElements open = {};
-  if (!node) {
-    console_text_append (&text, "(null)\n");
-  }
-  while (node) {
-    if (console_text_append_node (&text, node, depth)) {
-      open_elements_push (&open, node);
-      node = node->children;
-      depth += 1;
-      console_text_hand_over_if_large (&text);
-      continue;
-    }
-    while (!node->next && open.count) {
-      open.count -= 1;
-      depth -= 1;
-      node = open.elements[open.count];
-      console_text_append_indentation (&text, depth);
-      console_text_append_closing_tag (&text, node->name);
-      console_text_append (&text, "\n");
-      console_text_hand_over_if_large (&text);
-    }
-    console_text_hand_over_if_large (&text);
-    node = node->next;
-  }
-  console_text_hand_over (&text);
-  console_end_line ();
-  free (open.elements);
-}
-
-void
-_console_put (String name, XMLElement element)
-{
-  ConsoleText text = {};
-  console_text_append (&text, name);
-  console_text_append (&text, element.is_doctype ? ": <?" : ": <");
-  console_text_append (&text, element.name);
-  console_text_append_attributes (&text, &element);
-  console_text_append (&text, element.is_void ? "/>\n" : element.is_doctype ? "?>\n" : ">\n");
-  console_text_hand_over (&text);
 }
 
 // ---- Access ----

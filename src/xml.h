@@ -67,7 +67,6 @@ bool is_xml_identifier_char (u8 c);
 // token is an unknown token of one byte and leaves a line on standard output.
 // Asserts "token_out".
 String get_token (String input, XMLToken *token_out);
-void _console_put (String name, XMLToken token);
 
 // ---- Tree ----
 
@@ -83,11 +82,6 @@ XMLElement *parse_xml_tree (Buffer memory, String text, XMLElement **unclosed_ou
 // child is left as it is.
 void xml_append_element (XMLElement *parent, XMLElement *child);
 void xml_append_attribute (XMLElement *element, XMLAttribute *attribute);
-// Writes the node, its descendants and its following siblings to the console, two spaces a level up
-// to the 128th; what is deeper stands below that.
-void print_xml_tree (XMLElement *node, u32 depth);
-// One line: the element's tag and attributes.
-void _console_put (String name, XMLElement element);
 
 // ---- Access ----
 

@@ -10,6 +10,7 @@
 #include "network.h"
 #include "receive.h"
 #include "sasl.h"
+#include "xml_dump.h"
 
 XMPPThreadMessage *
 alloc_thread_message (AppWindow *window, const char *text, u8 flag)

@@ -16,6 +16,7 @@
 
 #include "os_gnulinux.h"
 #include "xml.h"
+#include "xml_dump.h"
 #include "xmpp_connection.h"
 
 // ---- Helpers ----

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "morvane.h"
+#include "xml_dump.h"
 
 // Bytes in a heap block of exactly their size, so that the address sanitizer sees every read past
 // the end; `offset` moves them off the block's alignment.
