@@ -73,7 +73,6 @@ static void
 clause_chat_page_class_init (ClauseChatPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
-  // The template names it.
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/clause_chat_page.ui");
   gtk_widget_class_bind_template_child (widget_class, ClauseChatPage, send_button);

@@ -332,7 +332,6 @@ clause_view_class_init (ClauseViewClass *view_class)
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
   G_OBJECT_CLASS (view_class)->dispose = clause_view_dispose;
   G_OBJECT_CLASS (view_class)->finalize = clause_view_finalize;
-  // The template names it.
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/clause_view.ui");
   gtk_widget_class_bind_template_child (widget_class, ClauseView, chat_button);
   gtk_widget_class_bind_template_child (widget_class, ClauseView, text_view);

@@ -183,7 +183,6 @@ static void
 login_page_class_init (LoginPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
-  // The template names it.
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/login_page.ui");
   gtk_widget_class_bind_template_child (widget_class, LoginPage, bare_jid_entry);
   gtk_widget_class_bind_template_child (widget_class, LoginPage, password_entry);

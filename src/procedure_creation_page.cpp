@@ -171,7 +171,6 @@ static void
 procedure_creation_page_class_init (ProcedureCreationPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
-  // The template names it.
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/procedure_creation_page.ui");
   gtk_widget_class_bind_template_child (widget_class, ProcedureCreationPage, title_entry);

@@ -433,7 +433,7 @@ static void
 procedure_view_class_init (ProcedureViewClass *view_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (view_class);
-  // The template names them.
+  // The template names it.
   g_type_ensure (clauses_box_get_type ());
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/procedure_view.ui");

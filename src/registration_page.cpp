@@ -160,7 +160,6 @@ static void
 registration_page_class_init (RegistrationPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
-  // The template names it.
   gtk_widget_class_set_template_from_resource (widget_class,
                                                "/org/halvex/morvane/registration_page.ui");
   gtk_widget_class_bind_template_child (widget_class, RegistrationPage, status_label);

@@ -96,7 +96,6 @@ vcard_page_class_init (VCardPageClass *page_class)
 {
   GtkWidgetClass *widget_class = GTK_WIDGET_CLASS (page_class);
   widget_class->size_allocate = vcard_page_size_allocate;
-  // The template names it.
   gtk_widget_class_set_template_from_resource (widget_class, "/org/halvex/morvane/vcard_page.ui");
   gtk_widget_class_bind_template_child (widget_class, VCardPage, title_label);
   gtk_widget_class_bind_template_child (widget_class, VCardPage, save_button);

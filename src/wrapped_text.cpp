@@ -56,12 +56,11 @@ wrapped_text_is_log (WrappedText *self)
 static void
 wrapped_text_size_allocate (GtkWidget *widget, GtkAllocation *allocation)
 {
-  WrappedText *self = (WrappedText *) widget;
   GtkTextView *text_view = GTK_TEXT_VIEW (widget);
   int border_width = (int) gtk_container_get_border_width (GTK_CONTAINER (widget));
   int room = allocation->width - 2 * border_width;
   int margin = 0;
-  if (!wrapped_text_is_log (self))
+  if (!wrapped_text_is_log ((WrappedText *) widget))
     margin = MAX (0, room - wrapped_text_get_line_width (widget));
   bool is_rtl = gtk_widget_get_direction (widget) == GTK_TEXT_DIR_RTL;
   gtk_text_view_set_left_margin (text_view, is_rtl ? margin : 0);
@@ -138,6 +137,9 @@ wrapped_text_buffer_handle (WrappedText *self)
   char *text = gtk_text_buffer_get_slice (text_buffer, &start, &end, TRUE);
   wrapped_text_note_long_word (self, has_long_word (text, (int) strlen (text)));
   g_free (text);
+  // It may have been shown before.
+  g_signal_handlers_disconnect_by_func (text_buffer, (gpointer) wrapped_text_insert_text_handle,
+                                        self);
   g_signal_connect_object (text_buffer, "insert-text", G_CALLBACK (wrapped_text_insert_text_handle),
                            self, (GConnectFlags) 0);
 }

@@ -162,13 +162,14 @@ print_xml_tree (XMLElement *node, u32 depth)
 
 // ---- Warnings ----
 
-void
-warn_unclosed_xml_elements (XMLElement *innermost)
+// One line. The list goes on to the parents, or to the siblings.
+static void
+warn_of_closing_tags (const char *warning, XMLElement *first, bool goes_outwards)
 {
   console_begin_line ();
-  GString *text = g_string_new (NULL);
-  g_string_append (text, "Warning: Unclosed XML elements: ");
-  for (XMLElement *element = innermost; element; element = element->parent) {
+  GString *text = g_string_new (warning);
+  for (XMLElement *element = first; element;
+       element = goes_outwards ? element->parent : element->next) {
     console_text_append_closing_tag (text, element->name);
     console_text_hand_over_if_large (text);
   }
@@ -178,16 +179,13 @@ warn_unclosed_xml_elements (XMLElement *innermost)
 }
 
 void
+warn_unclosed_xml_elements (XMLElement *innermost)
+{
+  warn_of_closing_tags ("Warning: Unclosed XML elements: ", innermost, true);
+}
+
+void
 warn_unopened_xml_elements (XMLElement *first)
 {
-  console_begin_line ();
-  GString *text = g_string_new (NULL);
-  g_string_append (text, "Warning: Close XML elements which have never opened: ");
-  for (XMLElement *element = first; element; element = element->next) {
-    console_text_append_closing_tag (text, element->name);
-    console_text_hand_over_if_large (text);
-  }
-  g_string_append (text, "\n");
-  console_text_hand_over (text);
-  console_end_line ();
+  warn_of_closing_tags ("Warning: Close XML elements which have never opened: ", first, false);
 }
