@@ -137,7 +137,7 @@ fuzz_run (String input)
   u8 choice = (u8) (take_byte (&input) - '0');
   u8 size_max = (u8) (take_byte (&input) - '0');
   size_t buffer_size = (size_t) BUFFER_SIZE_MIN << (choice & 3);
-  std::string stream = read_records (input, size_max ? size_max : RECORD_SIZE_MAX);
+  std::string stream = read_records (input, size_max ? size_max : (u32) RECORD_SIZE_MAX);
   Session session = {fuzz_get_window (), {}};
   if ((choice & 4) && coming_records.size ()) {
     session.kept = {(u8 *) coming_records[0].data (), coming_records[0].size ()};

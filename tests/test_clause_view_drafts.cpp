@@ -647,6 +647,31 @@ TEST (clause_view_note, says_where_he_looks_why_blanks_are_not_committed)
   EXPECT_TRUE (pump_until (is_count_in_sight, &none));
 }
 
+static void
+note_text (GtkTextView *text_view, std::string *text)
+{
+  GtkTextIter start, end;
+  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (text_view);
+  gtk_text_buffer_get_bounds (text_buffer, &start, &end);
+  char *copy = gtk_text_buffer_get_text (text_buffer, &start, &end, TRUE);
+  *text = copy;
+  g_free (copy);
+}
+
+// Whoever listens to the screen is read the text that the focus comes to.
+TEST (clause_view_arrival, gives_the_focus_to_the_text_that_is_back)
+{
+  Drafts drafts ({"first"});
+  drafts.focus ("text_view");
+  drafts.keys ("x");
+  std::string typed = drafts.text ();
+  drafts.receive (6000, "their words");
+  std::string text;
+  g_signal_connect (drafts.widget ("text_view"), "grab-focus", G_CALLBACK (note_text), &text);
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (text, typed);
+}
+
 TEST (clause_view_arrival, swallows_the_keys_of_who_types_on)
 {
   Drafts drafts ({"first"});

@@ -52,6 +52,10 @@ stop_at (const std::string &expression)
   return stop_in ("xmpp", expression);
 }
 
+// What GLib complains of ends the program, and so the test.
+[[maybe_unused]] static const GLogLevelFlags previous_fatal_levels =
+  g_log_set_always_fatal ((GLogLevelFlags) (G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
+
 // ---- The interface thread, caught ----
 
 struct Caught {
