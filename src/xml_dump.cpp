@@ -34,9 +34,12 @@ static void
 console_text_hand_over (GString *text)
 {
   u64 size = text->len;
-  char *data = g_string_free (text, size == 0);
-  if (size)
-    _console_put ({(u8 *) g_realloc (data, size), size});
+  String string = {(u8 *) g_string_free (text, FALSE), size};
+  if (size) {
+    _console_put (string);
+  } else {
+    dealloc_string (string);
+  }
 }
 
 static void
