@@ -81,10 +81,10 @@ wrapped_text_scrolls (GtkWidget *widget)
   return policy != GTK_POLICY_NEVER;
 }
 
-// GtkTextView draws a text that is larger than its window by way of a picture up to half as high again as
-// that window. X refuses one of more than 32,767 pixels, and that ends the program. A text that its page
-// scrolls has a window of its own size, but for the moment in which it wraps anew. The window grows ahead
-// of its allocation then; what has no room yet is clipped by the widget's own window around it.
+// GtkTextView draws a text that is larger than its window by way of a picture up to half as high again
+// as that window. X refuses one of more than 32,767 pixels, and that ends the program. A text that its
+// page scrolls has a window of its own size, but for the moment in which it wraps anew. The window grows
+// ahead of its allocation then; the widget's own window around it clips what has no room yet.
 static void
 wrapped_text_make_window_fit (GtkScrollable *scrollable)
 {

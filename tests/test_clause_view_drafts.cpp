@@ -647,15 +647,15 @@ TEST (clause_view_note, says_where_he_looks_why_blanks_are_not_committed)
   EXPECT_TRUE (pump_until (is_count_in_sight, &none));
 }
 
+struct SeenText {
+  Drafts *drafts;
+  std::string text;
+};
+
 static void
-note_text (GtkTextView *text_view, std::string *text)
+note_text (GtkWidget *, SeenText *seen)
 {
-  GtkTextIter start, end;
-  GtkTextBuffer *text_buffer = gtk_text_view_get_buffer (text_view);
-  gtk_text_buffer_get_bounds (text_buffer, &start, &end);
-  char *copy = gtk_text_buffer_get_text (text_buffer, &start, &end, TRUE);
-  *text = copy;
-  g_free (copy);
+  seen->text = seen->drafts->text ();
 }
 
 // Whoever listens to the screen is read the text that the focus comes to.
@@ -666,10 +666,10 @@ TEST (clause_view_arrival, gives_the_focus_to_the_text_that_is_back)
   drafts.keys ("x");
   std::string typed = drafts.text ();
   drafts.receive (6000, "their words");
-  std::string text;
-  g_signal_connect (drafts.widget ("text_view"), "grab-focus", G_CALLBACK (note_text), &text);
+  SeenText seen = {&drafts, ""};
+  g_signal_connect (drafts.widget ("text_view"), "grab-focus", G_CALLBACK (note_text), &seen);
   press_key (drafts.test.get (), GDK_KEY_Escape);
-  EXPECT_EQ (text, typed);
+  EXPECT_EQ (seen.text, typed);
 }
 
 TEST (clause_view_arrival, swallows_the_keys_of_who_types_on)
@@ -820,6 +820,22 @@ TEST (clause_view_arrival, keeps_a_comparison_with_its_decisions)
   drafts.keys ("x");
   press_key (drafts.test.get (), GDK_KEY_z, GDK_CONTROL_MASK);
   EXPECT_EQ (drafts.text (), "one three");
+}
+
+// The buffer of what was kept comes back whole, and no insertion tells of the word in it.
+TEST (clause_view_arrival, keeps_a_comparison_with_a_word_too_long_to_be_wrapped_as_one)
+{
+  std::string word (3000, 'w');
+  Drafts drafts ({"one two", (word + " two").c_str ()});
+  EXPECT_TRUE (choose (drafts.clause, WITH_PREVIOUS));
+  EXPECT_TRUE (choose (drafts.clause, TAKE_NEWER));
+  GtkTextView *text_view = GTK_TEXT_VIEW (drafts.widget ("text_view"));
+  EXPECT_EQ (gtk_text_view_get_wrap_mode (text_view), GTK_WRAP_CHAR);
+  drafts.receive (6000, "their words");
+  EXPECT_EQ (gtk_text_view_get_wrap_mode (text_view), GTK_WRAP_WORD_CHAR);
+  press_key (drafts.test.get (), GDK_KEY_Escape);
+  EXPECT_EQ (drafts.text (), word + " two");
+  EXPECT_EQ (gtk_text_view_get_wrap_mode (text_view), GTK_WRAP_CHAR);
 }
 
 TEST (clause_view_arrival, keeps_a_comparison_under_its_own_name)
