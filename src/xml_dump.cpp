@@ -29,17 +29,19 @@ console_text_append_indentation (GString *text, u32 depth)
   g_string_append_printf (text, "%*s", (int) MIN (depth, INDENTATION_DEPTH_MAX) * 2, "");
 }
 
+static void
+console_text_put (GString *text)
+{
+  _console_put (alloc_string ({(u8 *) text->str, text->len}));
+}
+
 // Hands over what there is, and frees the rest.
 static void
 console_text_hand_over (GString *text)
 {
-  u64 size = text->len;
-  String string = {(u8 *) g_string_free (text, FALSE), size};
-  if (size) {
-    _console_put (string);
-  } else {
-    dealloc_string (string);
-  }
+  if (text->len)
+    console_text_put (text);
+  g_string_free (text, TRUE);
 }
 
 static void
@@ -47,7 +49,7 @@ console_text_hand_over_if_large (GString *text)
 {
   if (text->len < CONSOLE_TEXT_HAND_OVER_SIZE)
     return;
-  _console_put (alloc_string ({(u8 *) text->str, text->len}));
+  console_text_put (text);
   g_string_truncate (text, 0);
 }
 
