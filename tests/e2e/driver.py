@@ -34,6 +34,7 @@ from gi.repository import Gio, GLib
 SLOW = float(os.environ.get("MORVANE_SLOW", "1"))
 BOUND = 30 * SLOW
 POLL = 0.02
+PATIENCE = 0.5 * SLOW
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 HOST = "alpha.test"
@@ -663,14 +664,19 @@ class Window:
         return left, top, right - left, bottom - top
 
     def settled(self, node):
-        """The visible part and the whole of the widget, once it stopped moving (pages slide)."""
-        last = [None]
+        """The visible part and the whole of the widget, once it stopped moving: pages slide, and a
+        long text that was pasted is laid out later. Something else may go on and on in the window,
+        so that after a while it is enough that the widget lies still."""
+        last = [None, None]
+        patience = time.monotonic() + PATIENCE
 
         def settle():
+            is_idle = self.party.main_thread() == last[1]
             parts = self.visible_part(node), node.extents()
-            if parts == last[0] and parts[1][2] > 0:
+            is_still = parts == last[0] and parts[1][2] > 0
+            if is_still and (is_idle or time.monotonic() > patience):
                 return parts
-            last[0] = parts
+            last[:] = parts, self.party.main_thread()
             return None
 
         return self.desktop.wait(settle, '"%s" of %s lies still' % (node.name(), self.party.name))
@@ -1218,6 +1224,11 @@ class Party:
             if application.process() == self.process.pid:
                 return application.children()
         return []
+
+    def main_thread(self):
+        """What does not change while the main thread of the program sleeps, as long as it does."""
+        with open("/proc/%d/status" % self.process.pid) as file:
+            return [line for line in file if line.startswith(("State:", "voluntary", "nonvol"))]
 
     def check_alive(self, what):
         if self.process is None or self.expected_end or self.process.poll() is None:
