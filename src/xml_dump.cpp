@@ -29,6 +29,7 @@ console_text_append_indentation (GString *text, u32 depth)
   g_string_append_printf (text, "%*s", (int) MIN (depth, INDENTATION_DEPTH_MAX) * 2, "");
 }
 
+// The console frees what it gets with `dealloc_string`, so that it gets a copy of its own.
 static void
 console_text_put (GString *text)
 {

@@ -1226,7 +1226,7 @@ class Party:
         return []
 
     def main_thread(self):
-        """What does not change while the main thread of the program sleeps, as long as it does."""
+        """What stays the same as long as the main thread of the program sleeps."""
         with open("/proc/%d/status" % self.process.pid) as file:
             return [line for line in file if line.startswith(("State:", "voluntary", "nonvol"))]
 
